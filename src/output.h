@@ -5,11 +5,8 @@
 
 #include <cstdio>
 
-#if defined(__GNUC__)
-#define ZELF_PRINTF(format, arguments) __attribute__((format(printf, format, arguments)))
-#else
-#define ZELF_PRINTF(format, arguments)
-#endif
+/// A directory for everybody: this one name is opened with `open_private_file`.
+constexpr char default_log_filename[] = "/tmp/zelfwupdate.log";
 
 /// Console and debug level: 0 quiet, 1 normal command output, 2 verbose, 3 and more also debug
 /// output and hex dumps in the log.
@@ -24,17 +21,17 @@ extern FILE* hLogFile;
 
 /// Log file always, trace always, console when `Display` is 1 and `OutputLevel` is at least 1.
 /// The message is cut at 4195 bytes.
-void writelog(int Display, const char* szFormat, ...) ZELF_PRINTF(2, 3);
+void writelog(int Display, const char* szFormat, ...) __attribute__((format(printf, 2, 3)));
 
 /// As `writelog`, but never to the trace.
-void writelog_notrace(int Display, const char* szFormat, ...) ZELF_PRINTF(2, 3);
+void writelog_notrace(int Display, const char* szFormat, ...) __attribute__((format(printf, 2, 3)));
 
 /// Log file and trace, only when `OutputLevel` is above 2; never the console. The log line carries
 /// the level in front ("3:..."). The message is cut at 41959 bytes.
-void writedebug(const char* szFormat, ...) ZELF_PRINTF(1, 2);
+void writedebug(const char* szFormat, ...) __attribute__((format(printf, 1, 2)));
 
 /// A message box request; there are none on this platform.
-void ShowMessage(const char* szFormat, ...) ZELF_PRINTF(1, 2);
+void ShowMessage(const char* szFormat, ...) __attribute__((format(printf, 1, 2)));
 
 /// Opens `name` with mode "w" as the log file. A failure leaves `hLogFile` null and is not
 /// reported.

@@ -17,8 +17,8 @@ int create_exclusively(const char* path) {
 
 bool is_our_own(int descriptor) {
     struct stat about = {};
-    return fstat(descriptor, &about) == 0 && S_ISREG(about.st_mode) &&
-           about.st_uid == geteuid() && about.st_nlink == 1;
+    return fstat(descriptor, &about) == 0 && S_ISREG(about.st_mode) && about.st_uid == geteuid() &&
+           about.st_nlink == 1;
 }
 
 int open_our_own(const char* path) {
@@ -33,7 +33,7 @@ int open_our_own(const char* path) {
     return -1;
 }
 
-}    // namespace
+}  // namespace
 
 FILE* open_private_file(const char* path, bool append) {
     int descriptor = open_our_own(path);

@@ -48,10 +48,10 @@ enum flash_return_code {
 };
 
 // Codes of the exchange beside the return codes.
-constexpr int exchange_timed_out = 7;         ///< no status report within the time-out
-constexpr int exchange_device_closed = 13;    ///< the device was closed, or went, while waiting
-constexpr int query_not_supported = 17;       ///< the device rejected the query
-constexpr int no_component_list = 6;          ///< no component list came from the device
+constexpr int exchange_timed_out = 7;       ///< no status report within the time-out
+constexpr int exchange_device_closed = 13;  ///< the device was closed, or went, while waiting
+constexpr int query_not_supported = 17;     ///< the device rejected the query
+constexpr int no_component_list = 6;        ///< no component list came from the device
 
 /// The texts of the return codes 0 to 13; `FILECORRUPTED` has none.
 extern const char* const flash_code_description[14];
@@ -76,19 +76,19 @@ extern int NewMsgExitStatus;
 
 /// One reader slot. Reader and main thread share its flags as plain ints.
 struct thread_table {
-    int stopped;                 ///< 1 asks the reader to stop
-    int device_in_use;           ///< 1 while the reader runs
-    int device_closed;           ///< 1 once the device's handles are (being) closed
-    int read_hid_in_progress;    ///< 1 while the reader's loop runs
-    pthread_t hThread;           ///< the reader, 0 when none
+    int stopped;               ///< 1 asks the reader to stop
+    int device_in_use;         ///< 1 while the reader runs
+    int device_closed;         ///< 1 once the device's handles are (being) closed
+    int read_hid_in_progress;  ///< 1 while the reader's loop runs
+    pthread_t hThread;         ///< the reader, 0 when none
 };
 
 struct component_entry {
-    int comp_id;           ///< component number; 0 is the main firmware
-    int ec_level;          ///< version: high byte major, low byte minor
+    int comp_id;   ///< component number; 0 is the main firmware
+    int ec_level;  ///< version: high byte major, low byte minor
     int build_level;
-    int comp_type;         ///< 0 unspecified, 1 firmware, 2 configuration, 3 font
-    int version_method;    ///< 0 increasing, 1 random
+    int comp_type;       ///< 0 unspecified, 1 firmware, 2 configuration, 3 font
+    int version_method;  ///< 0 increasing, 1 random
 };
 
 /// Entry of a plain component list, as the device sends it.
@@ -114,20 +114,20 @@ static_assert(sizeof(extended_component_id) == 5);
 struct flashEntry {
     char DevicePath[256];
     int product_id;
-    int ec_level;    ///< version number of the USB descriptor
+    int ec_level;  ///< version number of the USB descriptor
     uchar dev_type;
     uchar dev_id;
     uchar command_set;
-    uchar features;    ///< see `device_feature`
+    uchar features;  ///< see `device_feature`
     ushort current_ec_level;
     ushort previous_ec_level;
     uchar current_build_level;
     uchar previous_build_level;
     char serialNumber[50];
-    BOOLEAN resetDevice;    ///< 1 when the device was reset after its update
-    int flashStatus;        ///< a `flash_return_code`
+    BOOLEAN resetDevice;  ///< 1 when the device was reset after its update
+    int flashStatus;      ///< a `flash_return_code`
     int component_count;
-    component_entry component[max_components];    ///< by component number
+    component_entry component[max_components];  ///< by component number
 };
 
 /// Feature bits of the device information answer.
@@ -136,7 +136,7 @@ constexpr uchar multiple_components = 0x80;
 constexpr uchar extended_versioning = 0x40;
 constexpr uchar systems_management = 0x20;
 constexpr uchar read_all_records = 0x10;
-}    // namespace device_feature
+}  // namespace device_feature
 
 /// Entry function of a reader thread; takes the session, returns the address of
 /// `NewMsgExitStatus`.
@@ -145,24 +145,24 @@ void* start_read_thread(void* session);
 class ZELFLASH {
   public:
     thread_table ThreadTable[max_reader_slots];
-    int ThreadIndex;     ///< slot of the reader that is being started
-    int CurrentIndex;    ///< next free slot
+    int ThreadIndex;   ///< slot of the reader that is being started
+    int CurrentIndex;  ///< next free slot
     int numberOfFlashEntries;
     flashEntry fe[max_flash_entries];
     char installedPath[128];
     char devicePath[100];
-    char status[status_report_size];         ///< the reader's buffer
-    char last_status[status_report_size];    ///< the most recent good status report
-    int use_thread_reading;                  ///< 1 while a background reader serves the device
+    char status[status_report_size];       ///< the reader's buffer
+    char last_status[status_report_size];  ///< the most recent good status report
+    int use_thread_reading;                ///< 1 while a background reader serves the device
     int device_in_use;
     int device_closed;
-    int status_ready;    ///< 1 when a status report waits in `last_status`
-    int sleep_time;      ///< milliseconds between polls of `status_ready`
-    std::unique_ptr<HIDDEVICE2> hiddev;    ///< the open device
-    pthread_t hThread;                     ///< the reader started last
+    int status_ready;                    ///< 1 when a status report waits in `last_status`
+    int sleep_time;                      ///< milliseconds between polls of `status_ready`
+    std::unique_ptr<HIDDEVICE2> hiddev;  ///< the open device
+    pthread_t hThread;                   ///< the reader started last
     unsigned long lThreadId;
-    int old_percentage;    ///< progress percentage shown last
-    int send_count;        ///< records of the file being sent
+    int old_percentage;  ///< progress percentage shown last
+    int send_count;      ///< records of the file being sent
 
     /// Logs the start line.
     ZELFLASH();

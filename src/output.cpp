@@ -1,0 +1,147 @@
+#include "output.h"
+
+#include "private_file.h"
+#include "zelfwtrace.h"
+
+#include <unistd.h>
+
+#include <chrono>
+#include <cstdarg>
+#include <cstring>
+#include <mutex>
+
+int OutputLevel = 1;
+int Verbose = 0;
+FILE* hLogFile = nullptr;
+
+namespace {
+
+constexpr std::size_t log_message_size = 4196;
+constexpr std::size_t debug_message_size = 41960;
+/// First level at which debug messages are written.
+constexpr int debug_level = 3;
+constexpr std::chrono::seconds longest_wait_for_writer{1};
+
+/// Keeps `hLogFile` open while a thread writes to it. Recursive: a fault report may be written by
+/// a thread that faulted inside a writer.
+std::recursive_timed_mutex log_file_in_use;
+
+using LogFileLock = std::unique_lock<std::recursive_timed_mutex>;
+
+void write_to_log(const char* text) {
+    const LogFileLock lock(log_file_in_use, longest_wait_for_writer);
+    if (lock.owns_lock() && hLogFile != nullptr) {
+        fprintf(hLogFile, "%s", text);
+        fflush(hLogFile);
+    }
+}
+
+/// Bytes of the well-formed UTF-8 character at `text` that is no control character; 0 when there is
+/// none.
+std::size_t multibyte_character_length(const char* text) {
+    const auto byte_at = [text](std::size_t i) { return static_cast<unsigned char>(text[i]); };
+    const unsigned char lead = byte_at(0);
+    if (lead < 0xC2 || lead > 0xF4 || (lead == 0xC2 && byte_at(1) < 0xA0)) {
+        return 0;
+    }
+    const std::size_t length = lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
+    for (std::size_t i = 1; i < length; ++i) {
+        if ((byte_at(i) & 0xC0) != 0x80) {
+            return 0;
+        }
+    }
+    return length;
+}
+
+bool is_control_character(unsigned char c) {
+    return (c < 0x20 && c != '\n' && c != '\t') || (c >= 0x7F && c < 0xA0);
+}
+
+/// A terminal obeys control characters, and part of a message may come from a device: they are
+/// shown as '?'.
+void hide_control_characters(char* text) {
+    while (*text != '\0') {
+        const std::size_t multibyte = multibyte_character_length(text);
+        if (multibyte == 0 && is_control_character(static_cast<unsigned char>(*text))) {
+            *text = '?';
+        }
+        text += multibyte == 0 ? 1 : multibyte;
+    }
+}
+
+void write_to_console(char* text) {
+    if (isatty(STDOUT_FILENO) != 0) {
+        hide_control_characters(text);
+    }
+    fprintf(stdout, "%s", text);
+    fflush(stdout);
+}
+
+void write_to_trace(const char* text) {
+    if (trace != nullptr) {
+        trace->write_formatted_text(text);
+    }
+}
+
+bool reaches_console(int Display) {
+    return Display == 1 && OutputLevel >= 1;
+}
+
+}  // namespace
+
+void writelog(int Display, const char* szFormat, ...) {
+    char szBuffer[log_message_size];
+    va_list arguments;
+    va_start(arguments, szFormat);
+    vsnprintf(szBuffer, sizeof(szBuffer), szFormat, arguments);
+    va_end(arguments);
+    write_to_log(szBuffer);
+    write_to_trace(szBuffer);
+    if (reaches_console(Display)) {
+        write_to_console(szBuffer);
+    }
+}
+
+void writelog_notrace(int Display, const char* szFormat, ...) {
+    char szBuffer[log_message_size];
+    va_list arguments;
+    va_start(arguments, szFormat);
+    vsnprintf(szBuffer, sizeof(szBuffer), szFormat, arguments);
+    va_end(arguments);
+    write_to_log(szBuffer);
+    if (reaches_console(Display)) {
+        write_to_console(szBuffer);
+    }
+}
+
+void writedebug(const char* szFormat, ...) {
+    if (OutputLevel < debug_level) {
+        return;
+    }
+    char szBuffer[debug_message_size];
+    const int prefix = snprintf(szBuffer, sizeof(szBuffer), "%d:", OutputLevel);
+    char* text = szBuffer + prefix;
+    va_list arguments;
+    va_start(arguments, szFormat);
+    vsnprintf(text, sizeof(szBuffer) - static_cast<std::size_t>(prefix), szFormat, arguments);
+    va_end(arguments);
+    write_to_log(szBuffer);
+    write_to_trace(text);
+}
+
+void ShowMessage(const char* /*szFormat*/, ...) {}
+
+void open_log_file(const char* name) {
+    FILE* stream = strcmp(name, default_log_filename) == 0 ? open_private_file(name, false)
+                                                           : fopen(name, "we");
+    const LogFileLock lock(log_file_in_use);
+    hLogFile = stream;
+}
+
+void close_log_file() {
+    const LogFileLock lock(log_file_in_use, longest_wait_for_writer);
+    if (lock.owns_lock() && hLogFile != nullptr) {
+        fclose(hLogFile);
+        hLogFile = nullptr;
+    }
+}
