@@ -43,6 +43,13 @@ run_as_root() {
     as_root "$@"
 }
 
+# hand_back <directory>: what was made there as root becomes the caller's own.
+hand_back() {
+    if [[ $(id -u) != 0 && -d $1 ]]; then
+        as_root chown -R "$(id -u):$(id -g)" "$1"
+    fi
+}
+
 # The machine's Debian architecture, empty on another system.
 debian_architecture() {
     if command -v dpkg >/dev/null; then
