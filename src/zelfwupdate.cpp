@@ -1,1 +1,240 @@
-int main() { return 0; }
+#include "output.h"
+#include "zelfwtrace.h"
+#include "zelfwupdate/fault_report.h"
+#include "zelfwupdate/firmware_search.h"
+#include "zelfwupdate/options.h"
+#include "zelfwupdate/signal_hold.h"
+#include "zelfwupdate/usage.h"
+#include "zelfwupdate/zelflash.h"
+#include "zelhidlib.h"
+
+#include <ltdl.h>
+
+#include <signal.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <memory>
+#include <string>
+
+namespace {
+
+constexpr char library_search_path[] = "/usr/lib:/lib:";
+constexpr char level_variable[] = "ZELFWUPDATE_OUTPUT_LEVEL";
+constexpr int default_output_level = 1;
+constexpr int highest_level_from_environment = 1000000;
+
+// The trace file is appended to, and would keep three copies if it were rotated.
+constexpr int trace_mode_append = 0;
+constexpr int trace_backup_count = 3;
+
+/// Closes log and trace and, once it is up, the module loader on every way out of `main`.
+class RunResources {
+  public:
+    RunResources() = default;
+    ~RunResources() {
+        if (has_loader_) {
+            lt_dlexit();
+        }
+        close_log_file();
+    }
+    RunResources(const RunResources&) = delete;
+    RunResources& operator=(const RunResources&) = delete;
+
+    int start_loader() {
+        const int rc = lt_dlinit();
+        has_loader_ = rc == 0;
+        return rc;
+    }
+
+  private:
+    bool has_loader_ = false;
+};
+
+void open_journals(const RunRequest& request) {
+    trace = std::make_unique<Trace>(request.trace_filename, trace_mode_append, trace_backup_count);
+    if (request.log_filename[0] != '\0') {
+        open_log_file(request.log_filename);
+    }
+}
+
+void apply_level_from_environment() {
+    if (OutputLevel != default_output_level) {
+        return;
+    }
+    const char* text = getenv(level_variable);
+    if (text == nullptr) {
+        return;
+    }
+    const long level = std::min(strtol(text, nullptr, 10), long{highest_level_from_environment});
+    if (level > 0) {
+        OutputLevel = static_cast<int>(level) + 1;
+        Verbose = 1;
+    }
+}
+
+void log_command_line(int argc, char** argv) {
+    std::string line = "Command line: ";
+    for (int i = 0; i < argc; ++i) {
+        line += ' ';
+        line += argv[i];
+    }
+    constexpr std::size_t longest_line = 1999;
+    line.resize(std::min(line.size(), longest_line));
+    writelog(0, "%s\n", line.c_str());
+}
+
+int bind_usb_library(RunResources& resources) {
+    int rc = resources.start_loader();
+    if (rc == 0) {
+        lt_dladdsearchdir(library_search_path);
+        rc = LoadHidDlls();
+    }
+    if (rc != 0) {
+        writelog(1, "Could not load HID libraries (rc=%d)\n", rc);
+    }
+    return rc;
+}
+
+struct TimeoutEcho {
+    int* value;
+    int default_value;
+    const char* name;
+};
+
+void echo_changed_timeouts() {
+    const TimeoutEcho echoes[] = {
+        {&information_timeout, default_information_timeout, "Information response timeout"},
+        {&erase_timeout, default_erase_timeout, "Erase response timeout"},
+        {&command_timeout, default_command_timeout, "Command response timeout"},
+        {&checksum_timeout, default_checksum_timeout, "Checksum response timeout"},
+        {&reset_sleep_timeout, default_reset_sleep_timeout, "Reset after sleep timeout"},
+    };
+    for (const TimeoutEcho& echo : echoes) {
+        if (*echo.value != echo.default_value) {
+            writelog(Verbose, "%s: %d milliseconds\n", echo.name, *echo.value);
+        }
+    }
+}
+
+int update_devices(ZELFLASH& session) {
+    read_firmware_files();
+    return session.flash_all_devices();
+}
+
+void search_files_in_directory() {
+    if (DirName[0] == '\0') {
+        snprintf(DirName, sizeof(DirName), ".");
+    }
+    search_firmware_files();
+}
+
+int run_command(ZELFLASH& session, const RunRequest& request) {
+    switch (request.command) {
+        case COMMAND_RESET:
+            return session.reset_devices();
+        case COMMAND_CONFIG_FILE:
+            read_config_file(request.config_filename);
+            return update_devices(session);
+        case COMMAND_FILES:
+            return update_devices(session);
+        case COMMAND_UPDATE:
+            search_files_in_directory();
+            return update_devices(session);
+        case COMMAND_LIST:
+            return session.list_attached_devices();
+        case COMMAND_SHOW_FILES:
+            search_files_in_directory();
+            read_firmware_files();
+            return 0;
+        case COMMAND_DISPLAY_FILE:
+            session.display_firmware_file(request.display_filename);
+            return 0;
+        case COMMAND_GET_COMPONENT:
+            if (OutputFilename[0] != '\0') {
+                return session.get_device_data_for_component(get_component_number, OutputFilename);
+            }
+            writelog(1, "No output file specified\n");
+            return 0;
+        default:
+            return 0;
+    }
+}
+
+/// Ends the process as it stands: a background reader may still use the session, the trace and the
+/// USB library.
+[[noreturn]] void leave_to_reader(std::unique_ptr<ZELFLASH> session, int rc) {
+    static_cast<void>(session.release());
+    close_log_file();
+    SignalHold::end_by_held_signal();
+    fflush(nullptr);
+    _exit(rc);
+}
+
+int run_session(const RunRequest& request) {
+    std::unique_ptr<ZELFLASH> session;
+    try {
+        session = std::make_unique<ZELFLASH>();
+    } catch (const std::exception&) {
+        writelog(1, "Flash interface load failed...exception occurred\n");
+        return EXIT_UNEXPECTED_ERROR;
+    }
+    int rc = EXIT_UNEXPECTED_ERROR;
+    try {
+        rc = run_command(*session, request);
+        if (request.rma_filename[0] != '\0') {
+            session->write_rma_log(request.rma_filename);
+        }
+        if (session->finish()) {
+            return rc;
+        }
+    } catch (const std::exception&) {
+        writelog(1, "Flash failed...exception occurred\n");
+        rc = EXIT_UNEXPECTED_ERROR;
+    }
+    leave_to_reader(std::move(session), rc);
+}
+
+int run(int argc, char** argv) {
+    RunRequest request;
+    reset_options();
+    const int parse_result = parse_options(argc, argv, request);
+    if (parse_result >= 0) {
+        return parse_result;
+    }
+    open_journals(request);
+    RunResources resources;
+    if (request.command == COMMAND_VERSION) {
+        show_version(1);
+        return EXIT_OK;
+    }
+    show_version(0);
+    if (background_read == 0) {
+        writelog(0, "Timeout read disabled\n");
+    }
+    apply_level_from_environment();
+    log_command_line(argc, argv);
+    if (getuid() != 0) {
+        writelog(1, "Must be 'root' to update firmware devices\n");
+        return EXIT_NOT_ROOT;
+    }
+    if (bind_usb_library(resources) != 0) {
+        return EXIT_NO_USB_LIBRARY;
+    }
+    echo_changed_timeouts();
+    install_fault_report();
+    // A console that goes away in mid-update must not end the program.
+    signal(SIGPIPE, SIG_IGN);
+    return run_session(request);
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    const int rc = run(argc, argv);
+    SignalHold::end_by_held_signal();
+    return rc;
+}

@@ -14,7 +14,6 @@
 namespace {
 
 /// The flash return code of a firmware file that can't be opened.
-constexpr int no_flash_file = 8;
 
 constexpr std::size_t header_buffer_size = 200;
 
@@ -276,7 +275,7 @@ int read_file_info(const char* path, int& product_id, int& version, int& compone
     const FileHandle file = open_regular_file(path);
     if (file == nullptr) {
         writedebug("    Not found\n");
-        return no_flash_file;
+        return no_firmware_file;
     }
     char version_character = 0;
     product_id = read_product_id(file.get(), firmware_header_field_size);

@@ -154,6 +154,9 @@ ExtendedVersionListEntry extended_version_list_entry(std::span<const std::uint8_
 /// The number of records of a file, counting one that is cut short; 0 when it can't be opened.
 int count_download_lines(const char* path);
 
+/// Result of `read_file_info` for a file that can't be opened.
+constexpr int no_firmware_file = 8;
+
 /// Reads a file's summary. Returns 0, or 8 when the file can't be opened.
 ///
 /// \param product_id      from the header, -1 when that is short

@@ -15,6 +15,8 @@
 
 class HIDDEVICE2;
 class USBHID;
+struct FirmwareRecord;
+enum class FlashCommand;
 
 using uchar = unsigned char;
 using ushort = unsigned short;
@@ -189,13 +191,13 @@ class ZELFLASH {
 
     // exchange.cpp: codes 0, a `flash_return_code`, 7, 13, or a code of `HIDDEVICE2`
 
-    int write_flash(const char* buffer, unsigned int length);
+    int write_flash(char* buffer, unsigned int length);
     /// Time-out in milliseconds; below 1 reads directly and blocks.
     int read_flash(char* buffer, unsigned int length, int timeout, int index);
     int wait_for_message(int timeout, char* buffer, int length, int index);
     int read_data(char* buffer, unsigned int length);
     /// A time-out below 1 sends without waiting for status.
-    int send_command(const char* command, int length, int index, int timeout);
+    int send_command(char* command, int length, int index, int timeout);
     int send_status_request();
     int send_reset_command();
     int send_stop_command();
@@ -256,11 +258,66 @@ class ZELFLASH {
   private:
     friend void* start_read_thread(void* session);
 
-    int take_reader_slot();
-    bool is_reader_slot(int index) const;
+    // exchange.cpp
+
+    void forget_earlier_status();
+    int send_without_status(FlashCommand command);
+    /// `send_command` with `information_timeout`; `component` as `flash_command` takes it.
+    int send_query(FlashCommand command, int component, int index);
+    int resend_command(char* command, int length, int index, int timeout, std::uint8_t& flags);
+    int resend_erase_command(int index);
+    std::uint8_t last_status_flags() const;
+    int send_records(FILE* stream, int index);
+    int send_record(const FirmwareRecord& record, int index);
+    int send_checksum(FILE* stream, int index);
+    void show_record_started(int record_count);
+
+    // reader.cpp
+
+    int create_reader(int index);
+    void take_status_report(int index);
+    void reclaim_reader(int index);
     bool reader_has_left(int index) const;
-    bool wait_for_reader_to_leave(int index);
+    // Time-outs in milliseconds.
+    bool wait_for_reader_to_leave(int index, int timeout);
+    bool wait_for_readers_to_leave(int timeout);
     void discard_device(int index);
+
+    // discovery.cpp
+
+    bool open_for_queries(const char* path, int product_id, int slot);
+    void query_device(flashEntry* entry, int version_number, int slot);
+    bool take_component_list(flashEntry* entry, const char* data);
+    void take_components_without_list(flashEntry* entry, int version_number, int slot);
+
+    // update.cpp
+
+    /// One pass of `start_flash`.
+    struct UpdatePass;
+    /// A component of a row, its firmware file, and why it is sent.
+    struct ComponentUpdate;
+    /// False when the row's other components are not visited any more.
+    bool consider_component(flashEntry& entry, component_entry& component, UpdatePass& pass);
+    bool is_due(ComponentUpdate& update);
+    bool update_component(ComponentUpdate& update, UpdatePass& pass);
+    int download(ComponentUpdate& update, UpdatePass& pass);
+    void finish_update(const ComponentUpdate& update, UpdatePass& pass);
+    int erase_and_send(FILE* file, int component, int& reset_needed, int index);
+    int reset_after_update(flashEntry& entry, int rc, int index);
+
+    // commands.cpp
+
+    void mark_selected_products();
+    void mark_selected_serial_numbers();
+    static void report_flash_error(int result);
+    /// What a bulk command does with one device.
+    struct DeviceOperation;
+    int run_on_selected_devices(const DeviceOperation& operation);
+    int read_records(FILE* output, int component, int index);
+
+    // session.cpp
+
+    int take_reader_slot();
 
     /// 1 from before a reader's thread is created until the reader is done with the session; what
     /// the reader uses may be freed only while this is 0.
