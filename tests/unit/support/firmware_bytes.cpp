@@ -4,8 +4,7 @@
 
 #include <gtest/gtest.h>
 
-#include <stdlib.h>
-
+#include <cstdlib>
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
