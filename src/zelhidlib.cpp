@@ -190,7 +190,7 @@ int LoadHidDlls() {
             return symbol_missing;
         }
     }
-    bind(optional_function, load_address_optional);
+    static_cast<void>(bind(optional_function, load_address_optional));
     FirstTime = 1;
     return p_libusb_init(&context) < 0 ? -1 : 0;
 }
