@@ -151,11 +151,19 @@ void ZELFLASH::read_hid_messages(int index) {
             chSleep(pause_after_failed_read);
         } else {
             take_status_report(index);
+            if (!has_open_read_handle()) {
+                // Nothing was read: without a handle every read succeeds at once.
+                chSleep(pause_after_failed_read);
+            }
         }
     } while (slot.stopped == 0);
     writedebug("%d: read_hid_messages finished (device_closed=%d)\n", index, slot.device_closed);
     slot.read_hid_in_progress = 0;
     writedebug("%d: Closing background message reading thread\n", index);
+}
+
+bool ZELFLASH::has_open_read_handle() const {
+    return hiddev != nullptr && hiddev->GetReadHandle() != closed_hid_handle();
 }
 
 void ZELFLASH::take_status_report(int index) {

@@ -276,6 +276,7 @@ class ZELFLASH {
 
     int create_reader(int index);
     void take_status_report(int index);
+    bool has_open_read_handle() const;
     void reclaim_reader(int index);
     bool reader_has_left(int index) const;
     // Time-outs in milliseconds.
