@@ -1,0 +1,165 @@
+// The command line tool of the simulated bus.
+#include "model/bus.h"
+#include "model/bus_file.h"
+#include "model/fleet.h"
+
+#include <charconv>
+#include <cstdio>
+#include <exception>
+#include <filesystem>
+#include <span>
+#include <string>
+#include <string_view>
+
+namespace {
+
+constexpr int kSuccess = 0;
+constexpr int kWrongArguments = 1;
+constexpr int kUnusable = 2;
+
+constexpr const char* kHelp =
+    "zelfwsim: the simulated bus of peripherals\n"
+    "\n"
+    "  zelfwsim check BUSFILE              read a bus file and say what is on it, or what is "
+    "wrong\n"
+    "  zelfwsim generate N                 print a bus file with N devices (1 to 1000) on hubs\n"
+    "  zelfwsim show BUSFILE [STATEDIR]    devices with addresses, components and levels\n"
+    "  zelfwsim --help                     this text\n"
+    "\n"
+    "Exit codes: 0 success, 1 wrong arguments, 2 the bus file or the state cannot be used.\n";
+
+using zelfsim::BusDescription;
+using zelfsim::ComponentDescription;
+using zelfsim::ComponentState;
+using zelfsim::DeviceDescription;
+using zelfsim::DeviceState;
+using zelfsim::DeviceStore;
+
+int wrong_arguments(const char* message) {
+    std::fprintf(stderr, "zelfwsim: %s\nTry: zelfwsim --help\n", message);
+    return kWrongArguments;
+}
+
+std::string place(const BusDescription& bus, const DeviceDescription& device) {
+    if (!device.parent) {
+        return "bus " + std::to_string(device.bus);
+    }
+    return bus.devices[*device.parent].name + " port " + std::to_string(device.port);
+}
+
+int check(const std::string& file) {
+    const BusDescription bus = zelfsim::read_bus_file(file);
+    for (const DeviceDescription& device : bus.devices) {
+        std::printf("%-20s %04x:%04x  bus %u address %u  %s", device.name.c_str(), device.vendor,
+                    device.product, device.bus, device.address, place(bus, device).c_str());
+        if (!device.faults.empty()) {
+            std::printf("  faults: %zu", device.faults.size());
+        }
+        std::printf("\n");
+    }
+    return kSuccess;
+}
+
+const char* image_text(const ComponentState& component, bool updated) {
+    if (component.broken) {
+        return "broken";
+    }
+    if (component.pending) {
+        return "waits for the reset";
+    }
+    return updated ? "updated" : "factory";
+}
+
+void show_component(const ComponentDescription& description, const ComponentState& component,
+                    const DeviceStore& store) {
+    const zelfsim::ComponentLevel& level =
+        component.pending ? *component.pending : component.current;
+    std::printf("    %2u  %-24s %s  %-13s  %-10s  %s\n", component.id, description.name.c_str(),
+                zelfsim::version_text(level.version).c_str(), zelfsim::type_name(level.type),
+                level.random ? "random" : "increasing",
+                image_text(component, !store.image(component.id).empty()));
+}
+
+void show_device(const BusDescription& bus, const DeviceDescription& device,
+                 const std::string& directory) {
+    DeviceState state = zelfsim::factory_state(device);
+    const DeviceStore store = directory.empty() ? DeviceStore() : DeviceStore(directory);
+    store.load(state);
+    std::printf("%s  %04x:%04x  bus %u ", device.name.c_str(), device.vendor, device.product,
+                device.bus);
+    if (state.unplugged) {
+        std::printf("unplugged");
+    } else {
+        std::printf("address %u%s", state.address,
+                    state.away_until > zelfsim::now() ? " (restarting)" : "");
+    }
+    std::printf("  %s", place(bus, device).c_str());
+    if (device.flash) {
+        std::printf("  flash %s, %u updates, %u failed", zelfsim::phase_name(state.phase),
+                    state.updates, state.failed_updates);
+    }
+    std::printf("\n");
+    for (std::size_t index = 0; index < state.components.size(); ++index) {
+        show_component(device.flash->components[index], state.components[index], store);
+    }
+}
+
+int show(const std::string& file, const std::string& state) {
+    const BusDescription bus = zelfsim::read_bus_file(file);
+    if (!state.empty() && !std::filesystem::is_directory(state)) {
+        throw zelfsim::FileError(state, 0, "not a directory");
+    }
+    for (const DeviceDescription& device : bus.devices) {
+        show_device(bus, device, zelfsim::device_directory(state, device.name));
+    }
+    return kSuccess;
+}
+
+int generate(std::string_view text) {
+    unsigned count = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), count);
+    if (error != std::errc{} || end != text.data() + text.size() || count < 1 ||
+        count > zelfsim::kLargestFleet) {
+        return wrong_arguments("generate takes a number from 1 to 1000");
+    }
+    std::fputs(zelfsim::fleet(count).c_str(), stdout);
+    return kSuccess;
+}
+
+int run(std::span<const char* const> arguments) {
+    const std::string_view command = arguments.empty() ? "" : arguments[0];
+    const std::size_t count = arguments.size();
+    if (command == "--help" || command == "-h") {
+        std::fputs(kHelp, stdout);
+        return kSuccess;
+    }
+    if (command == "check" && count == 2) {
+        return check(arguments[1]);
+    }
+    if (command == "generate" && count == 2) {
+        return generate(arguments[1]);
+    }
+    if (command == "show" && (count == 2 || count == 3)) {
+        return show(arguments[1], count == 3 ? arguments[2] : "");
+    }
+    if (command == "check" || command == "generate" || command == "show") {
+        return wrong_arguments("wrong number of arguments");
+    }
+    return wrong_arguments(command.empty() ? "no command given" : "unknown command");
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    try {
+        const int code = run(std::span(argv, static_cast<std::size_t>(argc)).subspan(1));
+        if (std::fflush(stdout) != 0) {
+            std::perror("zelfwsim: standard output");
+            return kUnusable;
+        }
+        return code;
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "%s\n", error.what());
+        return kUnusable;
+    }
+}
