@@ -2,15 +2,14 @@
 #include "support/failing_new.h"
 #include "support/fake_usb.h"
 #include "support/log_capture.h"
+#include "support/sleep_double.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <atomic>
-#include <chrono>
 #include <string>
-#include <thread>
+#include <utility>
 
 namespace {
 
@@ -197,55 +196,47 @@ TEST_F(Transfers, ClearTheAnswerFlagBeforeSending) {
 
 class FirstCommand : public Transfers {
   protected:
-    // The first command, answered after that time (never when negative).
-    int first_command(int answer_after_ms) {
+    // The first command, answered before the poll of that number; never when that is 0.
+    int first_command(int answered_poll) {
         claimed();
         add_command_report();
-        std::thread reader;
-        device->before_class_request = [&](const FakeControl&) {
-            if (answer_after_ms == 0) {
-                intf.interrupt_response = 1;
-            } else if (answer_after_ms > 0 && !reader.joinable()) {
-                reader = std::thread([this, answer_after_ms] {
-                    std::this_thread::sleep_for(std::chrono::milliseconds(answer_after_ms));
-                    device->packets.push_back({0, Bytes(8, 1), -1});
-                    read();
-                });
+        sleeps.after_sleep = [this, answered_poll](int poll) {
+            if (poll == answered_poll) {
+                device->packets = {{0, Bytes(8, 1), -1}};
+                read();
             }
         };
-        const auto start = std::chrono::steady_clock::now();
-        const int rc = send(command_usage, 6);
-        waited = std::chrono::duration_cast<std::chrono::milliseconds>(
-                     std::chrono::steady_clock::now() - start)
-                     .count();
-        if (reader.joinable()) {
-            reader.join();
-        }
-        return rc;
+        return send(command_usage, 6);
     }
-    std::chrono::milliseconds::rep waited = 0;
+    SleepDouble sleeps{10};
 };
 
 TEST_F(FirstCommand, IsSentOnceWhenTheDeviceAnswersAtOnce) {
-    EXPECT_EQ(first_command(0), 6);
+    EXPECT_EQ(first_command(1), 6);
     EXPECT_EQ(usb.controls.size(), 1U);
+    EXPECT_THAT(sleeps.slept(), ElementsAre(10));
     EXPECT_EQ(log.count("Resending"), 0);
-    EXPECT_GE(waited, 10);
 }
 
-TEST_F(FirstCommand, IsSentTwiceWhenTheDeviceAnswersLate) {
-    EXPECT_EQ(first_command(250), 6);
+TEST_F(FirstCommand, IsSentOnceWhenTheDeviceAnswersWithinNinePolls) {
+    EXPECT_EQ(first_command(9), 6);
+    EXPECT_EQ(usb.controls.size(), 1U);
+    EXPECT_EQ(sleeps.slept().size(), 9U);
+}
+
+TEST_F(FirstCommand, IsSentTwiceWhenTheDeviceAnswersLater) {
+    EXPECT_EQ(first_command(10), 6);
     ASSERT_EQ(usb.controls.size(), 2U);
     EXPECT_EQ(usb.controls[0].data, usb.controls[1].data);
+    EXPECT_EQ(usb.controls[1].value, 0x0200);
+    EXPECT_EQ(sleeps.slept().size(), 10U);
     EXPECT_EQ(log.count("3:04b3:3c02-11:ff45:0001 - Resending 6 bytes\n"), 1);
-    EXPECT_GE(waited, 250);
-    EXPECT_LT(waited, 990);
 }
 
 TEST_F(FirstCommand, IsSentTwiceAfterASecondWithoutAnswer) {
-    EXPECT_EQ(first_command(-1), 6);
+    EXPECT_EQ(first_command(0), 6);
     EXPECT_EQ(usb.controls.size(), 2U);
-    EXPECT_GE(waited, 1000);
+    EXPECT_EQ(sleeps.count(10), 100);
 }
 
 TEST_F(FirstCommand, ReturnsAFailedSecondSending) {
@@ -256,8 +247,8 @@ TEST_F(FirstCommand, ReturnsAFailedSecondSending) {
 }
 
 TEST_F(FirstCommand, DoesNotWaitAgainOnceAnAnswerWasSeen) {
-    first_command(0);
-    device->before_class_request = nullptr;
+    first_command(100);
+    const size_t slept = sleeps.slept().size();
     USBINTF second;
     ASSERT_EQ(second.OpenDevice(flash_path(*device).data()), 0);
     ASSERT_EQ(second.ClaimInterface(0), 0);
@@ -266,10 +257,11 @@ TEST_F(FirstCommand, DoesNotWaitAgainOnceAnAnswerWasSeen) {
     EXPECT_EQ(second.HidSetOutputReport(page, command_usage, data.data(), 4, 5000), 0);
     EXPECT_EQ(send(command_usage, 6), 6);
     EXPECT_EQ(usb.controls.size(), 2U);
+    EXPECT_EQ(sleeps.slept().size(), slept);
 }
 
 TEST_F(FirstCommand, WaitsAgainWhenNoAnswerWasSeenYet) {
-    first_command(-1);
+    first_command(0);
     usb.controls.clear();
     EXPECT_EQ(send(command_usage, 6), 6);
     EXPECT_EQ(usb.controls.size(), 2U);
