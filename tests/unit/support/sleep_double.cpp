@@ -1,0 +1,57 @@
+#include "support/sleep_double.h"
+
+#include <sys/select.h>
+
+#include <algorithm>
+
+namespace {
+
+SleepDouble* current = nullptr;
+thread_local bool is_watched = false;
+long skipped_from = 0;
+std::vector<long> noted;
+
+}  // namespace
+
+SleepDouble::SleepDouble(long shortest_skipped) {
+    current = this;
+    is_watched = true;
+    skipped_from = shortest_skipped;
+    noted.clear();
+}
+
+SleepDouble::~SleepDouble() {
+    is_watched = false;
+    current = nullptr;
+}
+
+std::vector<long> SleepDouble::slept() const {
+    return noted;
+}
+
+int SleepDouble::count(long milliseconds) const {
+    return static_cast<int>(std::count(noted.begin(), noted.end(), milliseconds));
+}
+
+extern "C" {
+
+// NOLINTBEGIN(bugprone-reserved-identifier): the names that the linker's --wrap gives
+int __real_select(int, fd_set*, fd_set*, fd_set*, timeval*);
+
+int __wrap_select(int count, fd_set* readable, fd_set* writable, fd_set* exceptional,
+                  timeval* timeout) {
+    if (!is_watched || count != 0 || timeout == nullptr) {
+        return __real_select(count, readable, writable, exceptional, timeout);
+    }
+    const long milliseconds = timeout->tv_sec * 1000 + timeout->tv_usec / 1000;
+    const int rc = milliseconds >= skipped_from
+                       ? 0
+                       : __real_select(count, readable, writable, exceptional, timeout);
+    noted.push_back(milliseconds);
+    if (current->after_sleep) {
+        current->after_sleep(static_cast<int>(noted.size()));
+    }
+    return rc;
+}
+// NOLINTEND(bugprone-reserved-identifier)
+}
