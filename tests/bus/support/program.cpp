@@ -1,0 +1,161 @@
+#include "support/program.h"
+
+#include "support/temporary_directory.h"
+
+#include <fcntl.h>
+#include <signal.h>
+#include <sys/prctl.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <chrono>
+#include <stdexcept>
+#include <thread>
+
+namespace {
+
+constexpr int exec_failed = 127;
+constexpr std::chrono::milliseconds poll_interval(5);
+
+double now_in_seconds() {
+    const auto now = std::chrono::steady_clock::now().time_since_epoch();
+    return std::chrono::duration<double>(now).count();
+}
+
+std::map<std::string, std::string> own_environment() {
+    std::map<std::string, std::string> variables;
+    for (char** entry = environ; *entry != nullptr; ++entry) {
+        const std::string text = *entry;
+        const auto equals = text.find('=');
+        variables[text.substr(0, equals)] =
+            equals == std::string::npos ? "" : text.substr(equals + 1);
+    }
+    // Only what the test sets decides on what the program sees.
+    for (const char* name : {"ZELFWUPDATE_OUTPUT_LEVEL", "ZELFWSIM_BUS", "ZELFWSIM_STATE",
+                             "ZELFWSIM_RECORD", "LTDL_LIBRARY_PATH"}) {
+        variables.erase(name);
+    }
+    return variables;
+}
+
+std::vector<std::string> environment_texts(const ProgramSettings& settings) {
+    auto variables = own_environment();
+    for (const auto& [name, value] : settings.environment) {
+        variables[name] = value;
+    }
+    std::vector<std::string> texts;
+    for (const auto& [name, value] : variables) {
+        texts.push_back(name + "=" + value);
+    }
+    return texts;
+}
+
+std::vector<char*> pointers_to(std::vector<std::string>& texts) {
+    std::vector<char*> pointers;
+    for (std::string& text : texts) {
+        pointers.push_back(text.data());
+    }
+    pointers.push_back(nullptr);
+    return pointers;
+}
+
+/// Only calls that are safe between fork and exec.
+[[noreturn]] void become_program(const ProgramSettings& settings, char** arguments,
+                                 char** environment) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    constexpr mode_t mode = 0644;
+    const int output =
+        open(settings.console_file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND, mode);
+    const int errors =
+        open(settings.error_file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND, mode);
+    const int input = open("/dev/null", O_RDONLY);
+    const bool is_ready = dup2(input, STDIN_FILENO) >= 0 && dup2(output, STDOUT_FILENO) >= 0 &&
+                          dup2(errors, STDERR_FILENO) >= 0 &&
+                          chdir(settings.directory.c_str()) == 0 &&
+                          (!settings.user || setuid(*settings.user) == 0);
+    if (is_ready) {
+        execve(settings.program.c_str(), arguments, environment);
+    }
+    _exit(exec_failed);
+}
+
+}  // namespace
+
+ProgramProcess::ProgramProcess(const ProgramSettings& settings,
+                               const std::vector<std::string>& arguments)
+    : console_file_(settings.console_file),
+      error_file_(settings.error_file),
+      deadline_(now_in_seconds() + RUN_TIME_LIMIT) {
+    std::vector<std::string> texts = {"zelfwupdate"};
+    texts.insert(texts.end(), arguments.begin(), arguments.end());
+    std::vector<std::string> environment = environment_texts(settings);
+    const std::vector<char*> argument_pointers = pointers_to(texts);
+    const std::vector<char*> environment_pointers = pointers_to(environment);
+    pid_ = fork();
+    if (pid_ < 0) {
+        throw std::runtime_error("no process");
+    }
+    if (pid_ == 0) {
+        become_program(settings, const_cast<char**>(argument_pointers.data()),
+                       const_cast<char**>(environment_pointers.data()));
+    }
+}
+
+ProgramProcess::~ProgramProcess() {
+    if (!ended_) {
+        kill(pid_, SIGKILL);
+        waitpid(pid_, nullptr, 0);
+    }
+}
+
+bool ProgramProcess::has_ended() {
+    if (!ended_) {
+        ended_ = waitpid(pid_, &wait_status_, WNOHANG) == pid_;
+    }
+    return ended_;
+}
+
+bool ProgramProcess::has_time_left() const {
+    return now_in_seconds() < deadline_;
+}
+
+bool ProgramProcess::wait_until(const std::function<bool()>& condition) {
+    while (!has_ended() && has_time_left()) {
+        if (condition()) {
+            return true;
+        }
+        std::this_thread::sleep_for(poll_interval);
+    }
+    return false;
+}
+
+void ProgramProcess::send_signal(int number) {
+    if (!has_ended()) {
+        kill(pid_, number);
+    }
+}
+
+RunResult ProgramProcess::finish() {
+    RunResult run;
+    wait_until([] { return false; });
+    if (!ended_) {
+        run.timed_out = true;
+        kill(pid_, SIGKILL);
+        ended_ = waitpid(pid_, &wait_status_, 0) == pid_;
+    }
+    run.exit_code = WIFEXITED(wait_status_) ? WEXITSTATUS(wait_status_) : -1;
+    run.signal = WIFSIGNALED(wait_status_) ? WTERMSIG(wait_status_) : 0;
+    run.console = read_file(console_file_);
+    run.errors = read_file(error_file_);
+    return run;
+}
+
+bool can_become(uid_t user) {
+    const pid_t pid = fork();
+    if (pid == 0) {
+        _exit(setuid(user) == 0 ? 0 : 1);
+    }
+    int status = 0;
+    return pid > 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status) &&
+           WEXITSTATUS(status) == 0;
+}

@@ -1,0 +1,58 @@
+/// \file
+/// Runs the built program as a child process on a simulated bus.
+#pragma once
+
+#include <sys/types.h>
+
+#include <filesystem>
+#include <functional>
+#include <map>
+#include <optional>
+#include <string>
+#include <vector>
+
+/// How one run came out.
+struct RunResult {
+    int exit_code = -1;  ///< -1 when a signal ended it
+    int signal = 0;      ///< the signal that ended it, else 0
+    bool timed_out = false;
+    std::string console;  ///< standard output
+    std::string errors;   ///< standard error
+    std::string log;      ///< the log file
+};
+
+struct ProgramSettings {
+    std::filesystem::path program;
+    std::filesystem::path directory;  ///< working directory
+    std::filesystem::path console_file, error_file;
+    std::map<std::string, std::string> environment;  ///< added to the test's own
+    std::optional<uid_t> user;                       ///< run as this user
+};
+
+/// The program on its way. It is killed when it outlives its time or its owner.
+class ProgramProcess {
+  public:
+    ProgramProcess(const ProgramSettings& settings, const std::vector<std::string>& arguments);
+    ~ProgramProcess();
+    ProgramProcess(const ProgramProcess&) = delete;
+    ProgramProcess& operator=(const ProgramProcess&) = delete;
+
+    /// Waits until `condition` holds. False when the program ended, or its time passed, before.
+    bool wait_until(const std::function<bool()>& condition);
+    void send_signal(int number);
+    /// Waits for the end. The log is left to the caller.
+    RunResult finish();
+
+  private:
+    bool has_ended();
+    bool has_time_left() const;
+
+    std::filesystem::path console_file_, error_file_;
+    pid_t pid_ = -1;
+    int wait_status_ = 0;
+    bool ended_ = false;
+    double deadline_ = 0;
+};
+
+/// Whether a child can become that user.
+bool can_become(uid_t user);

@@ -1,0 +1,34 @@
+/// \file
+/// Reads the record of transfers that the simulated bus writes.
+#pragma once
+
+#include <filesystem>
+#include <string>
+#include <vector>
+
+struct Transfer {
+    double time = 0;  ///< milliseconds of the monotonic clock
+    std::string device;
+    int address = 0;
+    std::string kind;
+    std::string setup;
+    std::string data;  ///< lower-case hexadecimal, empty when there is none
+    int result = 0;
+};
+
+class TransferRecord {
+  public:
+    TransferRecord() = default;
+    /// Throws when a line has not the seven fields.
+    explicit TransferRecord(const std::filesystem::path& path);
+
+    const std::vector<Transfer>& all() const { return transfers_; }
+    std::vector<Transfer> of_kind(const std::string& device, const std::string& kind) const;
+    /// SET_REPORT and GET_REPORT requests, in order.
+    std::vector<Transfer> class_requests(const std::string& device) const;
+    /// The data of every SET_REPORT request: the command messages as sent.
+    std::vector<std::string> commands(const std::string& device) const;
+
+  private:
+    std::vector<Transfer> transfers_;
+};
