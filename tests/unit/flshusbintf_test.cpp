@@ -39,7 +39,7 @@ class UsbInterface : public testing::Test {
         usb.devices.front().strings[9] = descriptor;
         Bytes buffer(256, 0xEE);
         string_result = intf().GetStringDescriptorAscii(9, buffer.data(), length);
-        return string_result < 0 ? "" : reinterpret_cast<const char*>(buffer.data());
+        return string_result < 1 ? "" : reinterpret_cast<const char*>(buffer.data());
     }
 
     LogCapture log;
