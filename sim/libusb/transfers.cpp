@@ -1,11 +1,11 @@
 // The blocking transfers.
 #include "libusb/objects.h"
 #include "model/descriptors.h"
+#include "model/record_text.h"
 #include "model/request_codes.h"
 
 #include <algorithm>
 #include <array>
-#include <cstdio>
 #include <cstring>
 #include <optional>
 #include <string>
@@ -14,6 +14,7 @@
 using zelfsim::ByteView;
 using zelfsim::Completion;
 using zelfsim::Duration;
+using zelfsim::endpoint_text;
 using zelfsim::InterfaceDescription;
 using zelfsim::Peripheral;
 using zelfsim::Reply;
@@ -37,19 +38,6 @@ Duration patience_of(unsigned milliseconds) {
 std::optional<TimePoint> deadline_of(unsigned milliseconds, TimePoint begin) {
     return milliseconds == 0 ? std::nullopt
                              : std::optional(begin + std::chrono::milliseconds(milliseconds));
-}
-
-std::string setup_text(const Setup& setup) {
-    std::array<char, 32> text{};
-    std::snprintf(text.data(), text.size(), "%02x %02x %04x %04x %04x", setup.type, setup.request,
-                  setup.value, setup.index, setup.length);
-    return text.data();
-}
-
-std::string endpoint_text(unsigned char endpoint, int length) {
-    std::array<char, 24> text{};
-    std::snprintf(text.data(), text.size(), "%02x %04x", endpoint, static_cast<unsigned>(length));
-    return text.data();
 }
 
 /// A transfer to an interface claims it, as the kernel does; false when somebody else holds it.
@@ -218,7 +206,7 @@ int transfer(libusb_device_handle* raw, const char* kind, unsigned char endpoint
     if (actual != nullptr) {
         *actual = static_cast<int>(in ? reply.data.size() : reply.accepted);
     }
-    zelfsim::usb::record(*handle, kind, endpoint_text(endpoint, length),
+    zelfsim::usb::record(*handle, kind, endpoint_text(endpoint, static_cast<std::size_t>(length)),
                          in ? ByteView(reply.data) : out, result);
     lock.unlock();
     if (reply.completion == Completion::crash) {

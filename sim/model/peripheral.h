@@ -94,6 +94,8 @@ class Peripheral {
 
     /// Hangs a device on this hub.
     void adopt(Peripheral& child);
+    /// The hub it hangs on; null for a root hub.
+    const Peripheral* hub() const { return hub_; }
 
   private:
     struct WaitingReport {

@@ -2,6 +2,7 @@
 #include "model/bus.h"
 #include "model/bus_file.h"
 #include "model/fleet.h"
+#include "tool/serve.h"
 
 #include <charconv>
 #include <cstdio>
@@ -24,6 +25,12 @@ constexpr const char* kHelp =
     "wrong\n"
     "  zelfwsim generate N                 print a bus file with N devices (1 to 1000) on hubs\n"
     "  zelfwsim show BUSFILE [STATEDIR]    devices with addresses, components and levels\n"
+    "  zelfwsim serve [OPTIONS] BUSFILE [STATEDIR]\n"
+    "                                      offer the devices to real kernels over USB/IP\n"
+    "      --attach                        keep them attached to this machine's own kernel "
+    "instead\n"
+    "      --listen ADDRESS                numeric address, 127.0.0.1 if not given\n"
+    "      --port PORT                     3240 if not given, 0 for any free one\n"
     "  zelfwsim --help                     this text\n"
     "\n"
     "Exit codes: 0 success, 1 wrong arguments, 2 the bus file or the state cannot be used.\n";
@@ -141,6 +148,9 @@ int run(std::span<const char* const> arguments) {
     }
     if (command == "show" && (count == 2 || count == 3)) {
         return show(arguments[1], count == 3 ? arguments[2] : "");
+    }
+    if (command == "serve") {
+        return serve(arguments.subspan(1));
     }
     if (command == "check" || command == "generate" || command == "show") {
         return wrong_arguments("wrong number of arguments");
