@@ -149,15 +149,13 @@ TEST_F(Wire, RecordMessageIsCountOperationLengthAndTheFilesBytes) {
 }
 
 TEST_F(Wire, LongestRecordIsSentWhole) {
-    FirmwareFile file = {.component = 1, .data_records = 0};
-    std::string body;
-    for (const std::string& record : file.records()) {
-        body += record;
-    }
-    const std::string longest = from_hex("ff100000") + std::string(255, '\x5A');
-    add_raw_firmware("boot.dat", file.header() + body + longest + std::string("\0\0\0", 3));
+    const FirmwareFile file = {.component = 1,
+                               .data_records = 0,
+                               .further_records = {from_hex("ff100000") + std::string(255, 'Z')}};
+    add_firmware("boot.dat", file);
     set_bus({two_components()});
-    update();
+    EXPECT_EQ(update().exit_code, 0);
+    EXPECT_EQ(image("printer", 1), file.body());
     EXPECT_THAT(commands("printer"), Contains("05010200ff100000" + to_hex(std::string(255, 'Z'))));
     EXPECT_THAT(setups(), Contains("21 09 0200 0000 0107"));
 }

@@ -38,6 +38,7 @@ std::vector<std::string> FirmwareFile::records() const {
         }
         all.push_back(record(component << 4, i, payload));
     }
+    all.insert(all.end(), further_records.begin(), further_records.end());
     return all;
 }
 

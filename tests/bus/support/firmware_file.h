@@ -18,6 +18,7 @@ struct FirmwareFile {
     int data_records = 5;
     bool extended_list = true;
     bool right_checksum = true;
+    std::vector<std::string> further_records{};  ///< whole records behind the others
 
     /// The records, each with its length byte.
     std::vector<std::string> records() const;

@@ -3,7 +3,9 @@
 #include "support/temporary_directory.h"
 
 #include <fcntl.h>
+#include <sched.h>
 #include <signal.h>
+#include <sys/mount.h>
 #include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
@@ -14,7 +16,6 @@
 
 namespace {
 
-constexpr int exec_failed = 127;
 constexpr std::chrono::milliseconds poll_interval(5);
 
 double now_in_seconds() {
@@ -59,6 +60,13 @@ std::vector<char*> pointers_to(std::vector<std::string>& texts) {
     return pointers;
 }
 
+/// Puts the run's own directory at /tmp, for this process alone.
+bool enter_private_tmp(const std::filesystem::path& directory) {
+    return directory.empty() || (unshare(CLONE_NEWNS) == 0 &&
+                                 mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+                                 mount(directory.c_str(), "/tmp", nullptr, MS_BIND, nullptr) == 0);
+}
+
 /// Only calls that are safe between fork and exec.
 [[noreturn]] void become_program(const ProgramSettings& settings, char** arguments,
                                  char** environment) {
@@ -69,14 +77,14 @@ std::vector<char*> pointers_to(std::vector<std::string>& texts) {
     const int errors =
         open(settings.error_file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND, mode);
     const int input = open("/dev/null", O_RDONLY);
-    const bool is_ready = dup2(input, STDIN_FILENO) >= 0 && dup2(output, STDOUT_FILENO) >= 0 &&
-                          dup2(errors, STDERR_FILENO) >= 0 &&
-                          chdir(settings.directory.c_str()) == 0 &&
-                          (!settings.user || setuid(*settings.user) == 0);
+    const bool is_ready =
+        dup2(input, STDIN_FILENO) >= 0 && dup2(output, STDOUT_FILENO) >= 0 &&
+        dup2(errors, STDERR_FILENO) >= 0 && chdir(settings.directory.c_str()) == 0 &&
+        enter_private_tmp(settings.private_tmp) && (!settings.user || setuid(*settings.user) == 0);
     if (is_ready) {
         execve(settings.program.c_str(), arguments, environment);
     }
-    _exit(exec_failed);
+    _exit(cannot_prepare_run);
 }
 
 }  // namespace

@@ -11,6 +11,9 @@
 #include <string>
 #include <vector>
 
+/// Exit code of a child that could not become the program.
+constexpr int cannot_prepare_run = 127;
+
 /// How one run came out.
 struct RunResult {
     int exit_code = -1;  ///< -1 when a signal ended it
@@ -27,6 +30,8 @@ struct ProgramSettings {
     std::filesystem::path console_file, error_file;
     std::map<std::string, std::string> environment;  ///< added to the test's own
     std::optional<uid_t> user;                       ///< run as this user
+    /// Stands at /tmp for this run; empty: the system's own.
+    std::filesystem::path private_tmp;
 };
 
 /// The program on its way. It is killed when it outlives its time or its owner.

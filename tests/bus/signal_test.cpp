@@ -1,0 +1,136 @@
+// Signals that ask the program to end, at any moment of an update.
+#include "support/bus_test.h"
+
+#include <gmock/gmock.h>
+
+#include <signal.h>
+
+#include <algorithm>
+
+using testing::ContainsRegex;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+
+namespace {
+
+constexpr char explanation[] = "Finishing the component in progress, do not disconnect the device";
+
+/// A printer and a scanner whose components 1 are sent images, slowly enough to step in between.
+class Signal : public BusTest, public testing::WithParamInterface<int> {
+  protected:
+    Signal() {
+        SimDevice printer;
+        printer.components = {{}, {.id = 1}};
+        SimDevice scanner = {.name = "scanner",
+                             .product = 0x3C36,
+                             .serial = "SC0001",
+                             .components = {{}, {.id = 1}}};
+        printer.device_keys = scanner.device_keys =
+            "timing = { transfer_ms = 0, query_ms = 1, erase_ms = 300, record_ms = 60, "
+            "checksum_ms = 50, reset_ms = 300 }";
+        set_bus({printer, scanner});
+        add_firmware("boot.dat", file);
+        add_firmware("scanner.dat", {.product = 0x3C36, .component = 1});
+    }
+    /// Starts an update and sends the signal once `messages` messages have followed the erase.
+    RunResult run_with_signal(int signal_number, std::size_t messages,
+                              const std::vector<std::string>& further = {}) {
+        std::vector<std::string> arguments = {"-U", "-p", firmware_directory()};
+        arguments.insert(arguments.end(), further.begin(), further.end());
+        const auto process = start(arguments);
+        EXPECT_TRUE(process->wait_until([&] {
+            const auto sent = commands("printer");
+            const auto erase = std::find(sent.begin(), sent.end(), "04000100");
+            return static_cast<std::size_t>(sent.end() - erase) > messages;
+        }));
+        process->send_signal(signal_number);
+        return finish(*process);
+    }
+
+    const FirmwareFile file = {.component = 1};
+};
+
+}  // namespace
+
+INSTANTIATE_TEST_SUITE_P(EndRequests, Signal, testing::Values(SIGINT, SIGTERM, SIGHUP));
+
+TEST_P(Signal, InTheMiddleOfAnImageWaitsForItsEnd) {
+    const RunResult result = run_with_signal(GetParam(), 3);
+    EXPECT_EQ(result.signal, GetParam());
+    EXPECT_EQ(count_lines(result.console, explanation), 1);
+    EXPECT_EQ(image("printer", 1), file.body());
+    EXPECT_FALSE(state().component(1).broken);
+    EXPECT_EQ(state().component(1).level, "01.05");
+}
+
+TEST_P(Signal, DuringTheEraseWaitsForTheImagesEnd) {
+    const RunResult result = run_with_signal(GetParam(), 0);
+    EXPECT_EQ(result.signal, GetParam());
+    EXPECT_EQ(image("printer", 1), file.body());
+}
+
+TEST_P(Signal, LeavesTheOtherDevicesAloneAndClosesTheLog) {
+    const RunResult result = run_with_signal(GetParam(), 3);
+    EXPECT_THAT(commands("scanner"), Not(testing::Contains("04000100")));
+    EXPECT_THAT(result.log,
+                HasSubstr("Firmware update of Product ID 3c35 COMP: 1 finished, rc=0\n"));
+    EXPECT_THAT(result.log, ContainsRegex("USB Flash ended at [^\n]+\n=+\n$"));
+    const auto records = trace();
+    ASSERT_FALSE(records.empty());
+    EXPECT_THAT(records.back().payload, HasSubstr("====="));
+}
+
+TEST_F(Signal, ResultFileIsWritten) {
+    run_with_signal(SIGTERM, 3, {"-r", path("rma.txt")});
+    EXPECT_THAT(read_file(path("rma.txt")),
+                HasSubstr("PID 3c35 EC level: 0001.02: Flash succeeded \n"));
+}
+
+TEST_F(Signal, QuietRunSaysNothing) {
+    const RunResult result = run_with_signal(SIGINT, 3, {"-n", "0"});
+    EXPECT_EQ(result.signal, SIGINT);
+    EXPECT_EQ(result.console, "");
+    EXPECT_EQ(image("printer", 1), file.body());
+}
+
+TEST_F(Signal, SecondOneDoesNotCutTheImageEither) {
+    const auto process = start({"-U", "-p", firmware_directory()});
+    for (const std::size_t messages : {3U, 5U}) {
+        EXPECT_TRUE(process->wait_until([&] {
+            const auto sent = commands("printer");
+            const auto erase = std::find(sent.begin(), sent.end(), "04000100");
+            return static_cast<std::size_t>(sent.end() - erase) > messages;
+        }));
+        process->send_signal(messages == 3U ? SIGINT : SIGTERM);
+    }
+    const RunResult result = finish(*process);
+    EXPECT_EQ(result.signal, SIGINT);
+    EXPECT_EQ(count_lines(result.console, explanation), 1);
+    EXPECT_EQ(image("printer", 1), file.body());
+}
+
+TEST_F(Signal, BeforeAnyEraseEndsTheRunAtOnce) {
+    const auto process = start({"-U", "-p", firmware_directory()});
+    EXPECT_TRUE(process->wait_until([&] { return !commands("printer").empty(); }));
+    process->send_signal(SIGINT);
+    const RunResult result = finish(*process);
+    EXPECT_EQ(result.signal, SIGINT);
+    EXPECT_THAT(result.console, Not(HasSubstr(explanation)));
+    EXPECT_EQ(image("printer", 1), "");
+}
+
+TEST_F(Signal, MainComponentIsResetBeforeTheRunEnds) {
+    SimDevice printer;
+    printer.device_keys =
+        "timing = { transfer_ms = 0, query_ms = 1, erase_ms = 300, record_ms = 60, "
+        "checksum_ms = 50, reset_ms = 300 }";
+    set_bus({printer});
+    const FirmwareFile main;
+    add_firmware("boot.dat", main);
+    const RunResult result = run_with_signal(SIGHUP, 3);
+    EXPECT_EQ(result.signal, SIGHUP);
+    EXPECT_EQ(image("printer", 0), main.body());
+    EXPECT_EQ(state().resets, 1);
+    EXPECT_THAT(result.console, Not(HasSubstr("Sleeping to allow")));
+}
