@@ -41,11 +41,18 @@ void write_to_log(const char* text) {
 std::size_t multibyte_character_length(const char* text) {
     const auto byte_at = [text](std::size_t i) { return static_cast<unsigned char>(text[i]); };
     const unsigned char lead = byte_at(0);
-    if (lead < 0xC2 || lead > 0xF4 || (lead == 0xC2 && byte_at(1) < 0xA0)) {
+    if (lead < 0xC2 || lead > 0xF4) {
+        return 0;
+    }
+    // The second byte tells a control character, too long a form, a surrogate, and what is past the
+    // last character from the rest.
+    const unsigned char lowest = lead == 0xC2 || lead == 0xE0 ? 0xA0 : (lead == 0xF0 ? 0x90 : 0x80);
+    const unsigned char highest = lead == 0xED ? 0x9F : (lead == 0xF4 ? 0x8F : 0xBF);
+    if (byte_at(1) < lowest || byte_at(1) > highest) {
         return 0;
     }
     const std::size_t length = lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
-    for (std::size_t i = 1; i < length; ++i) {
+    for (std::size_t i = 2; i < length; ++i) {
         if ((byte_at(i) & 0xC0) != 0x80) {
             return 0;
         }
