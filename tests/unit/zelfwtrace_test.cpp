@@ -1,0 +1,584 @@
+#include "zelfwtrace.h"
+
+#include "support/child_process.h"
+#include "support/clock_double.h"
+#include "support/firmware_bytes.h"
+#include "support/sleep_double.h"
+#include "support/trace_file.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <pthread.h>
+#include <unistd.h>
+
+#include <atomic>
+#include <cerrno>
+#include <chrono>
+#include <ctime>
+#include <filesystem>
+#include <string>
+#include <thread>
+#include <vector>
+
+using testing::ElementsAre;
+using testing::IsEmpty;
+
+namespace {
+
+constexpr std::uint32_t version_kind = 501;
+constexpr std::uint32_t text_kind = 42;
+
+const unsigned char* bytes_of(const std::string& text) {
+    return reinterpret_cast<const unsigned char*>(text.data());
+}
+
+/// Each test has a trace file "t" in a directory of its own.
+class TraceFile : public testing::Test {
+  protected:
+    std::string name(const std::string& suffix = "") const { return directory_.path("t" + suffix); }
+    std::string content(const std::string& suffix = "") const {
+        return read_whole_file(name(suffix));
+    }
+    bool exists(const std::string& suffix) const { return std::filesystem::exists(name(suffix)); }
+    std::vector<TraceRecord> records() const { return read_trace(name()); }
+
+    TemporaryDirectory directory_;
+};
+
+}  // namespace
+
+TEST_F(TraceFile, StartsWithAVersionRecordOfThirtyTwoBytes) {
+    const auto before = static_cast<std::uint32_t>(std::time(nullptr));
+    const Trace file(name().c_str(), 0, 3);
+    ASSERT_EQ(content().size(), 32U);
+    const std::vector<TraceRecord> found = records();
+    ASSERT_EQ(found.size(), 1U);
+    EXPECT_EQ(found[0].length, 16U);
+    EXPECT_EQ(found[0].kind, version_kind);
+    EXPECT_EQ(found[0].clock_time, 0.0);
+    EXPECT_EQ(found[0].thread, static_cast<std::uint32_t>(pthread_self()));
+    EXPECT_EQ(found[0].process, static_cast<std::uint32_t>(getpid()));
+    EXPECT_GE(found[0].time, before);
+    EXPECT_LE(found[0].time, static_cast<std::uint32_t>(std::time(nullptr)));
+    EXPECT_EQ(found[0].component, 0);
+    EXPECT_EQ(found[0].reserved, 0);
+    EXPECT_LT(found[0].milliseconds, 1000);
+}
+
+TEST_F(TraceFile, KeepsARecordsBytes) {
+    Trace file(name().c_str(), 0, 3);
+    const std::string report("\x3C\x02\xA0\x01\0\0\0\0\xFF\0\r\n", 12);
+    const auto before = static_cast<std::uint32_t>(std::time(nullptr));
+    file.WriteTraceData(405, bytes_of(report), report.size());
+    file.WriteTraceData(0xFFFFFFFF, bytes_of(report), 0);
+    const std::vector<TraceRecord> found = records();
+    ASSERT_EQ(found.size(), 3U);
+    EXPECT_EQ(found[1].length, 12U);
+    EXPECT_EQ(found[1].kind, 405U);
+    EXPECT_EQ(found[1].payload, report);
+    EXPECT_EQ(found[1].thread, static_cast<std::uint32_t>(pthread_self()));
+    EXPECT_EQ(found[1].process, static_cast<std::uint32_t>(getpid()));
+    EXPECT_GE(found[1].time, before);
+    EXPECT_LE(found[1].time, static_cast<std::uint32_t>(std::time(nullptr)));
+    EXPECT_EQ(found[1].component, 0x65);
+    EXPECT_EQ(found[1].reserved, 0);
+    EXPECT_LT(found[1].milliseconds, 1000);
+    EXPECT_EQ(found[2].kind, 0xFFFFFFFFU);
+    EXPECT_EQ(found[2].length, 0U);
+}
+
+TEST_F(TraceFile, LaysItsHeaderOutLittleEndian) {
+    clock_double_stands_at(1000000);
+    Trace file(name().c_str(), 0, 3);
+    clock_double_stands_at(1000002);
+    file.WriteTraceData(0x04030201, bytes_of("abc"), 3);
+    const std::string record = content().substr(32);
+    ASSERT_EQ(record.size(), 35U);
+    EXPECT_EQ(record.substr(0, 8), std::string("\x03\0\0\0\x01\x02\x03\x04", 8));
+    // 2.0 as IEEE 754 has it.
+    EXPECT_EQ(record.substr(8, 8), std::string("\0\0\0\0\0\0\0\x40", 8));
+    EXPECT_EQ(record.substr(28, 2), std::string("e\0", 2));
+    EXPECT_EQ(record.substr(32), "abc");
+}
+
+TEST_F(TraceFile, StampsTheMillisecondsOfTheSecond) {
+    Trace file(name().c_str(), 0, 3);
+    std::vector<std::uint16_t> seen;
+    for (int i = 0; i < 4; ++i) {
+        std::this_thread::sleep_for(std::chrono::milliseconds(30));
+        file.WriteTraceData(405, bytes_of("x"), 1);
+        seen.push_back(records().back().milliseconds);
+    }
+    EXPECT_NE(seen[0], seen[1]);
+    EXPECT_NE(seen[1], seen[2]);
+    EXPECT_NE(seen[2], seen[3]);
+}
+
+TEST_F(TraceFile, HoldsAFormattedTextWithoutItsTerminator) {
+    Trace file(name().c_str(), 0, 3);
+    file.tprintf("rc=%d %s\n", 7, "%n");
+    file.tprintf("%s", "");
+    const std::vector<TraceRecord> found = records();
+    ASSERT_EQ(found.size(), 3U);
+    EXPECT_EQ(found[1].kind, text_kind);
+    EXPECT_EQ(found[1].length, 8U);
+    EXPECT_EQ(found[1].payload, "rc=7 %n\n");
+    EXPECT_EQ(found[2].length, 0U);
+    EXPECT_EQ(content().size(), 3 * 32 + 8U);
+}
+
+TEST_F(TraceFile, CutsAnOverlongText) {
+    Trace file(name().c_str(), 0, 3);
+    const std::string text(60000, 'x');
+    file.tprintf("%s", text.c_str());
+    file.write_formatted_text(text.c_str());
+    EXPECT_THAT(trace_texts(name()), ElementsAre(std::string(41959, 'x'), std::string(41959, 'x')));
+}
+
+TEST_F(TraceFile, IsWrittenWithoutDelay) {
+    const ChildEnd end = run_in_child([this] {
+        Trace file(name().c_str(), 0, 3);
+        file.tprintf("last words");
+        _exit(9);
+    });
+    EXPECT_EQ(end.exit_code, 9);
+    EXPECT_THAT(trace_texts(name()), ElementsAre("last words"));
+}
+
+TEST_F(TraceFile, IsAppendedToInModeZero) {
+    directory_.write("t", "earlier");
+    directory_.write("t.1", "one");
+    {
+        Trace file(name().c_str(), 0, 3);
+        file.tprintf("x");
+    }
+    ASSERT_EQ(content().substr(0, 7), "earlier");
+    const std::vector<TraceRecord> found = parse_trace(content().substr(7));
+    ASSERT_EQ(found.size(), 2U);
+    EXPECT_EQ(found[0].kind, version_kind);
+    EXPECT_EQ(found[1].payload, "x");
+    EXPECT_EQ(content(".1"), "one");
+    EXPECT_FALSE(exists(".2"));
+}
+
+TEST_F(TraceFile, IsRotatedInModeOne) {
+    directory_.write("t", "now");
+    directory_.write("t.1", "one");
+    directory_.write("t.2", "two");
+    directory_.write("t.3", "three");
+    directory_.write("t.4", "four");
+    const Trace file(name().c_str(), 1, 3);
+    EXPECT_EQ(content(".1"), "now");
+    EXPECT_EQ(content(".2"), "one");
+    EXPECT_EQ(content(".3"), "two");
+    EXPECT_EQ(content(".4"), "four");
+    ASSERT_EQ(records().size(), 1U);
+    EXPECT_EQ(records()[0].kind, version_kind);
+}
+
+TEST_F(TraceFile, IsRotatedAcrossGaps) {
+    directory_.write("t", "now");
+    directory_.write("t.2", "two");
+    const Trace file(name().c_str(), 1, 3);
+    EXPECT_EQ(content(".1"), "now");
+    EXPECT_FALSE(exists(".2"));
+    EXPECT_EQ(content(".3"), "two");
+    EXPECT_EQ(records().size(), 1U);
+}
+
+TEST_F(TraceFile, KeepsOneCopyWhenAskedForOne) {
+    directory_.write("t", "now");
+    directory_.write("t.1", "one");
+    const Trace file(name().c_str(), 1, 1);
+    EXPECT_EQ(content(".1"), "now");
+    EXPECT_FALSE(exists(".2"));
+}
+
+TEST_F(TraceFile, KeepsNoCopiesWhenAskedForNone) {
+    for (const int count : {0, -1}) {
+        directory_.write("t", "now");
+        directory_.write("t.1", "one");
+        const Trace file(name().c_str(), 1, count);
+        EXPECT_EQ(records().size(), 1U);
+        EXPECT_EQ(content(".1"), "one");
+        EXPECT_FALSE(exists(".2"));
+    }
+}
+
+TEST_F(TraceFile, IsRotatedWhenThereIsNoneYet) {
+    const Trace file(name().c_str(), 1, 3);
+    EXPECT_EQ(records().size(), 1U);
+    EXPECT_FALSE(exists(".1"));
+}
+
+TEST_F(TraceFile, StartsAnewWithoutCopiesInAnyOtherMode) {
+    for (const int mode : {2, -1}) {
+        directory_.write("t", "now");
+        directory_.write("t.1", "one");
+        const Trace file(name().c_str(), mode, 3);
+        EXPECT_EQ(records().size(), 1U);
+        EXPECT_EQ(content(".1"), "one");
+        EXPECT_FALSE(exists(".2"));
+    }
+}
+
+TEST_F(TraceFile, IsNoneForAnEmptyName) {
+    const ChildEnd end = run_in_child([this] {
+        // Wherever a nameless file might be made or rotated, it would be here.
+        if (chdir(directory_.path().c_str()) != 0) {
+            _exit(1);
+        }
+        directory_.write(".1", "one");
+        Trace file("", 1, 3);
+        file.tprintf("x");
+        file.write_formatted_text("x");
+        file.WriteTraceData(405, bytes_of("abc"), 3);
+    });
+    EXPECT_EQ(end.exit_code, 0);
+    EXPECT_EQ(end.output + end.errors, "");
+    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(directory_.path()), {}), 1);
+    EXPECT_EQ(read_whole_file(directory_.path(".1")), "one");
+}
+
+TEST_F(TraceFile, ThatCannotBeOpenedIsSilent) {
+    testing::internal::CaptureStdout();
+    testing::internal::CaptureStderr();
+    {
+        Trace file(directory_.path("none/t").c_str(), 0, 3);
+        file.tprintf("x");
+        file.write_formatted_text("x");
+        file.WriteTraceData(405, bytes_of("abc"), 3);
+    }
+    EXPECT_EQ(testing::internal::GetCapturedStdout(), "");
+    EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+}
+
+TEST_F(TraceFile, TakesTheLongestName) {
+    const std::string directory = directory_.path() + "/";
+    const std::string longest = directory + std::string(254 - directory.size(), 'x');
+    directory_.write(longest.substr(directory.size()), "now");
+    const Trace file(longest.c_str(), 1, 3);
+    EXPECT_EQ(read_trace(longest).size(), 1U);
+}
+
+TEST_F(TraceFile, CountsTheTimeFromTheFirstStamp) {
+    clock_double_stands_at(1700000000000);
+    Trace file(name().c_str(), 0, 3);
+    clock_double_stands_at(1700000000007);
+    file.tprintf("x");
+    clock_double_stands_at(1700000061000);
+    file.tprintf("x");
+    const std::vector<TraceRecord> found = records();
+    EXPECT_EQ(found[0].clock_time, 0.0);
+    EXPECT_EQ(found[1].clock_time, 7.0);
+    EXPECT_EQ(found[2].clock_time, 61000.0);
+}
+
+TEST_F(TraceFile, SharesTheClockBetweenObjects) {
+    clock_double_stands_at(5000);
+    { const Trace first(directory_.path("first").c_str(), 0, 3); }
+    clock_double_stands_at(5100);
+    const Trace file(name().c_str(), 0, 3);
+    EXPECT_EQ(records()[0].clock_time, 100.0);
+}
+
+TEST_F(TraceFile, NotesAClockThatGoesBackAndNeverStampsBackwards) {
+    clock_double_stands_at(100000);
+    Trace file(name().c_str(), 0, 3);
+    clock_double_stands_at(105000);
+    file.tprintf("a");
+    clock_double_stands_at(102000);
+    file.tprintf("b");
+    clock_double_stands_at(102500);
+    file.tprintf("c");
+    clock_double_stands_at(101500);
+    file.tprintf("d");
+    clock_double_stands_at(109000);
+    file.tprintf("e");
+    EXPECT_THAT(
+        trace_texts(name()),
+        ElementsAre("a", "time adjusted backwords!  current=2000 prev=5000 adjust=3000\n", "b", "c",
+                    "time adjusted backwords!  current=1500 prev=2500 adjust=4000\n", "d", "e"));
+    std::vector<double> stamps;
+    for (const TraceRecord& record : records()) {
+        stamps.push_back(record.clock_time);
+    }
+    EXPECT_THAT(stamps, ElementsAre(0, 5000, 5000, 5000, 5500, 5500, 5500, 13000));
+}
+
+TEST_F(TraceFile, NotesAClockThatGoesBackBeforeTheFirstStamp) {
+    clock_double_stands_at(100000);
+    Trace file(name().c_str(), 0, 3);
+    clock_double_stands_at(100001);
+    file.tprintf("a");
+    // Unsigned: 1000 before the start is far ahead of it.
+    clock_double_stands_at(99000);
+    file.tprintf("b");
+    clock_double_stands_at(100002);
+    file.tprintf("c");
+    const std::vector<TraceRecord> found = records();
+    ASSERT_EQ(found.size(), 5U);
+    EXPECT_EQ(found[2].clock_time, 4294966296.0);
+    EXPECT_EQ(found[3].payload,
+              "time adjusted backwords!  current=2 prev=4294966296 adjust=4294966294\n");
+    EXPECT_EQ(found[4].clock_time, 4294966296.0);
+}
+
+TEST_F(TraceFile, WritersOfSeveralThreadsKeepRecordsWhole) {
+    constexpr int writers = 4;
+    constexpr int rounds = 60;
+    Trace file(name().c_str(), 0, 3);
+    std::atomic<int> ready{0};
+    std::vector<std::thread> threads;
+    for (int writer = 0; writer < writers; ++writer) {
+        threads.emplace_back([&file, &ready, writer] {
+            ++ready;
+            while (ready < writers) {
+                std::this_thread::yield();
+            }
+            for (int round = 0; round < rounds; ++round) {
+                const auto length = static_cast<std::size_t>(200 + 100 * writer + round);
+                const std::string payload(length, static_cast<char>('a' + writer));
+                file.WriteTraceData(static_cast<unsigned long>(1000 + writer), bytes_of(payload),
+                                    payload.size());
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    const std::vector<TraceRecord> found = records();
+    ASSERT_EQ(found.size(), 1U + writers * rounds);
+    std::vector<int> counts(writers);
+    for (std::size_t i = 1; i < found.size(); ++i) {
+        const auto writer = found[i].kind - 1000;
+        ASSERT_LT(writer, static_cast<std::uint32_t>(writers));
+        const int round = counts[writer]++;
+        EXPECT_EQ(found[i].payload,
+                  std::string(200 + 100 * writer + static_cast<std::uint32_t>(round),
+                              static_cast<char>('a' + static_cast<char>(writer))));
+    }
+    EXPECT_THAT(counts, testing::Each(rounds));
+}
+
+TEST_F(TraceFile, StampsTheThreadThatWrites) {
+    Trace file(name().c_str(), 0, 3);
+    std::uint32_t other = 0;
+    std::thread([&] {
+        other = static_cast<std::uint32_t>(pthread_self());
+        file.tprintf("x");
+    }).join();
+    EXPECT_EQ(records()[1].thread, other);
+    EXPECT_NE(records()[1].thread, records()[0].thread);
+}
+
+TEST_F(TraceFile, WaitsForTheCriticalSection) {
+    Trace file(name().c_str(), 0, 3);
+    chEnterCritSec();
+    std::atomic<bool> written{false};
+    std::thread writer([&] {
+        file.tprintf("x");
+        written = true;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(150));
+    EXPECT_FALSE(written);
+    EXPECT_THAT(trace_texts(name()), IsEmpty());
+    chExitCritSec();
+    writer.join();
+    EXPECT_THAT(trace_texts(name()), ElementsAre("x"));
+}
+
+namespace {
+
+using Clock = std::chrono::steady_clock;
+
+double seconds_since(Clock::time_point start) {
+    return std::chrono::duration<double>(Clock::now() - start).count();
+}
+
+/// Runs `call` in a thread of its own.
+template <typename Call>
+void elsewhere(Call call) {
+    std::thread(call).join();
+}
+
+bool is_held(mutexSem& mutex) {
+    if (pthread_mutex_trylock(&mutex.pthreadMutex) != 0) {
+        return true;
+    }
+    pthread_mutex_unlock(&mutex.pthreadMutex);
+    return false;
+}
+
+}  // namespace
+
+TEST(MutexSem, IsFreeAtFirst) {
+    mutexSem mutex;
+    EXPECT_EQ(mutex.owner, pthread_t{});
+    EXPECT_EQ(mutex.semid, &mutex.pthreadMutex);
+    EXPECT_EQ(mutex.createRC, 0);
+    EXPECT_FALSE(is_held(mutex));
+}
+
+TEST(MutexSem, HasOneOwnerAtATime) {
+    mutexSem mutex;
+    EXPECT_EQ(mutex.Acquire(1), 0);
+    EXPECT_TRUE(pthread_equal(mutex.owner, pthread_self()));
+    EXPECT_TRUE(is_held(mutex));
+    EXPECT_EQ(mutex.Release(), 0);
+    EXPECT_EQ(mutex.owner, pthread_t{});
+    EXPECT_FALSE(is_held(mutex));
+    elsewhere([&mutex] {
+        EXPECT_EQ(mutex.Acquire(0), 0);
+        EXPECT_EQ(mutex.Release(), 0);
+    });
+}
+
+TEST(MutexSem, GivesUpAfterTheTimeAsked) {
+    mutexSem mutex;
+    ASSERT_EQ(mutex.Acquire(0), 0);
+    elsewhere([&mutex] {
+        const Clock::time_point start = Clock::now();
+        EXPECT_EQ(mutex.Acquire(1), EBUSY);
+        const double seconds = seconds_since(start);
+        EXPECT_GE(seconds, 0.99);
+        EXPECT_LT(seconds, 5.0);
+    });
+    EXPECT_TRUE(pthread_equal(mutex.owner, pthread_self()));
+    EXPECT_EQ(mutex.Release(), 0);
+}
+
+TEST(MutexSem, TriesTwentyTimesASecond) {
+    mutexSem mutex;
+    ASSERT_EQ(mutex.Acquire(0), 0);
+    const SleepDouble sleeps(0);
+    EXPECT_EQ(mutex.Acquire(1), EBUSY);
+    EXPECT_EQ(sleeps.slept(), std::vector<long>(20, 50));
+    EXPECT_EQ(mutex.Acquire(3), EBUSY);
+    EXPECT_EQ(sleeps.slept(), std::vector<long>(80, 50));
+    EXPECT_EQ(mutex.Release(), 0);
+}
+
+TEST(MutexSem, WaitsPracticallyForEverWithoutATime) {
+    mutexSem mutex;
+    ASSERT_EQ(mutex.Acquire(0), 0);
+    SleepDouble sleeps(0);
+    // The owner lets go after a quarter of a million attempts.
+    sleeps.after_sleep = [&mutex](int count) {
+        if (count == 250000) {
+            mutex.Release();
+        }
+    };
+    EXPECT_EQ(mutex.Acquire(0), 0);
+    EXPECT_EQ(sleeps.slept().size(), 250000U);
+    EXPECT_EQ(mutex.Release(), 0);
+}
+
+TEST(MutexSem, IsNotRecursive) {
+    mutexSem mutex;
+    ASSERT_EQ(mutex.Acquire(0), 0);
+    EXPECT_EQ(mutex.Acquire(1), EBUSY);
+    EXPECT_EQ(mutex.Release(), 0);
+    EXPECT_FALSE(is_held(mutex));
+}
+
+TEST(MutexSem, IsTakenWhenItsOwnerLetsGo) {
+    mutexSem mutex;
+    ASSERT_EQ(mutex.Acquire(0), 0);
+    std::atomic<int> result{-1};
+    std::thread waiting([&] {
+        result = mutex.Acquire(0);
+        mutex.Release();
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(120));
+    EXPECT_EQ(result, -1);
+    EXPECT_EQ(mutex.Release(), 0);
+    waiting.join();
+    EXPECT_EQ(result, 0);
+}
+
+TEST(MutexSem, IsNotReleasedByAnotherThread) {
+    mutexSem mutex;
+    ASSERT_EQ(mutex.Acquire(0), 0);
+    elsewhere([&mutex] { EXPECT_EQ(mutex.Release(), 0); });
+    EXPECT_TRUE(is_held(mutex));
+    EXPECT_TRUE(pthread_equal(mutex.owner, pthread_self()));
+    EXPECT_EQ(mutex.Release(), 0);
+    EXPECT_FALSE(is_held(mutex));
+}
+
+TEST(MutexSem, MayBeReleasedTwice) {
+    mutexSem mutex;
+    EXPECT_EQ(mutex.Release(), 0);
+    ASSERT_EQ(mutex.Acquire(0), 0);
+    EXPECT_EQ(mutex.Release(), 0);
+    EXPECT_EQ(mutex.Release(), 0);
+    EXPECT_EQ(mutex.Acquire(1), 0);
+    EXPECT_EQ(mutex.Release(), 0);
+}
+
+TEST(MutexSem, IsUsableAfterDestroy) {
+    mutexSem mutex;
+    EXPECT_EQ(mutex.Destroy(), 0);
+    EXPECT_EQ(mutex.Acquire(1), 0);
+    EXPECT_EQ(mutex.Destroy(), 0);
+    EXPECT_TRUE(is_held(mutex));
+    EXPECT_EQ(mutex.Release(), 0);
+    EXPECT_FALSE(is_held(mutex));
+}
+
+TEST(MutexSem, WithoutAMutexDoesNothing) {
+    mutexSem mutex;
+    mutex.semid = nullptr;
+    EXPECT_EQ(mutex.Acquire(0), 0);
+    EXPECT_EQ(mutex.Acquire(0), 0);
+    EXPECT_EQ(mutex.owner, pthread_t{});
+    EXPECT_FALSE(is_held(mutex));
+    EXPECT_EQ(mutex.Release(), 0);
+    EXPECT_EQ(mutex.Destroy(), 0);
+}
+
+TEST(MutexSem, TakesNothingWhenTheTimeWrapsToZero) {
+    mutexSem mutex;
+    // 536870912 * 1000 is 125 * 2^32.
+    for (const unsigned int timeout : {536870912U, 1073741824U, 3758096384U}) {
+        EXPECT_EQ(mutex.Acquire(timeout), 0);
+        EXPECT_EQ(mutex.owner, pthread_t{});
+        EXPECT_FALSE(is_held(mutex));
+    }
+}
+
+TEST(MutexSem, WaitsTheWrappedTime) {
+    mutexSem mutex;
+    ASSERT_EQ(mutex.Acquire(0), 0);
+    elsewhere([&mutex] {
+        const Clock::time_point start = Clock::now();
+        EXPECT_EQ(mutex.Acquire(536870913U), EBUSY);
+        EXPECT_GE(seconds_since(start), 0.99);
+        EXPECT_LT(seconds_since(start), 5.0);
+    });
+    EXPECT_EQ(mutex.Release(), 0);
+}
+
+TEST(MutexSem, LetsOneThreadInAtATime) {
+    constexpr int threads_count = 4;
+    constexpr int rounds = 40;
+    int counter = 0;
+    std::vector<std::thread> threads;
+    for (int i = 0; i < threads_count; ++i) {
+        threads.emplace_back([&counter] {
+            for (int round = 0; round < rounds; ++round) {
+                chEnterCritSec();
+                const int seen = counter;
+                std::this_thread::yield();
+                counter = seen + 1;
+                chExitCritSec();
+            }
+        });
+    }
+    for (std::thread& thread : threads) {
+        thread.join();
+    }
+    EXPECT_EQ(counter, threads_count * rounds);
+}
