@@ -70,8 +70,9 @@ bool is_alive(const libusb_device_handle& handle) {
     return alive(handle, zelfsim::now());
 }
 
-Outcome open_device(World& world, libusb_device* device, libusb_device_handle** handle) {
-    if (world.find(device) == nullptr || handle == nullptr) {
+Outcome open_device(World& world, libusb_device* raw, libusb_device_handle** handle) {
+    const auto device = world.find(raw);
+    if (!device || handle == nullptr) {
         return {LIBUSB_ERROR_INVALID_PARAM, false};
     }
     libusb_device_handle probe;
@@ -219,7 +220,7 @@ libusb_device* libusb_get_device(libusb_device_handle* handle) {
     World& world = World::instance();
     const std::lock_guard lock(world.mutex);
     const HandlePointer found = world.find(handle, "get-device");
-    return found ? found->device : nullptr;
+    return found ? found->device.get() : nullptr;
 }
 
 int libusb_claim_interface(libusb_device_handle* handle, int number) {

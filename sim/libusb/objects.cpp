@@ -99,7 +99,7 @@ libusb_device* World::reference_present(libusb_context* context, Peripheral& per
             return pointer;
         }
     }
-    auto device = std::make_unique<libusb_device>();
+    auto device = std::make_shared<libusb_device>();
     const DeviceDescription& description = peripheral.description();
     device->context = context;
     device->bus = bus_;
@@ -114,17 +114,18 @@ libusb_device* World::reference_present(libusb_context* context, Peripheral& per
     return pointer;
 }
 
-libusb_device* World::find(libusb_device* device) {
-    return devices_.contains(device) ? device : nullptr;
+std::shared_ptr<libusb_device> World::find(libusb_device* device) const {
+    const auto found = devices_.find(device);
+    return found == devices_.end() ? nullptr : found->second;
 }
 
 void World::unreference(libusb_device* device) {
-    if (find(device) != nullptr && --device->references == 0) {
+    if (devices_.contains(device) && --device->references == 0) {
         devices_.erase(device);
     }
 }
 
-libusb_device_handle* World::add_handle(libusb_device* device) {
+libusb_device_handle* World::add_handle(const std::shared_ptr<libusb_device>& device) {
     auto handle = std::make_shared<libusb_device_handle>();
     handle->device = device;
     ++device->references;
@@ -146,7 +147,7 @@ HandlePointer World::find(libusb_device_handle* handle, std::string_view caller)
 void World::remove_handle(const HandlePointer& handle) {
     handle->closed = true;
     handle->claims.clear();
-    unreference(handle->device);
+    unreference(handle->device.get());
     handles_.erase(handle.get());
 }
 

@@ -36,7 +36,8 @@ struct libusb_device {
 };
 
 struct libusb_device_handle {
-    libusb_device* device = nullptr;
+    /// Lives as long as a read that is still on its way out of a closed handle.
+    std::shared_ptr<libusb_device> device;
     bool closed = false;
     /// Claimed interfaces, each with a number that no other claim has.
     std::map<std::uint8_t, unsigned> claims;
@@ -65,10 +66,10 @@ class World {
     /// The context's object for a peripheral that is present, with one reference more.
     libusb_device* reference_present(libusb_context* context, Peripheral& peripheral);
     /// Null for a pointer that is no device.
-    libusb_device* find(libusb_device* device);
+    std::shared_ptr<libusb_device> find(libusb_device* device) const;
     void unreference(libusb_device* device);
 
-    libusb_device_handle* add_handle(libusb_device* device);
+    libusb_device_handle* add_handle(const std::shared_ptr<libusb_device>& device);
     /// Null, and a line in the record, for a pointer that is no open handle.
     HandlePointer find(libusb_device_handle* handle, std::string_view caller);
     void remove_handle(const HandlePointer& handle);
@@ -83,7 +84,7 @@ class World {
     std::shared_ptr<Bus> bus_;
     std::map<libusb_context*, std::unique_ptr<libusb_context>> contexts_;
     libusb_context* default_context_ = nullptr;
-    std::map<libusb_device*, std::unique_ptr<libusb_device>> devices_;
+    std::map<libusb_device*, std::shared_ptr<libusb_device>> devices_;
     std::map<libusb_device_handle*, HandlePointer> handles_;
     unsigned claims_ = 0;
 };

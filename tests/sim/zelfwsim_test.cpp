@@ -1,0 +1,68 @@
+// The command line tool.
+#include "model/bus_file.h"
+#include "model/fleet.h"
+#include "support/bench.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+namespace {
+
+using testing::HasSubstr;
+using testing::StartsWith;
+
+const std::string kTool = ZELFWSIM_TOOL;
+
+TEST(Zelfwsim, ChecksABusFile) {
+    const Outcome good = run(kTool + " check " ZELFWSIM_BUSES "/demo.toml");
+    EXPECT_EQ(good.code, 0);
+    EXPECT_THAT(good.output, HasSubstr("printer              7a01:3c35  bus 1 address 3"));
+    const Workspace workspace;
+    const Outcome bad = run(kTool + " check " + workspace.write("bad.toml", "\n\nname = 3\n"));
+    EXPECT_EQ(bad.code, 2);
+    EXPECT_EQ(bad.output, workspace.path("bad.toml") + ":3: unknown key \"name\"\n");
+}
+
+TEST(Zelfwsim, GeneratesTheFleetThatComesWithIt) {
+    const Workspace workspace;
+    EXPECT_EQ(run(kTool + " generate 128 | cmp - " ZELFWSIM_BUSES "/fleet-128.toml").output, "");
+}
+
+TEST(Zelfwsim, GeneratesBusesOfEverySize) {
+    const Workspace workspace;
+    for (const unsigned count : {1U, 7U, 8U, 96U, 97U, zelfsim::kLargestFleet}) {
+        const auto bus =
+            zelfsim::read_bus_file(workspace.write("fleet.toml", zelfsim::fleet(count)));
+        unsigned devices = 0;
+        for (const auto& device : bus.devices) {
+            devices += device.is_hub ? 0 : 1;
+        }
+        EXPECT_EQ(devices, count);
+    }
+}
+
+TEST(Zelfwsim, ShowsDevicesAsTheyAreNow) {
+    Bench bench;
+    bench.update(make_image(0, {1, 5, 1}));
+    const std::string command = kTool + " show " + bench.workspace().bus() + " ";
+    EXPECT_THAT(run(command + bench.workspace().state()).output,
+                HasSubstr("01.05.01  firmware       increasing  waits for the reset"));
+    bench.reset();
+    EXPECT_THAT(run(command + bench.workspace().state()).output,
+                HasSubstr("01.05.01  firmware       increasing  updated"));
+    EXPECT_THAT(run(command).output, HasSubstr("01.02.03  firmware       increasing  factory"));
+    EXPECT_EQ(run(command + "/does/not/exist").code, 2);
+}
+
+TEST(Zelfwsim, TellsWhatItTakes) {
+    EXPECT_EQ(run(kTool + " --help").code, 0);
+    EXPECT_THAT(run(kTool + " --help").output, StartsWith("zelfwsim: the simulated bus"));
+    for (const char* wrong : {"", " fly", " check", " check a b", " generate", " generate 0",
+                              " generate 1001", " generate x", " show"}) {
+        const Outcome result = run(kTool + wrong);
+        EXPECT_EQ(result.code, 1) << wrong;
+        EXPECT_THAT(result.output, HasSubstr("Try: zelfwsim --help")) << wrong;
+    }
+}
+
+}  // namespace
