@@ -133,7 +133,9 @@ void ZELFLASH::read_hid_messages(int index) {
     slot.read_hid_in_progress = 1;
     writedebug("%d: read_hid_messages started (device_closed=%d)\n", index, slot.device_closed);
     do {
-        const int rc = read_flash(status, sizeof(status), 0, index);
+        // A read would open the handle again, in the case of a thread that starts after the close.
+        const int rc = slot.device_closed == 1 ? exchange_device_closed
+                                               : read_flash(status, sizeof(status), 0, index);
         writedebug("%d: read_flash returned rc=%d (stopped=%d device_closed=%d)\n", index, rc,
                    slot.stopped, slot.device_closed);
         if (slot.stopped == 1 || slot.device_closed == 1) {

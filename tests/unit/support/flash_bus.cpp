@@ -139,6 +139,9 @@ int FlashPeripheral::give_feature(unsigned char* buffer, int length) {
 }
 
 int FlashPeripheral::give_report(unsigned char* buffer, int length, int* actual) {
+    if (on_read) {
+        on_read();
+    }
     std::unique_lock guard(lock);
     ++pending_reads;
     changed.notify_all();

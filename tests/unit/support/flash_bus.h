@@ -49,6 +49,8 @@ class FlashPeripheral {
     std::deque<int> next_write_results;
     /// Called with each command, before it is answered, without a lock held.
     std::function<void(const Bytes&)> on_command;
+    /// Called at the start of each read, by the thread that reads.
+    std::function<void()> on_read;
     /// A pending read goes on when the interface is released.
     bool ignores_release = false;
 

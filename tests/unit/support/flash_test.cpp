@@ -8,6 +8,8 @@
 
 namespace {
 
+constexpr int longest_wait = 10000;  // milliseconds
+
 /// The options as a run without arguments has them, and no firmware files.
 void restore_options() {
     reset_options();
@@ -37,6 +39,12 @@ FlashTest::FlashTest() : flash(std::make_unique<ZELFLASH>()) {
 
 FlashTest::~FlashTest() {
     threads.let_go();
+    for (int slot = 0; flash != nullptr && slot < max_reader_slots; ++slot) {
+        if (flash->ThreadTable[slot].hThread != 0) {
+            flash->close_device_after_use(slot, 0);
+        }
+    }
+    threads.all_ended_within(longest_wait);
     flash.reset();
 }
 

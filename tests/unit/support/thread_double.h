@@ -5,7 +5,7 @@
 class ThreadDouble {
   public:
     ThreadDouble();
-    /// Lets threads that are held back go, and waits until all have ended.
+    /// Lets threads that are held back go.
     ~ThreadDouble();
     ThreadDouble(const ThreadDouble&) = delete;
     ThreadDouble& operator=(const ThreadDouble&) = delete;

@@ -1,0 +1,504 @@
+#include "support/flash_test.h"
+#include "zelflshhid.h"
+#include "zelfwupdate/firmware_search.h"
+#include "zelfwupdate/options.h"
+#include "zelfwupdate/zelflash.h"
+
+#include <gtest/gtest.h>
+
+#include <cerrno>
+#include <cstring>
+#include <memory>
+#include <string>
+
+namespace {
+
+constexpr int slot = 2;
+
+/// The queries, on a device whose answers the test puts where a reader would.
+class Discovery : public FlashTest {
+  protected:
+    Discovery() {
+        entry.product_id = 0x4123;
+        open_directly(device, slot);
+        device.on_command = [this](const Bytes&) {
+            std::memset(flash->last_status, 0, sizeof flash->last_status);
+            std::memcpy(flash->last_status, status.data(), status.size());
+        };
+    }
+    /// The empty debug lines beside those that end a dump.
+    int empty_lines() const {
+        return debugged("") - logged("Report written:") - logged("Status report read:") -
+               logged("Feature report read:");
+    }
+    int plain_list(int length, const std::vector<Bytes>& entries) {
+        device.data[wire::component_list_query] = list_answer(length, entries);
+        return flash->add_components_to_table(&entry, slot);
+    }
+    int extended_list(int length, const std::vector<Bytes>& entries) {
+        device.data[wire::extended_list_query] = list_answer(length, entries);
+        return flash->read_extended_component_list(&entry, slot);
+    }
+
+    FlashPeripheral& device = bus.add(0x4123);
+    flashEntry entry{};
+    Bytes status{0x01};
+};
+
+TEST_F(Discovery, TakesTheDeviceInformation) {
+    status = {0x09, 0x11, 0x22, 0x33, 0xF0};
+    EXPECT_EQ(0, flash->get_device_info(&entry, slot));
+    EXPECT_EQ(0x11, entry.dev_type);
+    EXPECT_EQ(0x22, entry.dev_id);
+    EXPECT_EQ(0x33, entry.command_set);
+    EXPECT_EQ(0xF0, entry.features);
+    EXPECT_NE(std::string::npos,
+              log.text().find("Device Information Response:\n"
+                              "    Type:        11\n"
+                              "    ID:          22\n"
+                              "    Command set: 33\n"
+                              "    Feature:     f0\n"
+                              "                 - Multiple Components\n"
+                              "                 - Extended versioning\n"
+                              "                 - Systems management reporting\n"
+                              "                 - Read all records supported\n"));
+    EXPECT_EQ(1, debugged("Get device information for ProductID 4123"));
+}
+
+TEST_F(Discovery, NamesTheFeaturesThatTheDeviceHas) {
+    status = {0x08, 0, 0, 0, 0x4F};
+    flash->get_device_info(&entry, slot);
+    EXPECT_EQ(1, log.count("                 - "));
+    EXPECT_EQ(1, logged("                 - Extended versioning"));
+}
+
+TEST_F(Discovery, TakesNoInformationThatIsNotThere) {
+    status = {0x01, 0x11, 0x22, 0x33, 0xF0};
+    EXPECT_EQ(0, flash->get_device_info(&entry, slot));
+    EXPECT_EQ(0, entry.dev_type + entry.features);
+    EXPECT_EQ(0, log.count("Device Information Response"));
+    EXPECT_EQ(0, flash->get_ec_level(&entry, slot));
+    EXPECT_EQ(0, entry.current_ec_level);
+}
+
+TEST_F(Discovery, KnowsARejectedQuery) {
+    status = {0x8C};
+    EXPECT_EQ(17, flash->get_device_info(&entry, slot));
+    EXPECT_EQ(1, debugged("Get device information command request not supported"));
+    EXPECT_EQ(17, flash->get_ec_level(&entry, slot));
+    EXPECT_EQ(1, debugged("EC Level command request not supported"));
+}
+
+TEST_F(Discovery, QueriesPassFailuresOn) {
+    device.next_write_results = {LIBUSB_ERROR_PIPE, LIBUSB_ERROR_NO_DEVICE, LIBUSB_ERROR_TIMEOUT};
+    EXPECT_EQ(8, flash->get_device_info(&entry, slot));
+    EXPECT_EQ(13, flash->get_ec_level(&entry, slot));
+    EXPECT_EQ(8, flash->add_component_x_version_info(&entry, 1, 1, slot));
+    EXPECT_EQ(1, debugged("Send of configuration command failed, rc=8"));
+}
+
+TEST_F(Discovery, TakesTheLevelsLowByteFirst) {
+    status = {0x04, 0x02, 0x0A, 0x01, 0x09, 0x77, 0x66};
+    EXPECT_EQ(0, flash->get_ec_level(&entry, slot));
+    EXPECT_EQ(0x0A02, entry.current_ec_level);
+    EXPECT_EQ(0x0901, entry.previous_ec_level);
+    EXPECT_EQ(0, entry.current_build_level + entry.previous_build_level);
+    EXPECT_EQ(1, logged("EC Level:"));
+    EXPECT_EQ(1, logged("    Current Version:  0a.02"));
+    EXPECT_EQ(1, logged("    Previous Version: 09.01"));
+    EXPECT_EQ(0, log.count("Build:"));
+}
+
+TEST_F(Discovery, TakesBuildLevelsWithExtendedVersioning) {
+    entry.features = 0x40;
+    status = {0x04, 0xFF, 0xFE, 0, 0, 0x77, 0xF6};
+    EXPECT_EQ(0, flash->get_ec_level(&entry, slot));
+    EXPECT_EQ(0xFEFF, entry.current_ec_level);
+    EXPECT_EQ(0x77, entry.current_build_level);
+    EXPECT_EQ(0xF6, entry.previous_build_level);
+    EXPECT_EQ(1, logged("    Current Build:    77"));
+    EXPECT_EQ(1, logged("    Previous Build:   f6"));
+}
+
+TEST_F(Discovery, TakesAPlainList) {
+    EXPECT_EQ(0, plain_list(24, {{0, 0x02, 0x01, 0x02}, {1, 0x05, 0x04, 0x05}, {3, 7, 6, 0x0D}}));
+    EXPECT_EQ(3, entry.component_count);
+    EXPECT_EQ(0x0102, entry.component[0].ec_level);
+    EXPECT_EQ(1, entry.component[0].comp_type);
+    EXPECT_EQ(0, entry.component[0].version_method);
+    EXPECT_EQ(1, entry.component[1].comp_id);
+    EXPECT_EQ(2, entry.component[1].comp_type);
+    EXPECT_EQ(1, entry.component[1].version_method);
+    EXPECT_EQ(3, entry.component[3].comp_id);
+    EXPECT_EQ(0x0607, entry.component[3].ec_level);
+    // Only two bits of the type.
+    EXPECT_EQ(2, entry.component[3].comp_type);
+    EXPECT_EQ(0, entry.component[3].build_level);
+    EXPECT_EQ(0, entry.component[2].comp_id);
+    EXPECT_EQ(1, empty_lines());
+}
+
+TEST_F(Discovery, SwapsThePlainListsLevelsWhenAsked) {
+    sdv_dawu_hw = 1;
+    EXPECT_EQ(0, plain_list(4, {{1, 0x02, 0x01, 0}}));
+    EXPECT_EQ(0x0201, entry.component[1].ec_level);
+    sdv_dawu_hw = 0;
+    EXPECT_EQ(0, plain_list(4, {{1, 0x02, 0x01, 0}}));
+    EXPECT_EQ(0x0102, entry.component[1].ec_level);
+    sdv_dawu_hw = 1;
+    EXPECT_EQ(0, extended_list(5, {{1, 0x02, 0x01, 0, 0}}));
+    EXPECT_EQ(0x0102, entry.component[1].ec_level);
+}
+
+TEST_F(Discovery, RefusesAListWhoseLengthDoesNotFit) {
+    EXPECT_EQ(6, plain_list(10, {{1, 2, 1, 0}, {2, 2, 1, 0}}));
+    EXPECT_EQ(1, debugged("Returned length 10 not mod 4; components not available"));
+    EXPECT_EQ(6, plain_list(255, {{1, 2, 1, 0}}));
+    EXPECT_EQ(6, extended_list(14, {{1, 2, 1, 0, 0}}));
+    EXPECT_EQ(1, debugged("Returned length 14 not mod 5; components not available"));
+    EXPECT_EQ(0, entry.component_count);
+    EXPECT_EQ(0, entry.component[1].comp_id);
+}
+
+TEST_F(Discovery, TakesAnEmptyListAsAList) {
+    EXPECT_EQ(0, plain_list(0, {{1, 2, 1, 0}}));
+    EXPECT_EQ(0, extended_list(0, {{1, 2, 1, 0, 0}}));
+    EXPECT_EQ(0, entry.component_count);
+    EXPECT_EQ(0, empty_lines());
+}
+
+TEST_F(Discovery, TakesTwentyEntriesAtMost) {
+    EXPECT_EQ(0, plain_list(160, std::vector<Bytes>(40, {5, 2, 1, 0})));
+    EXPECT_EQ(20, entry.component_count);
+    entry = {};
+    EXPECT_EQ(0, plain_list(252, std::vector<Bytes>(63, {5, 2, 1, 0})));
+    EXPECT_EQ(20, entry.component_count);
+    entry = {};
+    EXPECT_EQ(0, extended_list(255, std::vector<Bytes>(51, {5, 2, 1, 0, 9})));
+    EXPECT_EQ(20, entry.component_count);
+}
+
+TEST_F(Discovery, IgnoresComponentNumbersThatHaveNoRow) {
+    EXPECT_EQ(0, plain_list(16, {{20, 2, 1, 0}, {255, 2, 1, 0}, {19, 2, 1, 0}, {128, 1, 1, 1}}));
+    EXPECT_EQ(1, entry.component_count);
+    EXPECT_EQ(19, entry.component[19].comp_id);
+    entry = {};
+    EXPECT_EQ(0, extended_list(15, {{20, 2, 1, 0, 9}, {200, 2, 1, 0, 9}, {7, 2, 1, 0, 9}}));
+    EXPECT_EQ(1, entry.component_count);
+    EXPECT_EQ(9, entry.component[7].build_level);
+}
+
+TEST_F(Discovery, EndsAListAtAnEmptyEntry) {
+    EXPECT_EQ(0, plain_list(12, {{1, 2, 1, 0}, {0, 0, 0, 0}, {2, 2, 1, 0}}));
+    EXPECT_EQ(1, entry.component_count);
+    entry = {};
+    // The build level does not make an entry.
+    EXPECT_EQ(0, extended_list(15, {{1, 2, 1, 0, 0}, {0, 0, 0, 0, 9}, {2, 2, 1, 0, 0}}));
+    EXPECT_EQ(1, entry.component_count);
+    EXPECT_EQ(0, entry.component[2].comp_id);
+}
+
+TEST_F(Discovery, AnUnknownRevisionEndsAPlainList) {
+    EXPECT_EQ(6, plain_list(12, {{1, 2, 1, 0}, {2, 0xFF, 1, 0}, {3, 2, 1, 0}}));
+    EXPECT_EQ(1, logged("Revsion is 0xff, component list not correct"));
+    EXPECT_EQ(1, entry.component_count);
+    EXPECT_EQ(0, entry.component[2].comp_id);
+}
+
+TEST_F(Discovery, AnUnknownRevisionIsTakenFromAnExtendedList) {
+    EXPECT_EQ(0, extended_list(10, {{1, 0xFF, 1, 0, 0}, {2, 2, 1, 0, 0}}));
+    EXPECT_EQ(1, logged("Revision is 0xff, component list not correct"));
+    EXPECT_EQ(2, entry.component_count);
+    EXPECT_EQ(0x01FF, entry.component[1].ec_level);
+}
+
+TEST_F(Discovery, TakesThreeBitsOfTypeFromAnExtendedList) {
+    EXPECT_EQ(0, extended_list(5, {{1, 0xFE, 0xFD, 0x0D, 0xFC}}));
+    EXPECT_EQ(6, entry.component[1].comp_type);
+    EXPECT_EQ(1, entry.component[1].version_method);
+    EXPECT_EQ(0xFDFE, entry.component[1].ec_level);
+    EXPECT_EQ(0xFC, entry.component[1].build_level);
+}
+
+TEST_F(Discovery, ReadsNothingBehindAShortAnswer) {
+    device.data[wire::component_list_query] = {0x01, 0x00, 0x08};
+    EXPECT_EQ(0, flash->add_components_to_table(&entry, slot));
+    EXPECT_EQ(0, entry.component_count);
+}
+
+TEST_F(Discovery, AnExtendedListIsFetchedWhateverTheStatusFlags) {
+    status = {0x00};
+    device.other_answer = {{0x00}};
+    EXPECT_EQ(0, extended_list(5, {{1, 2, 1, 0, 0}}));
+    EXPECT_EQ(1, entry.component_count);
+}
+
+TEST_F(Discovery, ARefusedExtendedListIsNone) {
+    device.next_write_results = {LIBUSB_ERROR_PIPE};
+    EXPECT_EQ(6, extended_list(5, {{1, 2, 1, 0, 0}}));
+    EXPECT_EQ(1, logged("Send of read extended configuration command failed, rc=8"));
+}
+
+TEST_F(Discovery, TheCodeOfAFailedFetchIsPassedOn) {
+    EXPECT_EQ(12, flash->read_extended_component_list(&entry, slot));
+    EXPECT_EQ(1, debugged("Reading data, rc=12, buffer[]=00.00.00.00"));
+    EXPECT_EQ(12, flash->add_components_to_table(&entry, slot));
+    EXPECT_EQ(12, flash->add_component_x_version_info(&entry, 1, 0, slot));
+    EXPECT_EQ(0, entry.component_count);
+}
+
+TEST_F(Discovery, APlainListNeedsACompletedCommand) {
+    status = {0x00};
+    EXPECT_EQ(6, plain_list(4, {{1, 2, 1, 0}}));
+    EXPECT_EQ(1, logged("Send of configuration command failed, rc=0"));
+    EXPECT_EQ(0, device.feature_requests());
+    status = {0x80};
+    EXPECT_EQ(6, plain_list(4, {{1, 2, 1, 0}}));
+    status = {0x81};
+    EXPECT_EQ(6, plain_list(4, {{1, 2, 1, 0}}));
+    EXPECT_EQ(1, debugged("configuration version request command not supported, rc=0, status=80"));
+    EXPECT_EQ(1, debugged("configuration version request command not supported, rc=0, status=81"));
+    status = {0x01};
+    device.next_write_results = {LIBUSB_ERROR_PIPE};
+    EXPECT_EQ(6, plain_list(4, {{1, 2, 1, 0}}));
+    EXPECT_EQ(1, logged("Send of configuration command failed, rc=8"));
+}
+
+TEST_F(Discovery, TakesTheVersionOfOneComponent) {
+    device.data[wire::component_1_version_query] = {1, 0, 0, 0, 0, 0, 0x34, 0x92};
+    EXPECT_EQ(0, flash->add_component_x_version_info(&entry, 1, 1, slot));
+    EXPECT_EQ(1, entry.component[1].comp_id);
+    EXPECT_EQ(0x9234, entry.component[1].ec_level);
+    EXPECT_EQ(2, entry.component[1].comp_type);
+    EXPECT_EQ(1, logged("component 1 version=9234"));
+    EXPECT_EQ(1, debugged("Reading data, rc=0, buffer[]=01.00.00.00.00.00.34.92"));
+    device.next_features = {{0, {1, 0, 0, 0, 0, 0, 2, 1}}};
+    EXPECT_EQ(0, flash->add_component_x_version_info(&entry, 4, 1, slot));
+    EXPECT_EQ(1, entry.component[4].comp_type);
+    EXPECT_EQ(0x0102, entry.component[4].ec_level);
+}
+
+TEST_F(Discovery, StoresAVersionOnlyWhenAskedAndWhereThereIsARow) {
+    device.other_answer = {{0x01}};
+    device.next_features = {{0, Bytes(8, 1)}, {0, Bytes(8, 1)}, {0, Bytes(8, 1)}};
+    EXPECT_EQ(0, flash->add_component_x_version_info(&entry, 1, 0, slot));
+    EXPECT_EQ(0, flash->add_component_x_version_info(&entry, 20, 1, slot));
+    EXPECT_EQ(0, flash->add_component_x_version_info(&entry, -1, 1, slot));
+    for (const component_entry& component : entry.component) {
+        EXPECT_EQ(0, component.ec_level);
+    }
+}
+
+TEST_F(Discovery, AVersionThatDoesNotComeCountsAsSuccess) {
+    status = {0x00};
+    EXPECT_EQ(0, flash->add_component_x_version_info(&entry, 1, 1, slot));
+    EXPECT_EQ(0, entry.component[1].comp_id);
+    EXPECT_EQ(1, debugged("Send of configuration command failed, rc=0"));
+}
+
+TEST_F(Discovery, TheProbeOnlyWrites) {
+    flash->hiddev->ProductID = 0x4123;
+    device.next_write_results = {0, LIBUSB_ERROR_NO_DEVICE};
+    device.other_answer = {};
+    EXPECT_EQ(0, flash->check_device_connection(slot));
+    EXPECT_EQ(13, flash->check_device_connection(slot));
+    EXPECT_EQ(2, debugged("Get device information for ProductID 4123"));
+    EXPECT_EQ(1, debugged("Device information request results for ProductID 4123, rc=13"));
+}
+
+/// Whole devices, with a reader.
+class Processing : public FlashTest {
+  protected:
+    int process(FlashPeripheral& device) { return process(device, device.path()); }
+    int process(FlashPeripheral& device, const std::string& path) {
+        flash->hiddev = std::make_unique<HIDDEVICE2>(
+            device.usb().descriptor.idVendor, device.usb().descriptor.idProduct, path.c_str());
+        return flash->process_device(path.c_str());
+    }
+    void expect_unchanged_table() {
+        EXPECT_EQ(0, flash->numberOfFlashEntries);
+        EXPECT_EQ(nullptr, flash->hiddev);
+        EXPECT_EQ(1, flash->CurrentIndex);
+        EXPECT_EQ(1, flash->ThreadTable[0].stopped);
+        EXPECT_EQ(1, flash->ThreadTable[0].device_closed);
+        EXPECT_EQ(0, usb.live_handles);
+    }
+};
+
+TEST_F(Processing, ADeviceTellsItsComponents) {
+    FlashPeripheral& device = bus.add(0x4123);
+    device.answers[wire::device_information_query] = {{0x09, 1, 2, 3, 0x80}};
+    device.answers[wire::ec_level_query] = {{0x05, 0x02, 0x01, 0x01, 0x01}};
+    device.data[wire::component_list_query] =
+        list_answer(8, {{0, 0x02, 0x01, 0x02}, {1, 0x05, 0x04, 0x04}});
+    EXPECT_EQ(1, process(device));
+    const flashEntry& row = flash->fe[0];
+    EXPECT_EQ(1, flash->numberOfFlashEntries);
+    EXPECT_EQ(device.path(), row.DevicePath);
+    EXPECT_STREQ("SN-0042", row.serialNumber);
+    EXPECT_EQ(0x0123, row.ec_level);
+    EXPECT_EQ(0x80, row.features);
+    EXPECT_EQ(0x0102, row.current_ec_level);
+    EXPECT_EQ(2, row.component_count);
+    EXPECT_EQ(0x0405, row.component[1].ec_level);
+    EXPECT_EQ(1, logged("Processing 7a01:4123:a000-1"));
+    EXPECT_EQ(0, device.count(wire::extended_list_query));
+    EXPECT_EQ(0, device.count(wire::component_1_version_query));
+    EXPECT_EQ(0, global_reading_information);
+    EXPECT_EQ(nullptr, flash->hiddev);
+    EXPECT_EQ(1, flash->CurrentIndex);
+    EXPECT_TRUE(threads.all_ended_within(10000));
+    EXPECT_EQ(0, threads.unreclaimed());
+    EXPECT_EQ(0, usb.live_handles);
+}
+
+TEST_F(Processing, AnExtendedListIsEnough) {
+    FlashPeripheral& device = bus.add(0x4123);
+    device.answers[wire::device_information_query] = {{0x09, 1, 2, 3, 0xC0}};
+    device.data[wire::extended_list_query] = list_answer(5, {{0, 0x02, 0x01, 0x02, 0x07}});
+    EXPECT_EQ(1, process(device));
+    EXPECT_EQ(1, flash->fe[0].component_count);
+    EXPECT_EQ(7, flash->fe[0].component[0].build_level);
+    EXPECT_EQ(1, logged("Extended version information available"));
+    EXPECT_EQ(0, device.count(wire::component_list_query));
+    EXPECT_EQ(0, global_reading_information);
+}
+
+TEST_F(Processing, WithoutListsTheMainComponentAndTheFirstAreAskedFor) {
+    FlashPeripheral& device = bus.add(0x4123);
+    device.answers[wire::device_information_query] = {{0x09, 1, 2, 3, 0x40}};
+    device.answers[wire::ec_level_query] = {{0x05, 0x02, 0x01}};
+    device.data[wire::extended_list_query] = list_answer(7, {});
+    device.data[wire::component_list_query] = list_answer(10, {});
+    device.data[wire::component_1_version_query] = {1, 0, 0, 0, 0, 0, 0x04, 0x03};
+    EXPECT_EQ(1, process(device));
+    const flashEntry& row = flash->fe[0];
+    EXPECT_EQ(2, row.component_count);
+    EXPECT_EQ(0x0102, row.component[0].ec_level);
+    EXPECT_EQ(1, row.component[0].comp_type);
+    EXPECT_EQ(0x0304, row.component[1].ec_level);
+    EXPECT_EQ(2, row.component[1].comp_type);
+    EXPECT_EQ(1, debugged("Extended and component information not available (Current EC=0102 HID "
+                          "Version=0123, index=0)"));
+    EXPECT_EQ(1, debugged("Two components on device (thread_index=0)"));
+    EXPECT_EQ(1, debugged("Device: 4123 component: 0, Version: 0102, current_ec: 0102 component "
+                          "count: 2"));
+    EXPECT_EQ(1, logged("    Component: ID: 00  Version: 01.02     Type: Firmware"));
+    EXPECT_EQ(1, logged("    Component: ID: 01  Version: 03.04     Type: Configuration"));
+    EXPECT_EQ(0, log.count("using interface version information"));
+}
+
+TEST_F(Processing, ASilentDeviceIsListedWithItsDescriptorsVersion) {
+    FlashPeripheral& device = bus.add(0x4123);
+    device.other_answer = {{0x81}};
+    EXPECT_EQ(1, process(device));
+    EXPECT_EQ(1, flash->fe[0].component_count);
+    EXPECT_EQ(0x0123, flash->fe[0].component[0].ec_level);
+    EXPECT_EQ(0x0123, flash->fe[0].current_ec_level);
+    EXPECT_EQ(1, debugged("EC not available from device response, using interface version "
+                          "information (index=0)"));
+    // Nothing is tried twice while information is gathered.
+    EXPECT_EQ(1, device.count(wire::component_list_query));
+    EXPECT_EQ(0, sleeps.count(500));
+}
+
+TEST_F(Processing, ADeviceThatCantBeSetUpIsLeftOut) {
+    FlashPeripheral& device = bus.add(0x4123);
+    std::string path = device.path();
+    path.replace(path.find("usage_a000"), 10, "usage_a010");
+    EXPECT_EQ(0, process(device, path));
+    EXPECT_EQ(1, debugged("Could not setup device for reading (pid=4123, index=0)"));
+    EXPECT_EQ(0, threads.created());
+    expect_unchanged_table();
+}
+
+TEST_F(Processing, ADeviceThatDoesNotTakeTheProbeIsLeftOut) {
+    FlashPeripheral& device = bus.add(0x4123);
+    device.next_write_results = {LIBUSB_ERROR_PIPE};
+    EXPECT_EQ(0, process(device));
+    EXPECT_EQ(1, debugged("Device not responding to commands... HID information only (Device='" +
+                          device.path() + "', index=0)"));
+    EXPECT_EQ(0, threads.created());
+    expect_unchanged_table();
+}
+
+TEST_F(Processing, ADeviceWithoutAReaderIsLeftOut) {
+    FlashPeripheral& device = bus.add(0x4123);
+    background_read = 0;
+    EXPECT_EQ(0, process(device));
+    EXPECT_EQ(1, debugged("Background message reading thread starting for '" + device.path() +
+                          "' timeout=2000, index=0"));
+    EXPECT_EQ(1, debugged("Background message reading thread starting for '" + device.path() +
+                          " could not start, rc=5, index=0"));
+    expect_unchanged_table();
+}
+
+TEST_F(Processing, ADeviceWhoseThreadCantBeCreatedIsLeftOut) {
+    FlashPeripheral& device = bus.add(0x4123);
+    threads.fail_with(EAGAIN);
+    EXPECT_EQ(0, process(device));
+    EXPECT_EQ(1, log.count(" could not start, rc=11, index=0\n"));
+    expect_unchanged_table();
+}
+
+TEST_F(Processing, ADeviceWithoutAFileIsPassedOver) {
+    FlashPeripheral& device = bus.add(0x4123);
+    device_firmware_match_only = 1;
+    EXPECT_EQ(0, process(device));
+    EXPECT_EQ(1, logged("Processing 7a01:4123:a000-1"));
+    EXPECT_EQ(0, flash->numberOfFlashEntries);
+    EXPECT_EQ(0, flash->CurrentIndex);
+    EXPECT_TRUE(device.commands().empty());
+}
+
+TEST_F(Processing, AnExcludedDeviceGetsNoCommand) {
+    for (const int product : ExclusionList) {
+        FlashPeripheral& device = bus.add(static_cast<uint16_t>(product));
+        flash->numberOfFlashEntries = 0;
+        flash->reset_device_list();
+        flash->ThreadTable[0] = {.stopped = 0,
+                                 .device_in_use = 1,
+                                 .device_closed = 0,
+                                 .read_hid_in_progress = 0,
+                                 .hThread = 0};
+        EXPECT_EQ(1, process(device));
+        EXPECT_EQ(1, flash->numberOfFlashEntries);
+        EXPECT_TRUE(device.commands().empty());
+        EXPECT_EQ(1, flash->fe[0].component_count);
+        EXPECT_EQ(0x0123, flash->fe[0].component[0].ec_level);
+        EXPECT_EQ(0x0123, flash->fe[0].current_ec_level);
+        EXPECT_EQ(1, flash->fe[0].component[0].comp_type);
+        // Slot 0 is closed; none is taken.
+        EXPECT_EQ(1, flash->ThreadTable[0].stopped);
+        EXPECT_EQ(1, flash->ThreadTable[0].device_closed);
+        EXPECT_EQ(0, flash->ThreadTable[0].device_in_use);
+        EXPECT_EQ(0, flash->CurrentIndex);
+        EXPECT_EQ(nullptr, flash->hiddev);
+    }
+    EXPECT_EQ(5, debugged("EC not available from device response, using interface version "
+                          "information"));
+}
+
+TEST_F(Processing, AnExcludedDeviceKeepsALevelThatIsKnown) {
+    FlashPeripheral& device = bus.add(0x3C77);
+    flash->fe[0].current_ec_level = 0x0506;
+    EXPECT_EQ(1, process(device));
+    EXPECT_EQ(0x0506, flash->fe[0].component[0].ec_level);
+    EXPECT_EQ(0, log.count("EC not available"));
+}
+
+TEST_F(Processing, AFullTableTakesNoMore) {
+    FlashPeripheral& device = bus.add(0x3C77);
+    flash->numberOfFlashEntries = max_flash_entries;
+    EXPECT_EQ(0, process(device));
+    EXPECT_EQ(max_flash_entries, flash->numberOfFlashEntries);
+}
+
+TEST_F(Processing, SlotsStayInTheirTable) {
+    FlashPeripheral& device = bus.add(0x4123);
+    flash->CurrentIndex = max_reader_slots + 5;
+    EXPECT_EQ(1, process(device));
+    EXPECT_EQ(1, log.count("starting read_hid_messages (index=2999)"));
+}
+
+}  // namespace

@@ -1,0 +1,479 @@
+#include "output.h"
+#include "support/flash_test.h"
+#include "zelflshhid.h"
+#include "zelfwtrace.h"
+#include "zelfwupdate/options.h"
+#include "zelfwupdate/zelflash.h"
+
+#include <gtest/gtest.h>
+
+#include <signal.h>
+#include <ucontext.h>
+
+#include <algorithm>
+#include <array>
+#include <cerrno>
+#include <chrono>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <thread>
+
+namespace {
+
+constexpr int slot = 4;
+constexpr int generous = 10000;  // milliseconds
+
+class Reader : public FlashTest {
+  protected:
+    thread_table& flags() { return flash->ThreadTable[slot]; }
+    void make_handle(const std::string& path) {
+        flash->hiddev = std::make_unique<HIDDEVICE2>(0, 0, path.c_str());
+    }
+    int set_up(int timeout) {
+        make_handle(device.path());
+        return flash->setup_device_for_reading(device.path().c_str(), timeout, slot);
+    }
+    int query() {
+        Bytes command = wire::device_information_query;
+        return flash->send_command(reinterpret_cast<char*>(command.data()),
+                                   static_cast<int>(command.size()), slot, generous);
+    }
+    bool log_shows(const std::string& line, int times = 1) {
+        for (int waited = 0; waited < generous; waited += 5) {
+            if (debugged(line) + logged(line) >= times) {
+                return true;
+            }
+            std::this_thread::sleep_for(std::chrono::milliseconds(5));
+        }
+        return false;
+    }
+
+    FlashPeripheral& device = bus.add(0x4123);
+};
+
+TEST_F(Reader, IsNotNeededForADeviceThatCantBeOpened) {
+    const std::string path = "//?/hid#vid_7a01&pid_9999&mi_00#bus_01&dev_099";
+    make_handle(path);
+    EXPECT_EQ(5, flash->setup_device_for_reading(path.c_str(), 2000, slot));
+    EXPECT_EQ(nullptr, flash->hiddev);
+    EXPECT_EQ(1, logged("Could not get open status for '" + path + "'"));
+    EXPECT_EQ(1, flags().device_closed);
+    EXPECT_EQ(0, threads.created());
+}
+
+TEST_F(Reader, IsNotNeededWithoutADevice) {
+    EXPECT_EQ(5, flash->setup_device_for_reading("nothing", 2000, slot));
+    EXPECT_EQ(1, logged("Could not get open status for 'nothing'"));
+}
+
+TEST_F(Reader, IsNotNeededForAnotherInterface) {
+    std::string path = device.path();
+    path.replace(path.find("usage_a000"), 10, "usage_a010");
+    make_handle(path);
+    EXPECT_EQ(5, flash->setup_device_for_reading(path.c_str(), 2000, slot));
+    EXPECT_EQ(nullptr, flash->hiddev);
+    EXPECT_EQ(1, logged("Could not open read handle for '" + path + "'"));
+    EXPECT_EQ(0, usb.live_handles);
+}
+
+TEST_F(Reader, FailuresToOpenAreToldWhenVerbose) {
+    const auto action = [this] { flash->setup_device_for_reading("nothing", 0, slot); };
+    EXPECT_EQ("", console_of(1, 0, action));
+    EXPECT_EQ("Could not get open status for 'nothing'\n", console_of(2, 1, action));
+}
+
+TEST_F(Reader, IsNotStartedWithoutATimeOut) {
+    EXPECT_EQ(0, set_up(0));
+    EXPECT_EQ(0, flags().device_closed);
+    EXPECT_EQ(1, flags().stopped);
+    EXPECT_EQ(0, threads.created());
+    EXPECT_TRUE(sleeps.slept().empty());
+}
+
+TEST_F(Reader, RunsBehindAnOpenDevice) {
+    EXPECT_EQ(0, set_up(2000));
+    EXPECT_EQ(1, flash->use_thread_reading);
+    EXPECT_EQ(slot, flash->ThreadIndex);
+    EXPECT_EQ(1, debugged("Background message reading thread starting for '" + device.path() +
+                          "' timeout=2000, index=4"));
+    EXPECT_TRUE(device.read_is_pending_within(generous));
+    EXPECT_EQ(0, flags().stopped);
+    EXPECT_EQ(1, flags().device_in_use);
+    EXPECT_EQ(0, flags().device_closed);
+    EXPECT_EQ(1, flags().read_hid_in_progress);
+    EXPECT_NE(pthread_t{0}, flags().hThread);
+    EXPECT_EQ(flash->hThread, flags().hThread);
+    EXPECT_EQ(100, sleeps.slept().front());
+    EXPECT_EQ(1, debugged("starting read_hid_messages (index=4)"));
+    EXPECT_EQ(2, debugged("-------------------------------------"));
+    EXPECT_EQ(1, debugged("4: read_hid_messages started (device_closed=0)"));
+    EXPECT_EQ(1, debugged("finished waiting for device to start (in_progress=1)"));
+}
+
+TEST_F(Reader, HandsReportsOver) {
+    device.answers[wire::device_information_query] = {{0x09, 2, 3, 4, 5, 6, 7, 8}};
+    set_up(2000);
+    EXPECT_EQ(0, query());
+    EXPECT_TRUE(log_shows("4: last_status[0]=09 (device_closed=0)"));
+    EXPECT_EQ(0, std::memcmp("\x09\x02\x03\x04\x05\x06\x07\x08", flash->last_status, 8));
+    EXPECT_EQ(0, flash->status_ready);
+}
+
+TEST_F(Reader, TellsOfRejectsAndErrors) {
+    set_up(2000);
+    device.report({0xC0});
+    EXPECT_TRUE(log_shows("4: Command reject from device"));
+    EXPECT_EQ(0, debugged("4: Operation error, stop flash operation"));
+    device.report({0x40});
+    EXPECT_TRUE(log_shows("4: Operation error, stop flash operation"));
+    EXPECT_EQ(1, debugged("4: Command reject from device"));
+}
+
+TEST_F(Reader, GivesThePreviousReportAfterAFailedRead) {
+    device.other_answer = {{0x01, 0x22}};
+    set_up(2000);
+    EXPECT_EQ(0, query());
+    EXPECT_TRUE(log_shows("4: last_status[0]=01 (device_closed=0)"));
+    device.report_failure(LIBUSB_ERROR_IO);
+    std::array<char, 8> answer{};
+    EXPECT_EQ(0, flash->wait_for_message(generous, answer.data(), 8, slot));
+    EXPECT_EQ(0x01, answer[0]);
+    EXPECT_EQ(0x22, answer[1]);
+    EXPECT_TRUE(
+        log_shows("4: Failure reading from flash device, rc=7.  Stopping (device_closed=0)"));
+    // It reads on.
+    EXPECT_EQ(1, flags().read_hid_in_progress);
+    device.other_answer = {{0x01, 0x33}};
+    EXPECT_EQ(0, query());
+    EXPECT_TRUE(log_shows("4: last_status[0]=01 (device_closed=0)", 2));
+    EXPECT_EQ(0x33, flash->last_status[1]);
+}
+
+TEST_F(Reader, DoesNotSpinOnADeviceThatIsGone) {
+    set_up(2000);
+    device.unplug();
+    std::this_thread::sleep_for(std::chrono::milliseconds(200));
+    const int failures = log.count("4: Failure reading from flash device, rc=13.");
+    EXPECT_GE(failures, 1);
+    EXPECT_LE(failures, 60);
+}
+
+TEST_F(Reader, LeavesWhenTheDeviceIsClosed) {
+    set_up(2000);
+    ASSERT_TRUE(device.read_is_pending_within(generous));
+    EXPECT_EQ(0, flash->close_device_after_use(slot, 1));
+    EXPECT_EQ(1, device.count(wire::stop));
+    EXPECT_EQ(1, flags().stopped);
+    EXPECT_EQ(1, flags().device_closed);
+    EXPECT_EQ(0, flags().device_in_use);
+    EXPECT_EQ(0, flags().read_hid_in_progress);
+    EXPECT_EQ(pthread_t{0}, flags().hThread);
+    EXPECT_EQ(nullptr, flash->hiddev);
+    EXPECT_EQ(0, usb.live_handles);
+    EXPECT_TRUE(threads.all_ended_within(generous));
+    EXPECT_EQ(0, threads.unreclaimed());
+    for (const char* const line :
+         {"4: close_device_after_use: device_in_use being reset",
+          "Stopping thread (index=4, in_use=0, stopped=1)",
+          "4: waiting for device to close (device_closed=0)",
+          "4: finished waiting for device to close (read_hid_in_progress=0, device_closed=0)",
+          "4: close_device_after_use: closing handles",
+          "4: close_device_after_use: wait finished (in_progress=0)",
+          "4: read_flash returned rc=0 (stopped=1 device_closed=0)",
+          "4: Stopping (stopped=1, device_closed=0)",
+          "4: read_hid_messages finished (device_closed=0)",
+          "4: Closing background message reading thread", "stopping read_hid_messages (index=4)"}) {
+        EXPECT_EQ(1, debugged(line)) << line;
+    }
+    EXPECT_EQ(0, log.count("join thread"));
+}
+
+TEST_F(Reader, LeavesWithoutAnAnswerOnceTheInterfaceIsReleased) {
+    device.other_answer = {};
+    SleepDouble quick{400};
+    set_up(2000);
+    ASSERT_TRUE(device.read_is_pending_within(generous));
+    const size_t before = quick.slept().size();
+    EXPECT_EQ(0, flash->close_device_after_use(slot, 0));
+    EXPECT_EQ(0, device.count(wire::stop));
+    EXPECT_TRUE(threads.all_ended_within(generous));
+    EXPECT_EQ(nullptr, flash->hiddev);
+    EXPECT_EQ(0, usb.live_handles);
+    EXPECT_LE(quick.slept().size() - before, 100U);
+    EXPECT_EQ(0, log.count("its device stays open"));
+}
+
+TEST_F(Reader, TheHandleIsClosedForWritingFirst) {
+    set_up(0);
+    const size_t before = usb.calls().size();
+    flash->close_device_after_use(slot, 0);
+    const std::vector<std::string> calls = usb.calls();
+    const auto after = calls.begin() + static_cast<std::ptrdiff_t>(before);
+    // The second of the two handles releases the interface.
+    EXPECT_EQ(1, std::count(after, calls.end(), "release 0"));
+    EXPECT_EQ("close 2", calls.back());
+}
+
+TEST_F(Reader, ClosingWithoutHandleAndThreadOnlySetsTheFlags) {
+    flags() = {.stopped = 0,
+               .device_in_use = 1,
+               .device_closed = 0,
+               .read_hid_in_progress = 0,
+               .hThread = 0};
+    EXPECT_EQ(0, flash->close_device_after_use(slot, 0));
+    EXPECT_EQ(1, flags().stopped);
+    EXPECT_EQ(1, flags().device_closed);
+    EXPECT_EQ(0, flags().device_in_use);
+    EXPECT_EQ(0, log.count("wait finished"));
+    EXPECT_TRUE(sleeps.slept().empty());
+}
+
+TEST_F(Reader, ThatHasEndedIsNotWaitedFor) {
+    set_up(0);
+    flash->use_thread_reading = 1;
+    flash->wait_for_close(slot);
+    EXPECT_EQ(1, device.count(wire::stop));
+    EXPECT_TRUE(sleeps.slept().empty());
+    EXPECT_EQ(1, debugged("4: waiting for device to close (device_closed=0)"));
+}
+
+TEST_F(Reader, ThatWasNeverThereIsNotWaitedFor) {
+    set_up(0);
+    flags().read_hid_in_progress = 1;
+    flash->wait_for_close(slot);
+    EXPECT_EQ(1, device.count(wire::stop));
+    EXPECT_TRUE(sleeps.slept().empty());
+    EXPECT_EQ(0, log.count("waiting for device to close"));
+}
+
+TEST_F(Reader, IsWaitedForAboutASecond) {
+    set_up(0);
+    const SleepDouble instant{0};
+    flash->use_thread_reading = 1;
+    flags().read_hid_in_progress = 1;
+    flash->wait_for_close(slot);
+    EXPECT_EQ(std::vector<long>(100, 10), instant.slept());
+    EXPECT_EQ(1, debugged("4: finished waiting for device to close (read_hid_in_progress=1, "
+                          "device_closed=0)"));
+}
+
+TEST_F(Reader, IsJoinedWhenAskedFor) {
+    set_up(2000);
+    read_hid_in_progress = 1;
+    flash->close_device_after_use(slot, 1);
+    EXPECT_EQ(1, log.count(" - join thread\n"));
+    EXPECT_EQ(0, threads.unreclaimed());
+    EXPECT_TRUE(threads.all_ended_within(generous));
+}
+
+TEST_F(Reader, IsNotStartedWithBackgroundReadingOff) {
+    background_read = 0;
+    flash->use_thread_reading = 1;
+    EXPECT_EQ(5, flash->start_background_thread(2000, slot));
+    EXPECT_EQ(0, flash->use_thread_reading);
+    EXPECT_EQ(0, threads.created());
+    EXPECT_EQ(pthread_t{0}, flags().hThread);
+    EXPECT_EQ(std::vector<long>{100}, sleeps.slept());
+}
+
+TEST_F(Reader, AThreadThatCantBeCreatedGivesItsCode) {
+    threads.fail_with(EAGAIN);
+    EXPECT_EQ(EAGAIN, set_up(2000));
+    EXPECT_EQ(0, flash->use_thread_reading);
+    EXPECT_EQ(pthread_t{0}, flags().hThread);
+    EXPECT_EQ(std::vector<long>{100}, sleeps.slept());
+    EXPECT_EQ(0, flash->close_device_after_use(slot, 1));
+    EXPECT_TRUE(flash->finish());
+}
+
+TEST_F(Reader, ThatDoesNotComeUpIsDoneWithout) {
+    threads.hold_back();
+    EXPECT_EQ(0, set_up(50));
+    EXPECT_EQ(0, flash->use_thread_reading);
+    EXPECT_EQ((std::vector<long>{100, 15, 15, 15}), sleeps.slept());
+    EXPECT_EQ(1, debugged("waiting for device to start (in_progress=0)"));
+    EXPECT_EQ(1, debugged("finished waiting for device to start (in_progress=0)"));
+    EXPECT_EQ(1, debugged("cannot use tread reading"));
+    // Answers are read directly then.
+    device.answers[wire::device_information_query] = {{0x01}};
+    EXPECT_EQ(0, query());
+}
+
+TEST_F(Reader, IsNotWaitedForBelowThePollInterval) {
+    threads.hold_back();
+    EXPECT_EQ(0, set_up(14));
+    EXPECT_EQ(0, flash->use_thread_reading);
+    EXPECT_EQ(std::vector<long>{100}, sleeps.slept());
+    EXPECT_EQ(1, debugged("cannot use tread reading"));
+}
+
+TEST_F(Reader, ThatIsUpAlreadyIsNotWaitedFor) {
+    threads.hold_back();
+    flags().read_hid_in_progress = 1;
+    EXPECT_EQ(0, set_up(2000));
+    EXPECT_EQ(1, flash->use_thread_reading);
+    EXPECT_EQ(std::vector<long>{100}, sleeps.slept());
+    EXPECT_EQ(1, debugged("waiting for device to start (in_progress=1)"));
+    EXPECT_EQ(1, debugged("finished waiting for device to start (in_progress=1)"));
+    flags().read_hid_in_progress = 0;
+}
+
+TEST_F(Reader, ThatStartsLateDoesNotUndoAStop) {
+    threads.hold_back();
+    set_up(14);
+    const SleepDouble instant{0};
+    EXPECT_EQ(0, flash->close_device_after_use(slot, 1));
+    threads.let_go();
+    EXPECT_TRUE(threads.all_ended_within(generous));
+    EXPECT_EQ(1, flags().stopped);
+    EXPECT_EQ(0, flags().read_hid_in_progress);
+    EXPECT_EQ(0, threads.unreclaimed());
+    EXPECT_TRUE(flash->finish());
+}
+
+TEST_F(Reader, ThatLingersKeepsItsDeviceAllocated) {
+    device.ignores_release = true;
+    device.other_answer = {};
+    set_up(2000);
+    ASSERT_TRUE(device.read_is_pending_within(generous));
+    {
+        const SleepDouble instant{0};
+        EXPECT_EQ(0, flash->close_device_after_use(slot, 1));
+        EXPECT_EQ(nullptr, flash->hiddev);
+        EXPECT_EQ(1, debugged("4: the reader does not leave, its device stays open"));
+        EXPECT_EQ(1, usb.live_handles);
+        // The session and its trace must outlive the reader.
+        trace = std::make_unique<Trace>("", 0, 0);
+        const std::unique_ptr<Trace> left(trace.get());
+        EXPECT_FALSE(flash->finish());
+        EXPECT_EQ(nullptr, trace);
+        EXPECT_EQ(1, usb.live_handles);
+    }
+    // What the read touches on its way out is still there, which the address sanitizer checks.
+    device.let_reads_end();
+    EXPECT_TRUE(threads.all_ended_within(generous));
+    EXPECT_TRUE(flash->finish());
+    flash.reset();
+    EXPECT_EQ(0, usb.live_handles);
+}
+
+TEST_F(Reader, ThatLeavesInTimeFreesItsDevice) {
+    device.ignores_release = true;
+    device.other_answer = {};
+    set_up(2000);
+    ASSERT_TRUE(device.read_is_pending_within(generous));
+    SleepDouble quick{0};
+    quick.after_sleep = [this](int count) {
+        if (count == 150) {
+            device.let_reads_end();
+            EXPECT_TRUE(threads.all_ended_within(generous));
+        }
+    };
+    EXPECT_EQ(0, flash->close_device_after_use(slot, 1));
+    EXPECT_EQ(nullptr, flash->hiddev);
+    EXPECT_EQ(0, usb.live_handles);
+    EXPECT_EQ(0, log.count("its device stays open"));
+    EXPECT_TRUE(flash->finish());
+}
+
+TEST_F(Reader, OpeningsInARowLeaveNothingBehind) {
+    for (int opening = 0; opening < 5; ++opening) {
+        make_handle(device.path());
+        ASSERT_EQ(0, flash->setup_device_for_reading(device.path().c_str(), 2000, opening));
+        ASSERT_EQ(0, flash->close_device_after_use(opening, 1));
+    }
+    EXPECT_EQ(5, threads.created());
+    EXPECT_TRUE(threads.all_ended_within(generous));
+    EXPECT_EQ(0, threads.unreclaimed());
+    EXPECT_EQ(0, usb.live_handles);
+    EXPECT_EQ(0, usb.live_contexts);
+    EXPECT_EQ(0, usb.live_configurations);
+    EXPECT_EQ(0, usb.null_handles);
+}
+
+TEST_F(Reader, LeavesTheMainThreadsSignalsToIt) {
+    sigset_t blocked;
+    sigemptyset(&blocked);
+    device.on_read = [&blocked] { pthread_sigmask(SIG_BLOCK, nullptr, &blocked); };
+    set_up(2000);
+    ASSERT_TRUE(device.read_is_pending_within(generous));
+    flash->close_device_after_use(slot, 1);
+    ASSERT_TRUE(threads.all_ended_within(generous));
+    EXPECT_EQ(1, sigismember(&blocked, SIGUSR1));
+    EXPECT_EQ(1, sigismember(&blocked, SIGUSR2));
+    EXPECT_EQ(1, sigismember(&blocked, SIGALRM));
+    EXPECT_EQ(0, sigismember(&blocked, SIGSEGV));
+    EXPECT_EQ(0, sigismember(&blocked, SIGINT));
+}
+
+TEST_F(Reader, EndsWithTheSharedExitValue) {
+    EXPECT_EQ(&NewMsgExitStatus, start_read_thread(nullptr));
+}
+
+TEST_F(Reader, ReadsInTheCallingThreadUntilItIsStopped) {
+    set_up(0);
+    flags().stopped = 0;
+    device.report({0x01, 0x11});
+    device.on_read = [this, count = 0]() mutable {
+        if (++count == 2) {
+            flags().device_closed = 1;
+            device.report({0x01, 0x22});
+        }
+    };
+    flash->read_hid_messages(slot);
+    // What comes when the device is being closed is not handed over.
+    EXPECT_EQ(0x11, flash->last_status[1]);
+    EXPECT_EQ(0, flags().device_in_use);
+    EXPECT_EQ(0, flags().read_hid_in_progress);
+    EXPECT_EQ(1, debugged("4: Stopping (stopped=0, device_closed=1)"));
+}
+
+#if (defined(__x86_64__) || defined(__i386__)) && !defined(__SANITIZE_THREAD__)
+
+// The order in which the reader writes the flag and the report, seen one instruction at a time.
+
+const ZELFLASH* watched_session = nullptr;
+volatile sig_atomic_t flag_came_first = -1;
+
+constexpr unsigned long trap_flag = 0x100;
+
+void watch_one_instruction(int /*signal*/, siginfo_t* /*info*/, void* context) {
+    auto& flags = static_cast<ucontext_t*>(context)->uc_mcontext.gregs[REG_EFL];
+    const bool has_flag = watched_session->status_ready == 1;
+    const bool has_report = watched_session->last_status[1] != 0;
+    if (has_flag || has_report) {
+        flag_came_first = has_flag && !has_report ? 1 : 0;
+        flags &= ~static_cast<std::remove_reference_t<decltype(flags)>>(trap_flag);
+    }
+}
+
+TEST_F(Reader, SetsTheFlagBeforeItCopiesTheReport) {
+    set_up(0);
+    flags().stopped = 0;
+    OutputLevel = 0;
+    watched_session = flash.get();
+    struct sigaction action = {};
+    action.sa_sigaction = watch_one_instruction;
+    action.sa_flags = SA_SIGINFO;
+    sigaction(SIGTRAP, &action, nullptr);
+    device.report({0x01, 0x11});
+    device.on_read = [this, count = 0]() mutable {
+        if (++count == 2) {
+            flags().stopped = 1;
+            device.report({0x01});
+            return;
+        }
+#ifdef __x86_64__
+        __builtin_ia32_writeeflags_u64(__builtin_ia32_readeflags_u64() | trap_flag);
+#else
+        __builtin_ia32_writeeflags_u32(__builtin_ia32_readeflags_u32() | trap_flag);
+#endif
+    };
+    flash->read_hid_messages(slot);
+    EXPECT_EQ(1, flag_came_first);
+}
+
+#endif
+
+}  // namespace
