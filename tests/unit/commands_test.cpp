@@ -1,0 +1,585 @@
+#include "output.h"
+#include "support/firmware_bytes.h"
+#include "support/flash_test.h"
+#include "zelflshenum.h"
+#include "zelflshhid.h"
+#include "zelfwupdate/firmware_search.h"
+#include "zelfwupdate/options.h"
+#include "zelfwupdate/zelflash.h"
+
+#include <gtest/gtest.h>
+
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <vector>
+
+namespace {
+
+constexpr uint16_t product = 0x4123;
+/// On the exclusion list: such a device is listed without a command.
+constexpr uint16_t silent_product = 0x3C75;
+
+class Commands : public FlashTest {
+  protected:
+    void add_table_row(int product_id, const char* serial) {
+        flash->initialize_device_data(flash->numberOfFlashEntries++, "path", serial, product_id,
+                                      0x0123);
+    }
+    void want_product(const char* text) {
+        select_devices = 1;
+        snprintf(device_list[NumberOfDeviceListEntries++].PIDstr, sizeof device_list[0].PIDstr,
+                 "%s", text);
+    }
+    void want_serial(const char* text) {
+        select_devices = 1;
+        snprintf(serial_no_list[NumberOfSerialNoListEntries++].serial_number,
+                 sizeof serial_no_list[0].serial_number, "%s", text);
+    }
+    /// The rows that are selected.
+    std::vector<int> select() {
+        flash->determine_select_devices();
+        std::vector<int> rows;
+        for (int row = 0; row < flash->numberOfFlashEntries; ++row) {
+            if (flash->fe[row].flashStatus == NOFLASHATTEMPT) {
+                rows.push_back(row);
+            } else {
+                EXPECT_EQ(NOFLASHALLOWED, flash->fe[row].flashStatus);
+            }
+        }
+        return rows;
+    }
+    void add_file(uint16_t product_id, int component, int level, const FirmwareBytes& content) {
+        const std::string name = "f" + std::to_string(numberOfusbFlashFiles) + ".dat";
+        directory.write(name, content);
+        FlashFile& file = files[numberOfusbFlashFiles++];
+        file.product_id = product_id;
+        file.comp_id = component;
+        file.ec_level = level;
+        file.ec_version = (level >> 8) & 0x0F;
+        file.comp_type = 1;
+        snprintf(file.filename, sizeof file.filename, "%s", name.c_str());
+        snprintf(file.path, sizeof file.path, "%s", directory.path("").c_str());
+    }
+    FirmwareBytes image() const { return FirmwareBytes("41230109").record(0x10, 0, {1}).end(); }
+    /// A device with main component 01.02 and configuration 01.02.
+    FlashPeripheral& add_updatable(const char* serial = "SN-0042") {
+        FlashPeripheral& device = bus.add(product, 0x7A01, serial);
+        device.data[wire::component_list_query] =
+            list_answer(8, {{0, 0x02, 0x01, 0x02}, {1, 0x02, 0x01, 0x04}});
+        return device;
+    }
+
+    TemporaryDirectory directory;
+};
+
+// Selection.
+
+class Selection : public Commands {
+  protected:
+    Selection() {
+        add_table_row(0x4123, "A");
+        add_table_row(0x4124, "B");
+        add_table_row(0x4123, "C");
+    }
+};
+
+TEST_F(Selection, TakesAllWithoutAFilter) {
+    flash->fe[1].flashStatus = DEVICE_SELECTED;
+    EXPECT_EQ((std::vector<int>{0, 1, 2}), select());
+    EXPECT_EQ(1, debugged("Found 3 devices to check for updating"));
+    select_devices = 1;
+    EXPECT_EQ((std::vector<int>{0, 1, 2}), select());
+}
+
+TEST_F(Selection, IgnoresTheListsUnlessAFilterWasGiven) {
+    want_product("4124");
+    select_devices = 0;
+    EXPECT_EQ((std::vector<int>{0, 1, 2}), select());
+    EXPECT_EQ(nullptr, device_list[0].fe);
+}
+
+TEST_F(Selection, CountsOneDeviceWithoutAPlural) {
+    flash->numberOfFlashEntries = 1;
+    select();
+    EXPECT_EQ(1, debugged("Found 1 device to check for updating"));
+    flash->numberOfFlashEntries = 0;
+    select();
+    EXPECT_EQ(1, debugged("Found 0 device to check for updating"));
+}
+
+TEST_F(Selection, TakesTheRowsOfAProduct) {
+    want_product("4123");
+    EXPECT_EQ((std::vector<int>{0, 2}), select());
+    // The last row taken.
+    EXPECT_EQ(&flash->fe[2], device_list[0].fe);
+    EXPECT_EQ(1, debugged("Found 2 devices to check for updating"));
+}
+
+TEST_F(Selection, TakesTheRowsOfSeveralProducts) {
+    want_product("0x4124");
+    want_product("4123");
+    EXPECT_EQ((std::vector<int>{0, 1, 2}), select());
+    EXPECT_EQ(&flash->fe[1], device_list[0].fe);
+}
+
+TEST_F(Selection, AProductOfZeroSelectsNothing) {
+    flash->fe[0].product_id = 0;
+    for (const char* const text : {"0", "xyz", ""}) {
+        NumberOfDeviceListEntries = 0;
+        device_list[0].fe = &flash->fe[0];
+        want_product(text);
+        EXPECT_EQ((std::vector<int>{}), select()) << text;
+        EXPECT_EQ(nullptr, device_list[0].fe);
+    }
+}
+
+TEST_F(Selection, AnEntryThatMatchesNothingSelectsNothing) {
+    want_product("9999");
+    want_product("FFFFFFFFFFFF4123");
+    EXPECT_EQ((std::vector<int>{}), select());
+    EXPECT_EQ(nullptr, device_list[0].fe);
+    EXPECT_EQ(1, debugged("Found 0 device to check for updating"));
+}
+
+TEST_F(Selection, TakesTheRowsOfASerialNumber) {
+    want_serial("C");
+    want_serial("B");
+    EXPECT_EQ((std::vector<int>{1, 2}), select());
+    EXPECT_EQ(&flash->fe[2], serial_no_list[0].fe);
+    EXPECT_EQ(&flash->fe[1], serial_no_list[1].fe);
+}
+
+TEST_F(Selection, ASerialNumberMustBeTheSame) {
+    want_serial("c");
+    want_serial("CC");
+    want_serial("");
+    EXPECT_EQ((std::vector<int>{}), select());
+}
+
+TEST_F(Selection, ProductAndSerialNumberMustBothMatch) {
+    want_product("4123");
+    want_serial("C");
+    want_serial("B");
+    EXPECT_EQ((std::vector<int>{2}), select());
+    EXPECT_EQ(&flash->fe[2], device_list[0].fe);
+    EXPECT_EQ(nullptr, serial_no_list[0].fe);
+}
+
+TEST_F(Selection, AProductOfZeroLeavesTheSerialNumbersUnused) {
+    want_product("0");
+    want_serial("B");
+    EXPECT_EQ((std::vector<int>{}), select());
+}
+
+// Enumeration.
+
+TEST_F(Commands, OpensOnlySupportedInterfaces) {
+    FlashPeripheral& device = bus.add(silent_product, 0x046D);
+    USBHID hid{};
+    snprintf(hid.DevicePath, sizeof hid.DevicePath, "%s", device.path().c_str());
+    hid.VendorID = 0x046D;
+    hid.ProductID = silent_product;
+    hid.Usage = 0xA000;
+    EXPECT_EQ(0, flash->open_hid_device(&hid));
+    EXPECT_TRUE(usb.calls().empty());
+    oem_vendor = 1;
+    hid.Usage = 0xA001;
+    EXPECT_EQ(0, flash->open_hid_device(&hid));
+    EXPECT_TRUE(usb.calls().empty());
+    hid.Usage = 0xA000;
+    EXPECT_EQ(1, flash->open_hid_device(&hid));
+    EXPECT_EQ(nullptr, flash->hiddev);
+    EXPECT_EQ(device.path(), flash->fe[0].DevicePath);
+    EXPECT_EQ(0, flash->open_hid_device(nullptr));
+}
+
+TEST_F(Commands, LeavesInterfacesOutThatDoNotOpen) {
+    FlashPeripheral& device = bus.add(silent_product);
+    device.usb().open_rc = LIBUSB_ERROR_ACCESS;
+    bus.add(silent_product + 1);
+    EXPECT_EQ(1, flash->build_flash_table());
+    EXPECT_EQ(silent_product + 1, flash->fe[0].product_id);
+    EXPECT_EQ(nullptr, flash->hiddev);
+    EXPECT_EQ(0, usb.live_handles);
+    EXPECT_EQ(0, usb.live_contexts);
+}
+
+TEST_F(Commands, FindsNothingWithoutAListOfDevices) {
+    usb.list_rc = LIBUSB_ERROR_NO_MEM;
+    EXPECT_EQ(0, flash->build_flash_table());
+}
+
+TEST_F(Commands, PointsTheFiltersAtTheNewTable) {
+    FlashPeripheral& device = bus.add(silent_product);
+    want_product("3C75");
+    flash->build_flash_table();
+    EXPECT_EQ(&flash->fe[0], device_list[0].fe);
+    device.usb().descriptor.idProduct = silent_product + 1;
+    flash->build_flash_table();
+    EXPECT_EQ(nullptr, device_list[0].fe);
+    EXPECT_EQ(NOFLASHALLOWED, flash->fe[0].flashStatus);
+}
+
+// List.
+
+TEST_F(Commands, ListsNoDevice) {
+    EXPECT_EQ("No devices found\n",
+              console_of(1, 0, [this] { EXPECT_EQ(5, flash->list_attached_devices()); }));
+    EXPECT_EQ(1, logged("Listing 0 devices:"));
+}
+
+TEST_F(Commands, ListsComponentsWithTheirLevels) {
+    FlashPeripheral& device = bus.add(product, 0x7A01, "SN-9");
+    device.answers[wire::device_information_query] = {{0x09, 1, 2, 3, 0x40}};
+    device.data[wire::extended_list_query] = list_answer(25, {{0, 0x02, 0x01, 0x02, 0x0A},
+                                                              {1, 0x05, 0x04, 0x04, 0},
+                                                              {2, 0x06, 0x04, 0x06, 0},
+                                                              {3, 0x07, 0x04, 0x08, 0},
+                                                              {18, 0xFE, 0xFF, 0x00, 0}});
+    const std::string shown =
+        console_of(1, 0, [this] { EXPECT_EQ(0, flash->list_attached_devices()); });
+    EXPECT_EQ(
+        "PID: 4123  COMP: 00  TYPE: FW   EC: 01.02.0a (SN='SN-9')\n"
+        "PID: 4123  COMP: 01  TYPE: CFG  EC: 04.05    (SN='SN-9')\n"
+        "PID: 4123  COMP: 02  TYPE: FNT  EC: 04.06    (SN='SN-9')\n"
+        "PID: 4123  COMP: 03  TYPE: UNK  EC: 04.07    (SN='SN-9')\n"
+        "PID: 4123  COMP: 12  TYPE: UNK  EC: ff.fe    (SN='SN-9')\n",
+        shown);
+    EXPECT_NE(std::string::npos, log.text().find("\n\nListing 1 devices:\n"));
+}
+
+TEST_F(Commands, ListsSelectedDevicesOnly) {
+    bus.add(silent_product, 0x7A01, "A");
+    bus.add(silent_product, 0x7A01, "B");
+    want_serial("B");
+    EXPECT_EQ("PID: 3c75  COMP: 00  TYPE: FW   EC: 01.23    (SN='B')\n",
+              console_of(1, 0, [this] { EXPECT_EQ(0, flash->list_attached_devices()); }));
+    want_serial("C");
+    NumberOfSerialNoListEntries = 1;
+    std::strcpy(serial_no_list[0].serial_number, "C");
+    EXPECT_EQ("", console_of(1, 0, [this] { EXPECT_EQ(0, flash->list_attached_devices()); }));
+}
+
+// Update.
+
+TEST_F(Commands, UpdatesNothingWithoutDevices) {
+    EXPECT_EQ("No devices found\n",
+              console_of(1, 0, [this] { EXPECT_EQ(5, flash->flash_all_devices()); }));
+}
+
+TEST_F(Commands, UpdatesMainComponentsFirstAndThenTheOthers) {
+    FlashPeripheral& device = add_updatable();
+    add_file(product, 0, 0x0109, image());
+    add_file(product, 1, 0x0109, image());
+    EXPECT_EQ(0, flash->flash_all_devices());
+    EXPECT_EQ(2, device.count(wire::erase));
+    EXPECT_EQ(1, device.count(wire::reset));
+    EXPECT_EQ(1, sleeps.count(4000));
+    const std::string text = log.text();
+    const size_t sleeping = text.find("Sleeping to allow reset device to respond\n");
+    ASSERT_NE(std::string::npos, sleeping);
+    EXPECT_NE(std::string::npos, text.find("Sleeping finished\n", sleeping));
+    EXPECT_LT(text.find("Starting firmware update of Product ID 4123 COMP: 0"), sleeping);
+    EXPECT_GT(text.find("Starting firmware update of Product ID 4123 COMP: 1"), sleeping);
+    // Rows are found anew behind the reset.
+    EXPECT_GT(text.find("Finding available Flash Devices", sleeping), sleeping);
+    EXPECT_EQ(2, log.count("Finding available Flash Devices\n"));
+    EXPECT_EQ(1, logged("Updated 2 devices"));
+    EXPECT_EQ(0, usb.live_handles);
+    EXPECT_EQ(0, threads.unreclaimed());
+}
+
+TEST_F(Commands, DoesNotSleepWithoutAReset) {
+    add_updatable();
+    add_file(product, 1, 0x0109, image());
+    EXPECT_EQ(0, flash->flash_all_devices());
+    EXPECT_EQ(0, sleeps.count(4000));
+    EXPECT_EQ(1, log.count("Finding available Flash Devices\n"));
+    EXPECT_EQ(1, logged("Updated 1 device"));
+}
+
+TEST_F(Commands, ChecksForUpdatesWithoutSendingAny) {
+    FlashPeripheral& device = add_updatable();
+    check_for_update_only = 1;
+    add_file(product, 0, 0x0109, image());
+    EXPECT_EQ(0, flash->flash_all_devices());
+    EXPECT_EQ(0, device.count(wire::erase));
+    EXPECT_EQ(1, sleeps.count(4000));
+    EXPECT_EQ(1, logged("Updated 1 device"));
+}
+
+TEST_F(Commands, ReportsThatNothingWasUpdated) {
+    FlashPeripheral& device = add_updatable();
+    add_file(product, 0, 0x0102, image());
+    EXPECT_EQ(6, flash->flash_all_devices());
+    EXPECT_EQ(0, device.count(wire::erase));
+    EXPECT_EQ(1, logged("No devices updated"));
+    EXPECT_EQ(0, log.count("Error "));
+}
+
+TEST_F(Commands, UpdatesNothingThatIsNotSelected) {
+    FlashPeripheral& device = add_updatable();
+    add_file(product, 0, 0x0109, image());
+    want_serial("elsewhere");
+    EXPECT_EQ(6, flash->flash_all_devices());
+    EXPECT_EQ(0, device.count(wire::erase));
+    EXPECT_EQ(1, logged("No devices updated"));
+    EXPECT_EQ(NOFLASHALLOWED, flash->fe[0].flashStatus);
+}
+
+TEST_F(Commands, EndsAfterAFailedFirstPass) {
+    FlashPeripheral& device = add_updatable();
+    device.answers[wire::erase] = {{0x40}};
+    add_file(product, 0, 0x0109, image());
+    add_file(product, 1, 0x0109, image());
+    EXPECT_EQ(6, flash->flash_all_devices());
+    EXPECT_EQ(1, device.count(wire::erase));
+    EXPECT_EQ(0, sleeps.count(4000));
+    EXPECT_EQ(1, logged("Error -2 flashing devices"));
+    EXPECT_EQ(0, log.count("Device disconnected"));
+    EXPECT_EQ(1, logged("No devices updated"));
+}
+
+TEST_F(Commands, TellsThatTheDeviceIsGone) {
+    FlashPeripheral& device = add_updatable();
+    device.on_command = [&](const Bytes& command) {
+        if (command == wire::erase) {
+            device.next_write_results = {LIBUSB_ERROR_NO_DEVICE};
+        }
+    };
+    add_file(product, 0, 0x0109, image());
+    const std::string shown =
+        console_of(1, 0, [this] { EXPECT_EQ(6, flash->flash_all_devices()); });
+    EXPECT_NE(std::string::npos,
+              shown.find("Error -5 flashing devices\nDevice disconnected\nNo devices updated\n"));
+}
+
+TEST_F(Commands, TellsThatTheFileIsBad) {
+    add_updatable();
+    add_file(product, 1, 0x0109, FirmwareBytes("41230109").record(0x10, 0, {1}));
+    EXPECT_EQ(6, flash->flash_all_devices());
+    EXPECT_EQ(1, logged("Error -14 flashing devices"));
+    EXPECT_EQ(1, logged("Firmware update file bad"));
+    EXPECT_EQ(1, logged("No devices updated"));
+}
+
+TEST_F(Commands, KeepsTheFirstPassesUpdatesInTheResult) {
+    FlashPeripheral& device = add_updatable();
+    add_file(product, 0, 0x0109, image());
+    add_file(product, 1, 0x0109, image());
+    device.on_command = [&, erased = 0](const Bytes& command) mutable {
+        if (command == wire::erase && ++erased == 2) {
+            device.next_write_results = {LIBUSB_ERROR_NO_DEVICE};
+        }
+    };
+    EXPECT_EQ(0, flash->flash_all_devices());
+    EXPECT_EQ(1, logged("Error -5 flashing devices"));
+    EXPECT_EQ(1, logged("Device disconnected"));
+    EXPECT_EQ(1, logged("Updated 1 device"));
+}
+
+// Reset.
+
+TEST_F(Commands, ResetsNothingWithoutDevices) {
+    EXPECT_EQ(5, flash->reset_devices());
+    EXPECT_EQ(1, logged("No devices found"));
+}
+
+TEST_F(Commands, ResetsTheSelectedDevices) {
+    FlashPeripheral& first = bus.add(silent_product, 0x7A01, "A");
+    FlashPeripheral& second = bus.add(silent_product, 0x7A01, "B");
+    FlashPeripheral& third = bus.add(silent_product, 0x7A01, "C");
+    want_serial("A");
+    want_serial("C");
+    const std::string shown = console_of(1, 0, [this] { EXPECT_EQ(0, flash->reset_devices()); });
+    EXPECT_EQ(
+        "Resetting device PID:3c75 SN='A'\n"
+        "Device PID:3c75 reset successfully\n"
+        "Resetting device PID:3c75 SN='C'\n"
+        "Device PID:3c75 reset successfully\n"
+        "Reset successful on 2 devices\n",
+        shown);
+    EXPECT_EQ(1, first.count(wire::reset));
+    EXPECT_TRUE(second.commands().empty());
+    EXPECT_EQ(1, third.count(wire::reset));
+    EXPECT_EQ(FLASHRESETSUCCESS, flash->fe[0].flashStatus);
+    EXPECT_EQ(NOFLASHALLOWED, flash->fe[1].flashStatus);
+    EXPECT_EQ(FLASHRESETSUCCESS, flash->fe[2].flashStatus);
+    EXPECT_EQ(2, flash->CurrentIndex);
+    EXPECT_EQ(0, global_reading_information);
+    EXPECT_EQ(0, usb.live_handles);
+}
+
+TEST_F(Commands, CountsADeviceThatDropsOffAsReset) {
+    FlashPeripheral& device = bus.add(silent_product);
+    device.next_write_results = {LIBUSB_ERROR_NO_DEVICE};
+    EXPECT_EQ(0, flash->reset_devices());
+    EXPECT_EQ(1, logged("Reset successful on 1 device"));
+}
+
+TEST_F(Commands, SaysThatNoDeviceIsSelected) {
+    bus.add(silent_product);
+    want_serial("elsewhere");
+    EXPECT_EQ(5, flash->reset_devices());
+    EXPECT_EQ(1, logged("No devices selected"));
+    EXPECT_EQ(5, flash->get_device_data_for_component(0, directory.path("out").c_str()));
+    EXPECT_EQ(2, logged("No devices selected"));
+}
+
+TEST_F(Commands, EndsTheResetAtADeviceThatCantBeOpened) {
+    bus.add(silent_product, 0x7A01, "A");
+    FlashPeripheral& second = bus.add(silent_product, 0x7A01, "B");
+    background_read = 0;
+    EXPECT_EQ("", console_of(1, 0, [this] { EXPECT_EQ(0, flash->reset_devices()); }));
+    EXPECT_TRUE(second.commands().empty());
+    EXPECT_EQ(0, log.count("Resetting"));
+    EXPECT_EQ(NOFLASHATTEMPT, flash->fe[0].flashStatus);
+    EXPECT_EQ(NOFLASHATTEMPT, flash->fe[1].flashStatus);
+    EXPECT_EQ(nullptr, flash->hiddev);
+    EXPECT_EQ(0, usb.live_handles);
+}
+
+// Reading a component.
+
+class ComponentRead : public Commands {
+  protected:
+    int read(int component = 2) {
+        return flash->get_device_data_for_component(component, output.c_str());
+    }
+    std::string content() const { return read_whole_file(output); }
+
+    const std::string output = directory.path("component.dat");
+    FlashPeripheral& device = bus.add(silent_product, 0x7A01, "A");
+};
+
+TEST_F(ComponentRead, NeedsADevice) {
+    device.usb().open_rc = LIBUSB_ERROR_ACCESS;
+    EXPECT_EQ(5, read());
+    EXPECT_EQ(1, logged("No devices found"));
+    EXPECT_EQ(nullptr, flash->hiddev);
+}
+
+TEST_F(ComponentRead, WritesHeaderAndEndOfAnEmptyComponent) {
+    device.next_features = {{0, {0x01, 0x00, 0x00, 0xC0, 0xC1, 0xEE}}};
+    const std::string shown = console_of(1, 0, [this] { EXPECT_EQ(0, read()); });
+    EXPECT_EQ(std::string("3c750000\x00\xC0\xC1", 11), content());
+    EXPECT_EQ(
+        "Reading data from device PID:3c75 Component:2 SN='A'\n"
+        "Device PID:3c75 Component:2 read successfully\n",
+        shown);
+    EXPECT_EQ(1, device.count({0x06, 0x00, 0x21, 0x00, 0xFF, 0x20, 0x00, 0x00}));
+    EXPECT_EQ(FLASHRESETSUCCESS, flash->fe[0].flashStatus);
+    EXPECT_EQ(0, global_reading_information);
+}
+
+TEST_F(ComponentRead, TellsItsStepsAndReliesOnTheReaderThatRuns) {
+    device.next_features = {{0, {0x01, 0x00, 0x00, 0xC0}}};
+    EXPECT_EQ(0, read());
+    EXPECT_EQ(1, debugged("Read all records from 0x3c75"));
+    EXPECT_EQ(1, debugged("Reading data, rc=0, buffer[]=01.00.00.c0"));
+    EXPECT_EQ(1, debugged("Data transfer finished"));
+    EXPECT_EQ(1, debugged("Read successful on 1 device"));
+    EXPECT_EQ(1, threads.created());
+}
+
+TEST_F(ComponentRead, WritesTheRecordsAsTheyCome) {
+    const Bytes longest = join({{0x00, 0x00, 0xFF, 0x10, 0x00, 0x02}, Bytes(255, 0x5A)});
+    device.next_features = {{0, {0x00, 0x00, 0x02, 0x10, 0x00, 0x01, 0xAA, 0xBB, 0xEE}},
+                            {0, longest},
+                            {0, {0x01, 0x00, 0x00, 0xC0, 0xC1}}};
+    EXPECT_EQ(0, read(0));
+    EXPECT_EQ(std::string("3c750123") + std::string("\x02\x10\x00\x01\xAA\xBB", 6) +
+                  std::string("\xFF\x10\x00\x02", 4) + std::string(255, 0x5A) +
+                  std::string("\x00\xC0\xC1", 3),
+              content());
+    EXPECT_EQ(1, device.count({0x06, 0x00, 0x21, 0x00, 0xFF, 0x00, 0x00, 0x00}));
+}
+
+TEST_F(ComponentRead, TheLastBlockMayHoldARecord) {
+    device.next_features = {{0, {0x01, 0x00, 0x01, 0x10, 0x00, 0x01, 0xAA, 0xEE}}};
+    EXPECT_EQ(0, read());
+    EXPECT_EQ(std::string("3c750000\x01\x10\x00\x01\xAA", 13), content());
+}
+
+TEST_F(ComponentRead, NothingOfAnEarlierBlockIsWrittenAgain) {
+    device.next_features = {{0, {0x00, 0x00, 0x02, 0x10, 0x00, 0x01, 0xAA, 0xBB}},
+                            {0, {0x00, 0x00, 0x02}},
+                            {0, {0x01}}};
+    EXPECT_EQ(0, read());
+    EXPECT_EQ(
+        std::string("3c750000\x02\x10\x00\x01\xAA\xBB\x02\x00\x00\x00\x00\x00\x00\x00\x00", 23),
+        content());
+}
+
+TEST_F(ComponentRead, AComponentWithoutARowHasLevelZero) {
+    device.next_features = {{0, {0x01}}, {0, {0x01}}};
+    EXPECT_EQ(0, read(20));
+    EXPECT_EQ("3c750000", content().substr(0, 8));
+    EXPECT_EQ(0, read(255));
+    EXPECT_EQ("3c750000", content().substr(0, 8));
+}
+
+TEST_F(ComponentRead, FailsWhenTheDataFails) {
+    device.next_features = {{0, {0x00, 0x00, 0x01, 0x10, 0x00, 0x01, 0xAA}}};
+    EXPECT_EQ(8, read());
+    EXPECT_EQ(1, logged("Reading data failed, rc=12"));
+    EXPECT_EQ(1, logged("Device PID:3c75 Component:2 read failed, rc=12"));
+    EXPECT_EQ(1, debugged("Read failed on 1 device"));
+    EXPECT_EQ(FLASHRESETERROR, flash->fe[0].flashStatus);
+}
+
+TEST_F(ComponentRead, FailsWhenTheCommandFails) {
+    device.next_write_results = {LIBUSB_ERROR_PIPE};
+    EXPECT_EQ(8, read());
+    EXPECT_EQ(1, logged("Device PID:3c75 Component:2 read failed, rc=8"));
+    // A reject is final.
+    device.other_answer = {{0x80}};
+    EXPECT_EQ(8, read());
+    EXPECT_EQ(1, logged("Device PID:3c75 Component:2 read failed, rc=2"));
+    EXPECT_EQ(2, device.count({0x06, 0x00, 0x21, 0x00, 0xFF, 0x20, 0x00, 0x00}));
+}
+
+TEST_F(ComponentRead, FailsWithoutAnOutputFile) {
+    EXPECT_EQ(8, flash->get_device_data_for_component(2, "/nowhere/component.dat"));
+    EXPECT_EQ(1, debugged("Could not open '/nowhere/component.dat' for writing"));
+    EXPECT_EQ(1, logged("Device PID:3c75 Component:2 read failed, rc=-1"));
+}
+
+TEST_F(ComponentRead, FailsOnAFullDisk) {
+    device.next_features = {{0, {0x01}}};
+    EXPECT_EQ(8, flash->get_device_data_for_component(2, "/dev/full"));
+    EXPECT_EQ(1, logged("Could not write all data to '/dev/full'"));
+    EXPECT_EQ(1, logged("Device PID:3c75 Component:2 read failed, rc=-1"));
+}
+
+TEST_F(ComponentRead, StartsAReaderWhereNoneRuns) {
+    open_directly(device, 9);
+    device.next_features = {{0, {0x01}}};
+    EXPECT_EQ(0, flash->read_component_data(2, output.c_str(), 0x4123, 0x0102, 9));
+    EXPECT_EQ(1, threads.created());
+    EXPECT_EQ("41230102", content().substr(0, 8));
+    flash->close_device_after_use(9, 1);
+}
+
+TEST_F(ComponentRead, TheLastOfSeveralDevicesStays) {
+    FlashPeripheral& second = bus.add(silent_product + 1, 0x7A01, "B");
+    device.next_features = {{0, {0x00, 0x00, 0x01, 0x10, 0x00, 0x01, 0xAA}}, {0, {0x01}}};
+    second.next_features = {{0, {0x01}}};
+    EXPECT_EQ(0, read());
+    EXPECT_EQ(std::string("3c760000\x00\x00\x00", 11), content());
+    EXPECT_EQ(1, debugged("Read successful on 2 devices"));
+}
+
+TEST_F(ComponentRead, SomeFailuresAreAFailure) {
+    FlashPeripheral& second = bus.add(silent_product + 1, 0x7A01, "B");
+    second.next_features = {{0, {0x01}}};
+    EXPECT_EQ(8, read());
+    EXPECT_EQ(1, debugged("Read successful on 1 device"));
+    EXPECT_EQ(1, debugged("Read failed on 1 device"));
+    EXPECT_EQ(FLASHRESETERROR, flash->fe[0].flashStatus);
+    EXPECT_EQ(FLASHRESETSUCCESS, flash->fe[1].flashStatus);
+}
+
+}  // namespace
