@@ -3,6 +3,7 @@
 #include "file_handle.h"
 #include "output.h"
 #include "zelfwupdate/firmware_file.h"
+#include "zelfwupdate/version_text.h"
 #include "zelfwupdate/zelflash.h"
 
 #include <algorithm>
@@ -257,13 +258,9 @@ void ZELFLASH::show_component_information(flashEntry* entry, int index) {
         return;
     }
     const component_entry& component = entry->component[index];
-    char build[16] = "";
-    if (component.build_level > 0) {
-        snprintf(build, sizeof build, ".%02x", static_cast<unsigned int>(component.build_level));
-    }
     writelog(0, "    Component: ID: %02x  Version: %02x.%02x%-3s  Type: %-13s  Control: %s\n",
              static_cast<unsigned int>(component.comp_id), high_byte(component.ec_level),
-             low_byte(component.ec_level), build,
+             low_byte(component.ec_level), build_suffix(component.build_level).text,
              word_or_unknown(type_words, component.comp_type).c_str(),
              word_or_unknown(control_words, component.version_method).c_str());
 }

@@ -3,6 +3,7 @@
 #include "file_handle.h"
 #include "output.h"
 #include "zelfwupdate/firmware_file.h"
+#include "zelfwupdate/version_text.h"
 
 #include <dirent.h>
 #include <fcntl.h>
@@ -116,13 +117,10 @@ const char* type_word(int& type) {
 
 void list_file(FlashFile& row) {
     const char* type = type_word(row.comp_type);
-    char build[16] = "";
-    if (row.build_level > 0) {
-        snprintf(build, sizeof build, ".%02x", static_cast<unsigned int>(row.build_level));
-    }
     writelog(1, "  %-25s   PID: %04x COMP: %d TYPE: %-3s  EC=%02x.%02x%-3s, Version='%d'\n",
              row.filename, static_cast<unsigned int>(row.product_id), row.comp_id, type,
-             (row.ec_level >> 8) & 0xFF, row.ec_level & 0xFF, build, row.ec_version);
+             (row.ec_level >> 8) & 0xFF, row.ec_level & 0xFF, build_suffix(row.build_level).text,
+             row.ec_version);
 }
 
 void read_candidate(const char* name) {
