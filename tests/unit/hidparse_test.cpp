@@ -285,6 +285,16 @@ INSTANTIATE_TEST_SUITE_P(LastBytes, HidParserEnd,
                                          Bytes{0x82, 1}, Bytes{0x81}, Bytes{0x07, 0xFF, 0xFF},
                                          Bytes{0x0B}));
 
+TEST(HidParser, ReadsZerosForTheDataThatAFullDescriptorLacks) {
+    Bytes bytes(8192, 0);
+    bytes.back() = input | 3;
+    EXPECT_EQ(parse(bytes)->ItemData, 0);
+    bytes[8189] = usage_page | 3;
+    bytes[8190] = 0xFF;
+    bytes[8191] = 0xFF;
+    EXPECT_EQ(parse(bytes)->ItemData, 0xFFFF);
+}
+
 TEST(HidParser, ParsesEveryCutOfADescriptor) {
     const Bytes whole = flash_report_descriptor(263, 32, true);
     for (size_t length = 0; length < whole.size(); ++length) {
