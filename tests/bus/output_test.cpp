@@ -4,7 +4,6 @@
 #include <gmock/gmock.h>
 
 using testing::ContainsRegex;
-using testing::EndsWith;
 using testing::HasSubstr;
 using testing::Not;
 using testing::StartsWith;

@@ -4,9 +4,7 @@
 #include <gmock/gmock.h>
 
 using testing::Contains;
-using testing::ElementsAre;
 using testing::EndsWith;
-using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;
 

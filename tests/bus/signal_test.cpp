@@ -9,7 +9,6 @@
 
 using testing::ContainsRegex;
 using testing::HasSubstr;
-using testing::IsEmpty;
 using testing::Not;
 
 namespace {

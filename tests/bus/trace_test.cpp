@@ -44,15 +44,6 @@ class TraceFile : public BusTest {
     }
 };
 
-std::vector<std::string> with_prefix(const std::string& prefix,
-                                     const std::vector<std::string>& messages) {
-    std::vector<std::string> all;
-    for (const std::string& message : messages) {
-        all.push_back(prefix + message);
-    }
-    return all;
-}
-
 }  // namespace
 
 TEST_F(TraceFile, BeginsWithTheVersionRecord) {

@@ -5,7 +5,6 @@
 #include <gmock/gmock.h>
 
 using testing::Contains;
-using testing::Each;
 using testing::ElementsAre;
 using testing::ElementsAreArray;
 using testing::HasSubstr;
@@ -78,11 +77,7 @@ TEST_F(Wire, ReportIdsStandInTheRequestAndBeforeTheMessage) {
     EXPECT_THAT(setups(), ElementsAre("21 09 0201 0000 0006", "21 09 0201 0000 0006",
                                       "21 09 0201 0000 0005", "21 09 0201 0000 0009",
                                       "a1 01 0303 0000 0105", "21 09 0201 0000 0005"));
-    std::vector<std::string> with_ids;
-    for (const std::string& query : information_queries) {
-        with_ids.push_back("01" + query);
-    }
-    EXPECT_THAT(commands("printer"), ElementsAreArray(with_ids));
+    EXPECT_THAT(commands("printer"), ElementsAreArray(with_prefix("01", information_queries)));
 }
 
 TEST_F(Wire, RequestsNameTheFlashInterfaceOfADeviceWithSeveral) {

@@ -41,3 +41,10 @@ std::string from_hex(std::string_view text) {
     }
     return bytes;
 }
+
+std::vector<std::string> with_prefix(const std::string& prefix, std::vector<std::string> texts) {
+    for (std::string& text : texts) {
+        text.insert(0, prefix);
+    }
+    return texts;
+}

@@ -45,14 +45,16 @@ std::vector<std::string> environment_texts(const ProgramSettings& settings) {
         variables[name] = value;
     }
     std::vector<std::string> texts;
+    texts.reserve(variables.size());
     for (const auto& [name, value] : variables) {
-        texts.push_back(name + "=" + value);
+        texts.push_back(std::string(name).append("=").append(value));
     }
     return texts;
 }
 
 std::vector<char*> pointers_to(std::vector<std::string>& texts) {
     std::vector<char*> pointers;
+    pointers.reserve(texts.size() + 1);
     for (std::string& text : texts) {
         pointers.push_back(text.data());
     }

@@ -22,7 +22,7 @@ class TransferRecord {
     /// Throws when a line has not the seven fields.
     explicit TransferRecord(const std::filesystem::path& path);
 
-    const std::vector<Transfer>& all() const { return transfers_; }
+    std::vector<Transfer> all() const { return transfers_; }
     std::vector<Transfer> of_kind(const std::string& device, const std::string& kind) const;
     /// SET_REPORT and GET_REPORT requests, in order.
     std::vector<Transfer> class_requests(const std::string& device) const;
