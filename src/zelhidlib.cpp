@@ -191,6 +191,8 @@ int LoadHidDlls() {
         }
     }
     static_cast<void>(bind(optional_function, load_address_optional));
+    // A thread of the library may still be inside it when the loader is shut down.
+    lt_dlmakeresident(hLibUsb);
     FirstTime = 1;
     return p_libusb_init(&context) < 0 ? -1 : 0;
 }
