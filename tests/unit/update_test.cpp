@@ -523,9 +523,11 @@ TEST_F(Flashing, AFailedResetIsTheResultOfAGoodUpdate) {
     attach(device);
     std::unique_ptr<HIDDEVICE2> taken;
     // A reset fails only without a device: take it away while the last answer is waited for.
+    device.answers[checksum] = {};
     sleeps.after_sleep = [&](int) {
         if (device.count(checksum) == 1 && taken == nullptr) {
             taken = std::move(flash->hiddev);
+            device.report({0x01});
         }
     };
     EXPECT_EQ(2, flash_row(0));
@@ -534,6 +536,7 @@ TEST_F(Flashing, AFailedResetIsTheResultOfAGoodUpdate) {
     EXPECT_EQ(FLASHWRITEERROR, flash->fe[0].flashStatus);
     EXPECT_EQ(1, logged("Reset failed for PID 4123, rc=2"));
     EXPECT_EQ(0, logged("Firmware update FAILED"));
+    ASSERT_NE(nullptr, taken);
     taken->CloseWriteHandle();
     taken->CloseReadHandle();
     EXPECT_TRUE(threads.all_ended_within(10000));
