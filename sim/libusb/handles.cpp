@@ -122,7 +122,10 @@ Outcome detach(libusb_device_handle& handle, Peripheral& peripheral, int number)
         return {LIBUSB_ERROR_NO_DEVICE, false};
     }
     const auto interface = static_cast<std::uint8_t>(number);
-    if (number < 0 || number > kHighestInterface || !peripheral.driver_bound(interface)) {
+    if (number < 0 || number > kHighestInterface || peripheral.interface(interface) == nullptr) {
+        return {LIBUSB_ERROR_INVALID_PARAM, false};
+    }
+    if (!peripheral.driver_bound(interface)) {
         return {LIBUSB_ERROR_NOT_FOUND, false};
     }
     const Outcome outcome = outcome_of(peripheral.host_fault(FaultEvent::detach, zelfsim::now()));
@@ -140,7 +143,10 @@ Outcome attach(const World& world, libusb_device_handle& handle, Peripheral& per
     const auto interface = static_cast<std::uint8_t>(number);
     const auto* description =
         number < 0 || number > kHighestInterface ? nullptr : peripheral.interface(interface);
-    if (description == nullptr || !description->driver) {
+    if (description == nullptr) {
+        return {LIBUSB_ERROR_INVALID_PARAM, false};
+    }
+    if (!description->driver) {
         return {LIBUSB_ERROR_NOT_FOUND, false};
     }
     if (peripheral.driver_bound(interface) || world.claimed(peripheral, interface)) {

@@ -178,9 +178,6 @@ int transfer(libusb_device_handle* raw, const char* kind, unsigned char endpoint
     World& world = World::instance();
     std::unique_lock lock(world.mutex);
     const HandlePointer handle = world.find(raw, kind);
-    if (actual != nullptr) {
-        *actual = 0;
-    }
     if (!handle) {
         return LIBUSB_ERROR_NO_DEVICE;
     }
@@ -191,11 +188,12 @@ int transfer(libusb_device_handle* raw, const char* kind, unsigned char endpoint
     const InterfaceDescription* interface =
         handle->device->peripheral->interface_of_endpoint(endpoint);
     Reply reply;
+    bool begun = false;
     if (!alive(*handle, zelfsim::now())) {
         reply.completion = Completion::no_device;
     } else if (!claim_for_transfer(world, *handle, interface)) {
         reply.completion = Completion::io_error;
-    } else if (in) {
+    } else if (begun = true; in) {
         reply = poll(world, lock, *handle, *interface, endpoint, static_cast<std::size_t>(length),
                      timeout);
     } else {
@@ -203,7 +201,8 @@ int transfer(libusb_device_handle* raw, const char* kind, unsigned char endpoint
     }
     const int result = zelfsim::usb::code_of(reply.completion);
     std::copy(reply.data.begin(), reply.data.end(), data);
-    if (actual != nullptr) {
+    // The count of a transfer that the kernel did not take stays as the caller left it.
+    if (actual != nullptr && begun) {
         *actual = static_cast<int>(in ? reply.data.size() : reply.accepted);
     }
     zelfsim::usb::record(*handle, kind, endpoint_text(endpoint, static_cast<std::size_t>(length)),
