@@ -13,9 +13,7 @@
 #include <string>
 #include <vector>
 
-using testing::EndsWith;
 using testing::HasSubstr;
-using testing::StartsWith;
 
 namespace {
 
@@ -38,6 +36,7 @@ struct Parsed {
 Parsed parse(std::vector<std::string> arguments) {
     arguments.insert(arguments.begin(), "zelfwupdate");
     std::vector<char*> argv;
+    argv.reserve(arguments.size() + 1);
     for (std::string& argument : arguments) {
         argv.push_back(argument.data());
     }

@@ -230,7 +230,7 @@ std::string shown_on_terminal(Call call) {
 }
 
 std::string text_on_terminal(const std::string& text) {
-    const std::string shown = shown_on_terminal([&text] { writelog(1, "%s", text.c_str()); });
+    std::string shown = shown_on_terminal([&text] { writelog(1, "%s", text.c_str()); });
     EXPECT_EQ(shown, shown_on_terminal([&text] { writelog_notrace(1, "%s", text.c_str()); }));
     return shown;
 }

@@ -325,23 +325,33 @@ TEST_F(TraceFile, NotesAClockThatGoesBackBeforeTheFirstStamp) {
     EXPECT_EQ(found[4].clock_time, 4294966296.0);
 }
 
+namespace {
+
+/// What a thread writes in one of its rounds: a length and a letter that tell both.
+std::string own_payload(std::uint32_t writer, std::uint32_t round) {
+    return std::string(200U + 100U * writer + round, "abcdefgh"[writer]);
+}
+
+}  // namespace
+
 TEST_F(TraceFile, WritersOfSeveralThreadsKeepRecordsWhole) {
-    constexpr int writers = 4;
-    constexpr int rounds = 60;
+    constexpr std::uint32_t writers = 4;
+    constexpr std::uint32_t rounds = 60;
+    constexpr std::uint32_t first_kind = 1000;
     Trace file(name().c_str(), 0, 3);
-    std::atomic<int> ready{0};
+    std::atomic<std::uint32_t> ready{0};
     std::vector<std::thread> threads;
-    for (int writer = 0; writer < writers; ++writer) {
+    threads.reserve(writers);
+    for (std::uint32_t writer = 0; writer < writers; ++writer) {
         threads.emplace_back([&file, &ready, writer] {
             ++ready;
             while (ready < writers) {
                 std::this_thread::yield();
             }
-            for (int round = 0; round < rounds; ++round) {
-                const auto length = static_cast<std::size_t>(200 + 100 * writer + round);
-                const std::string payload(length, static_cast<char>('a' + writer));
-                file.WriteTraceData(static_cast<unsigned long>(1000 + writer), bytes_of(payload),
-                                    payload.size());
+            for (std::uint32_t round = 0; round < rounds; ++round) {
+                const std::string payload = own_payload(writer, round);
+                file.WriteTraceData(first_kind + writer, bytes_of(payload),
+                                    static_cast<unsigned long>(payload.size()));
             }
         });
     }
@@ -350,14 +360,11 @@ TEST_F(TraceFile, WritersOfSeveralThreadsKeepRecordsWhole) {
     }
     const std::vector<TraceRecord> found = records();
     ASSERT_EQ(found.size(), 1U + writers * rounds);
-    std::vector<int> counts(writers);
+    std::vector<std::uint32_t> counts(writers);
     for (std::size_t i = 1; i < found.size(); ++i) {
-        const auto writer = found[i].kind - 1000;
-        ASSERT_LT(writer, static_cast<std::uint32_t>(writers));
-        const int round = counts[writer]++;
-        EXPECT_EQ(found[i].payload,
-                  std::string(200 + 100 * writer + static_cast<std::uint32_t>(round),
-                              static_cast<char>('a' + static_cast<char>(writer))));
+        const std::uint32_t writer = found[i].kind - first_kind;
+        ASSERT_LT(writer, writers);
+        EXPECT_EQ(found[i].payload, own_payload(writer, counts[writer]++));
     }
     EXPECT_THAT(counts, testing::Each(rounds));
 }
@@ -566,6 +573,7 @@ TEST(MutexSem, LetsOneThreadInAtATime) {
     constexpr int rounds = 40;
     int counter = 0;
     std::vector<std::thread> threads;
+    threads.reserve(threads_count);
     for (int i = 0; i < threads_count; ++i) {
         threads.emplace_back([&counter] {
             for (int round = 0; round < rounds; ++round) {

@@ -46,6 +46,7 @@ std::string content_of(FILE* file) {
     std::vector<std::string> texts = {name};
     texts.insert(texts.end(), run.arguments.begin(), run.arguments.end());
     std::vector<char*> arguments;
+    arguments.reserve(texts.size() + 1);
     for (std::string& text : texts) {
         arguments.push_back(text.data());
     }
