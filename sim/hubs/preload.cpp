@@ -128,10 +128,13 @@ ZELF_VISIBLE int open64(const char* path, int flags, ...) {
     return open_any(path, flags | O_LARGEFILE, mode);
 }
 
+// The names are the C library's, for calls compiled with its bounds checks.
+// NOLINTNEXTLINE(bugprone-reserved-identifier)
 ZELF_VISIBLE int __open_2(const char* path, int flags) {
     return open_any(path, flags, 0);
 }
 
+// NOLINTNEXTLINE(bugprone-reserved-identifier)
 ZELF_VISIBLE int __open64_2(const char* path, int flags) {
     return open_any(path, flags | O_LARGEFILE, 0);
 }

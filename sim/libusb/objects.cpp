@@ -207,7 +207,7 @@ __attribute__((no_sanitize("undefined", "address", "thread")))
 void crash() {
     // The address comes from memory, so that the compiler cannot see what it is.
     volatile std::uintptr_t nowhere = 16;
-    *reinterpret_cast<volatile int*>(nowhere) = 0;
+    *reinterpret_cast<volatile int*>(nowhere) = 0;  // NOLINT(performance-no-int-to-ptr)
     std::abort();
 }
 
