@@ -19,6 +19,7 @@ std::unique_ptr<Trace> trace;
 namespace {
 
 constexpr unsigned int attempt_interval = 50;  // milliseconds
+constexpr suseconds_t attempt_microseconds = 50000;
 /// About 7.8 days, in milliseconds.
 constexpr unsigned int longest_wait = 0x27FFFC18;
 
@@ -87,7 +88,7 @@ int mutexSem::Acquire(unsigned int timeout) {
         if (result == 0) {
             return 0;
         }
-        timeval interval = {0, attempt_interval * 1000};
+        timeval interval = {0, attempt_microseconds};
         select(0, nullptr, nullptr, nullptr, &interval);
         if (budget <= attempt_interval) {
             return result;

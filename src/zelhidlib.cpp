@@ -185,14 +185,14 @@ int LoadHidDlls() {
     }
     for (const Binding& binding : required_functions) {
         if (bind(binding, load_address) != 0) {
-            lt_dlclose(hLibUsb);
+            static_cast<void>(lt_dlclose(hLibUsb));
             hLibUsb = nullptr;
             return symbol_missing;
         }
     }
     static_cast<void>(bind(optional_function, load_address_optional));
     // A thread of the library may still be inside it when the loader is shut down.
-    lt_dlmakeresident(hLibUsb);
+    static_cast<void>(lt_dlmakeresident(hLibUsb));
     FirstTime = 1;
     return p_libusb_init(&context) < 0 ? -1 : 0;
 }

@@ -40,6 +40,7 @@ void block_signals_of_the_main_thread() {
 
 /// A thread handle in the form in which the log shows it.
 const void* pointer_to_print(pthread_t thread) {
+    // NOLINTNEXTLINE(performance-no-int-to-ptr): never used as an address
     return reinterpret_cast<const void*>(thread);
 }
 
