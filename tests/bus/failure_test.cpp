@@ -108,7 +108,7 @@ TEST_F(Failure, UnplugAtARecord) {
 
 TEST_F(Failure, UnplugWhileARecordIsWorkedOn) {
     set_fault("record", "unplug", "number = 5\nms = 0.5");
-    const RunResult result = update({"-2", "300"});
+    const RunResult result = update({"-2", "1000"});
     EXPECT_EQ(result.exit_code, 6);
     expect_broken();
     expect_recovery();
@@ -168,14 +168,14 @@ TEST_F(Failure, RecordsStatusNeedNotSayCompleted) {
 
 TEST_F(Failure, RecordThatIsNotAnswered) {
     set_fault("record", "no-answer", "number = 5");
-    expect_failure(write_error, {"-2", "150"});
+    expect_failure(write_error, {"-2", "700"});
     expect_broken();
     expect_recovery();
 }
 
 TEST_F(Failure, RecordThatIsAnsweredTooLate) {
-    set_fault("record", "late", "number = 5\nms = 600");
-    expect_failure(write_error, {"-2", "150"});
+    set_fault("record", "late", "number = 5\nms = 3000");
+    expect_failure(write_error, {"-2", "700"});
     expect_recovery();
 }
 
@@ -220,7 +220,7 @@ TEST_F(Failure, OperationErrorOnTheEraseEndsTheUpdateAtOnce) {
 TEST_F(Failure, EraseThatIsNotAnswered) {
     set_fault("erase", "no-answer");
     const RunResult result = expect_failure(
-        std::string("Erase of flash image area failed, rc=7\n") + write_error, {"-1", "150"});
+        std::string("Erase of flash image area failed, rc=7\n") + write_error, {"-1", "700"});
     EXPECT_THAT(result.log, HasSubstr("Read failed on status of erase command, rc=7\n"));
     expect_whole();
     expect_recovery();
@@ -228,10 +228,20 @@ TEST_F(Failure, EraseThatIsNotAnswered) {
 
 TEST_F(Failure, ChecksumThatIsNotAnswered) {
     set_fault("checksum", "no-answer");
-    const RunResult result = expect_failure(write_error, {"-3", "150"});
+    const RunResult result = expect_failure(write_error, {"-3", "700"});
     EXPECT_THAT(result.log, HasSubstr("Read of checksm write status failed\n"));
     expect_broken();
     expect_recovery();
+}
+
+TEST_F(Failure, EachCommandHasItsOwnTimeout) {
+    const std::string late = "ms = 2500";
+    set_bus({printer()}, fault_text("printer", "checksum", "late", late));
+    EXPECT_EQ(update({"-1", "1500", "-2", "1500"}).exit_code, 0);
+    set_bus({printer()}, fault_text("printer", "erase", "late", late));
+    EXPECT_EQ(update({"-f", "-2", "1500", "-3", "1500"}).exit_code, 0);
+    set_bus({printer()}, fault_text("printer", "record", "late", late));
+    EXPECT_EQ(update({"-f", "-1", "1500", "-3", "1500"}).exit_code, 0);
 }
 
 TEST_F(Failure, RejectedChecksum) {

@@ -110,13 +110,14 @@ TEST_F(HostileDevice, EmptyReportIsNoAnswer) {
     device.components = {{}, {.id = 1}};
     set_bus({device}, fault_text("printer", "interrupt", "empty", "number = 9"));
     add_firmware("boot.dat", {.component = 1});
-    const RunResult result = update({"-2", "150"});
+    const RunResult result = update({"-2", "700"});
     EXPECT_EQ(result.exit_code, 6);
     EXPECT_THAT(result.console, HasSubstr("Firmware update FAILED\n"));
 }
 
 TEST_F(HostileDevice, AnswersThatComeTooLateAreLeftOut) {
-    set_bus({SimDevice{}}, fault_text("printer", "ec-level", "late", "ms = 1000"));
+    set_bus({SimDevice{}}, fault_text("printer", "ec-level", "late", "ms = 5000"));
+    information_timeout = 600;
     EXPECT_EQ(listed(), list_line(0x3C35, 0, "01.02", "PR0001") + "\n");
 }
 

@@ -101,7 +101,7 @@ TEST_F(Output, LogOfAListHoldsWhatTheDeviceAnswered) {
     const RunResult result = run({"-L"});
     EXPECT_THAT(result.log, StartsWith("Quenta Firmware Update Utility\n\n"
                                        "Version 1.1.3 (i386)\n"));
-    EXPECT_THAT(result.log, HasSubstr("Command line:  zelfwupdate -L -l "));
+    EXPECT_THAT(result.log, HasSubstr("Command line:  zelfwupdate -0 3000 -L -l "));
     EXPECT_THAT(result.log, HasSubstr(std::string(separator) + "USB Flash Started at "));
     EXPECT_THAT(result.log,
                 HasSubstr("Processing 7a01:3c35:a000-1\n"
@@ -140,7 +140,7 @@ TEST_F(Output, QuietRunSaysNothingOnTheConsoleAndAllInTheLog) {
 TEST_F(Output, VerboseRunTellsTheStepsOfTheUpdate) {
     set_up_update();
     EXPECT_EQ(update({"-n", "1"}).console,
-              decision_lines() +
+              "Information response timeout: 3000 milliseconds\n" + decision_lines() +
                   "Erase completed, now sending 7 firmware update records from file\n"
                   "...... %100 complete\n\n"
                   "Main part of firmware update done, now sending checksum\n"

@@ -26,7 +26,7 @@ class Signal : public BusTest, public testing::WithParamInterface<int> {
                              .serial = "SC0001",
                              .components = {{}, {.id = 1}}};
         printer.device_keys = scanner.device_keys =
-            "timing = { transfer_ms = 0, query_ms = 1, erase_ms = 300, record_ms = 60, "
+            "timing = { transfer_ms = 0, query_ms = 100, erase_ms = 300, record_ms = 60, "
             "checksum_ms = 50, reset_ms = 300 }";
         set_bus({printer, scanner});
         add_firmware("boot.dat", file);
@@ -47,7 +47,8 @@ class Signal : public BusTest, public testing::WithParamInterface<int> {
         return finish(*process);
     }
 
-    const FirmwareFile file = {.component = 1};
+    /// Long enough for a signal to come in its middle.
+    const FirmwareFile file = {.component = 1, .data_records = 25};
 };
 
 }  // namespace
@@ -122,10 +123,10 @@ TEST_F(Signal, BeforeAnyEraseEndsTheRunAtOnce) {
 TEST_F(Signal, MainComponentIsResetBeforeTheRunEnds) {
     SimDevice printer;
     printer.device_keys =
-        "timing = { transfer_ms = 0, query_ms = 1, erase_ms = 300, record_ms = 60, "
+        "timing = { transfer_ms = 0, query_ms = 100, erase_ms = 300, record_ms = 60, "
         "checksum_ms = 50, reset_ms = 300 }";
     set_bus({printer});
-    const FirmwareFile main;
+    const FirmwareFile main = {.data_records = 25};
     add_firmware("boot.dat", main);
     const RunResult result = run_with_signal(SIGHUP, 3);
     EXPECT_EQ(result.signal, SIGHUP);

@@ -30,6 +30,8 @@ std::string BusTest::add_raw_firmware(const std::string& name, const std::string
 }
 
 std::unique_ptr<ProgramProcess> BusTest::start(std::vector<std::string> arguments) {
+    // In front: a test's own time-out comes later and holds.
+    arguments.insert(arguments.begin(), {"-0", std::to_string(information_timeout)});
     arguments.insert(arguments.end(), {"-l", path("run.log"), "-t", path("trace.bin")});
     std::filesystem::remove(path("record.tsv"));
     std::filesystem::remove(path("trace.bin"));

@@ -55,6 +55,8 @@ class BusTest : public testing::Test {
     std::vector<std::string> history(const std::string& device = "printer") const;
 
     ProgramSettings settings;  ///< for the next run
+    /// The program's own time-out of 100 ms for information is short on a busy machine.
+    int information_timeout = 3000;
 
   private:
     TemporaryDirectory directory_;
