@@ -18,6 +18,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <vector>
 
 namespace {
 
@@ -330,6 +331,20 @@ TEST_F(Reader, ThatStartsLateDoesNotUndoAStop) {
     EXPECT_EQ(0, flags().read_hid_in_progress);
     EXPECT_EQ(0, threads.unreclaimed());
     EXPECT_TRUE(flash->finish());
+}
+
+TEST_F(Reader, ThatStartsAfterTheCloseDoesNotOpenTheDeviceAgain) {
+    threads.hold_back();
+    set_up(14);
+    flags().stopped = 1;
+    flags().device_closed = 1;
+    flash->hiddev->CloseWriteHandle();
+    flash->hiddev->CloseReadHandle();
+    const std::vector<std::string> before = usb.calls();
+    threads.let_go();
+    EXPECT_TRUE(threads.all_ended_within(generous));
+    EXPECT_EQ(before, usb.calls());
+    EXPECT_EQ(1, debugged("4: Stopping (stopped=1, device_closed=1)"));
 }
 
 TEST_F(Reader, ThatLingersKeepsItsDeviceAllocated) {
