@@ -129,7 +129,7 @@ unsigned UsbIpClient::import(const std::string& bus_id) {
 
 void UsbIpClient::submit_control(std::uint32_t sequence, const Octets& setup, const Octets& out) {
     const bool in = (setup.at(0) & 0x80) != 0;
-    const std::size_t length = setup.at(6) | setup.at(7) << 8U;
+    const std::size_t length = setup.at(6) + setup.at(7) * std::size_t{256};
     Octets bytes = urb_header(1, sequence, in, 0, length, setup);
     bytes.insert(bytes.end(), out.begin(), out.end());
     send(bytes);
