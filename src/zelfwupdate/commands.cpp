@@ -42,7 +42,7 @@ constexpr std::size_t end_size = 3;
 }  // namespace record_answer
 
 /// A device that never says that a block is its last would fill the disk.
-constexpr int most_blocks = 1 << 18;
+constexpr int most_blocks = 1 << 16;
 
 const char* plural(int count) {
     return count == 1 ? "" : "s";

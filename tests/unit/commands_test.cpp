@@ -521,6 +521,14 @@ TEST_F(ComponentRead, AComponentWithoutARowHasLevelZero) {
     EXPECT_EQ("3c750000", content().substr(0, 8));
 }
 
+TEST_F(ComponentRead, FailsWhenTheDataDoesNotEnd) {
+    OutputLevel = 1;
+    device.data[{0x06, 0x00, 0x21, 0x00, 0xFF, 0x20, 0x00, 0x00}] = {0x00, 0x00, 0x00, 0x20};
+    EXPECT_EQ(8, read());
+    EXPECT_EQ(1, logged("The device does not end its data after 65536 blocks"));
+    EXPECT_EQ(1, logged("Device PID:3c75 Component:2 read failed, rc=3"));
+}
+
 TEST_F(ComponentRead, FailsWhenTheDataFails) {
     device.next_features = {{0, {0x00, 0x00, 0x01, 0x10, 0x00, 0x01, 0xAA}}};
     EXPECT_EQ(8, read());

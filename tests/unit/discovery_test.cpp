@@ -492,6 +492,8 @@ TEST_F(Processing, AFullTableTakesNoMore) {
     flash->numberOfFlashEntries = max_flash_entries;
     EXPECT_EQ(0, process(device));
     EXPECT_EQ(max_flash_entries, flash->numberOfFlashEntries);
+    EXPECT_EQ(1, debugged("The device table holds 128 devices already, '" + device.path() +
+                          "' is left out"));
 }
 
 TEST_F(Processing, SlotsStayInTheirTable) {
