@@ -15,6 +15,7 @@
 #include <unistd.h>
 
 #include <chrono>
+#include <cstdint>
 #include <cstdio>
 #include <memory>
 #include <string>
@@ -31,15 +32,16 @@ namespace {
 constexpr int segmentation_fault = 12;
 constexpr std::size_t page_size = 4096;
 
-/// An address in a page that is not there, or that may only be read.
-char* unusable_address(bool is_mapped) {
+/// An address in the first pages, where the kernel lets nothing be mapped, whatever else is.
+char* unmapped_address() {
+    volatile std::uintptr_t address = 0x102A;
+    return reinterpret_cast<char*>(address);
+}
+
+/// An address in a page that may only be read.
+char* protected_address() {
     void* page = mmap(nullptr, page_size, PROT_READ, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    if (page == MAP_FAILED) {
-        _exit(1);
-    }
-    if (!is_mapped) {
-        munmap(page, page_size);
-    }
+    EXPECT_NE(page, MAP_FAILED);
     return static_cast<char*>(page) + 0x2A;
 }
 
@@ -217,7 +219,7 @@ TEST(FaultReport, EndsWithTheSameCodeWhenItFaultsItself) {
     const ChildEnd end = run_in_child([] {
         install_fault_report();
         siginfo_t information = fault_information(1);
-        sigsegv_catcher(SIGSEGV, &information, unusable_address(false) - 0x2A);
+        sigsegv_catcher(SIGSEGV, &information, unmapped_address() - 0x2A);
     });
     EXPECT_EQ(end.exit_code, segmentation_fault);
     EXPECT_THAT(end.output, StartsWith("\nSegmentation Fault.. Stopping\n"));
@@ -225,7 +227,7 @@ TEST(FaultReport, EndsWithTheSameCodeWhenItFaultsItself) {
 }
 
 TEST_F(Fault, AtAnUnmappedAddressIsReported) {
-    char* const address = unusable_address(false);
+    char* const address = unmapped_address();
     const ChildEnd end = fault_at(address);
     EXPECT_EQ(end.exit_code, segmentation_fault);
     EXPECT_THAT(end.output, StartsWith("\nSegmentation Fault.. Stopping\n"
@@ -235,7 +237,7 @@ TEST_F(Fault, AtAnUnmappedAddressIsReported) {
 }
 
 TEST_F(Fault, AtAProtectedAddressIsAnAccessError) {
-    char* const address = unusable_address(true);
+    char* const address = protected_address();
     const ChildEnd end = fault_at(address);
     EXPECT_EQ(end.exit_code, segmentation_fault);
     EXPECT_THAT(end.output, HasSubstr("\nsi_code:   SEGV_ACCERR\n"));
@@ -243,7 +245,7 @@ TEST_F(Fault, AtAProtectedAddressIsAnAccessError) {
 }
 
 TEST_F(Fault, LeavesTheReportAtTheEndOfTheLog) {
-    char* const address = unusable_address(false);
+    char* const address = unmapped_address();
     const ChildEnd end = fault_at(address);
     EXPECT_THAT(log(), HasSubstr("USB Flash Started at"));
     EXPECT_THAT(log(), EndsWith(end.output));
@@ -252,7 +254,7 @@ TEST_F(Fault, LeavesTheReportAtTheEndOfTheLog) {
 }
 
 TEST_F(Fault, IsTraced) {
-    const ChildEnd end = fault_at(unusable_address(false));
+    const ChildEnd end = fault_at(unmapped_address());
     std::string traced;
     for (const std::string& text : trace_texts(directory_.path("trace"))) {
         traced += text;
@@ -262,14 +264,14 @@ TEST_F(Fault, IsTraced) {
 
 TEST_F(Fault, IsLoggedButNotShownAtTheQuietLevel) {
     OutputLevel = 0;
-    const ChildEnd end = fault_at(unusable_address(false));
+    const ChildEnd end = fault_at(unmapped_address());
     EXPECT_EQ(end.exit_code, segmentation_fault);
     EXPECT_EQ(end.output, "");
     EXPECT_THAT(log(), HasSubstr("\nSegmentation Fault.. Stopping\n"));
 }
 
 TEST_F(Fault, InsideTheCriticalSectionIsReportedWithoutTheTrace) {
-    char* const address = unusable_address(false);
+    char* const address = unmapped_address();
     const auto start = std::chrono::steady_clock::now();
     const ChildEnd end = run_in_child([&] {
         open_journals();
@@ -285,7 +287,7 @@ TEST_F(Fault, InsideTheCriticalSectionIsReportedWithoutTheTrace) {
 }
 
 TEST_F(Fault, OfAnotherThreadIsReported) {
-    char* const address = unusable_address(false);
+    char* const address = unmapped_address();
     const ChildEnd end = run_in_child([&] {
         open_journals();
         install_fault_report();
