@@ -155,6 +155,12 @@ TEST_F(Output, LevelFromTheEnvironmentIsOneLower) {
                 HasSubstr("Erase completed, now sending 7 firmware update records from file\n"));
 }
 
+TEST_F(Output, DebugLevelFromTheEnvironmentIsTwo) {
+    set_up_update();
+    settings.environment["ZELFWUPDATE_OUTPUT_LEVEL"] = "2";
+    EXPECT_THAT(update().log, HasSubstr("3:WriteFlash rc=0\n"));
+}
+
 TEST_F(Output, LevelOfTheCommandLineHoldsOverTheEnvironment) {
     set_up_update();
     settings.environment["ZELFWUPDATE_OUTPUT_LEVEL"] = "2";
