@@ -5,7 +5,6 @@
 
 #include <algorithm>
 
-using testing::EndsWith;
 using testing::HasSubstr;
 
 namespace {

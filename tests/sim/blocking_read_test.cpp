@@ -135,8 +135,10 @@ TEST_F(BlockingRead, DoesNotHoldUpOtherThreads) {
     workspace.use_bus(printer_bus("driver = false\n"));
     const UsbContext shared;
     std::atomic<int> good{0};
+    constexpr int thread_count = 4;
     std::vector<std::thread> threads;
-    for (int number = 0; number < 4; ++number) {
+    threads.reserve(thread_count);
+    for (int number = 0; number < thread_count; ++number) {
         threads.emplace_back([&] {
             const UsbContext own;
             for (int round = 0; round < 20; ++round) {

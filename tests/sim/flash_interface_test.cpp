@@ -7,7 +7,6 @@
 namespace {
 
 using testing::ElementsAre;
-using testing::StartsWith;
 using zelfsim::Bytes;
 using zelfsim::Completion;
 using zelfsim::FlashPhase;

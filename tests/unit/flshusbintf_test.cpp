@@ -11,7 +11,6 @@
 namespace {
 
 using testing::ElementsAre;
-using testing::HasSubstr;
 
 constexpr int not_possible = -2;
 

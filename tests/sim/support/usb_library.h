@@ -18,6 +18,7 @@ void* usb_symbol(const char* name);
 struct UsbLibrary {
     static const UsbLibrary& get();
 
+// NOLINTNEXTLINE(bugprone-macro-parentheses): a name can't stand in them
 #define ZELF_BIND(name)             \
     decltype(&libusb_##name) name = \
         reinterpret_cast<decltype(&libusb_##name)>(usb_symbol("libusb_" #name))
