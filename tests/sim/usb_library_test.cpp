@@ -308,7 +308,6 @@ TEST_F(Usb, RefusesToDetachWhenTheFaultSaysSo) {
 using UsbDeathTest = Usb;
 
 TEST_F(UsbDeathTest, CrashesForRealWhenTheFaultSaysSo) {
-    GTEST_FLAG_SET(death_test_style, "threadsafe");
     use(with_fault("at = \"string\"\naction = \"crash\"\n"));
     const auto provoke = [&] {
         // A sanitizer would turn the signal into an exit of its own.
