@@ -95,35 +95,35 @@ void write_to_trace(const char* text) {
     }
 }
 
-bool reaches_console(int Display) {
-    return Display == 1 && OutputLevel >= 1;
+enum class Traced { yes, no };
+
+__attribute__((format(printf, 3, 0))) void write_message(int Display, Traced traced,
+                                                         const char* szFormat, va_list arguments) {
+    char szBuffer[log_message_size];
+    vsnprintf(szBuffer, sizeof(szBuffer), szFormat, arguments);
+    write_to_log(szBuffer);
+    if (traced == Traced::yes) {
+        write_to_trace(szBuffer);
+    }
+    if (Display == 1 && OutputLevel >= 1) {
+        write_to_console(szBuffer);
+    }
 }
 
 }  // namespace
 
 void writelog(int Display, const char* szFormat, ...) {
-    char szBuffer[log_message_size];
     va_list arguments;
     va_start(arguments, szFormat);
-    vsnprintf(szBuffer, sizeof(szBuffer), szFormat, arguments);
+    write_message(Display, Traced::yes, szFormat, arguments);
     va_end(arguments);
-    write_to_log(szBuffer);
-    write_to_trace(szBuffer);
-    if (reaches_console(Display)) {
-        write_to_console(szBuffer);
-    }
 }
 
 void writelog_notrace(int Display, const char* szFormat, ...) {
-    char szBuffer[log_message_size];
     va_list arguments;
     va_start(arguments, szFormat);
-    vsnprintf(szBuffer, sizeof(szBuffer), szFormat, arguments);
+    write_message(Display, Traced::no, szFormat, arguments);
     va_end(arguments);
-    write_to_log(szBuffer);
-    if (reaches_console(Display)) {
-        write_to_console(szBuffer);
-    }
 }
 
 void writedebug(const char* szFormat, ...) {
