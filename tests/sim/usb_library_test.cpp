@@ -17,7 +17,6 @@ using testing::ElementsAre;
 using testing::HasSubstr;
 
 constexpr int kPrinter = 0x3C35;
-constexpr int kRootHub = 0x0002;
 const std::vector<unsigned char> kDeviceInfo{0x03, 0x00, 0x00, 0x00, 0x01};
 const std::vector<unsigned char> kReset{0x04, 0x00, 0x00, 0x40};
 
