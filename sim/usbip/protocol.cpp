@@ -13,7 +13,8 @@ namespace {
 constexpr std::uint16_t kVersion = 0x0111;
 
 // A device is its path, its bus ID, three numbers, three halves and six bytes.
-static_assert(kDeviceSize == kPathSize + kBusIdSize + 3 * 4 + 3 * 2 + 6);
+static_assert(kDeviceSize ==
+              kPathSize + kBusIdSize + 3 * sizeof(std::uint32_t) + 3 * sizeof(std::uint16_t) + 6);
 
 class Writer {
   public:
