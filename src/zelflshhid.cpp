@@ -273,15 +273,15 @@ int HIDDEVICE2::Read(unsigned short usagePage, unsigned short usage, char* buffe
 int HIDDEVICE2::SetFeature(unsigned short usagePage, unsigned short usage, char* buffer,
                            unsigned short length) {
     writedebug("SetFeature - entered upage=0x%x u=0x%x\n", usagePage, usage);
+    int result = hid_device_gone;
     if (intf == nullptr) {
         writedebug("Set feature invalid handle, rc=%d (usagePage=%04x usage=%04x)\n", 0, usagePage,
                    usage);
-        return hid_device_gone;
+    } else {
+        const int rc =
+            intf->HidSetFeatureReport(usagePage, usage, bytes_of(buffer), length, transfer_timeout);
+        result = rc == length ? hid_success : report_set_feature_failure(rc, usagePage, usage);
     }
-    const int rc =
-        intf->HidSetFeatureReport(usagePage, usage, bytes_of(buffer), length, transfer_timeout);
-    const int result =
-        rc == length ? hid_success : report_set_feature_failure(rc, usagePage, usage);
     writedebug("SetFeature - exited  rc=0x%x\n", static_cast<unsigned int>(result));
     return result;
 }
@@ -289,13 +289,14 @@ int HIDDEVICE2::SetFeature(unsigned short usagePage, unsigned short usage, char*
 int HIDDEVICE2::GetFeature(unsigned short usagePage, unsigned short usage, char* buffer,
                            unsigned short length) {
     writedebug("GetFeature - entered upage=0x%x u=0x%x\n", usagePage, usage);
+    int result = hid_device_gone;
     if (intf == nullptr) {
         writedebug("Get feature invalid handle (usagePage=%04x, usage=%04x)\n", usagePage, usage);
-        return hid_device_gone;
+    } else {
+        const int rc =
+            intf->HidGetFeatureReport(usagePage, usage, bytes_of(buffer), length, transfer_timeout);
+        result = rc >= 1 ? hid_success : report_get_feature_failure(rc, usagePage, usage);
     }
-    const int rc =
-        intf->HidGetFeatureReport(usagePage, usage, bytes_of(buffer), length, transfer_timeout);
-    const int result = rc >= 1 ? hid_success : report_get_feature_failure(rc, usagePage, usage);
     writedebug("<GetFeature - exited  rc=0x%x\n", static_cast<unsigned int>(result));
     return result;
 }

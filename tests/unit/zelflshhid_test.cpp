@@ -13,6 +13,7 @@
 #include <memory>
 #include <string>
 #include <thread>
+#include <utility>
 
 namespace {
 
@@ -99,6 +100,17 @@ TEST_F(HidDevice, LogsItsLifeWithTheLabelsSwapped) {
     hid.reset();
     EXPECT_THAT(log.text(), testing::EndsWith("3:~HIDDEVICE(VID=4b3, PID=3c02, Path=//?/hid#x) "
                                               "exiting\n"));
+}
+
+TEST_F(HidDevice, LogsItsLifeOnlyWhenBothIdsAreKnown) {
+    for (const auto& [vendor, product] : {std::pair{0x04B3, 0}, std::pair{0, 0x3C02}}) {
+        hid = std::make_unique<HIDDEVICE2>(static_cast<unsigned short>(vendor),
+                                           static_cast<unsigned short>(product), "//?/hid#x");
+        EXPECT_EQ(open("r"), 1);
+        hid.reset();
+    }
+    EXPECT_EQ(log.text(),
+              "3:Create of '//?/hid#x' failed, rc=-2\n3:Create of '//?/hid#x' failed, rc=-2\n");
 }
 
 TEST_F(HidDevice, IsMarkedWhenItsPathCannotBeOpened) {
@@ -304,6 +316,15 @@ TEST_F(HidDevice, ReadsOnAfterTimeoutsAndEmptyPackets) {
     EXPECT_EQ(usb.interrupts.size(), 4U);
 }
 
+// The bytes of such a packet are not handed over.
+TEST_F(HidDevice, EndsAReadByATimeoutThatCarriesBytes) {
+    ready();
+    device->packets = {{LIBUSB_ERROR_TIMEOUT, {'1', '2'}, -1}, {0, {'7'}, -1}};
+    EXPECT_EQ(read(), 0);
+    EXPECT_EQ(buffer.substr(0, 9), std::string(8, '\0') + '\x11');
+    EXPECT_EQ(usb.interrupts.size(), 1U);
+}
+
 struct ReadFailure {
     FakePacket packet;
     const char* message;
@@ -463,11 +484,15 @@ TEST_F(HidDevice, HasNoFeaturesWithoutAnInterface) {
     ready();
     lose_interface();
     EXPECT_EQ(set_feature(), 13);
-    EXPECT_THAT(log.text(), testing::EndsWith("3:Set feature invalid handle, rc=0 (usagePage=ff45 "
-                                              "usage=a003)\n"));
+    EXPECT_THAT(log.text(), testing::EndsWith("3:SetFeature - entered upage=0xff45 u=0xa003\n"
+                                              "3:Set feature invalid handle, rc=0 (usagePage=ff45 "
+                                              "usage=a003)\n"
+                                              "3:SetFeature - exited  rc=0xd\n"));
     EXPECT_EQ(get_feature(), 13);
-    EXPECT_THAT(log.text(), testing::EndsWith("3:Get feature invalid handle (usagePage=ff45, "
-                                              "usage=a003)\n"));
+    EXPECT_THAT(log.text(), testing::EndsWith("3:GetFeature - entered upage=0xff45 u=0xa003\n"
+                                              "3:Get feature invalid handle (usagePage=ff45, "
+                                              "usage=a003)\n"
+                                              "3:<GetFeature - exited  rc=0xd\n"));
 }
 
 TEST_F(HidDevice, KeepsDetailsOutOfANormalLog) {
