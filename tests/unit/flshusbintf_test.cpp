@@ -167,6 +167,23 @@ TEST_F(UsbInterface, NoSettingIsChosenWithoutAClaimedInterface) {
     EXPECT_EQ(intf().setting_number, 0);
 }
 
+TEST_F(UsbInterface, KeepsTheSettingNumberWhenTheSettingIsRefused) {
+    claim(flash_device());
+    p_libusb_set_interface_alt_setting = [](libusb_device_handle*, int, int) {
+        return int{LIBUSB_ERROR_PIPE};
+    };
+    EXPECT_EQ(intf().SetInterfaceAltSetting(1), LIBUSB_ERROR_PIPE);
+    EXPECT_EQ(intf().setting_number, 0);
+}
+
+TEST_F(UsbInterface, ClearsItsDescriptorBeforeItIsReadAgain) {
+    FakeUsbDevice& device = claim(flash_device());
+    ASSERT_EQ(intf().descriptor.idVendor, 0x04B3);
+    device.descriptor_rc = -5;
+    EXPECT_EQ(intf().GetDeviceInformation(as_libusb(device)), -5);
+    EXPECT_EQ(intf().descriptor.idVendor, 0);
+}
+
 TEST_F(UsbInterface, AsksForDescriptorsWithAStandardRequest) {
     claim(flash_device());
     Bytes buffer(18);
@@ -180,8 +197,11 @@ TEST_F(UsbInterface, AsksForDescriptorsWithAStandardRequest) {
     EXPECT_EQ(usb.controls[0].index, 0);
     EXPECT_EQ(usb.controls[0].length, 18);
     EXPECT_EQ(usb.controls[0].timeout, 1000U);
+    EXPECT_EQ(usb.controls[1].type, 0x80);
+    EXPECT_EQ(usb.controls[1].request, 6);
     EXPECT_EQ(usb.controls[1].value, 0x0303);
     EXPECT_EQ(usb.controls[1].index, 0x0409);
+    EXPECT_EQ(usb.controls[1].timeout, 1000U);
 }
 
 // --- by libusb device ---
@@ -236,6 +256,13 @@ TEST_F(UsbInterface, OpenByIdsFailsWithoutADescriptor) {
     EXPECT_EQ(intf().intfnum, 0xBAD);
 }
 
+TEST_F(UsbInterface, ForgetsItsInterfaceWhateverComesOfAnOpenByIds) {
+    claim(flash_device());
+    ASSERT_EQ(intf().intfnum, 0);
+    EXPECT_EQ(intf().OpenDevice(0x04B3, 0x3C02), not_possible);
+    EXPECT_EQ(intf().intfnum, 0xBAD);
+}
+
 // --- by path ---
 
 TEST_F(UsbInterface, TakesEveryFieldOfAHidPath) {
@@ -264,6 +291,34 @@ TEST_F(UsbInterface, TellsTheTypeByThePrefix) {
     EXPECT_EQ(intf().GetDeviceType(), DEVICE_TYPE_HUB);
     open("/dev/hidraw0");
     EXPECT_EQ(intf().GetDeviceType(), DEVICE_TYPE_NONE);
+    open("behind //?/hub and //?/usb");
+    EXPECT_EQ(intf().GetDeviceType(), DEVICE_TYPE_USB);
+    open("//?/usb//?/hid");
+    EXPECT_EQ(intf().GetDeviceType(), DEVICE_TYPE_HID);
+}
+
+TEST_F(UsbInterface, ForgetsTheFieldsOfAnEarlierPath) {
+    open("//?/hid#vid_04b3&pid_3c02&mi_05#bus_12&dev_034#hub_07&port_03#usagepage_ff45&usage_a000");
+    ASSERT_EQ(intf().Usage, 0xA000);
+    open("//?/hid#");
+    EXPECT_EQ(intf().VendorID, 0);
+    EXPECT_EQ(intf().ProductID, 0);
+    EXPECT_EQ(intf().Interface, 0);
+    EXPECT_EQ(intf().BusNumber, 0);
+    EXPECT_EQ(intf().DeviceAddress, 0);
+    EXPECT_EQ(intf().HubNumber, 0);
+    EXPECT_EQ(intf().PortNumber, 0);
+    EXPECT_EQ(intf().UsagePage, 0);
+    EXPECT_EQ(intf().Usage, 0);
+    EXPECT_STREQ(intf().DevicePath, "//?/hid#");
+}
+
+TEST_F(UsbInterface, TakesHubPortVersionAndUsageOfThePathUncompared) {
+    usb.add(1, 2, 0x04B3, 0x3C02);
+    EXPECT_EQ(open("//?/hid#vid_04b3&pid_3c02&mi_09&ec_9999#bus_01&dev_002#hub_55&port_66"
+                   "#usagepage_7777&usage_8888"),
+              0);
+    EXPECT_EQ(intf().GetVersionNumber(), 0x9999);
 }
 
 TEST_F(UsbInterface, APathWithoutVendorMatchesOnlyADeviceOfVendorZero) {
@@ -298,6 +353,39 @@ TEST_F(UsbInterface, GoesOnAfterADeviceThatCannotBeOpened) {
     EXPECT_EQ(intf().handle, nullptr);
     FakeUsbDevice& second = flash_device();
     EXPECT_EQ(open(flash_path(second)), 0);
+}
+
+TEST_F(UsbInterface, TellsTheLastOfSeveralOpenErrors) {
+    FakeUsbDevice& first = flash_device();
+    first.open_rc = -3;
+    flash_device().open_rc = -12;
+    usb.add(9, 9, 0x04B3, 0x3C02);
+    EXPECT_EQ(open(flash_path(first)), -12);
+    EXPECT_EQ(usb.live_lists, 0);
+    EXPECT_EQ(usb.live_configurations, 0);
+}
+
+TEST_F(UsbInterface, OpensTheFirstOfSeveralThatMatch) {
+    FakeUsbDevice& first = flash_device();
+    flash_device();
+    ASSERT_EQ(open(flash_path(first)), 0);
+    EXPECT_EQ(intf().GetDevice(), as_libusb(first));
+    EXPECT_EQ(usb.live_handles, 1);
+}
+
+TEST_F(UsbInterface, IsOpenWhenItsConfigurationCannotBeRead) {
+    FakeUsbDevice& device = flash_device();
+    device.config_rc = -5;
+    EXPECT_EQ(open(flash_path(device)), 0);
+    EXPECT_NE(intf().handle, nullptr);
+    EXPECT_EQ(intf().config_descriptor_retrieved, 0);
+}
+
+TEST_F(UsbInterface, RefusesASecondPathWhileADeviceIsOpen) {
+    ASSERT_EQ(open(flash_path(flash_device())), 0);
+    EXPECT_EQ(open("//?/usb#vid_0001"), not_possible);
+    EXPECT_EQ(intf().GetVendorID(), 0x04B3);
+    EXPECT_EQ(intf().GetDeviceType(), DEVICE_TYPE_HID);
 }
 
 TEST_F(UsbInterface, NeitherWalksNorFreesAListThatLibusbCouldNotGive) {
@@ -460,6 +548,33 @@ TEST_F(FlashInterfaceString, IsNotFoundWithoutUsage) {
 
 TEST_F(FlashInterfaceString, IsNotFoundInAnEmptyString) {
     EXPECT_EQ(interface_with(""), 0xBAD);
+}
+
+TEST_F(FlashInterfaceString, MayStandInAnyAlternateSetting) {
+    FakeUsbDevice& device = flash_device();
+    FakeSetting keyboard;
+    keyboard.string_index = 5;
+    device.strings[5] = string_descriptor("Keyboard");
+    auto& settings = device.configurations[0].interfaces[0];
+    settings.insert(settings.begin(), keyboard);
+    ASSERT_EQ(open(flash_path(device)), 0);
+    EXPECT_EQ(intf().GetFlashInterface(), 0);
+}
+
+TEST_F(FlashInterfaceString, NamesThePositionAndNotTheInterfaceNumber) {
+    FakeUsbDevice& device = flash_device();
+    device.configurations[0].interfaces[0][0].number = 7;
+    ASSERT_EQ(open(flash_path(device)), 0);
+    EXPECT_EQ(intf().GetFlashInterface(), 0);
+}
+
+TEST_F(FlashInterfaceString, NamesTheFirstOfTwo) {
+    FakeUsbDevice& device = flash_device();
+    auto& interfaces = device.configurations[0].interfaces;
+    interfaces.push_back(interfaces[0]);
+    ASSERT_EQ(open(flash_path(device)), 0);
+    EXPECT_EQ(intf().GetFlashInterface(), 0);
+    EXPECT_EQ(log.count("Flash interface on"), 1);
 }
 
 TEST_F(UsbInterface, FindsNoFlashInterfaceInAConfigurationWithoutInterfaces) {
@@ -628,6 +743,53 @@ TEST_F(UsbInterface, UsesTheChosenAlternateSetting) {
     EXPECT_EQ(intf().Endpoints[0].MaxPacketSize, 0x40);
     EXPECT_EQ(intf().InterruptEndpointOut, 0x04);
     EXPECT_EQ(intf().InterruptEndpointOutSize, 8);
+}
+
+// An interface counts as HID by any of its settings, its reports by the one that is used.
+TEST_F(UsbInterface, ReadsNoReportsOfASettingThatIsNotHid) {
+    FakeUsbDevice& device = flash_device();
+    FakeSetting vendor = device.configurations[0].interfaces[0][0];
+    vendor.interface_class = LIBUSB_CLASS_VENDOR_SPEC;
+    auto& settings = device.configurations[0].interfaces[0];
+    settings.insert(settings.begin(), vendor);
+    claim(device);
+    EXPECT_EQ(intf().InterruptEndpointIn, 0x81);
+    EXPECT_EQ(intf().OutputReportCount, 0);
+    EXPECT_EQ(log.count("Report Counts"), 0);
+}
+
+TEST_F(UsbInterface, TakesAnyEndpointButAControlEndpointForAnInterruptEndpoint) {
+    for (const int type : {ENDPOINT_TT_ISOCHRONOUS, ENDPOINT_TT_BULK, ENDPOINT_TT_INTERRUPT}) {
+        object.reset();
+        usb.devices.clear();
+        FakeUsbDevice& device = flash_device();
+        libusb_endpoint_descriptor in = interrupt_endpoint(0x85, 16);
+        libusb_endpoint_descriptor out = interrupt_endpoint(0x06, 32);
+        // The bits above the transfer type do not count.
+        in.bmAttributes = out.bmAttributes = static_cast<uint8_t>(0x30 | type);
+        device.configurations[0].interfaces[0][0].endpoints = {in, out};
+        claim(device);
+        EXPECT_EQ(intf().InterruptEndpointIn, 0x85) << type;
+        EXPECT_EQ(intf().InterruptEndpointInSize, 16);
+        EXPECT_EQ(intf().InterruptEndpointOut, 0x06);
+        EXPECT_EQ(intf().InterruptEndpointOutSize, 32);
+    }
+}
+
+TEST_F(UsbInterface, IsContentWithAnOutEndpointAlone) {
+    FakeUsbDevice& device = flash_device();
+    device.configurations[0].interfaces[0][0].endpoints = {interrupt_endpoint(0x02, 32)};
+    claim(device);
+    EXPECT_EQ(intf().InterruptEndpointOut, 0x02);
+    EXPECT_EQ(intf().InterruptEndpointIn, 0);
+    EXPECT_EQ(log.count("Reading USB information again"), 0);
+}
+
+TEST_F(UsbInterface, CountsTheEndpointsAnewAtEachClaimButKeepsTheReports) {
+    claim(flash_device());
+    EXPECT_EQ(intf().ClaimInterface(0), 0);
+    EXPECT_EQ(intf().EndpointIndex, 1);
+    EXPECT_EQ(intf().OutputReportCount, 2);
 }
 
 TEST_F(UsbInterface, KeepsTenEndpointsAndTheLowByteOfTheirSize) {

@@ -72,6 +72,14 @@ TEST_F(Transfers, AreNotPossibleWithoutAClaimedInterface) {
     EXPECT_EQ(intf.WriteFlashInterface(data.data(), 8, 10), not_possible);
     EXPECT_EQ(read(), not_possible);
     EXPECT_EQ(usb.null_handles, 0);
+    claimed();
+    intf.ReleaseInterface(0);
+    EXPECT_EQ(intf.HidSetOutputReport(page, flash_output, data.data(), 8, 10), not_possible);
+    EXPECT_EQ(intf.HidGetFeatureReport(page, 0xA003, data.data(), 8, 10), not_possible);
+    EXPECT_EQ(intf.HidSetFeatureReport(page, 0xA003, data.data(), 8, 10), not_possible);
+    EXPECT_EQ(intf.HidInterruptWrite(data.data(), 8, &actual, 10), not_possible);
+    EXPECT_TRUE(usb.controls.empty());
+    EXPECT_TRUE(usb.interrupts.empty());
 }
 
 TEST_F(Transfers, AreNotPossibleWithoutAnEndpoint) {
@@ -237,6 +245,27 @@ TEST_F(FirstCommand, IsSentTwiceAfterASecondWithoutAnswer) {
     EXPECT_EQ(first_command(0), 6);
     EXPECT_EQ(usb.controls.size(), 2U);
     EXPECT_EQ(sleeps.count(10), 100);
+    EXPECT_EQ(log.count("3:04b3:3c02-11:ff45:0001 - Resending 6 bytes\n"), 1);
+}
+
+TEST_F(FirstCommand, IsSentAgainWithItsReportId) {
+    claimed(true);
+    intf.OutputReports[1] = std::make_unique<Report>(Report{4, page, command_usage, 16});
+    intf.OutputReportCount = 2;
+    EXPECT_EQ(send(command_usage, 2), 2);
+    ASSERT_EQ(usb.controls.size(), 2U);
+    EXPECT_EQ(usb.controls[1].value, 0x0204);
+    EXPECT_EQ(usb.controls[1].data, (Bytes{4, 0x5A, 0x5A}));
+    EXPECT_EQ(usb.controls[1].timeout, 5000U);
+    EXPECT_EQ(log.count("- Resending 3 bytes\n"), 1);
+}
+
+TEST_F(FirstCommand, DoesNotWaitWhenItsSendingFailed) {
+    claimed();
+    add_command_report();
+    device->control_rcs = {LIBUSB_ERROR_PIPE};
+    EXPECT_EQ(send(command_usage, 6), LIBUSB_ERROR_PIPE);
+    EXPECT_THAT(sleeps.slept(), ElementsAre());
 }
 
 TEST_F(FirstCommand, ReturnsAFailedSecondSending) {
@@ -330,6 +359,29 @@ TEST_F(Transfers, WriteTheFlashInterfaceUpToTheReportsSize) {
     EXPECT_EQ(intf.WriteFlashInterface(data.data(), 400, 900), 0);
     EXPECT_EQ(usb.controls.back().length, 263);
     EXPECT_EQ(usb.controls.back().value, 0x0200);
+}
+
+TEST_F(Transfers, WriteTheFlashInterfaceWithTheIdOfAReportWithoutSize) {
+    claimed(true);
+    intf.OutputReports[0]->Size = 0;
+    Bytes data(400, 7);
+    EXPECT_EQ(intf.WriteFlashInterface(data.data(), 400, 900), 0);
+    EXPECT_EQ(usb.controls.back().type, 0x21);
+    EXPECT_EQ(usb.controls.back().request, 9);
+    EXPECT_EQ(usb.controls.back().value, 0x0201);
+    EXPECT_EQ(usb.controls.back().data, Bytes(263, 7));
+}
+
+// By the interface's position in the configuration, whatever its number is.
+TEST_F(Transfers, WriteTheFlashInterfaceAtItsPosition) {
+    claimed();
+    auto& interfaces = device->configurations[0].interfaces;
+    interfaces.insert(interfaces.begin(), {FakeSetting{}});
+    ASSERT_EQ(intf.GetUsbConfig(), 0);
+    Bytes data(4, 7);
+    EXPECT_EQ(intf.WriteFlashInterface(data.data(), 4, 900), 0);
+    EXPECT_EQ(usb.controls.back().index, 1);
+    EXPECT_EQ(usb.calls().back(), "release 1");
 }
 
 TEST_F(Transfers, WriteTheFlashInterfaceAfterDetachingItsDriver) {
@@ -637,6 +689,20 @@ TEST_F(Handles, AreGivenUnclaimedWithoutAConfiguration) {
     EXPECT_EQ(intf.intfnum, 0xBAD);
     intf.CloseReadHandle();
     EXPECT_EQ(calls_of("release 0"), 0);
+}
+
+TEST_F(Handles, ClaimAnewAnInterfaceThatWasReleasedUnderThem) {
+    opened();
+    libusb_device_handle* const handle = intf.OpenReadHandle();
+    intf.ReleaseInterface(0);
+    EXPECT_EQ(intf.OpenReadHandle(), handle);
+    EXPECT_EQ(calls_of("claim 0"), 2);
+    EXPECT_EQ(intf.intfnum, 0);
+    intf.ReleaseInterface(0);
+    device->claim_rcs = {LIBUSB_ERROR_NO_DEVICE};
+    EXPECT_EQ(intf.OpenReadHandle(), handle);
+    EXPECT_EQ(intf.OpenWriteHandle(), handle);
+    EXPECT_EQ(calls_of("claim 0"), 4);
 }
 
 TEST_F(Handles, KeepTheInterfaceUntilTheLastOfBothCloses) {

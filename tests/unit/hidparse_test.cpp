@@ -110,6 +110,30 @@ TEST(HidParser, AddsNothingForARangeOfOne) {
     EXPECT_EQ(parser->InputReportIndex, 0);
 }
 
+TEST(HidParser, AddsNothingForARangeThatRunsBackwards) {
+    const auto parser = parse(join({layout(8, 1), item(usage_minimum, {8}),
+                                    item(usage_maximum, {1}), item(usage, {3}), item(input, {2})}));
+    ASSERT_EQ(parser->InputReportIndex, 1);
+    EXPECT_EQ(parser->GetInputReport(0)->Usage, 3);
+}
+
+TEST(HidParser, TakesThePageOfARangeFromItsMinimum) {
+    const auto parser = parse(
+        join({item(usage_page, {7}), layout(8, 1), item(usage_minimum, {0x01, 0xA0, 0x45, 0xFF}),
+              item(usage_maximum, {0x02, 0xA0}), item(input, {2})}));
+    ASSERT_EQ(parser->InputReportIndex, 2);
+    EXPECT_EQ(parser->GetInputReport(1)->Usage, 0xA002);
+    EXPECT_EQ(parser->GetInputReport(1)->UsagePage, 0xFF45);
+}
+
+TEST(HidParser, PutsARangeBehindTheSingleUsages) {
+    const auto parser = parse(join({layout(8, 1), item(usage_minimum, {1}),
+                                    item(usage_maximum, {2}), item(usage, {9}), item(input, {2})}));
+    ASSERT_EQ(parser->InputReportIndex, 3);
+    EXPECT_EQ(parser->GetInputReport(0)->Usage, 9);
+    EXPECT_EQ(parser->GetInputReport(1)->Usage, 1);
+}
+
 TEST(HidParser, EndsARangeThatReachesTheLastUsage) {
     const auto parser = parse(join({layout(8, 1), item(usage_minimum, {0xFE, 0xFF}),
                                     item(usage_maximum, {0xFF, 0xFF}), item(input, {2})}));
@@ -257,6 +281,23 @@ TEST(HidParser, SkipsALongItemAndReadsTheNextByteAsAShortItem) {
     const auto parser = parse(
         join({layout(8, 1), item(usage, {1}), {0xFE, 2, 0x55, 0x81, 0x81}, item(input, {2})}));
     EXPECT_EQ(parser->InputReportIndex, 1);
+}
+
+TEST(HidParser, TakesTheLongItemBehindALongItemForAShortOne) {
+    // Its 0xFE is then a reserved short item with two bytes.
+    const auto parser = parse(
+        join({layout(8, 1), item(usage, {1}), {0xFE, 0, 0x55, 0xFE, 2, 0x55}, item(input, {2})}));
+    EXPECT_EQ(parser->InputReportIndex, 1);
+}
+
+TEST(HidParser, IgnoresGlobalAndLocalItemsThatItDoesNotKnow) {
+    constexpr uint8_t global_reserved = 0xC4, designator = 0x38, string_minimum = 0x88;
+    const auto parser = parse(
+        join({item(usage_page, {7}), layout(8, 1), item(global_reserved, {9}), item(usage, {1}),
+              item(designator, {5}), item(string_minimum, {6}), item(input, {2})}));
+    ASSERT_EQ(parser->InputReportIndex, 1);
+    EXPECT_EQ(parser->GetInputReport(0)->Usage, 1);
+    EXPECT_EQ(parser->GetInputReport(0)->UsagePage, 7);
 }
 
 TEST(HidParser, IgnoresReservedItemTypes) {

@@ -194,6 +194,63 @@ TEST_F(Enumeration, ReadsAllAlternateSettingsAndConfigurations) {
     EXPECT_EQ(usb.live_configurations, 0);
 }
 
+TEST_F(Enumeration, KeepsTheUsageOfASettingThatAnotherWithoutStringFollows) {
+    FakeUsbDevice& device = add(1, 9, {flash_string});
+    FakeSetting second = device.configurations[0].interfaces[0][0];
+    second.string_index = 0;
+    second.number = 5;
+    device.configurations[0].interfaces[0].push_back(second);
+    build();
+    EXPECT_EQ(tree->getDevice(0)->usage[0], 0xA000);
+    EXPECT_EQ(tree->getDevice(0)->interface_number[0], 5);
+}
+
+TEST_F(Enumeration, GivesAnInterfaceWhoseStringCannotBeReadNoUsage) {
+    FakeUsbDevice& device = add(1, 9, {flash_string});
+    FakeSetting second = device.configurations[0].interfaces[0][0];
+    second.string_index = 99;
+    device.configurations[0].interfaces[0].push_back(second);
+    build();
+    ASSERT_EQ(tree->numberOfHidDevices, 1);
+    EXPECT_EQ(tree->getHidDevice(0)->Usage, 0);
+    EXPECT_EQ(tree->getHidDevice(0)->UsagePage, 0);
+}
+
+TEST_F(Enumeration, CountsNoHubWhoseDescriptorCannotBeRead) {
+    usb.add_hub(1, 1).descriptor_rc = -5;
+    usb.add_hub(1, 2);
+    add(1, 9, {""});
+    usbfs_add_hub(1, 1, {9});
+    usbfs_add_hub(1, 2, {0, 9});
+    build();
+    EXPECT_EQ(tree->hub_count, 1);
+    EXPECT_EQ(tree->getHidDevice(0)->HubNumber, 1);
+    EXPECT_EQ(tree->getHidDevice(0)->PortNumber, 2);
+}
+
+TEST_F(Enumeration, ForgetsTheHubsOfAnEarlierRun) {
+    usb.add_hub(1, 1);
+    add(1, 9, {""});
+    usbfs_add_hub(1, 1, {9});
+    build();
+    ASSERT_EQ(tree->getHidDevice(0)->PortNumber, 1);
+    usb.devices.pop_front();
+    build();
+    EXPECT_EQ(tree->hub_count, 0);
+    EXPECT_EQ(tree->getHidDevice(0)->HubNumber, 0);
+    EXPECT_EQ(tree->getHidDevice(0)->PortNumber, 0);
+}
+
+TEST_F(Enumeration, ReadsTheSerialNumberOfAHubToo) {
+    FakeUsbDevice& hub = usb.add_hub(1, 1);
+    hub.descriptor.iSerialNumber = 3;
+    hub.strings[3] = string_descriptor("H1");
+    usb.add_hub(1, 2);
+    build();
+    EXPECT_STREQ(tree->getDevice(0)->serialNumber, "H1");
+    EXPECT_STREQ(tree->getDevice(1)->serialNumber, "NO SERIAL NUMBER");
+}
+
 TEST_F(Enumeration, LogsAConfigurationThatCannotBeReadAndGoesOn) {
     FakeUsbDevice& device = add(1, 9, {flash_string});
     device.config_rc = -1;

@@ -19,6 +19,7 @@
 #include <filesystem>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 using testing::ElementsAre;
@@ -113,6 +114,28 @@ TEST_F(TraceFile, StampsTheMillisecondsOfTheSecond) {
     EXPECT_NE(seen[0], seen[1]);
     EXPECT_NE(seen[1], seen[2]);
     EXPECT_NE(seen[2], seen[3]);
+}
+
+TEST_F(TraceFile, HoldsTheMillisecondsAtTheStartOfTheWrite) {
+    clock_double_stands_at(1000123);
+    Trace file(name().c_str(), 0, 3);
+    clock_double_stands_at(1000999);
+    file.tprintf("x");
+    EXPECT_EQ(records()[0].milliseconds, 123);
+    EXPECT_EQ(records()[1].milliseconds, 999);
+}
+
+TEST_F(TraceFile, DividesTheMinutesOfTheTimeZoneByTheSecondsOfAnHour) {
+    const std::vector<std::pair<std::int16_t, int>> zones{{-60, 0},  {720, 0},  {-840, 0},
+                                                          {3599, 0}, {7200, 2}, {-3600, 0xFF}};
+    for (const auto& [minutes, component] : zones) {
+        directory_.write("t", "");
+        clock_double_says_zone(minutes);
+        Trace file(name().c_str(), 0, 3);
+        file.tprintf("x");
+        EXPECT_EQ(records()[0].component, component) << minutes;
+        EXPECT_EQ(records()[1].component, 'e');
+    }
 }
 
 TEST_F(TraceFile, HoldsAFormattedTextWithoutItsTerminator) {

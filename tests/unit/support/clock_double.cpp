@@ -1,6 +1,7 @@
 #include "support/clock_double.h"
 
 #include <sys/time.h>
+#include <sys/timeb.h>
 
 #include <atomic>
 #include <ctime>
@@ -9,6 +10,7 @@ namespace {
 
 constexpr std::int64_t running = -1;
 std::atomic<std::int64_t> standing_at{running};
+std::atomic<std::int16_t> zone{0};
 
 }  // namespace
 
@@ -18,6 +20,10 @@ void clock_double_stands_at(std::int64_t milliseconds) {
 
 void clock_double_runs() {
     standing_at = running;
+}
+
+void clock_double_says_zone(std::int16_t minutes) {
+    zone = minutes;
 }
 
 extern "C" int gettimeofday(timeval* time, void* /*time_zone*/) noexcept {
@@ -30,5 +36,12 @@ extern "C" int gettimeofday(timeval* time, void* /*time_zone*/) noexcept {
         *time = {static_cast<time_t>(milliseconds / 1000),
                  static_cast<suseconds_t>(milliseconds % 1000 * 1000)};
     }
+    return 0;
+}
+
+extern "C" int ftime(timeb* time) {
+    timeval now = {};
+    gettimeofday(&now, nullptr);
+    *time = {now.tv_sec, static_cast<unsigned short>(now.tv_usec / 1000), zone, 0};
     return 0;
 }
