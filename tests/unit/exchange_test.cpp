@@ -1,5 +1,6 @@
 #include "file_handle.h"
 #include "output.h"
+#include "support/failing_new.h"
 #include "support/firmware_bytes.h"
 #include "support/flash_test.h"
 #include "zelflshhid.h"
@@ -410,6 +411,16 @@ TEST_F(Exchange, TheResendsOwnFailuresArePassedOn) {
     EXPECT_EQ(0, log.count("on resend of command"));
 }
 
+TEST_F(Exchange, ACompletedRejectIsForgottenWhenItsResendFails) {
+    FlashPeripheral& device = bus.add(0x4123);
+    open_directly(device, slot);
+    device.next_answers[wire::erase] = {{{0x81}}};
+    device.next_write_results = {0, LIBUSB_ERROR_NO_DEVICE};
+    EXPECT_EQ(13, send(wire::erase));
+    EXPECT_EQ(2, device.count(wire::erase));
+    EXPECT_EQ(0, debugged("Command completed"));
+}
+
 TEST_F(Exchange, ARejectWhileGatheringInformationIsFinal) {
     FlashPeripheral& device = bus.add(0x4123);
     open_directly(device, slot);
@@ -500,6 +511,26 @@ TEST_F(Exchange, EraseTakesItsOwnTimeOut) {
     EXPECT_EQ(3, sleeps.count(15));
 }
 
+TEST_F(Exchange, QueriesTakeTheTimeOutForInformation) {
+    FlashPeripheral& device = bus.add(0x4123);
+    open_directly(device, slot);
+    flash->use_thread_reading = 1;
+    information_timeout = 45;
+    flashEntry entry{};
+    EXPECT_EQ(7, flash->get_device_info(&entry, slot));
+    EXPECT_EQ(3, sleeps.count(15));
+    EXPECT_EQ(7, flash->get_ec_level(&entry, slot));
+    EXPECT_EQ(6, sleeps.count(15));
+    EXPECT_EQ(6, flash->read_extended_component_list(&entry, slot));
+    EXPECT_EQ(9, sleeps.count(15));
+    EXPECT_EQ(6, flash->add_components_to_table(&entry, slot));
+    EXPECT_EQ(12, sleeps.count(15));
+    EXPECT_EQ(7, flash->add_component_x_version_info(&entry, 1, 1, slot));
+    EXPECT_EQ(15, sleeps.count(15));
+    EXPECT_EQ(0, flash->check_device_connection(slot));
+    EXPECT_EQ(15, sleeps.count(15));
+}
+
 // The journal of transfers.
 
 struct TraceEntry {
@@ -564,6 +595,24 @@ TEST_F(Journal, HoldsWhatWasWrittenEvenWhenThatFailed) {
     open_directly(device, slot);
     device.next_write_results = {LIBUSB_ERROR_PIPE};
     EXPECT_EQ(8, send(wire::erase));
+    EXPECT_EQ(1U, transfers().size());
+}
+
+TEST_F(Journal, DoesWithoutTheRecordsThatThereIsNoMemoryFor) {
+    FlashPeripheral& device = bus.add(0x4123);
+    open_directly(device, slot);
+    Bytes command = wire::erase;
+    auto* const bytes = reinterpret_cast<char*>(command.data());
+    const auto size = static_cast<unsigned int>(command.size());
+    OutputLevel = 0;
+    const std::string before = log.text();
+    fail_nothrow_new(true);
+    const int rc = flash->write_flash(bytes, size);
+    fail_nothrow_new(false);
+    EXPECT_EQ(0, rc);
+    EXPECT_EQ(1, device.count(wire::erase));
+    EXPECT_EQ(before, log.text());
+    EXPECT_EQ(0, flash->write_flash(bytes, size));
     EXPECT_EQ(1U, transfers().size());
 }
 
