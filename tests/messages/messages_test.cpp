@@ -20,10 +20,6 @@ struct Unreachable {
 };
 
 constexpr Unreachable unreachable[] = {
-    {"Device reset failed", "a reset command counts as sent in any case: the device drops off"},
-    {"reset failed, rc=", "the same"},
-    {"Reset failed on", "the same"},
-    {"No memory for a trace record of", "an allocation of some hundred bytes would have to fail"},
     {"Unknown component type (value=", "the type has two bits, and all four values are known"},
     {"Could not open write handle for '", "the read handle is opened first, on equal conditions"},
     {"ULRC:F:G:SD:VE:c:d:s:famr:p:l:t:n:o:w:?0:1:2:3:4:", "no message: the options for getopt"},

@@ -1,4 +1,5 @@
 #include "output.h"
+#include "support/failing_new.h"
 #include "support/firmware_bytes.h"
 #include "support/flash_test.h"
 #include "zelflshenum.h"
@@ -11,6 +12,7 @@
 
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <string>
 #include <vector>
@@ -380,6 +382,33 @@ TEST_F(Commands, KeepsTheFirstPassesUpdatesInTheResult) {
     EXPECT_EQ(1, logged("Updated 1 device"));
 }
 
+TEST_F(Commands, SuccessesBehindAFailureChangeTheErrorThatIsTold) {
+    FlashPeripheral& first = bus.add(product);
+    FlashPeripheral& second = bus.add(product + 1);
+    first.data[wire::component_list_query] = list_answer(4, {{1, 0x02, 0x01, 0x02}});
+    std::vector<Bytes> components;
+    for (unsigned char number = 1; number <= 9; ++number) {
+        components.push_back({number, 0x02, 0x01, 0x02});
+        if (number <= 8) {
+            add_file(product + 1, number, 0x0109, image());
+        }
+    }
+    second.data[wire::component_list_query] = list_answer(36, components);
+    add_file(product, 1, 0x0109, FirmwareBytes("41230109").record(0x10, 0, {1}));
+    const auto update = [this] { EXPECT_EQ(6, flash->flash_all_devices()); };
+    // Minus 14 for the corrupted file, plus 8, is the code of a failed reset.
+    const std::string shown = console_of(1, 0, update);
+    EXPECT_NE(std::string::npos,
+              shown.find("Error -6 flashing devices\nDevice reset failed\nNo devices updated\n"));
+    EXPECT_EQ(8, second.count(wire::erase));
+    // One success more, and it is that of a device that is gone.
+    add_file(product + 1, 9, 0x0109, image());
+    EXPECT_NE(std::string::npos,
+              console_of(1, 0, update)
+                  .find("Error -5 flashing devices\nDevice disconnected\nNo devices updated\n"));
+    EXPECT_EQ(17, second.count(wire::erase));
+}
+
 // Reset.
 
 TEST_F(Commands, ResetsNothingWithoutDevices) {
@@ -428,6 +457,38 @@ TEST_F(Commands, SaysThatNoDeviceIsSelected) {
     EXPECT_EQ(2, logged("No devices selected"));
 }
 
+TEST_F(Commands, ADeviceThatThereIsNoMemoryForIsAFailedReset) {
+    bus.add(silent_product, 0x7A01, "A").on_command = [](const Bytes& command) {
+        fail_nothrow_new(command == wire::stop);
+    };
+    FlashPeripheral& second = bus.add(silent_product + 1, 0x7A01, "B");
+    const std::string shown = console_of(1, 0, [this] { EXPECT_EQ(8, flash->reset_devices()); });
+    fail_nothrow_new(false);
+    EXPECT_EQ(
+        "Resetting device PID:3c75 SN='A'\n"
+        "Device PID:3c75 reset successfully\n"
+        "Device PID:3c76 reset failed, rc=5\n"
+        "Reset successful on 1 device\n"
+        "Reset failed on 1 device\n",
+        shown);
+    EXPECT_TRUE(second.commands().empty());
+    EXPECT_EQ(FLASHRESETSUCCESS, flash->fe[0].flashStatus);
+    EXPECT_EQ(FLASHRESETERROR, flash->fe[1].flashStatus);
+    EXPECT_EQ(1, flash->CurrentIndex);
+}
+
+TEST_F(Commands, WithoutAnAttemptNoDeviceWasSelected) {
+    // The last thing that a device is told before the reset is the stop behind its queries.
+    bus.add(product).on_command = [stops = 0](const Bytes& command) mutable {
+        stops += command == wire::stop ? 1 : 0;
+        fail_nothrow_new(stops == 2);
+    };
+    const std::string shown = console_of(1, 0, [this] { EXPECT_EQ(5, flash->reset_devices()); });
+    fail_nothrow_new(false);
+    EXPECT_EQ("Device PID:4123 reset failed, rc=5\nNo devices selected\n", shown);
+    EXPECT_EQ(FLASHRESETERROR, flash->fe[0].flashStatus);
+}
+
 TEST_F(Commands, EndsTheResetAtADeviceThatCantBeOpened) {
     bus.add(silent_product, 0x7A01, "A");
     FlashPeripheral& second = bus.add(silent_product, 0x7A01, "B");
@@ -459,6 +520,42 @@ TEST_F(ComponentRead, NeedsADevice) {
     EXPECT_EQ(5, read());
     EXPECT_EQ(1, logged("No devices found"));
     EXPECT_EQ(nullptr, flash->hiddev);
+}
+
+TEST_F(ComponentRead, AnEmptyTableClosesTheDeviceThatIsOpen) {
+    open_directly(device, 9);
+    usb.list_rc = LIBUSB_ERROR_NO_MEM;
+    EXPECT_EQ(5, read());
+    EXPECT_EQ(nullptr, flash->hiddev);
+    EXPECT_EQ(0, usb.live_handles);
+}
+
+TEST_F(ComponentRead, EndsAtADeviceThatCantBeOpened) {
+    FlashPeripheral& second = bus.add(silent_product, 0x7A01, "B");
+    background_read = 0;
+    EXPECT_EQ("", console_of(1, 0, [this] { EXPECT_EQ(0, read()); }));
+    EXPECT_TRUE(second.commands().empty());
+    EXPECT_FALSE(std::filesystem::exists(output));
+    EXPECT_EQ(NOFLASHATTEMPT, flash->fe[0].flashStatus);
+}
+
+TEST_F(ComponentRead, ADeviceThatThereIsNoMemoryForIsAFailedRead) {
+    bus.add(silent_product + 1, 0x7A01, "B");
+    device.next_features = {{0, {0x01}}};
+    device.on_command = [](const Bytes& command) { fail_nothrow_new(command == wire::stop); };
+    EXPECT_EQ(8, read());
+    fail_nothrow_new(false);
+    EXPECT_EQ(1, logged("Device PID:3c76 Component:2 read failed, rc=5"));
+    EXPECT_EQ(FLASHRESETERROR, flash->fe[1].flashStatus);
+}
+
+TEST_F(ComponentRead, TakesTheTimeOutForInformation) {
+    information_timeout = 45;
+    device.other_answer = {};
+    EXPECT_EQ(8, read());
+    EXPECT_EQ(1, debugged("wait_for_message(timeout=45, length=8), loop_count=3, sleep_time=15, "
+                          "status_ready=0, device_closed=0"));
+    EXPECT_EQ(1, logged("Device PID:3c75 Component:2 read failed, rc=7"));
 }
 
 TEST_F(ComponentRead, WritesHeaderAndEndOfAnEmptyComponent) {

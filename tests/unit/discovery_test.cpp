@@ -89,6 +89,17 @@ TEST_F(Discovery, KnowsARejectedQuery) {
     EXPECT_EQ(1, debugged("EC Level command request not supported"));
 }
 
+TEST_F(Discovery, TakesNothingFromAnEarlierReport) {
+    device.on_command = nullptr;
+    for (const auto query : {&ZELFLASH::get_device_info, &ZELFLASH::get_ec_level}) {
+        std::memset(flash->last_status, 0x0C, sizeof flash->last_status);
+        EXPECT_EQ(0, (flash.get()->*query)(&entry, slot));
+        EXPECT_EQ(0, flash->last_status[0]);
+    }
+    EXPECT_EQ(0, entry.dev_type + entry.features);
+    EXPECT_EQ(0, entry.current_ec_level);
+}
+
 TEST_F(Discovery, QueriesPassFailuresOn) {
     device.next_write_results = {LIBUSB_ERROR_PIPE, LIBUSB_ERROR_NO_DEVICE, LIBUSB_ERROR_TIMEOUT};
     EXPECT_EQ(8, flash->get_device_info(&entry, slot));
@@ -262,6 +273,25 @@ TEST_F(Discovery, APlainListNeedsACompletedCommand) {
     device.next_write_results = {LIBUSB_ERROR_PIPE};
     EXPECT_EQ(6, plain_list(4, {{1, 2, 1, 0}}));
     EXPECT_EQ(1, logged("Send of configuration command failed, rc=8"));
+    // An earlier reject counts for the cause that is told.
+    device.on_command = nullptr;
+    flash->last_status[0] = static_cast<char>(0x80);
+    device.next_write_results = {LIBUSB_ERROR_PIPE};
+    EXPECT_EQ(6, plain_list(4, {{1, 2, 1, 0}}));
+    EXPECT_EQ(1, debugged("configuration version request command not supported, rc=8, status=80"));
+}
+
+TEST_F(Discovery, FailedListsAreToldWhenVerbose) {
+    status = {0x00};
+    const auto without_list = [this] { plain_list(4, {{1, 2, 1, 0}}); };
+    EXPECT_EQ("", console_of(1, 0, without_list));
+    EXPECT_EQ("Send of configuration command failed, rc=0\n", console_of(2, 1, without_list));
+    status = {0x01};
+    const auto with_unknown_revision = [this] { plain_list(4, {{1, 0xFF, 1, 0}}); };
+    EXPECT_EQ("", console_of(1, 0, with_unknown_revision));
+    EXPECT_EQ("Revsion is 0xff, component list not correct\n",
+              console_of(2, 1, with_unknown_revision));
+    EXPECT_EQ("", console_of(2, 1, [this] { extended_list(5, {{1, 0xFF, 1, 0, 0}}); }));
 }
 
 TEST_F(Discovery, TakesTheVersionOfOneComponent) {
@@ -402,6 +432,50 @@ TEST_F(Processing, ASilentDeviceIsListedWithItsDescriptorsVersion) {
     EXPECT_EQ(0, sleeps.count(500));
 }
 
+TEST_F(Processing, AVersionQueryThatGivesNothingCountsAsASecondComponent) {
+    FlashPeripheral& device = bus.add(0x4123);
+    device.answers[wire::ec_level_query] = {{0x05, 0x02, 0x01}};
+    device.answers[wire::component_list_query] = {{0x00}};
+    device.answers[wire::component_1_version_query] = {{0x00}};
+    EXPECT_EQ(1, process(device));
+    EXPECT_EQ(0, device.feature_requests());
+    EXPECT_EQ(2, flash->fe[0].component_count);
+    EXPECT_EQ(0, flash->fe[0].component[1].comp_id);
+    EXPECT_EQ(1, debugged("Two components on device (thread_index=0)"));
+    // The components end with an empty line.
+    EXPECT_EQ(1, log.count("    Component: ID: 00  Version: 01.02     Type: Firmware\n\n"));
+    EXPECT_EQ(0, log.count("    Component: ID: 01"));
+}
+
+TEST_F(Processing, AListWithAnUnknownRevisionIsReplacedByTheMainComponent) {
+    FlashPeripheral& device = bus.add(0x4123);
+    device.answers[wire::ec_level_query] = {{0x05, 0x02, 0x01}};
+    device.answers[wire::component_1_version_query] = {{0x80}};
+    device.data[wire::component_list_query] =
+        list_answer(12, {{0, 0x09, 0x09, 0x02}, {3, 0x05, 0x04, 0x02}, {4, 0xFF, 0x04, 0x02}});
+    EXPECT_EQ(1, process(device));
+    const flashEntry& row = flash->fe[0];
+    EXPECT_EQ(1, device.count(wire::component_1_version_query));
+    EXPECT_EQ(1, row.component_count);
+    EXPECT_EQ(0x0102, row.component[0].ec_level);
+    // What stood before the revision stays.
+    EXPECT_EQ(3, row.component[3].comp_id);
+    EXPECT_EQ(0, row.component[4].comp_id);
+    EXPECT_EQ(1, logged("    Component: ID: 03  Version: 04.05     Type: Firmware"));
+}
+
+TEST_F(Processing, AListThatCantBeFetchedLeavesARowWithoutComponents) {
+    FlashPeripheral& device = bus.add(0x4123);
+    EXPECT_EQ(1, process(device));
+    EXPECT_EQ(0, flash->fe[0].component_count);
+    EXPECT_EQ(2, device.feature_requests());
+    EXPECT_EQ(0, device.count(wire::component_1_version_query));
+    device.answers[wire::device_information_query] = {{0x09, 1, 2, 3, 0x40}};
+    EXPECT_EQ(1, process(device));
+    EXPECT_EQ(0, flash->fe[1].component_count);
+    EXPECT_EQ(1, device.count(wire::component_list_query));
+}
+
 TEST_F(Processing, ADeviceThatCantBeSetUpIsLeftOut) {
     FlashPeripheral& device = bus.add(0x4123);
     std::string path = device.path();
@@ -439,6 +513,17 @@ TEST_F(Processing, ADeviceWhoseThreadCantBeCreatedIsLeftOut) {
     EXPECT_EQ(0, process(device));
     EXPECT_EQ(1, log.count(" could not start, rc=11, index=0\n"));
     expect_unchanged_table();
+}
+
+TEST_F(Processing, NothingIsSaidOfDevicesThatAreLeftOut) {
+    FlashPeripheral& device = bus.add(0x4123);
+    std::string other_interface = device.path();
+    other_interface.replace(other_interface.find("usage_a000"), 10, "usage_a010");
+    EXPECT_EQ("", console_of(1, 0, [&] { EXPECT_EQ(0, process(device, other_interface)); }));
+    device.next_write_results = {LIBUSB_ERROR_PIPE};
+    EXPECT_EQ("", console_of(2, 1, [&] { EXPECT_EQ(0, process(device)); }));
+    background_read = 0;
+    EXPECT_EQ("", console_of(2, 1, [&] { EXPECT_EQ(0, process(device)); }));
 }
 
 TEST_F(Processing, ADeviceWithoutAFileIsPassedOver) {

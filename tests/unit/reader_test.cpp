@@ -216,6 +216,28 @@ TEST_F(Reader, TheHandleIsClosedForWritingFirst) {
     EXPECT_EQ("close 2", calls.back());
 }
 
+const ZELFLASH* closing_session = nullptr;
+decltype(p_libusb_release_interface) release_below = nullptr;
+int closed_at_release = -1;
+
+TEST_F(Reader, IsAskedToStopBeforeTheStopCommandAndToldOfTheCloseBeforeTheHandlesClose) {
+    set_up(2000);
+    ASSERT_TRUE(device.read_is_pending_within(generous));
+    thread_table at_stop{};
+    device.on_command = [&](const Bytes&) { at_stop = flags(); };
+    closing_session = flash.get();
+    release_below = p_libusb_release_interface;
+    p_libusb_release_interface = [](libusb_device_handle* handle, int number) {
+        closed_at_release = closing_session->ThreadTable[slot].device_closed;
+        return release_below(handle, number);
+    };
+    EXPECT_EQ(0, flash->close_device_after_use(slot, 1));
+    EXPECT_EQ(1, at_stop.stopped);
+    EXPECT_EQ(0, at_stop.device_in_use);
+    EXPECT_EQ(0, at_stop.device_closed);
+    EXPECT_EQ(1, closed_at_release);
+}
+
 TEST_F(Reader, ClosingWithoutHandleAndThreadOnlySetsTheFlags) {
     flags() = {.stopped = 0,
                .device_in_use = 1,

@@ -1,5 +1,6 @@
 #include "file_handle.h"
 #include "output.h"
+#include "support/failing_new.h"
 #include "support/firmware_bytes.h"
 #include "support/flash_test.h"
 #include "zelflshhid.h"
@@ -430,6 +431,7 @@ TEST_F(Flashing, ADeviceThatCantBeOpenedCountsAsUpdated) {
     EXPECT_EQ(FLASHSUCCESS, row.flashStatus);
     EXPECT_EQ(0, reset_needed);
     EXPECT_EQ(1, log.count("Could not get open status for '"));
+    EXPECT_EQ(1, debugged("0: close_device_after_use: closing handles"));
     EXPECT_EQ(1, logged("Firmware update of Product ID 4123 COMP: 0 finished, rc=0"));
 }
 
@@ -440,6 +442,19 @@ TEST_F(Flashing, SoDoesADeviceWithBackgroundReadingOff) {
     attach(device);
     EXPECT_EQ(0, flash_row(0));
     EXPECT_EQ(0, device.count(wire::erase));
+}
+
+TEST_F(Flashing, ADeviceThatThereIsNoMemoryForIsGone) {
+    FlashPeripheral& device = bus.add(product);
+    add_file({.level = 0x0109});
+    const flashEntry& row = attach(device);
+    fail_nothrow_new(true);
+    const int rc = flash_row(0);
+    fail_nothrow_new(false);
+    EXPECT_EQ(FLASHDEVICEGONE, rc);
+    EXPECT_EQ(1, debugged("Could not open '" + std::string(row.DevicePath) + "'"));
+    EXPECT_EQ(0, debugged("Getting components for 4123"));
+    EXPECT_TRUE(device.commands().empty());
 }
 
 TEST_F(Flashing, AFailedEraseIsAWriteError) {
@@ -634,6 +649,21 @@ TEST_F(Flashing, ADeviceThatIsUnpluggedInTheMiddleFails) {
     EXPECT_EQ(FLASHDEVICEGONE, flash_row(0, 1));
     EXPECT_EQ(nullptr, flash->hiddev);
     EXPECT_EQ(0, usb.live_handles);
+}
+
+TEST_F(Flashing, ADeviceThatIsClosedWhileItIsWaitedForIsGone) {
+    FlashPeripheral& device = bus.add(product);
+    add_file({.component = 1, .level = 0x0109});
+    attach(device);
+    device.answers[record] = {};
+    sleeps.after_sleep = [&](int) {
+        if (device.count(record) == 1) {
+            flash->ThreadTable[0].device_closed = 1;
+        }
+    };
+    EXPECT_EQ(FLASHDEVICEGONE, flash_row(0, 1));
+    EXPECT_EQ(1, debugged("Read failed on status of command, rc=13"));
+    EXPECT_EQ(FLASHDEVICEGONE, flash->fe[0].flashStatus);
 }
 
 TEST_F(Flashing, AMarkerSurvivesAFailure) {
