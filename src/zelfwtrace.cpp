@@ -23,11 +23,6 @@ constexpr suseconds_t attempt_microseconds = 50000;
 /// About 7.8 days, in milliseconds.
 constexpr unsigned int longest_wait = 0x27FFFC18;
 
-constexpr std::uint8_t data_component = 'e';
-/// The version record's `length` field; nothing follows the header all the same.
-constexpr std::uint32_t version_record_length = 16;
-constexpr std::size_t max_text = 41960;
-
 // One clock for all trace objects of the process.
 std::atomic<std::uint32_t> start_time{0};
 std::atomic<std::uint32_t> prev_time{0};
@@ -125,7 +120,7 @@ void chExitCritSec() {
 
 Trace::Trace(const char* filename, int open_mode, int count)
     : trace_fd(nullptr),
-      component(data_component),
+      component(trace_data_component),
       backup_count(count),
       trace_mode(open_mode),
       trace_filename{} {
@@ -216,7 +211,7 @@ void Trace::WriteTraceData(unsigned long minorCode, const unsigned char* buffer,
 }
 
 void Trace::tprintf(const char* fmt, ...) {
-    char OutBuffer[max_text];
+    char OutBuffer[max_trace_text];
     va_list arguments;
     va_start(arguments, fmt);
     vsnprintf(OutBuffer, sizeof(OutBuffer), fmt, arguments);
@@ -228,7 +223,7 @@ void Trace::tprintf(const char* fmt, ...) {
 void Trace::write_formatted_text(const char* text) {
     const std::vector<char> result = reinterpret_without_arguments(text);
     WriteTraceData(trace_kind::text, reinterpret_cast<const unsigned char*>(result.data()),
-                   std::min(result.size(), max_text - 1));
+                   std::min(result.size(), max_trace_text - 1));
 }
 
 std::uint32_t Trace::chTime() {

@@ -4,6 +4,7 @@
 
 #include <pthread.h>
 
+#include <cstddef>
 #include <cstdint>
 #include <cstdio>
 #include <memory>
@@ -46,6 +47,15 @@ constexpr std::uint32_t report_written = 405;
 constexpr std::uint32_t status_read = 406;
 constexpr std::uint32_t feature_read = 407;
 }  // namespace trace_kind
+
+/// `component` of every record but the version record.
+constexpr std::uint8_t trace_data_component = 'e';
+/// The version record's `length` field; nothing follows the header all the same.
+constexpr std::uint32_t version_record_length = 16;
+/// Room for a text with its end mark: a text record has at most one byte less.
+constexpr std::size_t max_trace_text = 41960;
+/// Bytes in front of a report in its record: product ID and usage, high bytes first, four zeros.
+constexpr std::size_t trace_prefix_size = 8;
 
 #pragma pack(push, 1)
 /// Header of every trace record; little-endian, no padding.

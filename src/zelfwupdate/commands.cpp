@@ -30,17 +30,6 @@ namespace {
 constexpr int reader_start_timeout = 2000;            // milliseconds
 constexpr unsigned long sleep_between_passes = 4000;  // milliseconds
 
-/// The answer that holds one record of a component, or the end of them.
-namespace record_answer {
-constexpr std::size_t size = 261;
-constexpr std::size_t flags = 0;
-constexpr std::uint8_t last_block = 0x01;
-constexpr std::size_t record = 2;
-/// Bytes of a record beside its payload; of the end, a length byte of 0 and the checksum.
-constexpr std::size_t bytes_beside_payload = 4;
-constexpr std::size_t end_size = 3;
-}  // namespace record_answer
-
 /// A device that never says that a block is its last would fill the disk.
 constexpr int most_blocks = 1 << 16;
 

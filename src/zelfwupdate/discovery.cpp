@@ -15,20 +15,6 @@ constexpr int reader_start_timeout = 2000;  // milliseconds
 constexpr std::size_t data_answer_size = 255;
 constexpr uchar unknown_revision = 0xFF;
 
-/// Where the answers hold their data. Words have the low byte first.
-namespace ec_level_answer {
-constexpr std::size_t current = 1, previous = 3, current_build = 5, previous_build = 6;
-}
-namespace device_information_answer {
-constexpr std::size_t type = 1, id = 2, command_set = 3, features = 4;
-}
-namespace component_version_answer {
-constexpr std::size_t version = 6;
-}
-namespace component_list_answer {
-constexpr std::size_t length = 2, entries = 6;
-}
-
 struct FeatureText {
     uchar bit;
     const char* text;

@@ -93,25 +93,6 @@ struct component_entry {
     int version_method;  ///< 0 increasing, 1 random
 };
 
-/// Entry of a plain component list, as the device sends it.
-struct component_id {
-    uchar component;
-    uchar revision;
-    uchar generation;
-    uchar flags;
-};
-static_assert(sizeof(component_id) == 4);
-
-/// Entry of an extended component list, as the device sends it.
-struct extended_component_id {
-    uchar component;
-    uchar revision;
-    uchar generation;
-    uchar flags;
-    uchar build_level;
-};
-static_assert(sizeof(extended_component_id) == 5);
-
 /// One row of the device table.
 struct flashEntry {
     char DevicePath[256];
