@@ -1,0 +1,238 @@
+#include "zelfwtrace/arguments.h"
+
+#include "zelfwtrace/record_kind.h"
+
+#include <algorithm>
+#include <iterator>
+#include <sstream>
+
+const char trace_help_text[] = R"(NAME
+  zelfwtrace - show the trace file of zelfwupdate
+
+SYNOPSIS
+  zelfwtrace [OPTION...] FILE
+  zelfwtrace --help | --version
+
+  Prints one line for each record of FILE, or of standard input for "-": time,
+  seconds since the run began, process and thread, product ID, and what the
+  record says. A file that is damaged or cut off is read as far as it goes; then
+  the offset and the reason are told.
+
+OUTPUT
+  -j, --json           one JSON object a line; times are UTC
+  -s, --summary        instead of the records, for each device: messages, bytes,
+                       slowest answer, histogram of the answer times; with
+                       --json one JSON object a device
+      --pcap FILE      instead of the records, write a capture of the transfers
+                       (link type LINKTYPE_USB_LINUX_MMAPPED) for Wireshark
+  -x, --hex            also show each transfer's bytes
+  -u, --utc            show and take times as UTC, not as local time
+
+FILTERS
+  -d, --device ID      only transfers of this product ID, four hexadecimal digits
+  -k, --kind KIND      only records of this kind: version, text, sent, status
+                       (status reports read), data (data answers read)
+      --from TIME      only records from this time on
+      --to TIME        only records up to this time
+  -d and -k may be given several times, or with a list: -k sent,status. TIME is
+  "2026-11-20 17:18:07.123", with the end left out as you like, or @SECONDS since
+  1970.
+
+OTHER OPTIONS
+  -h, --help           this text
+      --version        the version
+  --                   what follows is no option
+
+EXIT STATUS
+  0  success
+  1  the file is damaged, or something could not be read or written
+  2  wrong arguments
+
+EXAMPLES
+  zelfwtrace -d 3C35 -k sent,status /tmp/zelfwtrace.log
+  zelfwtrace --summary --from 2026-11-20 /tmp/zelfwtrace.log
+  zelfwtrace --pcap exchange.pcap /tmp/zelfwtrace.log && wireshark exchange.pcap
+)";
+
+namespace {
+
+using Reason = std::optional<std::string>;
+
+constexpr std::size_t product_digits = 4;
+constexpr int hexadecimal_base = 16;
+
+/// What the options say, before it is understood as a whole.
+struct Given {
+    std::vector<std::string> devices, kinds, captures, from, to, operands;
+};
+
+struct ValueOption {
+    const char* letter;  ///< null when there is none
+    const char* name;
+    std::vector<std::string> Given::*values;
+};
+const ValueOption value_options[] = {
+    {"-d", "--device", &Given::devices},   {"-k", "--kind", &Given::kinds},
+    {nullptr, "--pcap", &Given::captures}, {nullptr, "--from", &Given::from},
+    {nullptr, "--to", &Given::to},
+};
+
+struct FlagOption {
+    const char* letter;
+    const char* name;
+    bool TraceArguments::*flag;
+};
+const FlagOption flag_options[] = {
+    {"-h", "--help", &TraceArguments::help},      {nullptr, "--version", &TraceArguments::version},
+    {"-j", "--json", &TraceArguments::json},      {"-s", "--summary", &TraceArguments::summary},
+    {"-x", "--hex", &TraceArguments::with_bytes},
+};
+
+template <typename Option>
+bool is_option(const Option& option, const std::string& argument) {
+    return argument == option.name || (option.letter != nullptr && argument == option.letter);
+}
+
+template <typename Options>
+auto* find_option(const Options& options, const std::string& argument) {
+    const auto* found =
+        std::find_if(std::begin(options), std::end(options),
+                     [&argument](const auto& option) { return is_option(option, argument); });
+    return found == std::end(options) ? nullptr : found;
+}
+
+/// Reads one option at `at` and moves it to the option's last argument.
+Reason take_option(const std::vector<std::string>& words, std::size_t& at, Given& given,
+                   TraceArguments& arguments) {
+    const std::string& word = words[at];
+    if (word == "-u" || word == "--utc") {
+        arguments.zone = TimeZone::utc;
+        return std::nullopt;
+    }
+    if (const auto* option = find_option(flag_options, word)) {
+        arguments.*(option->flag) = true;
+        return std::nullopt;
+    }
+    const auto* option = find_option(value_options, word);
+    if (option == nullptr) {
+        return "unknown option '" + word + "'";
+    }
+    if (at + 1 >= words.size() || words[at + 1].empty()) {
+        return "option '" + word + "' needs a value";
+    }
+    (given.*(option->values)).push_back(words[++at]);
+    return std::nullopt;
+}
+
+std::vector<std::string> list_items(const std::vector<std::string>& lists) {
+    std::vector<std::string> items;
+    for (const std::string& list : lists) {
+        std::istringstream stream(list);
+        for (std::string item; std::getline(stream, item, ',');) {
+            items.push_back(item);
+        }
+        if (list.back() == ',') {
+            items.emplace_back();
+        }
+    }
+    return items;
+}
+
+Reason take_filter_lists(const Given& given, TraceFilter& filter) {
+    for (const std::string& text : list_items(given.devices)) {
+        if (text.size() != product_digits ||
+            text.find_first_not_of("0123456789abcdefABCDEF") != std::string::npos) {
+            return "'" + text + "' is no product ID of four hexadecimal digits";
+        }
+        filter.products.insert(
+            static_cast<std::uint16_t>(std::stoul(text, nullptr, hexadecimal_base)));
+    }
+    for (const std::string& text : list_items(given.kinds)) {
+        const auto kind = record_kind_of(text);
+        if (!kind) {
+            return "'" + text + "' is no kind of record";
+        }
+        filter.kinds.insert(*kind);
+    }
+    return std::nullopt;
+}
+
+Reason take_once(const std::vector<std::string>& values, const char* option,
+                 std::optional<std::string>& value) {
+    if (values.size() > 1) {
+        return std::string("option '") + option + "' was given twice";
+    }
+    if (!values.empty()) {
+        value = values.front();
+    }
+    return std::nullopt;
+}
+
+Reason take_time(const std::vector<std::string>& values, const char* option, TimeZone zone,
+                 std::optional<std::int64_t>& time) {
+    std::optional<std::string> text;
+    if (auto reason = take_once(values, option, text)) {
+        return reason;
+    }
+    if (text) {
+        time = parse_time(*text, zone);
+        if (!time) {
+            return "'" + *text + "' is no time";
+        }
+    }
+    return std::nullopt;
+}
+
+Reason check_combination(const TraceArguments& arguments) {
+    if (arguments.capture && (arguments.json || arguments.summary)) {
+        return "'--pcap' goes with no other output";
+    }
+    if (arguments.with_bytes && (arguments.capture || arguments.json || arguments.summary)) {
+        return "'--hex' goes with lines of text only";
+    }
+    return std::nullopt;
+}
+
+Reason understand(const Given& given, TraceArguments& arguments) {
+    if (auto reason = take_filter_lists(given, arguments.filter)) {
+        return reason;
+    }
+    if (auto reason = take_time(given.from, "--from", arguments.zone, arguments.filter.from)) {
+        return reason;
+    }
+    if (auto reason = take_time(given.to, "--to", arguments.zone, arguments.filter.to)) {
+        return reason;
+    }
+    if (auto reason = take_once(given.captures, "--pcap", arguments.capture)) {
+        return reason;
+    }
+    if (auto reason = check_combination(arguments)) {
+        return reason;
+    }
+    if (given.operands.size() != 1) {
+        return given.operands.empty() ? "no file given" : "more than one file given";
+    }
+    arguments.file = given.operands.front();
+    return std::nullopt;
+}
+
+}  // namespace
+
+Reason parse_trace_arguments(const std::vector<std::string>& words, TraceArguments& arguments) {
+    Given given;
+    bool options_ended = false;
+    for (std::size_t at = 0; at < words.size(); ++at) {
+        const std::string& word = words[at];
+        if (!options_ended && word == "--") {
+            options_ended = true;
+        } else if (options_ended || word.size() < 2 || word.front() != '-') {
+            given.operands.push_back(word);
+        } else if (auto reason = take_option(words, at, given, arguments)) {
+            return reason;
+        }
+    }
+    if (arguments.help || arguments.version) {
+        return std::nullopt;
+    }
+    return understand(given, arguments);
+}

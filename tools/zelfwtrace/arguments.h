@@ -1,0 +1,28 @@
+/// \file
+/// The command line of zelfwtrace.
+#pragma once
+
+#include "zelfwtrace/filter.h"
+#include "zelfwtrace/time_text.h"
+
+#include <optional>
+#include <string>
+#include <vector>
+
+struct TraceArguments {
+    bool help = false;
+    bool version = false;
+    bool json = false;
+    bool summary = false;
+    bool with_bytes = false;
+    TimeZone zone = TimeZone::local;
+    std::optional<std::string> capture;  ///< the file that the capture goes to
+    TraceFilter filter;
+    std::string file;  ///< "-": standard input
+};
+
+extern const char trace_help_text[];
+
+/// Reads the words behind the program's name. Returns the reason when they are wrong.
+std::optional<std::string> parse_trace_arguments(const std::vector<std::string>& given,
+                                                 TraceArguments& arguments);

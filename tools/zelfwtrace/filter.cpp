@@ -1,0 +1,12 @@
+#include "zelfwtrace/filter.h"
+
+bool TraceFilter::passes(const TraceEntry& entry) const {
+    if (!kinds.empty() && !kinds.contains(entry.kind)) {
+        return false;
+    }
+    if (!products.empty() && (!entry.is_transfer() || !products.contains(entry.product()))) {
+        return false;
+    }
+    const std::int64_t time = entry.time_in_milliseconds();
+    return time >= from.value_or(time) && time <= to.value_or(time);
+}

@@ -1,0 +1,43 @@
+/// \file
+/// The forms in which a trace is shown.
+#pragma once
+
+#include "zelfwtrace/conversation.h"
+#include "zelfwtrace/time_text.h"
+#include "zelfwtrace/trace_reader.h"
+
+#include <memory>
+#include <string>
+
+/// Takes the records that passed the filter, in the order of the file.
+class TraceOutput {
+  public:
+    TraceOutput() = default;
+    virtual ~TraceOutput() = default;
+    TraceOutput(const TraceOutput&) = delete;
+    TraceOutput& operator=(const TraceOutput&) = delete;
+
+    virtual void take(const TraceEntry& entry, const Meaning& meaning) = 0;
+    /// After the last record. Returns the reason when the output could not be written.
+    virtual std::string finish() { return ""; }
+};
+
+struct TextStyle {
+    TimeZone zone = TimeZone::local;
+    bool with_bytes = false;  ///< each transfer's bytes in hexadecimal
+};
+
+/// One line a record on standard output.
+std::unique_ptr<TraceOutput> text_output(const TextStyle& style);
+
+/// One JSON object a line on standard output.
+std::unique_ptr<TraceOutput> json_output();
+
+/// What happened to each device, on standard output at the end.
+std::unique_ptr<TraceOutput> summary_output(TimeZone zone);
+/// Likewise, one JSON object a device and line.
+std::unique_ptr<TraceOutput> summary_json_output();
+
+/// A capture of the transfers as they went over the bus. Null and the reason when the file can't
+/// be written, or when this program was built without libpcap.
+std::unique_ptr<TraceOutput> capture_output(const std::string& path, std::string& reason);

@@ -1,0 +1,126 @@
+#include "zelfwtrace/time_text.h"
+
+#include "zelfwtrace/escape.h"
+
+#include <chrono>
+#include <ctime>
+#include <limits>
+#include <regex>
+
+namespace {
+
+constexpr int first_year_of_tm = 1900;
+constexpr std::int64_t milliseconds_of_a_second = 1000;
+constexpr std::int64_t seconds_of_a_day = 86400;
+
+struct Fields {
+    int year, month, day, hour, minute, second;
+};
+
+Fields utc_fields(std::int64_t seconds) {
+    const std::chrono::sys_seconds time{std::chrono::seconds(seconds)};
+    const auto day = std::chrono::floor<std::chrono::days>(time);
+    const std::chrono::year_month_day date(day);
+    const auto in_day = static_cast<int>((time - day).count());
+    return {static_cast<int>(date.year()),
+            static_cast<int>(static_cast<unsigned>(date.month())),
+            static_cast<int>(static_cast<unsigned>(date.day())),
+            in_day / 3600,
+            in_day / 60 % 60,
+            in_day % 60};
+}
+
+/// Empty where the system's own times end.
+std::optional<Fields> local_fields(std::int64_t seconds) {
+    if (seconds > std::numeric_limits<std::time_t>::max()) {
+        return std::nullopt;
+    }
+    const auto time = static_cast<std::time_t>(seconds);
+    std::tm local = {};
+    if (localtime_r(&time, &local) == nullptr) {
+        return std::nullopt;
+    }
+    return Fields{local.tm_year + first_year_of_tm,
+                  local.tm_mon + 1,
+                  local.tm_mday,
+                  local.tm_hour,
+                  local.tm_min,
+                  local.tm_sec};
+}
+
+std::string fields_text(const Fields& at, const char* between, int milliseconds) {
+    return printed("%04d-%02d-%02d%s%02d:%02d:%02d.%03d", at.year, at.month, at.day, between,
+                   at.hour, at.minute, at.second, milliseconds);
+}
+
+std::optional<std::int64_t> seconds_of(const Fields& at, TimeZone zone) {
+    const std::chrono::year_month_day date(std::chrono::year(at.year),
+                                           std::chrono::month(static_cast<unsigned>(at.month)),
+                                           std::chrono::day(static_cast<unsigned>(at.day)));
+    if (!date.ok() || at.hour > 23 || at.minute > 59 || at.second > 59) {
+        return std::nullopt;
+    }
+    if (zone == TimeZone::utc) {
+        return std::chrono::sys_days(date).time_since_epoch().count() * seconds_of_a_day +
+               at.hour * 3600 + at.minute * 60 + at.second;
+    }
+    std::tm local = {};
+    local.tm_year = at.year - first_year_of_tm;
+    local.tm_mon = at.month - 1;
+    local.tm_mday = at.day;
+    local.tm_hour = at.hour;
+    local.tm_min = at.minute;
+    local.tm_sec = at.second;
+    local.tm_isdst = -1;
+    const std::time_t time = mktime(&local);
+    return time == -1 ? std::nullopt : std::optional<std::int64_t>(time);
+}
+
+/// The digits behind a decimal point, at most three, as milliseconds.
+std::int64_t fraction(std::string digits) {
+    digits.resize(3, '0');
+    return std::stoi(digits);
+}
+
+int number_or_zero(const std::string& digits) {
+    return digits.empty() ? 0 : std::stoi(digits);
+}
+
+}  // namespace
+
+std::string time_text(std::int64_t milliseconds, TimeZone zone) {
+    const std::int64_t seconds = milliseconds / milliseconds_of_a_second;
+    const auto rest = static_cast<int>(milliseconds % milliseconds_of_a_second);
+    const auto fields =
+        zone == TimeZone::utc ? std::optional(utc_fields(seconds)) : local_fields(seconds);
+    return fields ? fields_text(*fields, " ", rest)
+                  : printed("@%lld.%03d", static_cast<long long>(seconds), rest);
+}
+
+std::string iso_time_text(std::int64_t milliseconds) {
+    return fields_text(utc_fields(milliseconds / milliseconds_of_a_second), "T",
+                       static_cast<int>(milliseconds % milliseconds_of_a_second)) +
+           "Z";
+}
+
+std::optional<std::int64_t> parse_time(const std::string& text, TimeZone zone) {
+    static const std::regex since_epoch(R"(@(\d{1,10})(?:\.(\d{1,3}))?)");
+    static const std::regex date_and_time(
+        R"((\d{4})-(\d\d)-(\d\d)(?:[ T](\d\d):(\d\d)(?::(\d\d)(?:\.(\d{1,3}))?)?)?)");
+    std::smatch parts;
+    if (std::regex_match(text, parts, since_epoch)) {
+        return std::stoll(parts[1].str()) * milliseconds_of_a_second + fraction(parts[2].str());
+    }
+    if (!std::regex_match(text, parts, date_and_time)) {
+        return std::nullopt;
+    }
+    const auto seconds =
+        seconds_of({std::stoi(parts[1].str()), std::stoi(parts[2].str()), std::stoi(parts[3].str()),
+                    number_or_zero(parts[4].str()), number_or_zero(parts[5].str()),
+                    number_or_zero(parts[6].str())},
+                   zone);
+    if (!seconds) {
+        return std::nullopt;
+    }
+    return *seconds * milliseconds_of_a_second + fraction(parts[7].str());
+}

@@ -1,0 +1,138 @@
+#include "zelfwtrace/usb_packet.h"
+
+#include <pcap/usb.h>
+
+#include <bit>
+#include <initializer_list>
+
+namespace {
+
+constexpr std::uint8_t to_host_bit = 0x80;
+constexpr std::uint8_t interrupt_endpoint = 1;
+// Transfer types as usbmon counts them.
+constexpr std::uint8_t interrupt_type = 1;
+constexpr std::uint8_t control_type = 2;
+constexpr std::int32_t in_progress = -115;
+constexpr char absent_out = '>';
+constexpr char absent_in = '<';
+constexpr char no_setup = '-';
+constexpr int interrupt_type_attribute = 3;  ///< as an endpoint descriptor has it
+constexpr std::size_t most_data = 0xFFFF;
+
+constexpr std::int64_t milliseconds_of_a_second = 1000;
+
+static_assert(sizeof(pcap_usb_header_mmapped) == 64);
+static_assert(std::endian::native == std::endian::little, "setup bytes are copied as they are");
+
+template <typename Record>
+std::string bytes_of(const Record& record) {
+    return {reinterpret_cast<const char*>(&record), sizeof(record)};
+}
+
+std::string from_bytes(std::initializer_list<int> values) {
+    std::string bytes;
+    for (const int value : values) {
+        bytes += static_cast<char>(value);
+    }
+    return bytes;
+}
+
+}  // namespace
+
+UsbTransfer control_out(const UsbAddress& address, const UsbRequest& request,
+                        std::string_view data) {
+    return {address, UsbTransfer::Kind::control, false, request, data.substr(0, most_data)};
+}
+
+UsbTransfer control_in(const UsbAddress& address, const UsbRequest& request,
+                       std::string_view data) {
+    return {address, UsbTransfer::Kind::control, true, request, data.substr(0, most_data)};
+}
+
+UsbTransfer interrupt_in(const UsbAddress& address, std::string_view data) {
+    return {address, UsbTransfer::Kind::interrupt, true, {}, data.substr(0, most_data)};
+}
+
+std::string usb_packet(const UsbTransfer& transfer, bool is_completion, std::uint64_t number,
+                       std::int64_t time) {
+    const bool is_control = transfer.kind == UsbTransfer::Kind::control;
+    // Data goes with the submission on its way out, and with the completion on its way in.
+    const bool has_data = transfer.to_host == is_completion && !transfer.data.empty();
+    const auto length = static_cast<std::uint32_t>(transfer.data.size());
+    pcap_usb_header_mmapped header = {};
+    header.id = number;
+    header.event_type = is_completion ? 'C' : 'S';
+    header.transfer_type = is_control ? control_type : interrupt_type;
+    header.endpoint_number = static_cast<std::uint8_t>((is_control ? 0 : interrupt_endpoint) |
+                                                       (transfer.to_host ? to_host_bit : 0));
+    header.device_address = transfer.address.device;
+    header.bus_id = transfer.address.bus;
+    header.setup_flag = no_setup;
+    header.data_flag =
+        static_cast<char>(has_data ? 0 : (transfer.to_host ? absent_in : absent_out));
+    header.ts_sec = time / milliseconds_of_a_second;
+    header.ts_usec = static_cast<std::int32_t>(time % milliseconds_of_a_second * 1000);
+    header.status = is_completion ? 0 : in_progress;
+    header.urb_len = length;
+    header.data_len = has_data ? length : 0;
+    if (is_control && !is_completion) {
+        header.setup_flag = 0;
+        header.s.setup.bmRequestType = transfer.request.type;
+        header.s.setup.bRequest = transfer.request.request;
+        header.s.setup.wValue = transfer.request.value;
+        header.s.setup.wIndex = transfer.request.index;
+        header.s.setup.wLength = static_cast<std::uint16_t>(length);
+    }
+    header.interval = is_control ? 0 : 1;
+    std::string packet = bytes_of(header);
+    if (has_data) {
+        packet += transfer.data;
+    }
+    return packet;
+}
+
+std::string device_descriptor(std::uint16_t product) {
+    return from_bytes({18, 1, 0x00, 0x02, 0, 0, 0, 64,                  // USB 2.0
+                       0, 0, product & 0xFF, product >> 8, 0, 0, 0, 0,  // no vendor, no strings
+                       0, 1});
+}
+
+const std::string& configuration_descriptor() {
+    static const std::string bytes = from_bytes({
+        9,
+        2,
+        34,
+        0,
+        1,
+        1,
+        0,
+        0x80,
+        50,  // configuration
+        9,
+        4,
+        0,
+        0,
+        1,
+        3,
+        0,
+        0,
+        0,  // HID interface
+        9,
+        0x21,
+        0x11,
+        0x01,
+        0,
+        1,
+        0x22,
+        0,
+        0,  // HID 1.11
+        7,
+        5,
+        interrupt_endpoint | to_host_bit,
+        interrupt_type_attribute,
+        64,
+        0,
+        1,  // endpoint
+    });
+    return bytes;
+}
