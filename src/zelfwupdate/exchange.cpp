@@ -18,74 +18,33 @@
 
 namespace {
 
-constexpr unsigned short flash_usage_page = 0xFF45;
-constexpr unsigned short command_usage = 0xA001;
-constexpr unsigned short status_usage = 0xA002;
-constexpr unsigned short data_usage = 0xA003;
-constexpr unsigned short fallback_data_usage = 0x1603;
-
 constexpr int shortest_sleep_time = 15;             // milliseconds
 constexpr unsigned long pause_before_request = 10;  // milliseconds
 constexpr unsigned long pause_before_retry = 500;   // milliseconds
 constexpr std::size_t record_message_size = 1024;
-constexpr std::size_t trace_prefix_size = 8;
 
-/// Where a command's sixth byte names a component.
-enum class ComponentIn { nowhere, low_nibble, high_nibble };
-
-struct CommandRow {
-    FlashCommand command;
-    CommandMessage message;
-    ComponentIn component_in;
-};
-
-/// Counts are little-endian. The stop command and the EC level query are the same bytes: the
-/// device tells them apart by what it is doing.
-constexpr CommandRow command_table[] = {
-    {FlashCommand::status_request, {{0x04, 0, 0, 0x20}, 4}, ComponentIn::nowhere},
-    {FlashCommand::reset, {{0x04, 0, 0, 0x40}, 4}, ComponentIn::nowhere},
-    {FlashCommand::stop, {{0x02, 0, 0, '\x80'}, 4}, ComponentIn::nowhere},
-    {FlashCommand::ec_level_query, {{0x02, 0, 0, '\x80'}, 4}, ComponentIn::nowhere},
-    {FlashCommand::device_information_query, {{0x03, 0, 0, 0, 0x01}, 5}, ComponentIn::nowhere},
-    {FlashCommand::erase, {{0x04, 0, 0x01, 0}, 4}, ComponentIn::nowhere},
-    {FlashCommand::component_version_query,
-     {{0x06, 0, 0x20, 0, 0x02, '\xF0', 0, 0x01}, 8},
-     ComponentIn::low_nibble},
-    {FlashCommand::component_list_query,
-     {{0x06, 0, 0x20, 0, '\xFF', '\xFF', 0, 0x01}, 8},
-     ComponentIn::nowhere},
-    {FlashCommand::extended_component_list_query,
-     {{0x06, 0, 0x20, 0, '\xFF', '\xFF', 0, 0x02}, 8},
-     ComponentIn::nowhere},
-    {FlashCommand::read_all_records,
-     {{0x06, 0, 0x21, 0, '\xFF', 0, 0, 0}, 8},
-     ComponentIn::high_nibble},
-};
-constexpr std::size_t component_byte = 5;
-
-/// An image data message: a count of the bytes that follow byte 1, the operation, the record's
-/// length byte, and the bytes behind that in the firmware file. The checksum is such a message
-/// with a length byte of 0.
+/// An image data message under construction.
 class ImageMessage {
   public:
-    ImageMessage() { at(operation_byte) = image_data_operation; }
+    ImageMessage() { at(image_message::operation_byte) = image_message::operation; }
 
     void set_record(const FirmwareRecord& record) {
         const auto body = record.read_bytes().subspan(1);
-        std::copy(body.begin(), body.end(), bytes_.begin() + body_start);
+        std::copy(body.begin(), body.end(), bytes_.begin() + image_message::body_start);
         set_lengths(record.length(), static_cast<int>(body.size()));
     }
     void set_checksum(const std::array<std::uint8_t, firmware_checksum_size>& checksum) {
-        std::copy(checksum.begin(), checksum.end(), bytes_.begin() + body_start);
+        std::copy(checksum.begin(), checksum.end(), bytes_.begin() + image_message::body_start);
         set_lengths(0, firmware_checksum_size);
-        at(0) = checksum_count;
+        at(0) = image_message::checksum_count;
     }
     /// Makes the record one of `component`: in its tag, or, for a record about the whole file, in
     /// the first component that its list names.
     void override_component(int component) {
-        const bool about_the_file =
-            at(body_start) == file_information_tag && at(body_start + 1) == 0;
-        std::uint8_t& byte = at(about_the_file ? first_listed_component : body_start);
+        const bool about_the_file = at(image_message::body_start) == file_information_tag &&
+                                    at(image_message::body_start + 1) == 0;
+        std::uint8_t& byte =
+            at(about_the_file ? image_message::first_listed_component : image_message::body_start);
         const int kept = byte & (about_the_file ? 0xF0 : 0x0F);
         byte =
             static_cast<std::uint8_t>(kept | (about_the_file ? component & 0x0F : component << 4));
@@ -95,21 +54,13 @@ class ImageMessage {
     unsigned int size() const { return size_; }
 
   private:
-    static constexpr std::size_t operation_byte = 2;
-    static constexpr std::uint8_t image_data_operation = 0x02;
-    static constexpr std::size_t length_byte = 4;
-    static constexpr std::size_t body_start = 5;
-    static constexpr std::size_t first_listed_component = 8;
-    static constexpr int count_beside_payload = 6;
-    static constexpr std::uint8_t checksum_count = 5;
-
     std::uint8_t& at(std::size_t offset) { return bytes_[offset]; }
     void set_lengths(int length, int body_size) {
-        const int count = length + count_beside_payload;
+        const int count = length + image_message::count_beside_payload;
         at(0) = static_cast<std::uint8_t>(count & 0xFF);
         at(1) = static_cast<std::uint8_t>(count >> 8);
-        at(length_byte) = static_cast<std::uint8_t>(length);
-        size_ = static_cast<unsigned int>(body_size) + body_start;
+        at(image_message::length_byte) = static_cast<std::uint8_t>(length);
+        size_ = static_cast<unsigned int>(body_size) + image_message::body_start;
     }
 
     std::array<std::uint8_t, record_message_size> bytes_{};
@@ -174,10 +125,10 @@ int ZELFLASH::write_flash(char* buffer, unsigned int length) {
     if (hiddev == nullptr) {
         return FLASHWRITEERROR;
     }
-    trace_transfer(trace_kind::report_written, *hiddev, command_usage, buffer, length);
+    trace_transfer(trace_kind::report_written, *hiddev, flash_usage::command, buffer, length);
     hex_display("Report written", buffer, static_cast<int>(length));
-    const int rc =
-        hiddev->Write(flash_usage_page, command_usage, buffer, static_cast<unsigned short>(length));
+    const int rc = hiddev->Write(flash_usage::page, flash_usage::command, buffer,
+                                 static_cast<unsigned short>(length));
     writedebug("WriteFlash rc=%d\n", rc);
     return rc;
 }
@@ -190,15 +141,15 @@ int ZELFLASH::read_flash(char* buffer, unsigned int length, int timeout, int ind
     if (device == nullptr) {
         return FLASHREADERROR;
     }
-    writedebug("Sending Read Request to %04x\n", status_usage);
-    const int rc =
-        device->Read(flash_usage_page, status_usage, buffer, static_cast<unsigned short>(length));
-    writedebug("Reading data from %04x returned rc=%d\n", status_usage, rc);
+    writedebug("Sending Read Request to %04x\n", flash_usage::status);
+    const int rc = device->Read(flash_usage::page, flash_usage::status, buffer,
+                                static_cast<unsigned short>(length));
+    writedebug("Reading data from %04x returned rc=%d\n", flash_usage::status, rc);
     if (rc != 0) {
-        writelog(0, "Read Request to %04x failed, rc=%d\n", status_usage, rc);
+        writelog(0, "Read Request to %04x failed, rc=%d\n", flash_usage::status, rc);
         return rc;
     }
-    trace_transfer(trace_kind::status_read, *device, status_usage, buffer, length);
+    trace_transfer(trace_kind::status_read, *device, flash_usage::status, buffer, length);
     hex_display("Status report read", buffer, static_cast<int>(length));
     return 0;
 }
@@ -251,15 +202,15 @@ int ZELFLASH::read_data(char* buffer, unsigned int length) {
         return FLASHREADERROR;
     }
     const auto short_length = static_cast<unsigned short>(length);
-    unsigned short usage = data_usage;
+    unsigned short usage = flash_usage::data;
     writedebug("Sending Get Feature Report to %04x\n", usage);
-    int rc = hiddev->GetFeature(flash_usage_page, usage, buffer, short_length);
+    int rc = hiddev->GetFeature(flash_usage::page, usage, buffer, short_length);
     writedebug("Get Feature Report on %04x returned rc=%d\n", usage, rc);
     if (rc != 0) {
         writelog(0, "Get Feature Report %04x rc=%d\n", usage, rc);
-        usage = fallback_data_usage;
+        usage = flash_usage::fallback_data;
         writedebug("Sending Get Feature Report to %04x\n", usage);
-        rc = hiddev->GetFeature(flash_usage_page, usage, buffer, short_length);
+        rc = hiddev->GetFeature(flash_usage::page, usage, buffer, short_length);
         if (rc != 0) {
             writelog(0, "Get Feature Report %04x rc=%d\n", usage, rc);
             return rc;
