@@ -256,6 +256,13 @@ TEST_F(UsbInterface, OpenByIdsFailsWithoutADescriptor) {
     EXPECT_EQ(intf().intfnum, 0xBAD);
 }
 
+TEST_F(UsbInterface, OpenByIdsDoesWithoutAConfiguration) {
+    flash_device().config_rc = -5;
+    EXPECT_EQ(intf().OpenDevice(0x04B3, 0x3C02), 0);
+    EXPECT_NE(intf().handle, nullptr);
+    EXPECT_EQ(intf().config_descriptor_retrieved, 0);
+}
+
 TEST_F(UsbInterface, ForgetsItsInterfaceWhateverComesOfAnOpenByIds) {
     claim(flash_device());
     ASSERT_EQ(intf().intfnum, 0);

@@ -528,8 +528,24 @@ TEST_F(Transfers, WriteToTheInterruptOutEndpoint) {
     EXPECT_EQ(intf.HidInterruptWrite(data.data(), 4, &actual, 30), 0);
     EXPECT_EQ(actual, 4);
     EXPECT_EQ(usb.interrupts[0].endpoint, 0x02);
-    EXPECT_EQ(intf.BulkTransfer(0x02, data.data(), 4, &actual, 30), LIBUSB_ERROR_TIMEOUT);
-    EXPECT_EQ(usb.interrupts.size(), 2U);
+    EXPECT_EQ(usb.interrupts[0].length, 4);
+    EXPECT_EQ(usb.interrupts[0].timeout, 30U);
+}
+
+TEST_F(Transfers, KeepBulkAndInterruptApart) {
+    claimed();
+    Bytes data(4, 7);
+    p_libusb_bulk_transfer = [](libusb_device_handle*, unsigned char endpoint, unsigned char*,
+                                int length, int* count, unsigned int timeout) {
+        *count = length;
+        return endpoint + static_cast<int>(timeout);
+    };
+    EXPECT_EQ(intf.BulkTransfer(0x02, data.data(), 4, &actual, 30), 32);
+    EXPECT_EQ(actual, 4);
+    EXPECT_TRUE(usb.interrupts.empty());
+    EXPECT_EQ(intf.InterruptTransfer(0x02, data.data(), 4, &actual, 30), LIBUSB_ERROR_TIMEOUT);
+    EXPECT_EQ(actual, 0);
+    EXPECT_EQ(usb.interrupts.size(), 1U);
 }
 
 // --- input and feature reports by control transfer ---

@@ -300,6 +300,15 @@ TEST(HidParser, IgnoresGlobalAndLocalItemsThatItDoesNotKnow) {
     EXPECT_EQ(parser->GetInputReport(0)->UsagePage, 7);
 }
 
+TEST(HidParser, StartsEachParseWithoutTheItemsOfTheLast) {
+    const auto parser =
+        parse(join({item(input, {2}), item(usage_page, {7}), layout(8, 1), item(usage, {1})}));
+    ASSERT_EQ(parser->InputReportIndex, 0);
+    EXPECT_EQ(parser->Parse(), 0);
+    EXPECT_EQ(parser->InputReportIndex, 0);
+    EXPECT_EQ(parser->Local.UsageIndex, 1U);
+}
+
 TEST(HidParser, IgnoresReservedItemTypes) {
     constexpr uint8_t reserved = 0x8C;
     const auto parser =
