@@ -47,8 +47,6 @@ namespace {
 constexpr char option_string[] = "ULRC:F:G:SD:VE:c:d:s:famr:p:l:t:n:o:w:?0:1:2:3:4:";
 constexpr std::size_t longest_text = 254;
 constexpr std::size_t longest_product_id = 19;
-/// The component number of a record stands in four bits.
-constexpr int highest_component = 15;
 constexpr int go_on = -1;
 
 int refuse_with_usage() {
@@ -87,16 +85,6 @@ int append_text(char option, const char* text, RowText row_text, int& count, std
         ++count;
     }
     return result;
-}
-
-int set_component(char option, const char* text, int& component) {
-    component = read_number(text);
-    if (component > highest_component) {
-        fprintf(stderr, "zelfwupdate: option -%c: component %d is above %d, the highest there is\n",
-                option, component, highest_component);
-        return EXIT_USAGE;
-    }
-    return go_on;
 }
 
 int set_level(const char* text) {
@@ -154,11 +142,15 @@ int handle_selection(char option, const char* argument) {
         NumberOfSerialNoListEntries, longest_text);
 }
 
+int handle_number(int& variable, const char* argument) {
+    variable = read_number(argument);
+    return go_on;
+}
+
 int handle_time_out(char option, const char* argument) {
     int* const variables[] = {&information_timeout, &erase_timeout, &command_timeout,
                               &checksum_timeout, &reset_sleep_timeout};
-    *variables[option - '0'] = read_number(argument);
-    return go_on;
+    return handle_number(*variables[option - '0'], argument);
 }
 
 int handle_switch(char option, Command& command) {
@@ -213,9 +205,9 @@ int handle_argument(char option, const char* argument, Command& command, RunRequ
             return copy_text(option, argument, request.display_filename, longest_text);
         case 'G':
             command = COMMAND_GET_COMPONENT;
-            return set_component(option, argument, get_component_number);
+            return handle_number(get_component_number, argument);
         case 'c':
-            return set_component(option, argument, comp_update_id);
+            return handle_number(comp_update_id, argument);
         case 'd':
         case 's':
             return handle_selection(option, argument);

@@ -171,6 +171,24 @@ TEST(Options, OptionsWithoutCommandPrintTheUsage) {
     expect_usage({"firmware.dat"});
 }
 
+class OptionsAlone : public testing::TestWithParam<std::vector<std::string>> {};
+
+TEST_P(OptionsAlone, PrintTheUsage) {
+    expect_usage(GetParam());
+}
+
+using Arguments = std::vector<std::string>;
+
+INSTANTIATE_TEST_SUITE_P(
+    Each, OptionsAlone,
+    testing::Values(Arguments{"-f"}, Arguments{"-a"}, Arguments{"-m"}, Arguments{"-c", "1"},
+                    Arguments{"-d", "3C02"}, Arguments{"-s", "41"}, Arguments{"-r", "x"},
+                    Arguments{"-p", "x"}, Arguments{"-l", "x"}, Arguments{"-t", "x"},
+                    Arguments{"-n", "1"}, Arguments{"-o", "1"}, Arguments{"-w", "x"},
+                    Arguments{"-0", "1"}, Arguments{"-1", "1"}, Arguments{"-2", "1"},
+                    Arguments{"-3", "1"}, Arguments{"-4", "1"}),
+    [](const auto& given) { return given.param[0].substr(1); });
+
 struct CommandCase {
     std::vector<std::string> arguments;
     Command command;
@@ -266,6 +284,12 @@ TEST(Options, TheLastOfARepeatedNameCounts) {
     EXPECT_STREQ(request.log_filename, "log");
     EXPECT_STREQ(DirName, "d2");
     EXPECT_STREQ(OutputFilename, "o2");
+}
+
+TEST(Options, TheLastOfARepeatedCommandsNameCounts) {
+    EXPECT_STREQ(accept({"-C", "first.cfg", "-C", "b"}).config_filename, "b");
+    EXPECT_STREQ(accept({"-D", "first.dat", "-D", "b"}).display_filename, "b");
+    EXPECT_STREQ(accept({"-V", "-t", "first", "-t", "b"}).trace_filename, "b");
 }
 
 TEST(Options, ZeroEmptiesTheNameOfAJournal) {
@@ -525,29 +549,31 @@ TEST(Options, ExplainingWithoutACodePrintsUsageAndHelp) {
     EXPECT_EQ(parsed.output, golden("usage.txt") + golden("help.txt"));
 }
 
-TEST(Options, ComponentsUpToFifteenAreTaken) {
-    accept({"-G", "15", "-c", "15"});
+TEST(Options, ComponentNumbersAreTakenAsTheyAre) {
+    accept({"-G", "15", "-c", "14"});
     EXPECT_EQ(get_component_number, 15);
-    EXPECT_EQ(comp_update_id, 15);
-    accept({"-G", "0", "-c", "abc"});
+    EXPECT_EQ(comp_update_id, 14);
+    accept({"-G", "0", "-c", "0"});
     EXPECT_EQ(get_component_number, 0);
     EXPECT_EQ(comp_update_id, 0);
-    accept({"-G", "3", "-G", "4", "-c", "5", "-c", "6"});
-    EXPECT_EQ(get_component_number, 4);
-    EXPECT_EQ(comp_update_id, 6);
+    accept({"-G", "19", "-c", "2147483647"});
+    EXPECT_EQ(get_component_number, 19);
+    EXPECT_EQ(comp_update_id, 2147483647);
 }
 
-TEST(Options, ComponentsAboveFifteenAreRefused) {
-    const Parsed read = parse({"-G", "16", "-w", "out"});
-    EXPECT_EQ(read.code, check_usage);
-    EXPECT_EQ(read.output, "");
-    EXPECT_EQ(read.errors,
-              "zelfwupdate: option -G: component 16 is above 15, the highest there is\n");
-    const Parsed update = parse({"-U", "-c", "4294967296"});
-    EXPECT_EQ(update.code, check_usage);
-    EXPECT_EQ(update.output, "");
-    EXPECT_EQ(update.errors,
-              "zelfwupdate: option -c: component 2147483647 is above 15, the highest there is\n");
+TEST(Options, AComponentThatIsNoNumberIsZero) {
+    accept({"-G", "abc", "-c", "xyz"});
+    EXPECT_EQ(get_component_number, 0);
+    EXPECT_EQ(comp_update_id, 0);
+}
+
+TEST(Options, TheLastOfARepeatedNumberCounts) {
+    accept(
+        {"-G", "3", "-G", "4", "-c", "5", "-c", "6", "-0", "7", "-0", "8", "-4", "1", "-4", "9"});
+    EXPECT_EQ(get_component_number, 4);
+    EXPECT_EQ(comp_update_id, 6);
+    EXPECT_EQ(information_timeout, 8);
+    EXPECT_EQ(reset_sleep_timeout, 9);
 }
 
 /// An option that takes a text, with what makes its command line whole.
