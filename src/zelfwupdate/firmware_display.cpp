@@ -56,8 +56,7 @@ void show_record(int number, const FirmwareRecord& record) {
         append_hexadecimal(dump, byte, '.');
         ++column;
     }
-    writelog_notrace(1, "%03d:%-3d(R%06x) - %s\n", number, record.body_size, record.number(),
-                     dump.c_str());
+    writelog(1, "%03d:%-3d(R%06x) - %s\n", number, record.body_size, record.number(), dump.c_str());
 }
 
 /// Decodes information records; what it does not decode stays a line of bytes.

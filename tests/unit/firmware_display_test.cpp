@@ -3,6 +3,8 @@
 #include "file_handle.h"
 #include "output.h"
 #include "support/firmware_bytes.h"
+#include "support/trace_file.h"
+#include "zelfwtrace.h"
 #include "zelfwupdate/options.h"
 #include "zelfwupdate/zelflash.h"
 
@@ -15,6 +17,7 @@
 #include <cerrno>
 #include <memory>
 
+using testing::ElementsAre;
 using testing::EndsWith;
 using testing::HasSubstr;
 using testing::Not;
@@ -278,6 +281,16 @@ TEST_F(FirmwareDisplay, CutAnywhereIsShownToTheCut) {
         EXPECT_LT(part.size(), all.size() + 40) << size;
         EXPECT_THAT(part, StartsWith(header_lines)) << size;
     }
+}
+
+TEST_F(FirmwareDisplay, AllButTheChecksumIsTraced) {
+    trace = std::make_unique<Trace>(directory_.path("trace").c_str(), 0, 0);
+    shown(file().record(0xFF, 0, {2}).record(0x20, 0, {'%', '%'}).end());
+    trace.reset();
+    EXPECT_THAT(trace_texts(directory_.path("trace")),
+                ElementsAre("ProductID:  3c02\n", "EC Level:   01.05\n", "Flash Data:\n",
+                            "000:4  (Rff0000) - 01.ff.00.00.02.\n", "Component ID List: 02 \n",
+                            "001:5  (R200000) - 02.20.00.00.25.25.\n"));
 }
 
 TEST_F(FirmwareDisplay, QuietRunStillWritesTheLog) {
