@@ -177,6 +177,13 @@ TEST_F(CommandLine, JournalsThatCannotBeOpenedAreNoError) {
     EXPECT_EQ(end.errors, "");
 }
 
+TEST_F(CommandLine, WithoutItsLogARunIsStillTraced) {
+    const ChildEnd end = run({"-l", directory_.path("none/log"), "-V"});
+    EXPECT_EQ(end.exit_code, 0);
+    EXPECT_THAT(end.output, StartsWith(banner));
+    EXPECT_THAT(trace_text(), HasSubstr("Version 1.1.3 (i386)\n"));
+}
+
 TEST_F(CommandLine, EveryDeviceAndFileCommandNeedsTheSuperUser) {
     for (const auto& command : std::vector<std::vector<std::string>>{
              {"-R"}, {"-C", "a"}, {"-F", "a"}, {"-U"}, {"-L"}, {"-S"}, {"-D", "a"}, {"-G", "1"}}) {

@@ -226,6 +226,18 @@ TEST(FaultReport, EndsWithTheSameCodeWhenItFaultsItself) {
     EXPECT_THAT(end.output, EndsWith("si_band:   4660\n"));
 }
 
+TEST(FaultReport, IsInstalledForSegmentationFaultsWithTheirInformation) {
+    install_fault_report();
+    struct sigaction action = {};
+    ASSERT_EQ(sigaction(SIGSEGV, nullptr, &action), 0);
+    EXPECT_EQ(action.sa_sigaction, sigsegv_catcher);
+    EXPECT_NE(action.sa_flags & SA_SIGINFO, 0);
+    EXPECT_EQ(action.sa_flags & (SA_RESETHAND | SA_NODEFER | SA_RESTART | SA_ONSTACK), 0);
+    for (int number = 1; number < NSIG; ++number) {
+        EXPECT_EQ(sigismember(&action.sa_mask, number), 0) << number;
+    }
+}
+
 TEST_F(Fault, AtAnUnmappedAddressIsReported) {
     char* const address = unmapped_address();
     const ChildEnd end = fault_at(address);

@@ -8,6 +8,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <dlfcn.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -91,11 +92,24 @@ struct FailingStream {
     }
 };
 
+/// Stands for every file that is opened, when it is not null.
+FailingStream* opened_instead = nullptr;
+
 FileHandle stream_of(std::string& content) {
     return FileHandle(fmemopen(content.data(), content.size(), "rb"));
 }
 
 }  // namespace
+
+extern "C" FILE* fdopen(int descriptor, const char* mode) {
+    using Function = FILE* (*)(int, const char*);
+    static const auto real = reinterpret_cast<Function>(dlsym(RTLD_NEXT, "fdopen"));
+    if (opened_instead == nullptr) {
+        return real(descriptor, mode);
+    }
+    close(descriptor);
+    return opened_instead->open().release();
+}
 
 TEST_F(FirmwareFile, HeaderGivesProductLevelAndVersionDigit) {
     const Summary s = summary(FirmwareBytes("3C02a105"));
@@ -314,6 +328,20 @@ TEST_F(FirmwareFile, SummaryIsTracedInDebugLines) {
                   "3:    Component 2 ID String: Boot%s\n"
                   "3:    Component version: 02.06\n"
                   "3:    Component version: 03.07.0a\n");
+}
+
+TEST_F(FirmwareFile, SummaryReportsALengthByteThatCannotBeRead) {
+    const std::string path = directory_.write("image.dat", "");
+    FailingStream failing{FirmwareBytes("3C020105").record(0xFF, 0, {2}).bytes()};
+    OutputCapture capture;
+    opened_instead = &failing;
+    const Summary s = summary_of(path);
+    opened_instead = nullptr;
+    const WrittenOutput output = capture.take();
+    EXPECT_EQ(output.console, "File corrupted (read=0 needed=1)\n");
+    EXPECT_EQ(output.log, output.console);
+    EXPECT_EQ(s.result, 0);
+    EXPECT_EQ(s.component, 2);
 }
 
 TEST_F(FirmwareFile, EachTypeHasItsDebugLine) {
