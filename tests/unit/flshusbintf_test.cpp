@@ -641,6 +641,32 @@ TEST_F(UsbInterface, KnowsThatReportIdsAreUsed) {
     EXPECT_EQ(intf().FeatureReports[1]->ReportID, 3);
 }
 
+TEST_F(UsbInterface, KnowsThatReportIdsAreUsedByOneReportAmongOthers) {
+    FakeUsbDevice& device = flash_device();
+    device.report_descriptor =
+        join({item(0x74, {8}), item(0x94, {4}), item(0x84, {1}), item(0x08, {1}), item(0x80, {2}),
+              item(0x84, {0}), item(0x08, {2}), item(0xB0, {2})});
+    claim(device);
+    ASSERT_EQ(intf().FeatureReportCount, 1);
+    EXPECT_EQ(intf().FeatureReports[0]->ReportID, 0);
+    EXPECT_EQ(intf().ReportIdUsed, 1);
+}
+
+TEST_F(UsbInterface, ParsesOnlyTheBytesThatWereReceived) {
+    FakeUsbDevice& device = flash_device();
+    device.report_descriptor =
+        join({item(0x74, {8}), item(0x94, {4}), item(0x08, {1}), item(0x90, {2})});
+    device.configurations[0].interfaces[0][0].extra = hid_descriptor(40);
+    // What an earlier request may have left: two-byte items, a usage and an input report.
+    const Bytes earlier = join({item(0x08, {5}), item(0x80, {2})});
+    for (size_t i = 0; i < 40; ++i) {
+        intf().HidReport[i] = earlier[i % earlier.size()];
+    }
+    claim(device);
+    EXPECT_EQ(intf().OutputReportCount, 1);
+    EXPECT_EQ(intf().InputReportCount, 0);
+}
+
 TEST_F(UsbInterface, DetachesTheDriverOfABusyInterface) {
     FakeUsbDevice& device = flash_device();
     device.claim_rcs = {LIBUSB_ERROR_BUSY, 0};

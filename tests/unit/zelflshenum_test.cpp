@@ -314,6 +314,20 @@ TEST_F(Enumeration, NeitherWalksNorFreesAListThatLibusbCouldNotGive) {
     EXPECT_THAT(usb.calls(), ElementsAre());
 }
 
+TEST_F(Enumeration, PassesOverANullEntryOfTheList) {
+    add(1, 9, {flash_string});
+    static libusb_device* list[] = {nullptr, nullptr, nullptr};
+    list[1] = as_libusb(usb.devices.front());
+    p_libusb_get_device_list = [](libusb_context*, libusb_device*** given) -> ssize_t {
+        *given = list;
+        return 2;
+    };
+    p_libusb_free_device_list = [](libusb_device** given, int) { EXPECT_EQ(given, list); };
+    build();
+    ASSERT_EQ(tree->numberOfDevices, 1);
+    EXPECT_EQ(tree->getHidDevice(0)->DeviceAddress, 9);
+}
+
 TEST_F(Enumeration, FreesAnEmptyList) {
     build();
     EXPECT_EQ(tree->numberOfDevices, 0);

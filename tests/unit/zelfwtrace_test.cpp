@@ -9,12 +9,16 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <pthread.h>
+#include <sched.h>
+#include <sys/mount.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <cerrno>
 #include <chrono>
+#include <cstdio>
 #include <ctime>
 #include <filesystem>
 #include <string>
@@ -277,6 +281,41 @@ TEST_F(TraceFile, ThatCannotBeOpenedIsSilent) {
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
 }
 
+TEST_F(TraceFile, MayBeALinkUnderAChosenName) {
+    const std::string target = directory_.write("target", "");
+    std::filesystem::create_symlink(target, name());
+    const Trace file(name().c_str(), 0, 3);
+    EXPECT_EQ(read_trace(target).size(), 1U);
+    EXPECT_TRUE(std::filesystem::is_symlink(name()));
+}
+
+TEST_F(TraceFile, IsNeverALinkUnderTheDefaultName) {
+    const std::string target = directory_.write("target", "old");
+    const int no_private_directory = 77;
+    const ChildEnd end = run_in_child([&] {
+        // A /tmp of the child's own.
+        if (unshare(CLONE_NEWNS) != 0 ||
+            mount("none", "/", nullptr, MS_REC | MS_PRIVATE, "") != 0) {
+            _exit(no_private_directory);
+        }
+        const int holder = open(directory_.path().c_str(), O_RDONLY | O_DIRECTORY | O_CLOEXEC);
+        if (mount("none", "/tmp", "tmpfs", 0, "mode=1777") != 0 ||
+            symlink(("/proc/self/fd/" + std::to_string(holder) + "/target").c_str(),
+                    default_trace_filename) != 0) {
+            _exit(no_private_directory);
+        }
+        const Trace file(default_trace_filename, 0, 3);
+        std::printf("%zu ", read_trace(default_trace_filename).size());
+        std::printf("%s", std::filesystem::is_symlink(default_trace_filename) ? "link" : "file");
+    });
+    if (end.exit_code == no_private_directory) {
+        GTEST_SKIP() << "needs the right to mount";
+    }
+    EXPECT_EQ(end.exit_code, 0);
+    EXPECT_EQ(end.output, "1 file");
+    EXPECT_EQ(read_whole_file(target), "old");
+}
+
 TEST_F(TraceFile, TakesTheLongestName) {
     const std::string directory = directory_.path() + "/";
     const std::string longest = directory + std::string(254 - directory.size(), 'x');
@@ -417,6 +456,21 @@ TEST_F(TraceFile, WaitsForTheCriticalSection) {
     chExitCritSec();
     writer.join();
     EXPECT_THAT(trace_texts(name()), ElementsAre("x"));
+}
+
+TEST_F(TraceFile, WaitsForTheCriticalSectionWithItsVersionRecordToo) {
+    chEnterCritSec();
+    std::atomic<bool> started{false};
+    std::thread opener([&] {
+        const Trace file(name().c_str(), 0, 3);
+        started = true;
+    });
+    std::this_thread::sleep_for(std::chrono::milliseconds(150));
+    EXPECT_FALSE(started);
+    EXPECT_EQ(content(), "");
+    chExitCritSec();
+    opener.join();
+    EXPECT_EQ(records().size(), 1U);
 }
 
 namespace {
