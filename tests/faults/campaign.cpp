@@ -1,0 +1,302 @@
+#include "campaign.h"
+
+#include "support/bus_text.h"
+
+#include <algorithm>
+#include <atomic>
+#include <csignal>
+#include <cstdio>
+#include <exception>
+#include <functional>
+#include <iterator>
+#include <mutex>
+#include <random>
+#include <thread>
+
+namespace {
+
+using std::chrono::milliseconds;
+
+/// What a run may take beyond the protocol's own waits.
+constexpr milliseconds grace{2000};
+/// A run that takes longer than its bound by this hangs; less may be the machine's doing.
+constexpr milliseconds until_hang{30000};
+/// A device that was reset or replugged is back after this.
+constexpr milliseconds return_time{400};
+
+constexpr const char* commands[] = {"update", "list", "reset", "read"};
+
+/// Calls `work` with 0 to `count` - 1, in as many threads as there are jobs.
+void in_parallel(std::size_t count, unsigned int jobs,
+                 const std::function<void(std::size_t)>& work) {
+    std::atomic<std::size_t> next{0};
+    std::vector<std::thread> workers;
+    for (unsigned int i = 0; i < jobs && i < count; ++i) {
+        workers.emplace_back([&] {
+            for (std::size_t at = next++; at < count; at = next++) {
+                work(at);
+            }
+        });
+    }
+    for (std::thread& worker : workers) {
+        worker.join();
+    }
+}
+
+/// The longest that the program may wait because of the fault, by its own time-outs.
+milliseconds wait_of(const Injection& injection) {
+    const std::string action = injection.kind->action;
+    const bool waits_for_transfer = action == "timeout" && injection.event == "control";
+    return milliseconds(waits_for_transfer ? transfer_timeout : information_timeout);
+}
+
+/// Takes as many as are wanted, by the seed; the rest is dropped.
+template <typename Item>
+void choose(std::vector<Item>& items, std::size_t count, std::uint32_t seed) {
+    std::mt19937 random(seed);
+    std::shuffle(items.begin(), items.end(), random);
+    if (count > 0 && count < items.size()) {
+        items.erase(items.begin() + static_cast<std::ptrdiff_t>(count), items.end());
+    }
+}
+
+}  // namespace
+
+std::string Campaign::Case::text() const {
+    return is_kill()
+               ? std::string(injection.goes_on ? "kill-a/" : "kill/") + std::to_string(kill_after)
+               : injection.text();
+}
+
+Campaign::Campaign(CampaignSettings settings) : settings_(std::move(settings)) {}
+
+bool Campaign::run() {
+    if (!measure_sound_runs()) {
+        return false;
+    }
+    std::vector<Case> cases;
+    if (settings_.repeat.empty()) {
+        cases = chosen_cases();
+    } else {
+        Case one;
+        const bool goes_on = settings_.repeat.starts_with("kill-a/");
+        if (settings_.repeat.starts_with("kill/") || goes_on) {
+            one.kill_after = std::atoi(settings_.repeat.substr(goes_on ? 7 : 5).c_str());
+            one.injection.goes_on = goes_on;
+        } else if (const auto injection = parse_injection(settings_.repeat)) {
+            one.injection = *injection;
+        } else {
+            std::fprintf(stderr, "No such case: %s\n", settings_.repeat.c_str());
+            return false;
+        }
+        cases.push_back(one);
+    }
+    run_all(cases, settings_.jobs, false);
+    // What was too slow among many is judged by a run of its own.
+    const std::vector<Case> late = std::move(late_cases_);
+    late_count_ = static_cast<int>(late.size());
+    run_all(late, 1, true);
+    return std::all_of(tallies_.begin(), tallies_.end(),
+                       [](const auto& row) { return row.second.violations == 0; });
+}
+
+bool Campaign::measure_sound_runs() {
+    std::mutex mutex;
+    bool is_sound = true;
+    for (const char* command : commands) {
+        sound_[command];
+    }
+    in_parallel(std::size(commands) * 2, 8, [&](std::size_t i) {
+        const std::string command = commands[i / 2];
+        Workplace place;
+        constexpr milliseconds longest{120000};
+        SoundRun& sound = sound_[command][i % 2];
+        sound.run = place.run(command, false, "", i % 2 == 1, longest);
+        sound.data = place.read_data();
+        const std::lock_guard lock(mutex);
+        for (const std::string& violation : judge_sound(sound.run, place, command)) {
+            std::printf("VIOLATION without a fault, %s: %s\n", command.c_str(), violation.c_str());
+            is_sound = false;
+        }
+    });
+    return is_sound;
+}
+
+std::vector<Campaign::Case> Campaign::all_injection_cases() const {
+    std::vector<Case> cases;
+    for (const char* command : commands) {
+        const TransferRecord& record = sound_.at(command)[0].run.record;
+        for (const char* device : {"printer", "scanner"}) {
+            for (const bool goes_on : {false, true}) {
+                if (goes_on && std::string(command) != "update") {
+                    continue;
+                }
+                for (Injection& one : all_injections(record, command, goes_on, device)) {
+                    cases.push_back({std::move(one), -1});
+                }
+            }
+        }
+    }
+    return cases;
+}
+
+std::vector<Campaign::Case> Campaign::kill_cases() const {
+    std::vector<Case> cases;
+    std::mt19937 random(settings_.seed);
+    const auto longest = static_cast<int>(sound_duration("update").count());
+    std::uniform_int_distribution<int> moments(0, longest);
+    for (std::size_t i = 0; i < settings_.kills; ++i) {
+        Case one;
+        one.kill_after = moments(random);
+        one.injection.goes_on = i % 2 == 1;
+        cases.push_back(one);
+    }
+    return cases;
+}
+
+std::vector<Campaign::Case> Campaign::chosen_cases() const {
+    std::vector<Case> cases;
+    if (settings_.count > 0 || settings_.kills == 0) {
+        cases = all_injection_cases();
+    }
+    std::erase_if(cases, [this](const Case& one) {
+        return one.text().find(settings_.only) == std::string::npos;
+    });
+    choose(cases, settings_.count, settings_.seed);
+    const std::vector<Case> kills = kill_cases();
+    cases.insert(cases.end(), kills.begin(), kills.end());
+    std::vector<Case> sliced;
+    for (std::size_t i = settings_.slice; i < cases.size(); i += settings_.slices) {
+        sliced.push_back(cases[i]);
+    }
+    return sliced;
+}
+
+void Campaign::run_all(const std::vector<Case>& cases, unsigned int jobs, bool is_last_chance) {
+    std::mutex mutex;
+    in_parallel(cases.size(), jobs, [&](std::size_t i) {
+        Outcome outcome;
+        try {
+            outcome = run_case(cases[i]);
+        } catch (const std::exception& failure) {
+            outcome.violations.emplace_back(failure.what());
+        }
+        const std::lock_guard lock(mutex);
+        take(cases[i], outcome, is_last_chance);
+    });
+}
+
+Campaign::Outcome Campaign::run_case(const Case& one) const {
+    Workplace place;
+    Outcome outcome = one.is_kill() ? run_kill(one, place) : run_injection(one, place);
+    if (!settings_.repeat.empty() && !outcome.violations.empty()) {
+        const std::string kept = "fault-campaign";
+        std::filesystem::remove_all(kept);
+        std::filesystem::copy(place.path(), kept, std::filesystem::copy_options::recursive);
+        std::printf("The files are in ./%s\n", kept.c_str());
+    }
+    return outcome;
+}
+
+milliseconds Campaign::sound_duration(const std::string& command) const {
+    const auto& runs = sound_.at(command);
+    return std::max(runs[0].run.end.duration, runs[1].run.end.duration);
+}
+
+milliseconds Campaign::bound_of(const Injection& injection) const {
+    return sound_duration(injection.command) + wait_of(injection) + grace;
+}
+
+Campaign::Outcome Campaign::run_injection(const Case& one, Workplace& place) const {
+    const Injection& injection = one.injection;
+    const milliseconds bound = bound_of(injection);
+    Outcome outcome;
+    const Run run = place.run(injection.command, injection.goes_on, injection.fault(),
+                              injection.has_debug_log(), bound + until_hang);
+    ++outcome.runs;
+    outcome.violations = judge(run, place, injection, sound_, outcome.has_struck);
+    const bool is_over = !run.end.killed && run.end.duration > bound;
+    recover(place, outcome);
+    if (is_over) {
+        outcome.is_late = outcome.violations.empty();
+        outcome.violations.push_back("took " + std::to_string(run.end.duration.count()) +
+                                     " ms, more than " + std::to_string(bound.count()));
+    }
+    return outcome;
+}
+
+Campaign::Outcome Campaign::run_kill(const Case& one, Workplace& place) const {
+    Outcome outcome;
+    const Run run = place.run("update", one.injection.goes_on, "", false,
+                              milliseconds(std::max(one.kill_after, 1)));
+    ++outcome.runs;
+    outcome.has_struck = run.end.killed;
+    outcome.violations = judge_killed(place);
+    recover(place, outcome);
+    return outcome;
+}
+
+void Campaign::recover(Workplace& place, Outcome& outcome) const {
+    std::this_thread::sleep_for(return_time);
+    const Prospect prospect = foresee(place);
+    const milliseconds longest = sound_duration("update") + grace + until_hang;
+    const auto take_violations = [&outcome](const char* step, const Violations& violations) {
+        for (const std::string& violation : violations) {
+            outcome.violations.push_back(std::string(step) + violation);
+        }
+    };
+    const Run plain = place.run("update", false, "", false, longest);
+    ++outcome.runs;
+    take_violations("recovery: ", judge_recovery(plain, place, prospect));
+    if (prospect.needs_force) {
+        std::this_thread::sleep_for(return_time);
+        const Run forced = place.run("force", false, "", false, longest);
+        ++outcome.runs;
+        take_violations("recovery by force: ", judge_ending(forced));
+        take_violations("recovery by force: ", judge_restored(place));
+    }
+}
+
+void Campaign::take(const Case& one, const Outcome& outcome, bool is_last_chance) {
+    Tally& tally = tallies_[one.is_kill() ? "kill -9" : one.injection.family()];
+    tally.runs += outcome.runs;
+    if (outcome.is_late && !is_last_chance) {
+        late_cases_.push_back(one);
+        return;
+    }
+    ++tally.injections;
+    tally.missed += outcome.has_struck ? 0 : 1;
+    if (!outcome.violations.empty()) {
+        ++tally.violations;
+        report(one, outcome);
+    }
+}
+
+void Campaign::report(const Case& one, const Outcome& outcome) const {
+    for (const std::string& violation : outcome.violations) {
+        std::printf("VIOLATION %s: %s\n", one.text().c_str(), violation.c_str());
+    }
+    std::printf("  repeat: %s --repeat %s\n", FAULT_CAMPAIGN, one.text().c_str());
+    std::fflush(stdout);
+}
+
+void Campaign::print_summary() const {
+    std::printf("%-20s %10s %6s %6s %10s\n", "fault", "injections", "runs", "missed", "violations");
+    Tally sum;
+    for (const auto& [name, tally] : tallies_) {
+        std::printf("%-20s %10d %6d %6d %10d\n", name.c_str(), tally.injections, tally.runs,
+                    tally.missed, tally.violations);
+        sum.injections += tally.injections;
+        sum.runs += tally.runs;
+        sum.missed += tally.missed;
+        sum.violations += tally.violations;
+    }
+    std::printf("%-20s %10d %6d %6d %10d\n", "all", sum.injections, sum.runs, sum.missed,
+                sum.violations);
+    if (late_count_ > 0) {
+        std::printf(
+            "%d runs took longer than their bound among the others, and were repeated on "
+            "their own\n",
+            late_count_);
+    }
+}

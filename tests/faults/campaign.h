@@ -1,0 +1,75 @@
+/// \file
+/// The cases of a campaign, run side by side: a case is a run with a fault or with a kill, its
+/// verdict, and the recovery after it.
+#pragma once
+
+#include "injection.h"
+#include "verdict.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <map>
+#include <string>
+#include <vector>
+
+struct CampaignSettings {
+    std::size_t count = 0;  ///< injections, chosen by the seed; 0: all
+    std::size_t kills = 0;  ///< runs that are killed at a random moment
+    std::uint32_t seed = 1;
+    std::size_t slice = 0, slices = 1;  ///< of the chosen cases, every `slices`th from `slice` on
+    std::string only;                   ///< injections whose text contains this
+    std::string repeat;                 ///< this case alone; its files are kept when it fails
+    unsigned int jobs = 32;
+};
+
+/// A row of the summary.
+struct Tally {
+    int injections = 0;
+    int runs = 0;
+    int missed = 0;  ///< the fault's transfer did not come
+    int violations = 0;
+};
+
+class Campaign {
+  public:
+    explicit Campaign(CampaignSettings settings);
+
+    /// Runs all cases and prints each violation as it is found. False when there was one.
+    bool run();
+    void print_summary() const;
+
+  private:
+    struct Case {
+        Injection injection{};
+        int kill_after = -1;  ///< milliseconds; the case is a kill when not negative
+
+        bool is_kill() const { return kill_after >= 0; }
+        std::string text() const;
+    };
+    struct Outcome {
+        Violations violations;
+        int runs = 0;
+        bool has_struck = true;
+        bool is_late = false;  ///< took longer than its bound, and no more was wrong
+    };
+
+    bool measure_sound_runs();
+    std::vector<Case> chosen_cases() const;
+    std::vector<Case> all_injection_cases() const;
+    std::vector<Case> kill_cases() const;
+    void run_all(const std::vector<Case>& cases, unsigned int jobs, bool is_last_chance);
+    Outcome run_case(const Case& one) const;
+    Outcome run_injection(const Case& one, Workplace& place) const;
+    Outcome run_kill(const Case& one, Workplace& place) const;
+    void recover(Workplace& place, Outcome& outcome) const;
+    std::chrono::milliseconds bound_of(const Injection& injection) const;
+    std::chrono::milliseconds sound_duration(const std::string& command) const;
+    void take(const Case& one, const Outcome& outcome, bool is_last_chance);
+    void report(const Case& one, const Outcome& outcome) const;
+
+    CampaignSettings settings_;
+    SoundRuns sound_;
+    std::map<std::string, Tally> tallies_;
+    std::vector<Case> late_cases_;
+    int late_count_ = 0;
+};

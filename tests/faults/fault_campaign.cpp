@@ -1,0 +1,80 @@
+// Injects faults into every transfer of a reference update, and of a list, reset and read-back run,
+// and kills updates at random moments. See docs/fault-campaign.md.
+#include "campaign.h"
+
+#include <chrono>
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <map>
+#include <string>
+
+namespace {
+
+constexpr int exit_wrong_arguments = 2;
+
+constexpr char usage[] =
+    "Usage: fault_campaign [option ...]\n"
+    "  --count N     as many injections, chosen by the seed (0 or not given: all, unless --kills)\n"
+    "  --kills N     updates that are killed at a random moment\n"
+    "  --seed S      of the choice and the moments (1)\n"
+    "  --slice I/N   of the chosen cases only the Ith of N parts, from 0\n"
+    "  --only TEXT   injections whose text contains this, such as stall or update-a/printer\n"
+    "  --jobs J      cases side by side (32); they mostly sleep\n"
+    "  --repeat CASE this case alone, as a violation names it; keeps its files when it fails\n"
+    "Exit code 1 when there was a violation.\n";
+
+/// Takes the arguments, each with a value, into the settings; false when one is wrong.
+bool parse(int argc, char** argv, CampaignSettings& settings) {
+    const auto number = [](const std::string& text) {
+        return std::strtoul(text.c_str(), nullptr, 10);
+    };
+    for (int i = 1; i < argc; i += 2) {
+        const std::string name = argv[i];
+        if (i + 1 == argc) {
+            return false;
+        }
+        const std::string value = argv[i + 1];
+        if (name == "--count") {
+            settings.count = number(value);
+        } else if (name == "--kills") {
+            settings.kills = number(value);
+        } else if (name == "--seed") {
+            settings.seed = static_cast<std::uint32_t>(number(value));
+        } else if (name == "--only") {
+            settings.only = value;
+        } else if (name == "--jobs") {
+            settings.jobs = static_cast<unsigned int>(number(value));
+        } else if (name == "--repeat") {
+            settings.repeat = value;
+        } else if (name == "--slice" && value.find('/') != std::string::npos) {
+            settings.slice = number(value);
+            settings.slices = number(value.substr(value.find('/') + 1));
+        } else {
+            return false;
+        }
+    }
+    return settings.jobs > 0 && settings.slice < settings.slices;
+}
+
+}  // namespace
+
+int main(int argc, char** argv) {
+    CampaignSettings settings;
+    if (!parse(argc, argv, settings)) {
+        std::fputs(usage, stderr);
+        return exit_wrong_arguments;
+    }
+    try {
+        const auto begin = std::chrono::steady_clock::now();
+        Campaign campaign(settings);
+        const bool is_sound = campaign.run();
+        campaign.print_summary();
+        const std::chrono::duration<double> duration = std::chrono::steady_clock::now() - begin;
+        std::printf("%.0f seconds\n", duration.count());
+        return is_sound ? EXIT_SUCCESS : EXIT_FAILURE;
+    } catch (const std::exception& failure) {
+        std::fprintf(stderr, "fault_campaign: %s\n", failure.what());
+        return EXIT_FAILURE;
+    }
+}

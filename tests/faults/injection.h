@@ -1,0 +1,45 @@
+/// \file
+/// Faults to inject: which run, which device, at which of its transfers, what happens.
+#pragma once
+
+#include "support/transfer_record.h"
+
+#include <optional>
+#include <string>
+#include <vector>
+
+/// A kind of fault, in the words of the bus file.
+struct FaultKind {
+    const char* name;    ///< in an injection's text
+    const char* family;  ///< the row of the summary
+    const char* action;
+    const char* keys;  ///< further lines of the fault
+};
+
+/// Null for an unknown name.
+const FaultKind* find_fault_kind(const std::string& name);
+
+/// One fault in one run. Its text, "update-a/printer/control/12/stall", says all of it.
+struct Injection {
+    std::string command;   ///< "update", "list", "reset", "read"
+    bool goes_on = false;  ///< with `-a`
+    std::string device;
+    std::string event;
+    int number = 0;
+    const FaultKind* kind = nullptr;
+
+    std::string text() const;
+    /// The `[[fault]]` of the bus file.
+    std::string fault() const;
+    /// The summary's name of the fault.
+    std::string family() const;
+    /// Whether the run writes its debug lines: every other one does.
+    bool has_debug_log() const { return number % 2 == 1; }
+};
+
+/// None for a text that names no injection.
+std::optional<Injection> parse_injection(const std::string& text);
+
+/// All faults that can strike the device in a run that was recorded without any.
+std::vector<Injection> all_injections(const TransferRecord& record, const std::string& command,
+                                      bool goes_on, const std::string& device);

@@ -1,0 +1,158 @@
+#include "journal.h"
+
+#include <algorithm>
+#include <array>
+#include <cstdio>
+#include <iterator>
+#include <sstream>
+
+namespace {
+
+constexpr std::array results = {"Flash succeeded",
+                                "Firmware file corrupt",
+                                "Error updating the device",
+                                "Device did not respond",
+                                "Device EC version greather or equal than firmware file",
+                                "Device is not attached to the system",
+                                "Error at device reset",
+                                "Reset succeeded",
+                                "Firmware file not found",
+                                "",
+                                "EC matched, firmware update forced",
+                                "No Firmware update attempted",
+                                "",
+                                "Interface not avilable"};
+
+constexpr std::array complaints = {"Bad status",       "Could not", "Operation error",
+                                   "end point halted", "failed",    "not available",
+                                   "not connected",    "not mod",   "not responding",
+                                   "not supported",    "overflow",  "Command reject",
+                                   "error response",   "timed out", "component list not correct",
+                                   "pipe error",       "I/O Error", "actual length"};
+
+/// Says only that something failed, and not what.
+constexpr std::array bare_failures = {"Firmware update FAILED", "Update failed of",
+                                      "Device gone while"};
+
+template <std::size_t size>
+bool contains_any(const std::string& line, const std::array<const char*, size>& texts) {
+    return std::any_of(texts.begin(), texts.end(),
+                       [&](const char* text) { return line.find(text) != std::string::npos; });
+}
+
+bool is_complaint(const std::string& line) {
+    return contains_any(line, complaints) && !contains_any(line, bare_failures);
+}
+
+/// Follows the lines of one component's update.
+class ClaimReader {
+  public:
+    explicit ClaimReader(std::vector<Claim>& claims) : claims_(claims) {}
+
+    void read(const std::string& line) {
+        Claim claim;
+        unsigned int product = 0;
+        if (line.find("Firmware file found:") != std::string::npos) {
+            current_ = {};
+        } else if (line.find("Force update for Product ID:") != std::string::npos) {
+            current_.is_forced = true;
+        } else if (std::sscanf(line.c_str(),
+                               "Firmware update of Product ID %x COMP: %d finished, rc=%d",
+                               &product, &claim.component, &claim.rc) == 3) {
+            claim.product = static_cast<int>(product);
+            claim.is_forced = current_.is_forced;
+            claim.has_reason = current_.has_reason;
+            claims_.push_back(claim);
+            current_ = {};
+        } else if (line.find("Reset to be done") != std::string::npos) {
+            // The reset cuts the connection: what is said from here on is no reason.
+            is_before_reset_ = false;
+        } else if (line.find("Starting firmware update") != std::string::npos) {
+            is_before_reset_ = true;
+        } else if (is_before_reset_ && is_complaint(line)) {
+            current_.has_reason = true;
+        }
+    }
+
+  private:
+    std::vector<Claim>& claims_;
+    Claim current_;
+    bool is_before_reset_ = true;
+};
+
+}  // namespace
+
+const Claim* Journal::find(int product, int component) const {
+    const auto found = std::find_if(claims.begin(), claims.end(), [&](const Claim& claim) {
+        return claim.product == product && claim.component == component;
+    });
+    return found == claims.end() ? nullptr : &*found;
+}
+
+std::vector<std::string> lines_of(const std::string& text) {
+    std::vector<std::string> lines;
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line);) {
+        lines.push_back(line);
+    }
+    return lines;
+}
+
+Journal read_journal(const std::string& log) {
+    Journal journal;
+    ClaimReader reader(journal.claims);
+    for (const std::string& line : lines_of(log)) {
+        int number = 0;
+        reader.read(line);
+        if (line == "Sleeping finished") {
+            journal.is_table_rebuilt = true;
+        } else if (line == "No devices updated") {
+            journal.says_none_updated = true;
+        } else if (line == "No devices found") {
+            journal.says_no_devices = true;
+        } else if (std::sscanf(line.c_str(), "Updated %d device", &number) == 1) {
+            journal.updated = number;
+        } else if (std::sscanf(line.c_str(), "Error %d flashing devices", &number) == 1) {
+            journal.error = number;
+        }
+    }
+    return journal;
+}
+
+Results read_results(const std::string& text) {
+    Results all;
+    const auto lines = lines_of(text);
+    all.is_well_formed = !lines.empty() && std::sscanf(lines[0].c_str(), "%d", &all.overall) == 1;
+    for (std::size_t i = 1; i < lines.size(); ++i) {
+        unsigned int product = 0;
+        unsigned int major = 0;
+        unsigned int minor = 0;
+        const std::size_t at = lines[i].find(": ");
+        const bool is_row =
+            std::sscanf(lines[i].c_str(), "PID %x EC level: %x.%x:", &product, &major, &minor) == 3;
+        const std::size_t begin = is_row ? lines[i].find(": ", at + 2) : std::string::npos;
+        if (begin == std::string::npos || lines[i].back() != ' ') {
+            all.is_well_formed = false;
+            continue;
+        }
+        all.rows.push_back({static_cast<int>(product), static_cast<int>(major << 8 | minor),
+                            lines[i].substr(begin + 2, lines[i].size() - begin - 3)});
+    }
+    return all;
+}
+
+std::string result_text(int code) {
+    return code >= 0 && code < static_cast<int>(results.size())
+               ? results[static_cast<std::size_t>(code)]
+               : "";
+}
+
+int result_code(const std::string& text) {
+    const auto* const found = std::find(results.begin(), results.end(), text);
+    return found == results.end() ? -1 : static_cast<int>(std::distance(results.begin(), found));
+}
+
+int count_complaints(const std::string& log) {
+    const auto lines = lines_of(log);
+    return static_cast<int>(std::count_if(lines.begin(), lines.end(), is_complaint));
+}

@@ -1,0 +1,177 @@
+// What holds for the run of every command, and the verdicts over what follows a fault.
+#include "verdict.h"
+
+#include "journal.h"
+#include "verdict_parts.h"
+
+#include <csignal>
+
+namespace {
+
+constexpr int exit_ok = 0;
+constexpr int exit_no_devices = 5;
+constexpr int exit_nothing_updated = 6;
+constexpr int exit_device_failed = 8;
+
+std::string level_text(const std::string& digits) {
+    return digits.substr(0, 2) + "." + digits.substr(2);
+}
+
+/// The device without a firmware file is listed and reset as the others, and otherwise left alone.
+Violations judge_bystander(const Run& run, const Workplace& place, const std::string& command) {
+    Violations found;
+    if (place.has_image(bystander, 0)) {
+        found.emplace_back("the device without a file was sent an image");
+    }
+    if (command == "update" && !run.record.class_requests(bystander).empty()) {
+        found.emplace_back("the device without a file was sent a command");
+    }
+    return found;
+}
+
+}  // namespace
+
+void append(Violations& all, const Violations& more) {
+    all.insert(all.end(), more.begin(), more.end());
+}
+
+Violations judge_ending(const Run& run) {
+    Violations found;
+    if (run.end.killed) {
+        found.emplace_back("hangs");
+        return found;
+    }
+    if (run.end.signal != 0) {
+        found.push_back("ended by signal " + std::to_string(run.end.signal));
+    }
+    const int code = run.end.exit_code;
+    if (run.end.signal == 0 && code != exit_ok && code != exit_no_devices &&
+        code != exit_nothing_updated && code != exit_device_failed) {
+        found.push_back("exit code " + std::to_string(code));
+    }
+    if (!run.errors.empty()) {
+        found.push_back("standard error: " + run.errors.substr(0, 2000));
+    }
+    if (!run.record.of_kind("-", "misuse").empty()) {
+        found.emplace_back("a closed handle was used");
+    }
+    for (const char* device : {"printer", "scanner", bystander}) {
+        if (!run.record.of_kind(device, "misuse").empty()) {
+            found.push_back(std::string("a closed handle was used, of the ") + device);
+        }
+    }
+    if (run.log.find("USB Flash ended at") == std::string::npos) {
+        found.emplace_back("the log has no end");
+    }
+    if (!read_results(run.results).is_well_formed) {
+        found.push_back("the result file is not well formed: " + run.results);
+    }
+    return found;
+}
+
+Violations judge(const Run& run, const Workplace& place, const Injection& injection,
+                 const SoundRuns& sound, bool& has_struck) {
+    Violations found = judge_ending(run);
+    const Strike strike = find_strike(run.record, injection);
+    has_struck = strike.has_struck;
+    if (run.end.killed) {
+        return found;
+    }
+    append(found, judge_bystander(run, place, injection.command));
+    const SoundRun& sound_run = sound.at(injection.command)[injection.has_debug_log() ? 1 : 0];
+    if (injection.command == "update") {
+        append(found, judge_update({run, place, injection, strike, sound_run}));
+    } else {
+        append(found, judge_no_update(place));
+        append(found, injection.command == "list"
+                          ? judge_list({run, place, injection, strike, sound_run})
+                          : judge_operation({run, place, injection, strike, sound_run}));
+    }
+    return found;
+}
+
+Violations judge_sound(const Run& run, const Workplace& place, const std::string& command) {
+    Violations found = judge_ending(run);
+    if (run.end.exit_code != exit_ok) {
+        found.push_back("exit code " + std::to_string(run.end.exit_code) + " without a fault");
+    }
+    append(found, judge_bystander(run, place, command));
+    append(found, command == "update" ? judge_restored(place) : judge_no_update(place));
+    return found;
+}
+
+Violations judge_no_update(const Workplace& place) {
+    Violations found;
+    for (const Target& target : targets()) {
+        if (place.has_image(target.device, target.file.component) || place.is_broken(target)) {
+            found.push_back(std::string(target.device) + " was changed");
+        }
+    }
+    if (!place.has_marker()) {
+        found.emplace_back("the marker is gone");
+    }
+    return found;
+}
+
+Violations judge_killed(const Workplace& place) {
+    Violations found;
+    for (const Target& target : targets()) {
+        if (target.is_forced && !place.has_marker() && !place.holds_image(target)) {
+            found.emplace_back("the marker is gone, and its update has not succeeded");
+        }
+    }
+    if (place.has_image(bystander, 0)) {
+        found.emplace_back("the device without a file was sent an image");
+    }
+    return found;
+}
+
+Prospect foresee(const Workplace& place) {
+    Prospect prospect;
+    for (const Target& target : targets()) {
+        const bool is_whole = place.holds_image(target) && !place.is_pending(target);
+        if (target.is_forced) {
+            // A broken component reports a lower level than its file's: that needs no marker.
+            const bool is_broken = place.is_broken(target);
+            prospect.marker_must_go = place.has_marker() && !is_broken;
+            prospect.plain_update_has_work |= place.has_marker() || is_broken;
+            prospect.needs_force = !is_whole && !is_broken && !place.has_marker();
+        } else {
+            prospect.plain_update_has_work |= !is_whole;
+        }
+    }
+    return prospect;
+}
+
+Violations judge_recovery(const Run& run, const Workplace& place, const Prospect& prospect) {
+    Violations found = judge_ending(run);
+    const int expected = prospect.plain_update_has_work ? exit_ok : exit_nothing_updated;
+    if (run.end.exit_code != expected) {
+        found.push_back("exit code " + std::to_string(run.end.exit_code) + " and not " +
+                        std::to_string(expected));
+    }
+    if (prospect.marker_must_go && place.has_marker()) {
+        found.emplace_back("the marker is still there");
+    }
+    if (!prospect.needs_force) {
+        append(found, judge_restored(place));
+    }
+    return found;
+}
+
+Violations judge_restored(const Workplace& place) {
+    Violations found;
+    for (const Target& target : targets()) {
+        const std::string name =
+            std::string(target.device) + " component " + std::to_string(target.file.component);
+        if (!place.holds_image(target)) {
+            found.push_back(name + " does not hold its file's bytes");
+        } else if (place.is_pending(target)) {
+            found.push_back(name + " has not restarted with its image");
+        } else if (place.state(target.device)->component(target.file.component).level !=
+                   level_text(target.file.level)) {
+            found.push_back(name + " has another level than its file");
+        }
+    }
+    return found;
+}
