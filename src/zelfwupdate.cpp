@@ -16,7 +16,6 @@
 #include <algorithm>
 #include <cstdio>
 #include <cstdlib>
-#include <exception>
 #include <memory>
 #include <string>
 
@@ -35,12 +34,7 @@ constexpr int trace_backup_count = 3;
 class RunResources {
   public:
     RunResources() = default;
-    ~RunResources() {
-        if (has_loader_) {
-            lt_dlexit();
-        }
-        close_log_file();
-    }
+    ~RunResources() { shut_down(); }
     RunResources(const RunResources&) = delete;
     RunResources& operator=(const RunResources&) = delete;
 
@@ -48,6 +42,13 @@ class RunResources {
         const int rc = lt_dlinit();
         has_loader_ = rc == 0;
         return rc;
+    }
+    void shut_down() {
+        if (has_loader_) {
+            has_loader_ = false;
+            lt_dlexit();
+        }
+        close_log_file();
     }
 
   private:
@@ -165,20 +166,21 @@ int run_command(ZELFLASH& session, const RunRequest& request) {
 }
 
 /// Ends the process as it stands: a background reader may still use the session, the trace and the
-/// USB library.
-[[noreturn]] void leave_to_reader(std::unique_ptr<ZELFLASH> session, int rc) {
+/// USB library, which outlives the loader.
+[[noreturn]] void leave_to_reader(std::unique_ptr<ZELFLASH> session, RunResources& resources,
+                                  int rc) {
     static_cast<void>(session.release());
-    close_log_file();
+    resources.shut_down();
     SignalHold::end_by_held_signal();
     fflush(nullptr);
     _exit(rc);
 }
 
-int run_session(const RunRequest& request) {
+int run_session(const RunRequest& request, RunResources& resources) {
     std::unique_ptr<ZELFLASH> session;
     try {
         session = std::make_unique<ZELFLASH>();
-    } catch (const std::exception&) {
+    } catch (...) {
         writelog(1, "Flash interface load failed...exception occurred\n");
         return EXIT_UNEXPECTED_ERROR;
     }
@@ -191,11 +193,11 @@ int run_session(const RunRequest& request) {
         if (session->finish()) {
             return rc;
         }
-    } catch (const std::exception&) {
+    } catch (...) {
         writelog(1, "Flash failed...exception occurred\n");
         rc = EXIT_UNEXPECTED_ERROR;
     }
-    leave_to_reader(std::move(session), rc);
+    leave_to_reader(std::move(session), resources, rc);
 }
 
 int run(int argc, char** argv) {
@@ -228,7 +230,7 @@ int run(int argc, char** argv) {
     install_fault_report();
     // A console that goes away in mid-update must not end the program.
     signal(SIGPIPE, SIG_IGN);
-    return run_session(request);
+    return run_session(request, resources);
 }
 
 }  // namespace

@@ -1,0 +1,126 @@
+// Preloaded into the program: notes, one a line in the file NOTED_CALLS, the calls that set a run
+// up and wind it up. NOTED_USER is the user that the program then sees itself run by, NOTED_LIBRARY
+// set to "none" hides the USB library, and the opening of NOTED_DIRECTORY throws.
+#include <ltdl.h>
+
+#include <dirent.h>
+#include <dlfcn.h>
+#include <fcntl.h>
+#include <signal.h>
+#include <unistd.h>
+
+#include <array>
+#include <cstdio>
+#include <cstdlib>
+#include <cstring>
+#include <string>
+
+namespace {
+
+void note(const std::string& call) {
+    const char* const path = getenv("NOTED_CALLS");
+    const int file = path == nullptr ? -1 : open(path, O_WRONLY | O_CREAT | O_APPEND, 0666);
+    if (file >= 0) {
+        const std::string line = call + '\n';
+        [[maybe_unused]] const ssize_t written = write(file, line.data(), line.size());
+        close(file);
+    }
+}
+
+bool is_set_to(const char* variable, const char* value) {
+    const char* const text = getenv(variable);
+    return text != nullptr && strcmp(text, value) == 0;
+}
+
+template <typename Function>
+Function* next(Function*, const char* name) {
+    return reinterpret_cast<Function*>(dlsym(RTLD_NEXT, name));
+}
+
+/// The written files that are open.
+struct OpenFile {
+    FILE* stream;
+    std::array<char, 300> name;
+};
+std::array<OpenFile, 16> open_files;
+
+FILE* noted_stream(FILE* stream, const char* path, const char* mode) {
+    if (stream == nullptr || mode[0] == 'r') {
+        return stream;
+    }
+    for (OpenFile& file : open_files) {
+        if (file.stream == nullptr) {
+            file.stream = stream;
+            snprintf(file.name.data(), file.name.size(), "%s", path);
+            break;
+        }
+    }
+    note(std::string("open ") + path);
+    return stream;
+}
+
+}  // namespace
+
+extern "C" {
+
+// With 64-bit file offsets, as the program is built, the symbol of `fopen` is that of `fopen64`.
+FILE* fopen(const char* path, const char* mode) {
+    return noted_stream(next(fopen, "fopen64")(path, mode), path, mode);
+}
+
+int fclose(FILE* stream) {
+    for (OpenFile& file : open_files) {
+        if (file.stream == stream) {
+            file.stream = nullptr;
+            note(std::string("close ") + file.name.data());
+        }
+    }
+    return next(fclose, "fclose")(stream);
+}
+
+DIR* opendir(const char* path) {
+    if (is_set_to("NOTED_DIRECTORY", path)) {
+        throw 1;  // nothing that the standard library would throw
+    }
+    return next(opendir, "opendir")(path);
+}
+
+uid_t getuid() noexcept {
+    note("getuid");
+    const char* const user = getenv("NOTED_USER");
+    return user == nullptr ? next(getuid, "getuid")()
+                           : static_cast<uid_t>(strtoul(user, nullptr, 10));
+}
+
+int sigaction(int number, const struct sigaction* action, struct sigaction* before) noexcept {
+    if (number == SIGSEGV && action != nullptr) {
+        note("handle faults");
+    }
+    return next(sigaction, "sigaction")(number, action, before);
+}
+
+int lt_dlinit() {
+    note("lt_dlinit");
+    return next(lt_dlinit, "lt_dlinit")();
+}
+
+int lt_dladdsearchdir(const char* path) {
+    note(std::string("lt_dladdsearchdir ") + path);
+    return next(lt_dladdsearchdir, "lt_dladdsearchdir")(path);
+}
+
+lt_dlhandle lt_dlopen(const char* name) {
+    // The loader opens parts of its own this way too.
+    const bool is_usb_library = strncmp(name, "libusb", 6) == 0;
+    if (is_usb_library) {
+        note(std::string("lt_dlopen ") + name);
+    }
+    const bool is_hidden = is_usb_library && is_set_to("NOTED_LIBRARY", "none");
+    return is_hidden ? nullptr : next(lt_dlopen, "lt_dlopen")(name);
+}
+
+int lt_dlexit() {
+    note("lt_dlexit");
+    return next(lt_dlexit, "lt_dlexit")();
+}
+}
