@@ -208,6 +208,16 @@ TEST_F(Decision, LetterAsVersionDigitCountsFrom49) {
                 HasSubstr("PID: 3c35 COMP: 1 - Version mismatch (file=1, device=31)\n"));
 }
 
+TEST_F(Decision, LetterAsVersionDigitMatchesInLowerCaseOnly) {
+    set_component({.id = 1, .level = "0a.10"});
+    add_firmware("boot.dat", {.level = "0A11", .component = 1});
+    EXPECT_THAT(update().console,
+                HasSubstr("PID: 3c35 COMP: 1 - Version mismatch (file=11, device=31)\n"));
+    EXPECT_FALSE(has_erased());
+    add_firmware("boot.dat", {.level = "0a11", .component = 1});
+    expect_updated(update());
+}
+
 TEST_F(Decision, VersionDigitIsSkippedOnRequest) {
     set_component({.id = 1, .level = "01.02"});
     add_firmware("boot.dat", {.level = "0205", .component = 1});

@@ -107,7 +107,10 @@ TEST_F(ExitCode, UpdateWithoutFirmwareFilesGives5) {
 
 TEST_F(ExitCode, UpdateWithoutDirectoryGives5) {
     set_bus({SimDevice{}});
-    EXPECT_EQ(run({"-U", "-p", path("nowhere")}).exit_code, 5);
+    const RunResult result = run({"-U", "-p", path("nowhere")});
+    EXPECT_EQ(result.exit_code, 5);
+    EXPECT_EQ(result.console, "No firmware files!\nNo devices found\n");
+    EXPECT_THAT(result.log, Not(HasSubstr("Looking firmware files")));
 }
 
 TEST_F(ExitCode, UpdateWithoutDeviceGives5) {
@@ -226,6 +229,17 @@ TEST_F(ExitCode, ShowingFirmwareFilesGives0) {
               "Firmware files:\n"
               "  boot.dat                    PID: 3c35 COMP: 1 TYPE: FW   EC=01.05.04, "
               "Version='1'\n");
+    settings.directory = firmware_directory();
+    const RunResult without_path = run({"-S"});
+    EXPECT_EQ(without_path.console, result.console);
+    EXPECT_THAT(without_path.log, HasSubstr("Looking firmware files in directory .\n"
+                                            "  Adding file './boot.dat' to list\n"));
+}
+
+TEST_F(ExitCode, ShowingNoFirmwareFilesGives0) {
+    const RunResult result = run({"-S", "-p", path("nowhere")});
+    EXPECT_EQ(result.exit_code, 0);
+    EXPECT_EQ(result.console, "No firmware files!\n");
 }
 
 TEST_F(ExitCode, DisplayingAFirmwareFileGives0) {

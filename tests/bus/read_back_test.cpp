@@ -56,6 +56,16 @@ TEST_F(ReadBack, MainComponentCanBeRead) {
     EXPECT_EQ(read_file(path("read.dat")).substr(0, 8), "3c350102");
 }
 
+TEST_F(ReadBack, ComponentNumberTravelsInFourBits) {
+    set_bus({printer()});
+    const RunResult result = read_component("17");
+    EXPECT_EQ(result.exit_code, 0);
+    EXPECT_THAT(result.console, HasSubstr("Component:17 read successfully\n"));
+    EXPECT_THAT(commands("printer"), testing::Contains("06002100ff100000"));
+    EXPECT_EQ(read_file(path("read.dat")).substr(0, 8), "3c350000");
+    EXPECT_EQ(read_component("25").exit_code, 8);
+}
+
 TEST_F(ReadBack, DeviceWithReportIdsCanBeRead) {
     SimDevice device = printer();
     device.interface_keys = "report_ids = true";

@@ -202,6 +202,14 @@ TEST_F(Update, NamedFilesAloneAreUsed) {
     EXPECT_EQ(image("printer", 2), "");
 }
 
+TEST_F(Update, NamedFilesAreTakenFromThePath) {
+    set_bus({printer_with({{}, {.id = 1}})});
+    const FirmwareFile file = {.component = 1};
+    add_firmware("boot.dat", file);
+    EXPECT_EQ(run({"-F", "boot.dat", "-p", firmware_directory()}).exit_code, 0);
+    EXPECT_EQ(image("printer", 1), file.body());
+}
+
 TEST_F(Update, ConfigurationFileNamesTheFiles) {
     set_bus({printer_with({{}, {.id = 1}, {.id = 2}})});
     const FirmwareFile two = {.component = 2};
