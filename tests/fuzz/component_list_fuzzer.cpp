@@ -2,7 +2,7 @@
 // the data answer.
 #include "support/answering_device.h"
 #include "support/check.h"
-#include "zelfwupdate/exchange.h"
+#include "zelfwupdate/messages.h"
 #include "zelfwupdate/options.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {

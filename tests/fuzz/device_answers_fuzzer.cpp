@@ -2,7 +2,7 @@
 // answer to the version.
 #include "support/answering_device.h"
 #include "support/check.h"
-#include "zelfwupdate/exchange.h"
+#include "zelfwupdate/messages.h"
 
 namespace {
 
