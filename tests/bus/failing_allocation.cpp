@@ -1,30 +1,27 @@
-// Preloaded into the program: allocations of FAILING_ALLOCATION_SIZE bytes throw.
+// Preloaded into the program: allocations of FAILING_ALLOCATION_SIZE bytes fail, so that the C++
+// library, which is part of the program, throws.
+#include <cerrno>
+#include <cstddef>
 #include <cstdlib>
-#include <new>
+
+extern "C" void* __libc_malloc(std::size_t size);
 
 namespace {
 
-std::size_t failing_size() {
-    static const char* const text = getenv("FAILING_ALLOCATION_SIZE");
-    static const std::size_t size = text == nullptr ? 0 : strtoul(text, nullptr, 10);
-    return size;
+std::size_t failing_size = 0;
+
+// Not at the first allocation: that comes before the environment is there.
+[[gnu::constructor]] void read_failing_size() {
+    const char* const text = getenv("FAILING_ALLOCATION_SIZE");
+    failing_size = text == nullptr ? 0 : strtoul(text, nullptr, 10);
 }
 
 }  // namespace
 
-void* operator new(std::size_t size) {
-    // NOLINTNEXTLINE(cppcoreguidelines-no-malloc): it is the allocation itself
-    void* const memory = size == failing_size() ? nullptr : malloc(size == 0 ? 1 : size);
-    if (memory == nullptr) {
-        throw std::bad_alloc();
+extern "C" void* malloc(std::size_t size) {
+    if (size != 0 && size == failing_size) {
+        errno = ENOMEM;
+        return nullptr;
     }
-    return memory;
-}
-
-void operator delete(void* memory) noexcept {
-    free(memory);  // NOLINT(cppcoreguidelines-no-malloc): as above
-}
-
-void operator delete(void* memory, std::size_t /*size*/) noexcept {
-    free(memory);  // NOLINT(cppcoreguidelines-no-malloc): as above
+    return __libc_malloc(size);
 }

@@ -1,9 +1,8 @@
 // Preloaded into the program: notes, one a line in the file NOTED_CALLS, the calls that set a run
-// up and wind it up. NOTED_USER is the user that the program then sees itself run by, NOTED_LIBRARY
-// set to "none" hides the USB library, and the opening of NOTED_DIRECTORY throws.
+// up and wind it up. NOTED_USER is the user that the program then sees itself run by; NOTED_LIBRARY
+// set to "none" hides the USB library.
 #include <ltdl.h>
 
-#include <dirent.h>
 #include <dlfcn.h>
 #include <fcntl.h>
 #include <signal.h>
@@ -76,13 +75,6 @@ int fclose(FILE* stream) {
         }
     }
     return next(fclose, "fclose")(stream);
-}
-
-DIR* opendir(const char* path) {
-    if (is_set_to("NOTED_DIRECTORY", path)) {
-        throw 1;  // nothing that the standard library would throw
-    }
-    return next(opendir, "opendir")(path);
 }
 
 uid_t getuid() noexcept {

@@ -1,4 +1,5 @@
 // What a run sets up, in which order, until something ends it; and how it is wound up.
+#include "flshusbintf.h"
 #include "support/bus_test.h"
 
 #include <gmock/gmock.h>
@@ -140,9 +141,10 @@ TEST_F(StartUp, ResultFileIsWrittenForEveryCommand) {
               "11\nPID 3c35 EC level: 0001.02: No Firmware update attempted \n");
 }
 
-TEST_F(StartUp, AnythingThrownByACommandEndsTheRunWithLoaderAndLogClosed) {
-    settings.environment["NOTED_DIRECTORY"] = firmware_directory();
-    const RunResult result = run({"-S", "-p", firmware_directory(), "-r", path("rma")});
+TEST_F(StartUp, ExceptionOfACommandEndsTheRunWithLoaderAndLogClosed) {
+    settings.environment["LD_PRELOAD"] = FAILING_ALLOCATION ":" NOTED_CALLS;
+    settings.environment["FAILING_ALLOCATION_SIZE"] = std::to_string(sizeof(USBINTF));
+    const RunResult result = run({"-L", "-r", path("rma")});
     EXPECT_EQ(result.exit_code, 4);
     EXPECT_EQ(result.console, "Flash failed...exception occurred\n");
     EXPECT_THAT(result.log, EndsWith("Flash failed...exception occurred\n"));
