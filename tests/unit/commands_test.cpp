@@ -312,6 +312,26 @@ TEST_F(Commands, ChecksForUpdatesWithoutSendingAny) {
     EXPECT_EQ(1, logged("Updated 1 device"));
 }
 
+TEST_F(Commands, TellsOfTheSleepAndTheCountOnTheConsole) {
+    add_updatable();
+    check_for_update_only = 1;
+    add_file(product, 0, 0x0109, image());
+    const std::string shown =
+        console_of(1, 0, [this] { EXPECT_EQ(0, flash->flash_all_devices()); });
+    const std::string end =
+        "Sleeping to allow reset device to respond\nSleeping finished\nUpdated 1 device\n";
+    EXPECT_EQ(shown.size() - end.size(), shown.find(end)) << shown;
+}
+
+TEST_F(Commands, TellsOfBadFilesOnTheConsole) {
+    add_updatable();
+    add_file(product, 1, 0x0109, FirmwareBytes("41230109").record(0x10, 0, {1}));
+    const std::string shown =
+        console_of(1, 0, [this] { EXPECT_EQ(6, flash->flash_all_devices()); });
+    EXPECT_NE(std::string::npos, shown.find("Error -14 flashing devices\nFirmware update file "
+                                            "bad\nNo devices updated\n"));
+}
+
 TEST_F(Commands, ReportsThatNothingWasUpdated) {
     FlashPeripheral& device = add_updatable();
     add_file(product, 0, 0x0102, image());
@@ -633,6 +653,15 @@ TEST_F(ComponentRead, FailsWhenTheDataFails) {
     EXPECT_EQ(1, logged("Device PID:3c75 Component:2 read failed, rc=12"));
     EXPECT_EQ(1, debugged("Read failed on 1 device"));
     EXPECT_EQ(FLASHRESETERROR, flash->fe[0].flashStatus);
+}
+
+TEST_F(ComponentRead, TellsOfFailedDataWhenVerbose) {
+    const std::string start = "Reading data from device PID:3c75 Component:2 SN='A'\n";
+    const std::string end = "Device PID:3c75 Component:2 read failed, rc=12\n";
+    const auto failing = [this] { EXPECT_EQ(8, read()); };
+    EXPECT_EQ(start + end, console_of(1, 0, failing));
+    EXPECT_EQ(start + "Reading data failed, rc=12\n" + end, console_of(2, 1, failing));
+    EXPECT_EQ("", console_of(0, 0, failing));
 }
 
 TEST_F(ComponentRead, FailsWhenTheCommandFails) {

@@ -100,6 +100,22 @@ TEST_F(Discovery, TakesNothingFromAnEarlierReport) {
     EXPECT_EQ(0, entry.current_ec_level);
 }
 
+TEST_F(Discovery, AnswersStayInTheLog) {
+    const auto ask = [this] {
+        status = {0x09, 0x11, 0x22, 0x33, 0xF0};
+        EXPECT_EQ(0, flash->get_device_info(&entry, slot));
+        status = {0x05, 0x02, 0x0A, 0x01, 0x09, 0x77, 0x66};
+        EXPECT_EQ(0, flash->get_ec_level(&entry, slot));
+        device.next_features = {{0, Bytes(8, 1)}};
+        EXPECT_EQ(0, flash->add_component_x_version_info(&entry, 1, 1, slot));
+        device.next_write_results = {LIBUSB_ERROR_PIPE};
+        EXPECT_EQ(6, flash->read_extended_component_list(&entry, slot));
+    };
+    EXPECT_EQ("", console_of(2, 1, ask));
+    EXPECT_EQ(1, logged("    Feature:     f0"));
+    EXPECT_EQ(1, logged("    Previous Build:   66"));
+}
+
 TEST_F(Discovery, QueriesPassFailuresOn) {
     device.next_write_results = {LIBUSB_ERROR_PIPE, LIBUSB_ERROR_NO_DEVICE, LIBUSB_ERROR_TIMEOUT};
     EXPECT_EQ(8, flash->get_device_info(&entry, slot));
@@ -513,6 +529,16 @@ TEST_F(Processing, ADeviceWhoseThreadCantBeCreatedIsLeftOut) {
     EXPECT_EQ(0, process(device));
     EXPECT_EQ(1, log.count(" could not start, rc=11, index=0\n"));
     expect_unchanged_table();
+}
+
+TEST_F(Processing, DevicesAreDescribedInTheLogAlone) {
+    FlashPeripheral& device = bus.add(0x4123);
+    device.answers[wire::device_information_query] = {{0x09, 1, 2, 3, 0x40}};
+    device.data[wire::extended_list_query] = list_answer(7, {});
+    device.data[wire::component_list_query] = list_answer(10, {});
+    EXPECT_EQ("", console_of(2, 1, [&] { EXPECT_EQ(1, process(device)); }));
+    EXPECT_EQ(1, logged("Extended version information available"));
+    EXPECT_EQ(1, log.count("    Component: ID: 00"));
 }
 
 TEST_F(Processing, NothingIsSaidOfDevicesThatAreLeftOut) {

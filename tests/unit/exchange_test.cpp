@@ -16,6 +16,7 @@
 #include <array>
 #include <chrono>
 #include <cstring>
+#include <functional>
 #include <memory>
 #include <string>
 
@@ -501,6 +502,52 @@ TEST_F(Exchange, EraseTellsOfFailedTransfersOnlyTheFirstTime) {
     EXPECT_EQ(1, log.count("Read failed on status"));
 }
 
+TEST_F(Exchange, EraseTellsOfFailuresWhenVerbose) {
+    FlashPeripheral& device = bus.add(0x4123);
+    open_directly(device, slot);
+    struct {
+        std::function<void()> prepare;
+        const char* told;
+    } const failures[] = {
+        {[&] { device.next_write_results = {LIBUSB_ERROR_PIPE}; },
+         "Write failed on status of erase command, rc=8\n"},
+        {[&] {
+             device.next_answers[wire::erase] = {{}};
+             device.report_failure(LIBUSB_ERROR_IO);
+         },
+         "Read failed on status of erase command, rc=7\n"},
+        {[&] { device.next_answers[wire::erase] = {{{0x40}}}; },
+         "Operation error on erase of image, stop flash operation\n"},
+        {[&] {
+             device.next_answers[wire::erase] = {{{0x80}}, {{0x80}}};
+         },
+         "Command reject erasing image, trying one more time\n"
+         "Bad status (80) on second erase of image, stop flash operation\n"},
+    };
+    const auto erase = [this] { EXPECT_NE(0, flash->send_erase_command(slot)); };
+    for (const auto& failure : failures) {
+        failure.prepare();
+        EXPECT_EQ("", console_of(1, 0, erase));
+        failure.prepare();
+        EXPECT_EQ(failure.told, console_of(2, 1, erase));
+    }
+}
+
+TEST_F(Exchange, FailuresOfSingleTransfersStayInTheLog) {
+    FlashPeripheral& device = bus.add(0x4123);
+    open_directly(device, slot);
+    device.next_answers[wire::erase] = {{{0x80}}, {{0x80}}};
+    EXPECT_EQ("", console_of(2, 1, [this] { EXPECT_EQ(2, send(wire::erase)); }));
+    device.report_failure(LIBUSB_ERROR_IO);
+    EXPECT_EQ("", console_of(2, 1, [this] { EXPECT_EQ(7, read(0)); }));
+    char data[3] = {};
+    EXPECT_EQ("", console_of(2, 1, [&] { EXPECT_EQ(12, flash->read_data(data, 3)); }));
+    EXPECT_EQ(1, logged("Bad status (80) on resend of command, stop flash operation"));
+    EXPECT_EQ(1, logged("Read Request to a002 failed, rc=7"));
+    EXPECT_EQ(1, logged("Get Feature Report a003 rc=12"));
+    EXPECT_EQ(1, logged("Get Feature Report 1603 rc=12"));
+}
+
 TEST_F(Exchange, EraseTakesItsOwnTimeOut) {
     FlashPeripheral& device = bus.add(0x4123);
     open_directly(device, slot);
@@ -744,7 +791,7 @@ TEST_F(Image, StopsAtAFailedTransferWithItsCode) {
     device.report_failure(LIBUSB_ERROR_IO);
     EXPECT_EQ(7, send_file(two_records()));
     EXPECT_EQ(2U, device.commands().size());
-    EXPECT_EQ(1, debugged("Read failed on status of command, rc=7"));
+    EXPECT_EQ(1, logged("Read failed on status of command, rc=7"));
 }
 
 const Bytes checksum_message{0x05, 0x00, 0x02, 0x00, 0x00, 0xC0, 0xC1};
@@ -768,6 +815,26 @@ TEST_F(Image, FailsWhenTheChecksumsStatusCantBeRead) {
     };
     EXPECT_EQ(2, send_file(two_records()));
     EXPECT_EQ(1, logged("Read of checksm write status failed"));
+}
+
+TEST_F(Image, ItsBadAnswersAreToldWhenVerbose) {
+    const auto failing = [this] { EXPECT_EQ(2, send_file(two_records())); };
+    const std::string records_sent = "\nMain part of firmware update done, now sending checksum\n";
+    device.answers[checksum_message] = {{0xC0}};
+    EXPECT_EQ("\n", console_of(1, 0, failing));
+    EXPECT_EQ(records_sent + "Bad status (c0) on write of checksum\n", console_of(2, 1, failing));
+    device.answers[checksum_message] = {};
+    device.on_command = [this](const Bytes& command) {
+        if (command == checksum_message) {
+            device.report_failure(LIBUSB_ERROR_IO);
+        }
+    };
+    EXPECT_EQ("\n", console_of(1, 0, failing));
+    EXPECT_EQ(records_sent + "Read of checksm write status failed\n", console_of(2, 1, failing));
+    device.other_answer = {{0x40}};
+    EXPECT_EQ("\n", console_of(1, 0, failing));
+    EXPECT_EQ("Bad status (40) on write of record, stopping firmware update\n\n",
+              console_of(2, 1, failing));
 }
 
 TEST_F(Image, PassesAFailedWriteOfTheChecksumOn) {

@@ -466,6 +466,24 @@ TEST_F(Reader, ReadsInTheCallingThreadUntilItIsStopped) {
     EXPECT_EQ(1, debugged("4: Stopping (stopped=0, device_closed=1)"));
 }
 
+TEST_F(Reader, TellsOfFailedReadsWhenVerbose) {
+    set_up(0);
+    const auto read_a_failure = [this] {
+        flags().stopped = 0;
+        device.report_failure(LIBUSB_ERROR_IO);
+        device.on_read = [this, count = 0]() mutable {
+            if (++count == 2) {
+                flags().stopped = 1;
+                device.report({0x01});
+            }
+        };
+        flash->read_hid_messages(slot);
+    };
+    EXPECT_EQ("", console_of(1, 0, read_a_failure));
+    EXPECT_EQ("4: Failure reading from flash device, rc=7.  Stopping (device_closed=0)\n",
+              console_of(2, 1, read_a_failure));
+}
+
 #if (defined(__x86_64__) || defined(__i386__)) && !defined(__SANITIZE_THREAD__)
 
 // The order in which the reader writes the flag and the report, seen one instruction at a time.

@@ -339,6 +339,53 @@ TEST_F(Update, ACheckSendsNothing) {
     EXPECT_EQ(0, flash->CurrentIndex);
 }
 
+TEST_F(Update, TellsEachDecisionOnTheConsole) {
+    add_file({.level = 0x0209});
+    add_file({.level = 0x0102});
+    flashEntry& row = add_device(0x0103, 0, 1);
+    row.component_count = 3;
+    const auto decide = [this] { pass(); };
+    const std::string found =
+        "PID: 4123 COMP: 0 - Version mismatch (file=2, device=1)\n"
+        "\nFirmware file found:  " +
+        file_name(1) +
+        "\n"
+        "  File   - PID: 4123  COMP: 00  TYPE: FW   CONTROL: Increasing   EC: 01.02.00\n";
+    const std::string updated =
+        "    Starting firmware update of Product ID 4123 COMP: 0\n"
+        "    EC level when complete should be 01.02.00\n"
+        "Firmware update of Product ID 4123 COMP: 0 finished, rc=0\n"
+        "Main component (0) of device 4123 updated.\n"
+        "Sleeping for 2000 milliseconds before using device again\n";
+    EXPECT_EQ(found +
+                  "  Device - PID: 4123  COMP: 00  TYPE: FW   CONTROL: Random       EC: 01.03.00 "
+                  "(SN='SN-7')\n"
+                  "    Random version control for Product ID: 4123 COMP: 0 (from: 01.03.00 -> to: "
+                  "01.02.00)\n" +
+                  updated,
+              console_of(1, 0, decide));
+    row.component[0].ec_level = 0x0102;
+    const std::string equal = found +
+                              "  Device - PID: 4123  COMP: 00  TYPE: FW   CONTROL: Random       "
+                              "EC: 01.02.00 (SN='SN-7')\n";
+    EXPECT_EQ(equal +
+                  "    Random control with file and device EC levels equal, no update needed for "
+                  "PID: 4123  COMP: 0\n",
+              console_of(1, 0, decide));
+    force_update = 1;
+    EXPECT_EQ(equal +
+                  "    Force update for Product ID: 4123 COMP: 0 (from: 01.02.00 -> to: "
+                  "01.02.00)\n" +
+                  updated,
+              console_of(1, 0, decide));
+    std::filesystem::remove(file_name(1));
+    EXPECT_EQ(
+        "PID: 4123 COMP: 0 - Version mismatch (file=2, device=1)\n"
+        "No flash file for PID: 4123 C COMP: 0\n",
+        console_of(1, 0, decide));
+    EXPECT_EQ("", console_of(0, 0, decide));
+}
+
 TEST_F(Update, ManyComponentsNeedARestAfterTheMainOne) {
     add_file({.component = 0, .level = 0x0109});
     add_file({.component = 1, .level = 0x0109});
@@ -637,6 +684,37 @@ TEST_F(Flashing, TellsWhenADeviceIsGone) {
                         "continue to next device"));
 }
 
+TEST_F(Flashing, TellsOfFailuresOnTheConsole) {
+    FlashPeripheral& device = bus.add(product);
+    device.answers[wire::erase] = {{0x40}};
+    add_file({.level = 0x0109});
+    attach(device);
+    const auto update = [this] { pass(); };
+    const std::string failed =
+        "Erase of flash image area failed, rc=2\n"
+        "Firmware update FAILED\n"
+        "Firmware update of Product ID 4123 COMP: 0 finished, rc=2\n"
+        "Update failed of Product ID 4123 COMP: 0 finished, rc=2, ";
+    const std::string gone =
+        "Erase of flash image area failed, rc=13\n"
+        "Firmware update FAILED\n"
+        "Firmware update of Product ID 4123 COMP: 0 finished, rc=5\n"
+        "Device gone while firmware update of Product ID 4123 COMP: 0 finished, ";
+    const auto told_behind_the_start = [&] {
+        flash->fe[0].flashStatus = NOFLASHATTEMPT;
+        const std::string shown = console_of(1, 0, update);
+        const std::string start = "    EC level when complete should be 01.09.00\n";
+        return shown.substr(shown.find(start) + start.size());
+    };
+    for (const bool goes_on : {false, true}) {
+        continue_on_failure = goes_on ? 1 : 0;
+        const std::string end = goes_on ? "continue to next device\n" : "stopping update\n";
+        EXPECT_EQ(failed + end, told_behind_the_start());
+        device.next_write_results = {LIBUSB_ERROR_NO_DEVICE};
+        EXPECT_EQ(gone + end, told_behind_the_start());
+    }
+}
+
 TEST_F(Flashing, ADeviceThatIsUnpluggedInTheMiddleFails) {
     FlashPeripheral& device = bus.add(product);
     add_file({.component = 1, .level = 0x0109});
@@ -662,7 +740,7 @@ TEST_F(Flashing, ADeviceThatIsClosedWhileItIsWaitedForIsGone) {
         }
     };
     EXPECT_EQ(FLASHDEVICEGONE, flash_row(0, 1));
-    EXPECT_EQ(1, debugged("Read failed on status of command, rc=13"));
+    EXPECT_EQ(1, logged("Read failed on status of command, rc=13"));
     EXPECT_EQ(FLASHDEVICEGONE, flash->fe[0].flashStatus);
 }
 
