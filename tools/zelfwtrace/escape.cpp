@@ -66,13 +66,15 @@ std::string printed(const char* format, ...) {
 }
 
 std::string hexadecimal(std::string_view bytes, std::string_view separator) {
+    constexpr char digits[] = "0123456789abcdef";
     std::string text;
     text.reserve(bytes.size() * (2 + separator.size()));
     for (const char c : bytes) {
         if (!text.empty()) {
             text += separator;
         }
-        text += printed("%02x", static_cast<unsigned char>(c));
+        text += digits[static_cast<unsigned char>(c) >> 4];
+        text += digits[static_cast<unsigned char>(c) & 0x0F];
     }
     return text;
 }

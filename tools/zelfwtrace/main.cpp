@@ -33,10 +33,11 @@ bool is_file_of(FILE* stream, const std::string& path) {
            opened.st_dev == named.st_dev && opened.st_ino == named.st_ino;
 }
 
-/// Reads the file once for the number of records of each image, and goes back to its beginning.
+/// Reads the file once for the number of records of each image, and goes back to where it stood.
 /// Empty when the file can be read once only.
 ImageTotals count_records(FILE* stream) {
-    if (fseeko(stream, 0, SEEK_SET) != 0) {
+    const off_t start = ftello(stream);
+    if (start < 0) {
         return {};
     }
     Conversations conversations;
@@ -45,8 +46,7 @@ ImageTotals count_records(FILE* stream) {
         conversations.follow(entry);
     }
     clearerr(stream);
-    rewind(stream);
-    return conversations.counted();
+    return fseeko(stream, start, SEEK_SET) == 0 ? conversations.counted() : ImageTotals{};
 }
 
 std::unique_ptr<TraceOutput> make_output(const TraceArguments& arguments, std::string& reason) {

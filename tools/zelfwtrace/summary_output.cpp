@@ -10,7 +10,7 @@
 
 namespace {
 
-constexpr std::uint64_t longest_bar = 40;
+constexpr double longest_bar = 40;
 
 std::string counted(std::uint64_t count, const char* thing, const char* plural = "s") {
     return printed("%" PRIu64 " %s%s", count, thing, count == 1 ? "" : plural);
@@ -58,6 +58,22 @@ void print_messages(const DeviceSummary& device) {
     }
 }
 
+/// "0", or "4 to 7".
+std::string range_label(std::size_t range) {
+    const std::uint64_t low = shortest_of_range(range);
+    const std::uint64_t high = longest_of_range(range);
+    return low == high ? std::to_string(low) : std::to_string(low) + " to " + std::to_string(high);
+}
+
+/// As long as the share of the greatest count; a count that is not 0 shows.
+std::string bar(std::uint64_t count, std::uint64_t most) {
+    if (count == 0) {
+        return "";
+    }
+    const double share = static_cast<double>(count) / static_cast<double>(most);
+    return "  " + std::string(static_cast<std::size_t>(std::max(1.0, share * longest_bar)), '#');
+}
+
 void print_answer_times(const DeviceSummary& device) {
     const auto is_used = [](std::uint64_t count) { return count != 0; };
     const auto& times = device.answer_times;
@@ -69,19 +85,9 @@ void print_answer_times(const DeviceSummary& device) {
     const std::uint64_t most = *std::max_element(first, last);
     printf("\n  %20s %8s\n", "Answer time in ms", "Answers");
     for (auto at = first; at != last; ++at) {
-        const auto range = static_cast<std::size_t>(at - times.begin());
-        const std::uint64_t low = shortest_of_range(range), high = longest_of_range(range);
-        const std::string label =
-            low == high ? std::to_string(low) : std::to_string(low) + " to " + std::to_string(high);
-        // A count that is not 0 shows.
-        const std::uint64_t length =
-            *at == 0 ? 0
-                     : std::max<std::uint64_t>(
-                           1, static_cast<std::uint64_t>(static_cast<double>(*at) /
-                                                         static_cast<double>(most) * longest_bar));
-        const std::string bar(length, '#');
-        printf("  %20s %8" PRIu64 "%s%s\n", label.c_str(), *at, bar.empty() ? "" : "  ",
-               bar.c_str());
+        printf("  %20s %8" PRIu64 "%s\n",
+               range_label(static_cast<std::size_t>(at - times.begin())).c_str(), *at,
+               bar(*at, most).c_str());
     }
 }
 

@@ -1,0 +1,43 @@
+/// \file
+/// Runs the built zelfwtrace, and reads what it writes.
+#pragma once
+
+#include "support/temporary_directory.h"
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <vector>
+
+struct ToolRun {
+    int code = -1;  ///< -1 when a signal ended it
+    std::string output;
+    std::string errors;
+
+    std::vector<std::string> lines() const;
+};
+
+/// A word that a shell takes as it is.
+std::string quoted(const std::string& word);
+
+/// Runs a command line of a shell.
+ToolRun run_shell(const std::string& command, const TemporaryDirectory& directory);
+
+/// A directory with one trace file in it.
+class TraceToolTest : public testing::Test {
+  protected:
+    std::string path(const std::string& name) const { return directory_.path(name).string(); }
+    void set_trace(const std::string& bytes) { write_file(path("trace.bin"), bytes); }
+
+    /// Runs zelfwtrace with these words of a shell; times are UTC.
+    ToolRun run(const std::string& arguments) const;
+    /// Runs it on the trace file.
+    ToolRun show(const std::string& options = "") const;
+    /// What the lines of the trace say behind time, process and thread: product ID and words.
+    std::vector<std::string> words(const std::string& options = "") const;
+
+    TemporaryDirectory directory_;
+};
+
+/// What a line says behind its stamps.
+std::vector<std::string> words_of(const std::vector<std::string>& lines);
