@@ -32,6 +32,29 @@ class TraceFile : public BusTest {
         }
         return all;
     }
+    /// Every record from one text to another: texts as they are, commands in hexadecimal, "status"
+    /// for a good status report. Failures around the reset are left out.
+    std::vector<std::string> marks_between(const std::string& first,
+                                           const std::string& last) const {
+        std::vector<std::string> marks;
+        for (const TraceRecord& record : trace()) {
+            if (marks.empty() ? record.payload != first : marks.back() == last) {
+                continue;
+            }
+            if (record.kind == trace_kind::written) {
+                marks.push_back(to_hex(record.payload));
+            } else if (record.kind == trace_kind::status) {
+                EXPECT_EQ(to_hex(record.payload).substr(0, 16), "3c35a00200000000");
+                EXPECT_EQ(record.payload.size(), 16U);
+                marks.emplace_back("status");
+            } else if (record.payload.find("expected") == std::string::npos &&
+                       record.payload.find("Read Request") == std::string::npos &&
+                       record.payload.find("rc=-") == std::string::npos) {
+                marks.push_back(record.payload);
+            }
+        }
+        return marks;
+    }
     /// Runs an update of the printer's component 1 with five records in all.
     FirmwareFile update_boot() {
         FirmwareFile file = {.component = 1, .data_records = 3};
@@ -124,6 +147,37 @@ TEST_F(TraceFile, TransfersStandInTheOrderInWhichTheyHappened) {
                            w, s,              // checksum
                            w, s,              // stop
                        }));
+}
+
+TEST_F(TraceFile, TextsAndTransfersOfAWholeUpdateStandInOneSequence) {
+    const FirmwareFile file = {.data_records = 3};
+    set_bus({SimDevice{}});
+    add_firmware("main.dat", file);
+    EXPECT_EQ(update().exit_code, 0);
+
+    std::vector<std::string> expected = {
+        "    Starting firmware update of Product ID 3c35 COMP: 0\n",
+        "    EC level when complete should be 01.05.00\n",
+        "3c35a0010000000004000100",
+        "status",
+        "Erase completed, now sending 5 firmware update records from file\n",
+    };
+    const std::vector<std::string> messages = file.messages();
+    for (const std::string& message : messages) {
+        if (message == messages.back()) {
+            expected.emplace_back("Main part of firmware update done, now sending checksum\n");
+        }
+        expected.push_back("3c35a00100000000" + message);
+        expected.emplace_back("status");
+    }
+    for (const char* const last :
+         {"Checksums written\n", "Reset needed after update completes\n",
+          "Reset to be done for PID 3c35\n", "3c35a0010000000004000040", "3c35a0010000000002000080",
+          "Firmware update of Product ID 3c35 COMP: 0 finished, rc=0\n"}) {
+        expected.emplace_back(last);
+    }
+    const std::vector<std::string> sequence = marks_between(expected.front(), expected.back());
+    EXPECT_THAT(sequence, ElementsAreArray(expected));
 }
 
 TEST_F(TraceFile, TextsAreThoseOfTheLog) {
