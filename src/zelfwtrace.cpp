@@ -221,9 +221,15 @@ void Trace::tprintf(const char* fmt, ...) {
 }
 
 void Trace::write_formatted_text(const char* text) {
-    const std::vector<char> result = reinterpret_without_arguments(text);
-    WriteTraceData(trace_kind::text, reinterpret_cast<const unsigned char*>(result.data()),
-                   std::min(result.size(), max_trace_text - 1));
+    std::size_t length = strlen(text);
+    std::vector<char> result;
+    if (memchr(text, '%', length) != nullptr) {
+        result = reinterpret_without_arguments(text);
+        text = result.data();
+        length = result.size();
+    }
+    WriteTraceData(trace_kind::text, reinterpret_cast<const unsigned char*>(text),
+                   std::min(length, max_trace_text - 1));
 }
 
 std::uint32_t Trace::chTime() {

@@ -27,12 +27,16 @@ int low_byte(int level) {
     return level & 0xFF;
 }
 
-/// Two lower-case hexadecimal digits and `separator`.
-void append_hexadecimal(std::string& text, std::uint8_t byte, char separator) {
+/// Two lower-case hexadecimal digits and `separator` for each byte.
+void append_hexadecimal(std::string& text, std::span<const std::uint8_t> bytes, char separator) {
     constexpr const char digits[] = "0123456789abcdef";
-    text += digits[byte >> 4];
-    text += digits[byte & 0x0F];
-    text += separator;
+    std::size_t at = text.size();
+    text.resize(at + 3 * bytes.size());
+    for (const std::uint8_t byte : bytes) {
+        text[at++] = digits[byte >> 4];
+        text[at++] = digits[byte & 0x0F];
+        text[at++] = separator;
+    }
 }
 
 /// The word of a row, or "Unknown(xx)".
@@ -45,25 +49,54 @@ std::string word_or_unknown(std::span<const char* const> words, int value) {
     return text;
 }
 
-void show_record(int number, const FirmwareRecord& record) {
-    std::string dump;
-    std::size_t column = 0;
-    for (const std::uint8_t byte : record.read_bytes()) {
-        if (column == bytes_per_line) {
-            dump += continuation;
-            column = 0;
-        }
-        append_hexadecimal(dump, byte, '.');
-        ++column;
+/// The lines that show records as bytes. Each message is flushed, on the console as in the log, and
+/// an image has thousands of records: their lines go out some at a time.
+class RecordLines {
+  public:
+    void add(int number, const FirmwareRecord& record);
+    /// Writes the lines that wait. Due before any other message.
+    void write();
+
+  private:
+    static constexpr std::size_t longest_message = 4195;
+
+    std::string waiting_{};
+    std::string line_{};
+};
+
+void RecordLines::add(int number, const FirmwareRecord& record) {
+    char head[64];
+    snprintf(head, sizeof head, "%03d:%-3d(R%06x) - ", number, record.body_size, record.number());
+    line_ = head;
+    auto bytes = record.read_bytes();
+    while (bytes.size() > bytes_per_line) {
+        append_hexadecimal(line_, bytes.first(bytes_per_line), '.');
+        line_ += continuation;
+        bytes = bytes.subspan(bytes_per_line);
     }
-    writelog(1, "%03d:%-3d(R%06x) - %s\n", number, record.body_size, record.number(), dump.c_str());
+    append_hexadecimal(line_, bytes, '.');
+    line_ += '\n';
+    if (waiting_.size() + line_.size() > longest_message) {
+        write();
+    }
+    waiting_ += line_;
+}
+
+void RecordLines::write() {
+    if (!waiting_.empty()) {
+        writelog(1, "%s", waiting_.c_str());
+        waiting_.clear();
+    }
 }
 
 /// Decodes information records; what it does not decode stays a line of bytes.
 class RecordDecoder {
   public:
-    /// Shows the meaning of a record when it directly follows decoded ones, or is the first.
-    void take(const FirmwareRecord& record);
+    /// Whether the next record directly follows decoded ones, or is the first.
+    bool is_due() const { return follows_decoded_; }
+
+    /// Shows the meaning of a record that is due.
+    void take(const FirmwareRecord& record) { follows_decoded_ = decode(record); }
 
     /// The next record follows one that was not decoded.
     void skip() { follows_decoded_ = false; }
@@ -122,9 +155,7 @@ bool show_extended_version_list(std::span<const std::uint8_t> payload) {
 
 void show_component_id_list(std::span<const std::uint8_t> payload) {
     std::string list;
-    for (const std::uint8_t component : payload) {
-        append_hexadecimal(list, component, ' ');
-    }
+    append_hexadecimal(list, payload, ' ');
     writelog(1, "Component ID List: %s\n", list.c_str());
 }
 
@@ -136,10 +167,6 @@ void show_component_name(int component, std::span<const std::uint8_t> payload) {
         }
     }
     writelog(1, "Component %d ID String: %s\n", component, name.c_str());
-}
-
-void RecordDecoder::take(const FirmwareRecord& record) {
-    follows_decoded_ = follows_decoded_ && decode(record);
 }
 
 bool RecordDecoder::decode(const FirmwareRecord& record) {
@@ -197,30 +224,32 @@ void show_checksum(FirmwareRecordReader& reader) {
     writelog_notrace(1, "Checksum -         %02x.%02x", checksum[0], checksum[1]);
 }
 
-/// Lists the records from the stream's position to the checksum.
-void show_records(FILE* stream) {
-    FirmwareRecordReader reader(stream);
+/// Lists the records from the stream's position to the checksum. Returns why it stopped.
+RecordResult show_records(FirmwareRecordReader& reader) {
+    RecordLines lines;
     RecordDecoder decoder;
     FirmwareRecord record;
     for (int number = 0;; ++number) {
-        switch (reader.next(record)) {
-            case RecordResult::whole:
-                show_record(number, record);
-                decoder.take(record);
-                break;
-            case RecordResult::short_body:
-                show_record(number, record);
-                decoder.skip();
-                break;
-            case RecordResult::end_mark:
-                show_checksum(reader);
-                return;
-            case RecordResult::read_error:
-                writelog(1, "File corrupted (read=%d needed=%d)\n", 0, 1);
-                return;
-            case RecordResult::end_of_file:
-                return;
+        const RecordResult result = reader.next(record);
+        if (result != RecordResult::whole && result != RecordResult::short_body) {
+            lines.write();
+            return result;
         }
+        lines.add(number, record);
+        if (result == RecordResult::short_body) {
+            decoder.skip();
+        } else if (decoder.is_due()) {
+            lines.write();
+            decoder.take(record);
+        }
+    }
+}
+
+void show_end(RecordResult end, FirmwareRecordReader& reader) {
+    if (end == RecordResult::end_mark) {
+        show_checksum(reader);
+    } else if (end == RecordResult::read_error) {
+        writelog(1, "File corrupted (read=%d needed=%d)\n", 0, 1);
     }
 }
 
@@ -239,7 +268,8 @@ void display_firmware_stream(FILE* stream) {
         return;
     }
     writelog(1, "Flash Data:\n");
-    show_records(stream);
+    FirmwareRecordReader reader(stream);
+    show_end(show_records(reader), reader);
 }
 
 void ZELFLASH::display_firmware_file(const char* path) {
