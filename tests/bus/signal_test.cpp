@@ -134,3 +134,18 @@ TEST_F(Signal, MainComponentIsResetBeforeTheRunEnds) {
     EXPECT_EQ(state().resets, 1);
     EXPECT_THAT(result.console, Not(HasSubstr("Sleeping to allow")));
 }
+
+TEST_F(Signal, NoTimeIsGivenToAResetDeviceThatIsNotUsedAgain) {
+    SimDevice printer;
+    printer.components = {{}, {.id = 1}, {.id = 2}};
+    printer.device_keys =
+        "timing = { transfer_ms = 0, query_ms = 100, erase_ms = 300, record_ms = 60, "
+        "checksum_ms = 50, reset_ms = 300 }";
+    set_bus({printer});
+    add_firmware("boot.dat", {.data_records = 25});
+    const RunResult result = run_with_signal(SIGTERM, 3, {"-4", "600"});
+    EXPECT_EQ(result.signal, SIGTERM);
+    EXPECT_THAT(result.console, HasSubstr("Main component (0) of device 3c35 updated.\n"));
+    EXPECT_THAT(result.console, Not(HasSubstr("Sleeping for")));
+    EXPECT_EQ(state().resets, 1);
+}
