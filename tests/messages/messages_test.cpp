@@ -23,7 +23,6 @@ constexpr Unreachable unreachable[] = {
     {"Unknown component type (value=", "the type has two bits, and all four values are known"},
     {"Could not open write handle for '", "the read handle is opened first, on equal conditions"},
     {"ULRC:F:G:SD:VE:c:d:s:famr:p:l:t:n:o:w:?0:1:2:3:4:", "no message: the options for getopt"},
-    {"/usr/lib:/lib:", "no message: the loader's search path"},
 };
 
 /// Shorter parts, as in table cells, say nothing about where they come from.
