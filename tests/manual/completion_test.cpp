@@ -9,6 +9,7 @@
 
 #include <filesystem>
 #include <fstream>
+#include <regex>
 #include <string>
 #include <vector>
 
@@ -27,8 +28,7 @@ class Completion : public testing::Test {
         std::filesystem::create_directories(directory_ / "sysfs");
         std::filesystem::permissions(directory_, std::filesystem::perms::all);
         // An ordinary user may not be let into the sources.
-        std::filesystem::copy_file(SOURCE_DIRECTORY "/packaging/completion/zelfwupdate",
-                                   directory_ / "completion");
+        std::filesystem::copy(SOURCE_DIRECTORY "/packaging/completion", directory_ / "completion");
         surroundings.directory = directory_;
         surroundings.environment = {"ZELFWUPDATE_COMPLETION_SYSFS=" +
                                     (directory_ / "sysfs").string()};
@@ -51,14 +51,15 @@ class Completion : public testing::Test {
         return std::filesystem::exists(directory_ / name);
     }
     /// What is offered for the last of these words behind the program's name.
-    std::vector<std::string> offered(std::vector<std::string> words) const {
-        words.insert(words.begin(),
-                     {"bash", "--norc", "-c",
-                      "source ./completion\n"
-                      "COMP_WORDS=(zelfwupdate \"$@\") COMP_CWORD=$#\n"
-                      "_zelfwupdate\n"
-                      "((${#COMPREPLY[@]} == 0)) || printf '%s\\n' \"${COMPREPLY[@]}\"",
-                      "bash"});
+    std::vector<std::string> offered(std::vector<std::string> words,
+                                     const std::string& program = "zelfwupdate") const {
+        words.insert(words.begin(), {"bash", "--norc", "-c",
+                                     "source completion/\"$0\"\n"
+                                     "COMP_WORDS=(\"$0\" \"$@\") COMP_CWORD=$#\n"
+                                     "_\"$0\"\n"
+                                     "((${#COMPREPLY[@]} == 0)) ||"
+                                     " printf '%s\\n' \"${COMPREPLY[@]}\"",
+                                     program});
         const ProgramOutput output = run_program(words, surroundings);
         EXPECT_EQ(output.code, 0) << output.text;
         return lines_of(output.text);
@@ -86,9 +87,9 @@ std::vector<std::string> numbers_taken(const std::string& option) {
 }  // namespace
 
 TEST_F(Completion, IsThatOfTheProgramsOptionTable) {
-    const ProgramOutput output =
-        run_program({"bash", "--norc", "-c", "source ./completion; echo \"$_zelfwupdate_options\""},
-                    surroundings);
+    const ProgramOutput output = run_program(
+        {"bash", "--norc", "-c", "source completion/zelfwupdate; echo \"$_zelfwupdate_options\""},
+        surroundings);
     EXPECT_EQ(output.text, option_string() + "\n");
 }
 
@@ -146,8 +147,8 @@ TEST_F(Completion, OffersFirmwareFilesAndDirectoriesWhereOneIsNamed) {
     add_file("notes.txt");
     add_file("till 1/font.dat");
     for (const char* option : {"-F", "-D"}) {
-        EXPECT_THAT(offered({option, ""}),
-                    UnorderedElementsAre("printer.dat", "SCANNER.DAT", "till 1", "sysfs"));
+        EXPECT_THAT(offered({option, ""}), UnorderedElementsAre("printer.dat", "SCANNER.DAT",
+                                                                "till 1", "sysfs", "completion"));
         EXPECT_THAT(offered({option, "till 1/"}), ElementsAre("till 1/font.dat"));
     }
 }
@@ -164,7 +165,7 @@ TEST_F(Completion, OffersFirmwareFilesOfTheDirectoryThatWasGiven) {
 TEST_F(Completion, OffersDirectoriesForTheFirmwareDirectory) {
     add_file("printer.dat");
     add_file("till/font.dat");
-    EXPECT_THAT(offered({"-p", ""}), UnorderedElementsAre("till", "sysfs"));
+    EXPECT_THAT(offered({"-p", ""}), UnorderedElementsAre("till", "sysfs", "completion"));
 }
 
 TEST_F(Completion, OffersAnyFileForJournalsListsAndOutput) {
@@ -215,4 +216,41 @@ TEST_F(Completion, NeverRunsWhatADeviceOrFileIsCalled) {
     EXPECT_THAT(offered({"-F", "$"}), ElementsAre("$(touch ran).dat"));
     EXPECT_THAT(offered({"-p", "$(touch ran)", "-F", ""}), IsEmpty());
     EXPECT_FALSE(exists("ran"));
+}
+
+TEST_F(Completion, OffersZelfwfileItsCommandsAndTheirFiles) {
+    add_file("a.toml");
+    add_file("b.dat");
+    EXPECT_THAT(offered({""}, "zelfwfile"),
+                UnorderedElementsAre("make", "check", "--help", "--version"));
+    EXPECT_THAT(offered({"make", "a"}, "zelfwfile"), ElementsAre("a.toml"));
+    EXPECT_THAT(offered({"make", "b"}, "zelfwfile"), IsEmpty());
+    EXPECT_THAT(offered({"make", "a.toml", "-"}, "zelfwfile"), ElementsAre("-o"));
+    EXPECT_THAT(offered({"make", "a.toml", "-o", "b"}, "zelfwfile"), ElementsAre("b.dat"));
+    EXPECT_THAT(offered({"check", "b.dat", "b"}, "zelfwfile"), ElementsAre("b.dat"));
+}
+
+TEST_F(Completion, OffersZelfwtraceTheOptionsOfItsHelp) {
+    std::vector<std::string> options;
+    for (const std::string& line : lines_of(run_program({ZELFWTRACE, "--help"}).text)) {
+        const std::regex option(R"(^ {2,6}(?:(-[a-z]), )?(--[a-z]+).*)");
+        std::smatch parts;
+        if (std::regex_match(line, parts, option)) {
+            options.push_back(parts.str(2));
+            if (parts[1].matched) {
+                options.push_back(parts.str(1));
+            }
+        }
+    }
+    EXPECT_THAT(options, Contains("--pcap"));
+    EXPECT_THAT(offered({"-"}, "zelfwtrace"), testing::UnorderedElementsAreArray(options));
+}
+
+TEST_F(Completion, OffersZelfwtraceKindsAndFiles) {
+    add_file("trace.log");
+    EXPECT_THAT(offered({"-k", "s"}, "zelfwtrace"), ElementsAre("sent", "status"));
+    EXPECT_THAT(offered({"--kind", "sent,d"}, "zelfwtrace"), ElementsAre("sent,data"));
+    EXPECT_THAT(offered({"--pcap", "tr"}, "zelfwtrace"), ElementsAre("trace.log"));
+    EXPECT_THAT(offered({"-s", "tr"}, "zelfwtrace"), ElementsAre("trace.log"));
+    EXPECT_THAT(offered({"--from", "t"}, "zelfwtrace"), IsEmpty());
 }
