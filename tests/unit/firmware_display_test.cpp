@@ -15,6 +15,7 @@
 
 #include <algorithm>
 #include <cerrno>
+#include <cstdio>
 #include <memory>
 
 using testing::ElementsAre;
@@ -159,6 +160,19 @@ TEST_F(FirmwareDisplay, DumpWrapsAfterEvery25Bytes) {
     const std::string longest = shown(file().record(0x20, 0, std::vector<std::uint8_t>(255, 0x11)));
     EXPECT_EQ(std::count(longest.begin(), longest.end(), '\n'), 3 + 11);
     EXPECT_THAT(longest, HasSubstr("000:258(R200000) - ff.20.00.00.11."));
+}
+
+TEST_F(FirmwareDisplay, EachOfManyRecordsIsShownOnceAndInOrder) {
+    FirmwareBytes many = file();
+    std::string lines = header_lines;
+    for (unsigned int i = 0; i < 400; ++i) {
+        many.record(0x20, i, {0x11});
+        char line[64];
+        snprintf(line, sizeof line, "%03u:4  (R20%04x) - 01.20.%02x.%02x.11.\n", i, i, i >> 8,
+                 i & 0xFF);
+        lines += line;
+    }
+    EXPECT_EQ(shown(many), lines);
 }
 
 TEST_F(FirmwareDisplay, LongestListsAreShownWhole) {
