@@ -10,6 +10,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <unistd.h>
+
 #include <regex>
 #include <set>
 #include <string>
@@ -331,7 +333,8 @@ TEST(Pages, AreFormattedWithoutAWarning) {
     }
     ASSERT_THAT(page_files(), Not(IsEmpty()));
     for (const auto& file : page_files()) {
-        const std::string made = testing::TempDir() + "/" + file.stem().string();
+        const std::string made =
+            testing::TempDir() + "/" + std::to_string(getpid()) + "." + file.stem().string();
         const ProgramOutput scdoc =
             run_program({"sh", "-c", "scdoc < \"$0\" > \"$1\"", file.string(), made});
         EXPECT_EQ(scdoc.code, 0) << file << ": " << scdoc.text;
