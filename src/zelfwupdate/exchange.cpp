@@ -429,7 +429,7 @@ int ZELFLASH::send_record(const FirmwareRecord& record, int index) {
     char answer[status_report_size] = {};
     rc = read_flash(answer, sizeof(answer), command_timeout, index);
     if (rc != 0) {
-        writedebug("Read failed on status of command, rc=%d\n", rc);
+        writelog(Verbose, "Read failed on status of command, rc=%d\n", rc);
         return rc;
     }
     // A record's answer need not carry the completed flag.
