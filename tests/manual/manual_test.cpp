@@ -267,6 +267,21 @@ TEST(ToolPages, ExplainEveryCommandOptionAndExitCodeOfZelfwsim) {
     EXPECT_EQ(explained, offered);
 }
 
+TEST(ToolPages, ExplainEveryOptionOfTheDemonstration) {
+    const std::string script = text_of(SOURCE_DIRECTORY "/sim/zelfw-demo");
+    std::smatch options;
+    ASSERT_TRUE(std::regex_search(script, options, std::regex("getopts :?([a-z:]+) ")));
+    std::set<std::string> offered;
+    for (const std::string& letter : all_matches(options.str(1), "([a-z])")) {
+        offered.insert("-" + letter);
+    }
+    std::set<std::string> explained;
+    for (const PageEntry& entry : Page("zelfw-demo.1.scd").entries("OPTIONS")) {
+        explained.merge(all_matches(entry.term, R"(^\*(-[a-z])\*)"));
+    }
+    EXPECT_EQ(explained, offered);
+}
+
 TEST(FirmwarePage, ExplainsEveryKeyAndWordOfADescription) {
     const Page page("zelfw-firmware.5.scd");
     const std::string reader = "firmware_description.cpp";
