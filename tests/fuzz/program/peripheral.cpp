@@ -21,6 +21,7 @@ const Bytes erase{0x04, 0x00, 0x01, 0x00};
 const Bytes component_list_query{0x06, 0x00, 0x20, 0x00, 0xFF, 0xFF, 0x00, 0x01};
 const Bytes extended_list_query{0x06, 0x00, 0x20, 0x00, 0xFF, 0xFF, 0x00, 0x02};
 constexpr std::uint8_t read_all_operation = 0x21;
+constexpr std::uint8_t image_data_operation = 0x02;
 constexpr int blocks_of_a_component = 2;
 
 FakeSetting raw_setting(FuzzInput& input) {
@@ -40,6 +41,24 @@ FakeSetting raw_setting(FuzzInput& input) {
 }
 
 }  // namespace
+
+unsigned int kind_of(const Bytes& command) {
+    const Bytes* const whole[] = {&erase,
+                                  &reset,
+                                  &level_query,
+                                  &device_information_query,
+                                  &extended_list_query,
+                                  &component_list_query};
+    const auto* const found = std::find_if(std::begin(whole), std::end(whole),
+                                           [&command](const Bytes* b) { return *b == command; });
+    if (found != std::end(whole)) {
+        return static_cast<unsigned int>(found - std::begin(whole));
+    }
+    if (command.size() > 4 && command[2] == image_data_operation) {
+        return command[4] == 0 ? 6 : 7;  // checksum, record
+    }
+    return command.size() > 2 && command[2] == read_all_operation ? 8 : 9;
+}
 
 Peripheral::Peripheral(FakeUsbDevice& device, FuzzInput& input) : usb(device) {
     const unsigned int kind = input.below(kinds);

@@ -15,6 +15,10 @@ struct TimedReport {
     Bytes bytes;
 };
 
+/// Kinds of commands, 0 to `command_kinds` - 1.
+constexpr unsigned int command_kinds = 10;
+unsigned int kind_of(const Bytes& command);
+
 class Peripheral {
   public:
     /// Describes the device as the input says; zeros stand for a good flash device.
@@ -25,6 +29,7 @@ class Peripheral {
     /// The data for the command that came last.
     Bytes data();
     void take(const Bytes& command);
+    const Bytes& last_command() const { return last_command_; }
 
     /// With the report's ID in front when the device uses IDs.
     Bytes with_id(std::uint8_t id, const Bytes& bytes) const;

@@ -5,10 +5,13 @@
 
 #include <algorithm>
 #include <iterator>
+#include <utility>
 
 namespace {
 
 constexpr unsigned int most_devices = 4;
+constexpr unsigned int most_faults = 4;
+constexpr unsigned int most_skipped = 4;
 /// A run with more transfers finds its devices gone.
 constexpr int most_transfers = 4000;
 /// Numbers from here on are deviations; below them a number says how long all goes as usual.
@@ -147,6 +150,7 @@ ScriptedBus::ScriptedBus(FuzzInput& input) : input_(input) {
         FakeUsbDevice& device = usb.add(1, static_cast<uint8_t>(2 + i), 0, 0);
         peripherals_.emplace_back(device, input);
     }
+    take_faults();
     bus = this;
     keep_usual_functions();
     bind_lists_and_descriptors();
@@ -179,6 +183,29 @@ unsigned int ScriptedBus::deviation() {
         return 0;
     }
     return number;
+}
+
+void ScriptedBus::take_faults() {
+    for (unsigned int left = input_.below(most_faults + 1); left > 0; --left) {
+        const unsigned int kind = input_.below(2 * command_kinds);
+        const unsigned int skipped = input_.below(most_skipped + 1);
+        faults_.push_back({kind / 2, kind % 2 != 0, skipped,
+                           static_cast<unsigned int>(first_deviation | input_.byte())});
+    }
+}
+
+unsigned int ScriptedBus::deviation_of(const Bytes& command, bool is_data) {
+    for (Fault& fault : faults_) {
+        if (fault.how == 0 || fault.is_of_data != is_data ||
+            fault.command_kind != kind_of(command)) {
+            continue;
+        }
+        if (fault.skipped == 0) {
+            return std::exchange(fault.how, 0U);
+        }
+        --fault.skipped;
+    }
+    return deviation();
 }
 
 int ScriptedBus::error(unsigned int number) {
@@ -215,11 +242,11 @@ int ScriptedBus::give_standard(unsigned int how, unsigned char* buffer, std::siz
 
 int ScriptedBus::take_report(Peripheral& device, const Bytes& message) {
     count_transfer();
-    const unsigned int how = deviation();
+    const Bytes command = device.without_id(message);
+    const unsigned int how = deviation_of(command, false);
     if (device.is_gone || how % 8 == 1) {
         return device.is_gone ? int{LIBUSB_ERROR_NO_DEVICE} : error(how);
     }
-    const Bytes command = device.without_id(message);
     device.take(command);
     const bool is_image_data = command.size() > 4 && command[2] == image_data_operation;
     check(!is_image_data || device.is_erased, "an image goes to a device that was erased for it");
@@ -261,7 +288,7 @@ int ScriptedBus::give_data(Peripheral& device, unsigned char* buffer, std::size_
     if (device.is_gone) {
         return LIBUSB_ERROR_NO_DEVICE;
     }
-    const unsigned int how = deviation();
+    const unsigned int how = deviation_of(device.last_command(), true);
     if (how % 2 != 0) {
         return error(how);
     }

@@ -7,11 +7,13 @@
 #include "support/fuzz_input.h"
 
 #include <list>
+#include <vector>
 
 /// Stands at the p_libusb_* pointers from construction to destruction. One at a time.
 class ScriptedBus {
   public:
-    /// Takes the devices from the input at once, then the course of the run as it goes.
+    /// Takes the devices and some faults from the input at once, then the course of the run as it
+    /// goes.
     explicit ScriptedBus(FuzzInput& input);
     ~ScriptedBus();
     ScriptedBus(const ScriptedBus&) = delete;
@@ -37,11 +39,22 @@ class ScriptedBus {
     FakeUsb usb;
 
   private:
+    /// What goes wrong with a certain command, or with its data answer.
+    struct Fault {
+        unsigned int command_kind;
+        bool is_of_data;
+        unsigned int skipped;  ///< commands of the kind that go well before
+        unsigned int how;      ///< 0 once it has happened
+    };
+
+    void take_faults();
+    unsigned int deviation_of(const Bytes& command, bool is_data);
     void count_transfer();
     int give(const Bytes& bytes, unsigned char* buffer, std::size_t length) const;
 
     FuzzInput& input_;
     std::list<Peripheral> peripherals_;
+    std::vector<Fault> faults_;
     unsigned int usual_left_ = 0;
     int transfers_ = 0;
 };

@@ -21,6 +21,8 @@ AnsweringDevice::AnsweringDevice()
     const std::string path = flash_path(device_);
     session_->hiddev = std::make_unique<HIDDEVICE2>(0, 0, path.c_str());
     check(session_->setup_device_for_reading(path.c_str(), 0, 0) == 0, "the device opens");
+    // The fake library would note the claim before each command, for as long as the process lives.
+    p_libusb_claim_interface = [](libusb_device_handle*, int) { return 0; };
     // The reader's part is played while the session sleeps.
     session_->use_thread_reading = 1;
     global_reading_information = 1;
