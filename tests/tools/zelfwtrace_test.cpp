@@ -113,7 +113,7 @@ TEST_F(Zelfwtrace, SecondEraseCountsFromOneAgain) {
 
 TEST_F(Zelfwtrace, RecordWithoutItsEraseHasNoNumber) {
     set_trace(TraceBytes().record(1).sent(checksum).bytes());
-    EXPECT_EQ(words()[0], "3c35  record (component 0, data 000000, 1 byte)");
+    EXPECT_EQ(words().at(0), "3c35  record (component 0, data 000000, 1 byte)");
 }
 
 TEST_F(Zelfwtrace, ImagesOfTwoProcessesAreCountedApart) {
@@ -180,12 +180,12 @@ TEST_F(Zelfwtrace, StatusTellsWhatItAnswersAndAfterHowLong) {
 
 TEST_F(Zelfwtrace, SecondStatusAnswersNothing) {
     set_trace(TraceBytes().sent(erase).status(completed).status(completed).bytes());
-    EXPECT_EQ(words()[2], "3c35  status completed");
+    EXPECT_EQ(words().at(2), "3c35  status completed");
 }
 
 TEST_F(Zelfwtrace, AnswerStampedBeforeItsCommandTookNoTime) {
     set_trace(TraceBytes().at(50).sent(erase).at(49).status(completed).bytes());
-    EXPECT_EQ(words()[1], "3c35  status completed (erase, 0 ms)");
+    EXPECT_EQ(words().at(1), "3c35  status completed (erase, 0 ms)");
 }
 
 TEST_F(Zelfwtrace, DataAnswerIsNamedAfterItsQuery) {
@@ -318,6 +318,7 @@ TEST_F(Zelfwtrace, TimeFilterTakesBothEnds) {
     EXPECT_THAT(words("--from 2023-11-14T22:13:21.006"), ElementsAre("-     text: 2"));
     EXPECT_THAT(words("--to @1700000001.005"), ElementsAre("-     text: 0", "-     text: 1"));
     EXPECT_THAT(words("--to @1700000001"), ElementsAre("-     text: 0"));
+    EXPECT_THAT(words("--to @1700000001.004"), ElementsAre("-     text: 0"));
     EXPECT_THAT(words("--from @1700000001 --to '2023-11-14 22:13:22'"),
                 ElementsAre("-     text: 1"));
     EXPECT_THAT(words("--from '2023-11-14 22:14'"), IsEmpty());
@@ -353,7 +354,7 @@ TEST_F(Zelfwtrace, JsonTextsAreEscaped) {
     const std::string text = "\"quoted\" \\ \n\t\r\b\x1f\x7f \xc3\xa9 \xf0\x9f\x96\xa8";
     set_trace(TraceBytes().text(text).bytes());
     const ToolRun run = show("-j");
-    EXPECT_EQ(objects(run)[0]["text"], text);
+    EXPECT_EQ(objects(run).at(0)["text"], text);
     EXPECT_THAT(run.lines(), testing::SizeIs(1));
 }
 
@@ -383,7 +384,7 @@ TEST_F(Zelfwtrace, SummaryCountsMessagesBytesAndAnswers) {
     set_trace(trace.bytes());
     const ToolRun run = show("--summary");
     EXPECT_EQ(run.code, 0);
-    EXPECT_THAT(run.lines()[0], "1 run, 1 text, 2 devices");
+    EXPECT_THAT(run.lines().at(0), "1 run, 1 text, 2 devices");
     const std::string first = run.output.substr(0, run.output.find("Device 3c35"));
     EXPECT_THAT(first, AllOf(HasSubstr("Sent      2 messages, 8 bytes\n"),
                              HasSubstr("Received  1 status, 2 bytes; 0 data answers, 0 bytes\n"),
