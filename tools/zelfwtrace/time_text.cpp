@@ -11,7 +11,6 @@ namespace {
 
 constexpr int first_year_of_tm = 1900;
 constexpr std::int64_t milliseconds_of_a_second = 1000;
-constexpr std::int64_t seconds_of_a_day = 86400;
 
 struct Fields {
     int year, month, day, hour, minute, second;
@@ -61,8 +60,9 @@ std::optional<std::int64_t> seconds_of(const Fields& at, TimeZone zone) {
         return std::nullopt;
     }
     if (zone == TimeZone::utc) {
-        return std::chrono::sys_days(date).time_since_epoch().count() * seconds_of_a_day +
-               at.hour * 3600 + at.minute * 60 + at.second;
+        const auto time = std::chrono::sys_days(date) + std::chrono::hours(at.hour) +
+                          std::chrono::minutes(at.minute) + std::chrono::seconds(at.second);
+        return time.time_since_epoch().count();
     }
     std::tm local = {};
     local.tm_year = at.year - first_year_of_tm;
