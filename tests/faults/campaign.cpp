@@ -24,6 +24,8 @@ constexpr milliseconds until_hang{30000};
 /// A device that was reset or replugged is back after this.
 constexpr milliseconds return_time{400};
 
+constexpr unsigned int jobs_of_late_cases = 4;
+
 constexpr const char* commands[] = {"update", "list", "reset", "read"};
 
 /// Calls `work` with 0 to `count` - 1, in as many threads as there are jobs.
@@ -92,10 +94,10 @@ bool Campaign::run() {
         cases.push_back(one);
     }
     run_all(cases, settings_.jobs, false);
-    // What was too slow among many is judged by a run of its own.
+    // What was too slow among many is judged by a run among few.
     const std::vector<Case> late = std::move(late_cases_);
     late_count_ = static_cast<int>(late.size());
-    run_all(late, 1, true);
+    run_all(late, jobs_of_late_cases, true);
     return std::all_of(tallies_.begin(), tallies_.end(),
                        [](const auto& row) { return row.second.violations == 0; });
 }
@@ -108,7 +110,7 @@ bool Campaign::measure_sound_runs() {
     }
     in_parallel(std::size(commands) * 2, 8, [&](std::size_t i) {
         const std::string command = commands[i / 2];
-        Workplace place;
+        Workplace place(settings_.program);
         constexpr milliseconds longest{120000};
         SoundRun& sound = sound_[command][i % 2];
         sound.run = place.run(command, false, "", i % 2 == 1, longest);
@@ -187,7 +189,7 @@ void Campaign::run_all(const std::vector<Case>& cases, unsigned int jobs, bool i
 }
 
 Campaign::Outcome Campaign::run_case(const Case& one) const {
-    Workplace place;
+    Workplace place(settings_.program);
     Outcome outcome = one.is_kill() ? run_kill(one, place) : run_injection(one, place);
     if (!settings_.repeat.empty() && !outcome.violations.empty()) {
         const std::string kept = "fault-campaign";
@@ -294,9 +296,7 @@ void Campaign::print_summary() const {
     std::printf("%-20s %10d %6d %6d %10d\n", "all", sum.injections, sum.runs, sum.missed,
                 sum.violations);
     if (late_count_ > 0) {
-        std::printf(
-            "%d runs took longer than their bound among the others, and were repeated on "
-            "their own\n",
-            late_count_);
+        std::printf("%d runs took longer than their bound among the others: repeated among few\n",
+                    late_count_);
     }
 }

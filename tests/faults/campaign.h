@@ -19,6 +19,7 @@ struct CampaignSettings {
     std::size_t slice = 0, slices = 1;  ///< of the chosen cases, every `slices`th from `slice` on
     std::string only;                   ///< injections whose text contains this
     std::string repeat;                 ///< this case alone; its files are kept when it fails
+    std::string program = ZELFWUPDATE;
     unsigned int jobs = 32;
 };
 

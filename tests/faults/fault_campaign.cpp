@@ -22,6 +22,7 @@ constexpr char usage[] =
     "  --only TEXT   injections whose text contains this, such as stall or update-a/printer\n"
     "  --jobs J      cases side by side (32); they mostly sleep\n"
     "  --repeat CASE this case alone, as a violation names it; keeps its files when it fails\n"
+    "  --program P   another build of the program\n"
     "Exit code 1 when there was a violation.\n";
 
 /// Takes the arguments, each with a value, into the settings; false when one is wrong.
@@ -47,6 +48,8 @@ bool parse(int argc, char** argv, CampaignSettings& settings) {
             settings.jobs = static_cast<unsigned int>(number(value));
         } else if (name == "--repeat") {
             settings.repeat = value;
+        } else if (name == "--program") {
+            settings.program = value;
         } else if (name == "--slice" && value.find('/') != std::string::npos) {
             settings.slice = number(value);
             settings.slices = number(value.substr(value.find('/') + 1));

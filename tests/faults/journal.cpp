@@ -4,6 +4,7 @@
 #include <array>
 #include <cstdio>
 #include <iterator>
+#include <map>
 #include <sstream>
 
 namespace {
@@ -23,12 +24,26 @@ constexpr std::array results = {"Flash succeeded",
                                 "",
                                 "Interface not avilable"};
 
-constexpr std::array complaints = {"Bad status",       "Could not", "Operation error",
-                                   "end point halted", "failed",    "not available",
-                                   "not connected",    "not mod",   "not responding",
-                                   "not supported",    "overflow",  "Command reject",
-                                   "error response",   "timed out", "component list not correct",
-                                   "pipe error",       "I/O Error", "actual length"};
+constexpr std::array complaints = {"Bad status",
+                                   "Could not",
+                                   "Operation error",
+                                   "end point halted",
+                                   "failed",
+                                   "Failure reading",
+                                   "not available",
+                                   "not connected",
+                                   "not mod",
+                                   "not read",
+                                   "not responding",
+                                   "not supported",
+                                   "overflow",
+                                   "Command reject",
+                                   "error response",
+                                   "timed out",
+                                   "component list not correct",
+                                   "pipe error",
+                                   "I/O Error",
+                                   "actual length"};
 
 /// Says only that something failed, and not what.
 constexpr std::array bare_failures = {"Firmware update FAILED", "Update failed of",
@@ -152,7 +167,13 @@ int result_code(const std::string& text) {
     return found == results.end() ? -1 : static_cast<int>(std::distance(results.begin(), found));
 }
 
-int count_complaints(const std::string& log) {
+bool complains(const std::string& log, const std::string& sound_log) {
+    std::map<std::string, int> known;
+    for (const std::string& line : lines_of(sound_log)) {
+        ++known[line];
+    }
     const auto lines = lines_of(log);
-    return static_cast<int>(std::count_if(lines.begin(), lines.end(), is_complaint));
+    return std::any_of(lines.begin(), lines.end(), [&known](const std::string& line) {
+        return is_complaint(line) && --known[line] < 0;
+    });
 }

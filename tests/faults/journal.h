@@ -48,7 +48,7 @@ std::string result_text(int code);
 /// The code of a text; -1 when it is none.
 int result_code(const std::string& text);
 
-/// Lines that tell of something that failed.
-int count_complaints(const std::string& log);
+/// Whether a line tells of a failure that the other log, of a sound run, does not know.
+bool complains(const std::string& log, const std::string& sound_log);
 
 std::vector<std::string> lines_of(const std::string& text);

@@ -3,6 +3,7 @@
 #include "support/bus_text.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace {
 
@@ -67,7 +68,7 @@ std::string device_of(int product) {
     return "";
 }
 
-Workplace::Workplace() {
+Workplace::Workplace(std::string program) : program_(std::move(program)) {
     std::filesystem::create_directory(directory_.path("firmware"));
     for (const Target& target : targets()) {
         const std::string name = std::string("firmware/") + target.file_name;
@@ -85,9 +86,9 @@ std::vector<std::string> Workplace::arguments(const std::string& command, bool g
                                     "-1", others,
                                     "-2", others,
                                     "-3", others,
-                                    "-l", directory_.path("run.log").string(),
+                                    "-l", journal("log.txt"),
                                     "-t", "0",
-                                    "-r", directory_.path("results.txt").string()};
+                                    "-r", journal("results.txt")};
     const auto add = [&all](std::initializer_list<std::string> more) {
         all.insert(all.end(), more);
     };
@@ -114,27 +115,26 @@ std::vector<std::string> Workplace::arguments(const std::string& command, bool g
 
 Run Workplace::run(const std::string& command, bool goes_on, const std::string& fault,
                    bool with_debug_log, std::chrono::milliseconds longest) {
-    for (const char* name : {"record.tsv", "run.log", "results.txt", "read.dat"}) {
-        std::filesystem::remove(path(name));
-    }
-    write_file(path("bus.toml"), whole_bus(fault));
-    ChildSettings settings = {.command = {ZELFWUPDATE},
+    ++runs_;
+    std::filesystem::remove(path("read.dat"));
+    write_file(journal("bus.toml"), whole_bus(fault));
+    ChildSettings settings = {.command = {program_},
                               .environment = {"LTDL_LIBRARY_PATH=" SIMULATION_DIRECTORY,
-                                              "ZELFWSIM_BUS=" + path("bus.toml").string(),
+                                              "ZELFWSIM_BUS=" + journal("bus.toml"),
                                               "ZELFWSIM_STATE=" + path("state").string(),
-                                              "ZELFWSIM_RECORD=" + path("record.tsv").string()},
-                              .output_file = path("console.txt"),
-                              .error_file = path("errors.txt"),
+                                              "ZELFWSIM_RECORD=" + journal("record.tsv")},
+                              .output_file = journal("console.txt"),
+                              .error_file = journal("errors.txt"),
                               .longest = longest};
     const auto options = arguments(command, goes_on, with_debug_log);
     settings.command.insert(settings.command.end(), options.begin(), options.end());
     Run run;
     run.end = run_child(settings);
-    run.console = read_file(path("console.txt"));
-    run.errors = read_file(path("errors.txt"));
-    run.log = read_file(path("run.log"));
-    run.results = read_file(path("results.txt"));
-    run.record = TransferRecord(path("record.tsv"));
+    run.console = read_file(journal("console.txt"));
+    run.errors = read_file(journal("errors.txt"));
+    run.log = read_file(journal("log.txt"));
+    run.results = read_file(journal("results.txt"));
+    run.record = TransferRecord(journal("record.tsv"));
     return run;
 }
 

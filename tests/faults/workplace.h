@@ -47,7 +47,7 @@ struct Run {
 class Workplace {
   public:
     /// With no state yet, all firmware files, and the marker.
-    Workplace();
+    explicit Workplace(std::string program);
 
     /// `command` is "update", "list", "reset", "read" or "force"; `fault` is text for the bus file.
     Run run(const std::string& command, bool goes_on, const std::string& fault, bool with_debug_log,
@@ -68,6 +68,12 @@ class Workplace {
   private:
     std::vector<std::string> arguments(const std::string& command, bool goes_on,
                                        bool with_debug_log) const;
+    /// A file of the present run: those of the earlier ones are kept.
+    std::string journal(const std::string& name) const {
+        return path(std::to_string(runs_) + "-" + name).string();
+    }
 
+    std::string program_;
     TemporaryDirectory directory_;
+    int runs_ = 0;
 };
