@@ -11,6 +11,7 @@
 #include <atomic>
 #include <chrono>
 #include <memory>
+#include <ostream>
 #include <string>
 #include <thread>
 #include <utility>
@@ -434,6 +435,11 @@ struct FeatureFailure {
     const char* get_message;
     int get_result;
 };
+
+/// For the test's name.
+void PrintTo(const FeatureFailure& failure, std::ostream* stream) {
+    *stream << "rc" << failure.rc;
+}
 
 class HidFeatureFailure : public HidDevice, public testing::WithParamInterface<FeatureFailure> {};
 
