@@ -12,6 +12,13 @@ namespace {
 constexpr int max_string = 255;
 constexpr uint16_t us_english = 0x0409;
 constexpr uint16_t flash_interface_usage = 0xA000;
+constexpr int malformed_string = -1;
+
+/// Without its interface string a device is no flash device, and nothing else tells why.
+void report_unread_string(const USBINTF& intf, int index, int rc) {
+    writedebug("%04x:%04x - String descriptor %d not read, rc=%d\n", intf.GetVendorID(),
+               intf.GetProductID(), index, rc);
+}
 
 }  // namespace
 
@@ -23,11 +30,13 @@ int USBINTF::GetStringDescriptorAscii(unsigned char index, unsigned char* buf, i
     std::array<unsigned char, max_string + 1> answer{};
     const int received = GetStringDescriptor(index, us_english, answer.data(), max_string);
     if (received < 1) {
+        report_unread_string(*this, index, received);
         return received;
     }
     const int length = answer[0];
     if (answer[1] != LIBUSB_DT_STRING || length > received) {
-        return -1;
+        report_unread_string(*this, index, malformed_string);
+        return malformed_string;
     }
     int count = 0;
     for (size_t offset = 2; static_cast<int>(offset) < length && count < len - 1; offset += 2) {

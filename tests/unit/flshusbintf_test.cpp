@@ -487,6 +487,15 @@ TEST_F(UsbInterface, PassesOnAFailedStringRequest) {
     EXPECT_EQ(intf().GetStringDescriptorAscii(77, buffer.data(), 4), LIBUSB_ERROR_PIPE);
 }
 
+TEST_F(UsbInterface, TellsOfAStringThatCouldNotBeRead) {
+    ASSERT_EQ(open(flash_path(flash_device())), 0);
+    Bytes buffer(4);
+    intf().GetStringDescriptorAscii(77, buffer.data(), 4);
+    EXPECT_EQ(log.count("3:04b3:3c02 - String descriptor 77 not read, rc=-9\n"), 1);
+    read_string({9, 3, 'a', 0});
+    EXPECT_EQ(log.count("3:04b3:3c02 - String descriptor 9 not read, rc=-1\n"), 1);
+}
+
 TEST_F(UsbInterface, CutsAStringAtTheCallersLimit) {
     ASSERT_EQ(open(flash_path(flash_device())), 0);
     EXPECT_EQ(read_string(string_descriptor("abcdef"), 4), "abc");
