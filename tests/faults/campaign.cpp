@@ -83,7 +83,7 @@ bool Campaign::run() {
         Case one;
         const bool goes_on = settings_.repeat.starts_with("kill-a/");
         if (settings_.repeat.starts_with("kill/") || goes_on) {
-            one.kill_after = std::atoi(settings_.repeat.substr(goes_on ? 7 : 5).c_str());
+            one.kill_after = std::stoi(settings_.repeat.substr(goes_on ? 7 : 5));
             one.injection.goes_on = goes_on;
         } else if (const auto injection = parse_injection(settings_.repeat)) {
             one.injection = *injection;

@@ -33,6 +33,7 @@ class FileActions {
 
 std::vector<char*> pointers_to(const std::vector<std::string>& texts) {
     std::vector<char*> pointers;
+    pointers.reserve(texts.size());
     for (const std::string& text : texts) {
         pointers.push_back(const_cast<char*>(text.c_str()));
     }

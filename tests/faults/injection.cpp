@@ -163,7 +163,7 @@ std::optional<Injection> parse_injection(const std::string& text) {
     Injection injection = {.command = parts[0],
                            .device = parts[1],
                            .event = parts[2],
-                           .number = std::atoi(parts[3].c_str()),
+                           .number = static_cast<int>(std::strtol(parts[3].c_str(), nullptr, 10)),
                            .kind = find_fault_kind(parts[4])};
     if (injection.command.ends_with("-a")) {
         injection.goes_on = true;

@@ -2,9 +2,9 @@
 
 #include <algorithm>
 #include <array>
-#include <cstdio>
 #include <iterator>
 #include <map>
+#include <regex>
 #include <sstream>
 
 namespace {
@@ -55,6 +55,23 @@ bool contains_any(const std::string& line, const std::array<const char*, size>& 
                        [&](const char* text) { return line.find(text) != std::string::npos; });
 }
 
+/// Whether the line begins so; the rest is matched only then.
+bool match(const std::string& line, const char* begin, const std::regex& whole,
+           std::smatch& parts) {
+    return line.starts_with(begin) && std::regex_search(line, parts, whole);
+}
+
+int hexadecimal(const std::string& text) {
+    return std::stoi(text, nullptr, 16);
+}
+
+const std::regex finished_line(
+    "ID ([0-9a-f]{1,4}) COMP: ([0-9]{1,3}) finished, rc=(-?[0-9]{1,3})$");
+const std::regex updated_line("^Updated ([0-9]{1,5}) device");
+const std::regex error_line("^Error (-?[0-9]{1,5}) flashing devices$");
+const std::regex overall_line("^([0-9]{1,3}) *$");
+const std::regex row_line("^PID ([0-9a-f]{1,4}) EC level: ([0-9a-f]{2,4})\\.([0-9a-f]{2}): (.*) $");
+
 bool is_complaint(const std::string& line) {
     return contains_any(line, complaints) && !contains_any(line, bare_failures);
 }
@@ -66,15 +83,15 @@ class ClaimReader {
 
     void read(const std::string& line) {
         Claim claim;
-        unsigned int product = 0;
+        std::smatch parts;
         if (line.find("Firmware file found:") != std::string::npos) {
             current_ = {};
         } else if (line.find("Force update for Product ID:") != std::string::npos) {
             current_.is_forced = true;
-        } else if (std::sscanf(line.c_str(),
-                               "Firmware update of Product ID %x COMP: %d finished, rc=%d",
-                               &product, &claim.component, &claim.rc) == 3) {
-            claim.product = static_cast<int>(product);
+        } else if (match(line, "Firmware update of Product", finished_line, parts)) {
+            claim.product = hexadecimal(parts[1]);
+            claim.component = std::stoi(parts[2]);
+            claim.rc = std::stoi(parts[3]);
             claim.is_forced = current_.is_forced;
             claim.has_reason = current_.has_reason;
             claims_.push_back(claim);
@@ -117,7 +134,7 @@ Journal read_journal(const std::string& log) {
     Journal journal;
     ClaimReader reader(journal.claims);
     for (const std::string& line : lines_of(log)) {
-        int number = 0;
+        std::smatch parts;
         reader.read(line);
         if (line == "Sleeping finished") {
             journal.is_table_rebuilt = true;
@@ -125,10 +142,10 @@ Journal read_journal(const std::string& log) {
             journal.says_none_updated = true;
         } else if (line == "No devices found") {
             journal.says_no_devices = true;
-        } else if (std::sscanf(line.c_str(), "Updated %d device", &number) == 1) {
-            journal.updated = number;
-        } else if (std::sscanf(line.c_str(), "Error %d flashing devices", &number) == 1) {
-            journal.error = number;
+        } else if (match(line, "Updated ", updated_line, parts)) {
+            journal.updated = std::stoi(parts[1]);
+        } else if (match(line, "Error ", error_line, parts)) {
+            journal.error = std::stoi(parts[1]);
         }
     }
     return journal;
@@ -137,21 +154,18 @@ Journal read_journal(const std::string& log) {
 Results read_results(const std::string& text) {
     Results all;
     const auto lines = lines_of(text);
-    all.is_well_formed = !lines.empty() && std::sscanf(lines[0].c_str(), "%d", &all.overall) == 1;
+    std::smatch parts;
+    all.is_well_formed = !lines.empty() && std::regex_search(lines[0], parts, overall_line);
+    if (all.is_well_formed) {
+        all.overall = std::stoi(parts[1]);
+    }
     for (std::size_t i = 1; i < lines.size(); ++i) {
-        unsigned int product = 0;
-        unsigned int major = 0;
-        unsigned int minor = 0;
-        const std::size_t at = lines[i].find(": ");
-        const bool is_row =
-            std::sscanf(lines[i].c_str(), "PID %x EC level: %x.%x:", &product, &major, &minor) == 3;
-        const std::size_t begin = is_row ? lines[i].find(": ", at + 2) : std::string::npos;
-        if (begin == std::string::npos || lines[i].back() != ' ') {
+        if (match(lines[i], "PID ", row_line, parts)) {
+            all.rows.push_back({hexadecimal(parts[1]),
+                                hexadecimal(parts[2]) << 8 | hexadecimal(parts[3]), parts[4]});
+        } else {
             all.is_well_formed = false;
-            continue;
         }
-        all.rows.push_back({static_cast<int>(product), static_cast<int>(major << 8 | minor),
-                            lines[i].substr(begin + 2, lines[i].size() - begin - 3)});
     }
     return all;
 }
