@@ -14,8 +14,11 @@ description:
     of the firmware files and markers, so that the markers stay for the update.
 options:
   state:
-    description: V(asked) looks only. V(updated) updates, and looks again; in check mode it looks only.
-    choices: [asked, updated]
+    description:
+      - V(compared) tells which firmware files are not there as they should be.
+      - V(asked) looks only.
+      - V(updated) updates, and looks again; in check mode it looks only.
+    choices: [compared, asked, updated]
     default: asked
     type: str
   program:
@@ -27,10 +30,9 @@ options:
     required: true
     type: path
   files:
-    description: The names of the firmware files, one for each component.
+    description: The firmware files, one for each component, with their SHA-1 checksums.
     required: true
-    type: list
-    elements: str
+    type: dict
   markers:
     description: The directory in which ".force" markers are looked for; O(firmware) if not given.
     type: path
@@ -44,7 +46,9 @@ options:
     type: list
     elements: str
   logs:
-    description: The directory of the logs and the trace, made when missing.
+    description: >-
+      The directory of the logs and the trace, made when missing. An archive beside it, with ".tar"
+      after its name, holds them and the result file.
     default: /var/log/zelfwupdate
     type: path
   result:
@@ -57,7 +61,7 @@ EXAMPLES = r"""
 - name: Ask what is due
   zelfw_update:
     firmware: /var/lib/zelfwupdate
-    files: [printer-main.dat, printer-font.dat]
+    files: {printer-main.dat: 2fd4e1c67a2d28fced849ee1bb76e7391b93eb12}
 """
 
 RETURN = r"""
@@ -79,6 +83,14 @@ changes:
   description: The components whose level changed, with product, component, serial, before, after.
   returned: with state updated
   type: list
+to_bring:
+  description: The names of the files that are missing or others.
+  returned: with state compared
+  type: list
+installed:
+  description: Whether there is an updater.
+  returned: with state compared
+  type: bool
 msg:
   description: The outcome in a sentence.
   returned: always
@@ -89,10 +101,12 @@ import collections
 import os
 import re
 import shutil
+import tarfile
 import tempfile
 
 from ansible.module_utils.basic import AnsibleModule
 
+LOGS = ("look", "levels-before", "update", "look-after", "levels-after")
 SUCCESS, NO_DEVICES, NOTHING_UPDATED = 0, 5, 6
 
 LISTED = re.compile(
@@ -192,7 +206,7 @@ def levels_after(before, due):
 
 
 def outcome_of_look(code):
-    """The outcome and a sentence, None for exit codes that no look ends with."""
+    """The outcome and a sentence, None for exit codes that no look should end with."""
     return {
         SUCCESS: ("due", "Updates are due"),
         NOTHING_UPDATED: ("current", "Every level is up to date"),
@@ -243,20 +257,31 @@ class Updater:
 
     def run(self, name, *arguments):
         command = [self.parameters["program"], *arguments, *self.parameters["arguments"]]
-        command += ["-t", self.trace, "-l", os.path.join(self.parameters["logs"], name + ".log")]
+        command += ["-t", self.trace, "-l", self.log(name)]
         code, console, errors = self.module.run_command(command, handle_exceptions=False)
         return code, console + errors
+
+    def log(self, name):
+        return os.path.join(self.parameters["logs"], name + ".log")
+
+    def archive(self):
+        """One file to collect, with what the last runs have left."""
+        with tarfile.open(self.parameters["logs"] + ".tar", "w") as archive:
+            names = [self.log(name) for name in LOGS] + [self.trace, self.parameters["result"]]
+            for name in filter(os.path.exists, names):
+                archive.add(name, arcname=os.path.basename(name))
 
     def write_list(self, directory):
         """The list of the files: it names them in one order for looks and updates."""
         name = os.path.join(directory, "files")
         with open(name, "w", encoding="utf-8") as file:
-            file.writelines(file_name + "\n" for file_name in self.parameters["files"])
+            file.writelines(file_name + "\n" for file_name in sorted(self.parameters["files"]))
         return name
 
     def levels(self, name):
         code, console = self.run(name, "-L")
         if code != SUCCESS:
+            self.archive()
             self.module.fail_json(
                 outcome="failed",
                 exit_code=code,
@@ -303,23 +328,18 @@ def printable_lines(console):
 
 def ask(updater):
     if os.path.exists(updater.trace):
-        os.remove(updater.trace)
-    for name in ("look", "levels-before", "update", "look-after", "levels-after"):
-        log = os.path.join(updater.parameters["logs"], name + ".log")
-        if os.path.exists(log):
-            os.remove(log)
+        os.remove(updater.trace)  # each run of the updater appends to it
+    for name in LOGS:
+        if os.path.exists(updater.log(name)):
+            os.remove(updater.log(name))
     updater.forget_result()
     code, console = updater.look("look", asks=True)
     due = due_updates(console)
-    if outcome_of_look(code) is None:
-        updater.module.fail_json(
-            outcome="failed",
-            exit_code=code,
-            console=printable_lines(console),
-            msg="The look at what is due ended with exit code %d" % code,
-        )
-    outcome, sentence = outcome_of_look(code)
+    fault = ("failed", "The look at what is due ended with exit code %d" % code)
+    outcome, sentence = outcome_of_look(code) or fault
     answer = {"outcome": outcome, "exit_code": code, "due": due, "msg": sentence}
+    if outcome == "failed":
+        answer["console"] = printable_lines(console)
     if outcome == "due":
         updater.forget_result()
         before = updater.levels("levels-before")
@@ -347,18 +367,36 @@ def update(updater):
         "diff": {"before": as_lines(before), "after": as_lines(after)},
     }
     if fault:
-        updater.module.fail_json(msg=fault, console=printable_lines(console), **answer)
-    answer["msg"] = "%d components have a new level" % len(changes)
+        answer["console"] = printable_lines(console)
+    answer["msg"] = fault or "%d components have a new level" % len(changes)
     return answer
+
+
+def compare(module):
+    """Which files are to be brought. The archive of the last run is not this one's."""
+    archive = module.params["logs"] + ".tar"
+    if os.path.exists(archive):
+        os.remove(archive)
+    to_bring = []
+    for name, checksum in sorted(module.params["files"].items()):
+        path = os.path.join(module.params["firmware"], name)
+        if not os.path.isfile(path) or module.sha1(path) != checksum:
+            to_bring.append(name)
+    return {
+        "outcome": "compared",
+        "installed": os.access(module.params["program"], os.X_OK),
+        "to_bring": to_bring,
+        "msg": "%d files to bring" % len(to_bring),
+    }
 
 
 def main():
     module = AnsibleModule(
         argument_spec={
-            "state": {"choices": ["asked", "updated"], "default": "asked"},
+            "state": {"choices": ["compared", "asked", "updated"], "default": "asked"},
             "program": {"type": "path", "default": "/usr/sbin/zelfwupdate"},
             "firmware": {"type": "path", "required": True},
-            "files": {"type": "list", "elements": "str", "required": True},
+            "files": {"type": "dict", "required": True},
             "markers": {"type": "path"},
             "force": {"type": "bool", "default": False},
             "arguments": {"type": "list", "elements": "str", "default": []},
@@ -367,15 +405,22 @@ def main():
         },
         supports_check_mode=True,
     )
-    if not os.access(module.params["program"], os.X_OK):
-        module.exit_json(outcome="not installed", msg="There is no " + module.params["program"])
     fault = fault_of_names(module.params["files"])
     if fault:
         module.fail_json(outcome="failed", msg=fault)
+    if module.params["state"] == "compared":
+        module.exit_json(**compare(module))
+    if not os.access(module.params["program"], os.X_OK):
+        module.exit_json(outcome="not installed", msg="There is no " + module.params["program"])
     updater = Updater(module)
     if module.params["state"] == "updated" and not module.check_mode:
-        module.exit_json(**update(updater))
-    module.exit_json(**ask(updater))
+        answer = update(updater)
+    else:
+        answer = ask(updater)
+    updater.archive()
+    if answer["outcome"] == "failed":
+        module.fail_json(**answer)
+    module.exit_json(**answer)
 
 
 if __name__ == "__main__":
