@@ -20,3 +20,22 @@ FileHandle open_regular_file(const char* path) {
     }
     return FileHandle(file);
 }
+
+FILE* open_for_writing(const char* path, bool append) {
+    constexpr mode_t file_mode = 0666;
+    const int descriptor =
+        open(path,
+             O_WRONLY | O_CREAT | (append ? O_APPEND : O_TRUNC) | O_NONBLOCK | O_NOCTTY | O_CLOEXEC,
+             file_mode);
+    if (descriptor < 0) {
+        return nullptr;
+    }
+    FILE* file = nullptr;
+    if (fcntl(descriptor, F_SETFL, append ? O_APPEND : 0) == 0) {
+        file = fdopen(descriptor, append ? "ab" : "wb");
+    }
+    if (file == nullptr) {
+        close(descriptor);
+    }
+    return file;
+}

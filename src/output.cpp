@@ -1,10 +1,12 @@
 #include "output.h"
 
+#include "file_handle.h"
 #include "private_file.h"
 #include "zelfwtrace.h"
 
 #include <unistd.h>
 
+#include <algorithm>
 #include <chrono>
 #include <cstdarg>
 #include <cstring>
@@ -81,10 +83,34 @@ void hide_control_characters(char* text) {
     }
 }
 
-void write_to_console(char* text) {
-    if (isatty(STDOUT_FILENO) != 0) {
-        hide_control_characters(text);
+bool is_line_control(char c) {
+    return c == '\n' || c == '\t';
+}
+
+/// Shows as '?' the newlines and tabs of `text` that came with the arguments: a serial number must
+/// not end its line and begin one that looks like the program's own. Those of the format itself are
+/// told by formatting once more with another character in their place.
+__attribute__((format(printf, 2, 0))) void hide_foreign_line_controls(char* text,
+                                                                      const char* szFormat,
+                                                                      va_list arguments) {
+    // A format of only "%s" passes on lines that the program has put together.
+    if (strcmp(szFormat, "%s") == 0 || std::none_of(text, text + strlen(text), is_line_control)) {
+        return;
     }
+    // No allocation: a fault report is written this way too.
+    char marked_format[log_message_size];
+    char marked[log_message_size];
+    snprintf(marked_format, sizeof(marked_format), "%s", szFormat);
+    std::replace_if(marked_format, marked_format + strlen(marked_format), is_line_control, '\x01');
+    vsnprintf(marked, sizeof(marked), marked_format, arguments);
+    for (std::size_t i = 0; text[i] != '\0'; ++i) {
+        if (is_line_control(text[i]) && marked[i] == text[i]) {
+            text[i] = '?';
+        }
+    }
+}
+
+void write_to_console(const char* text) {
     fprintf(stdout, "%s", text);
     fflush(stdout);
 }
@@ -100,14 +126,21 @@ enum class Traced { yes, no };
 __attribute__((format(printf, 3, 0))) void write_message(int Display, Traced traced,
                                                          const char* szFormat, va_list arguments) {
     char szBuffer[log_message_size];
+    va_list arguments_again;
+    va_copy(arguments_again, arguments);
     vsnprintf(szBuffer, sizeof(szBuffer), szFormat, arguments);
     write_to_log(szBuffer);
     if (traced == Traced::yes) {
         write_to_trace(szBuffer);
     }
     if (Display == 1 && OutputLevel >= 1) {
+        if (isatty(STDOUT_FILENO) != 0) {
+            hide_foreign_line_controls(szBuffer, szFormat, arguments_again);
+            hide_control_characters(szBuffer);
+        }
         write_to_console(szBuffer);
     }
+    va_end(arguments_again);
 }
 
 }  // namespace
@@ -145,7 +178,7 @@ void ShowMessage(const char* /*szFormat*/, ...) {}
 
 void open_log_file(const char* name) {
     FILE* stream = strcmp(name, default_log_filename) == 0 ? open_private_file(name, false)
-                                                           : fopen(name, "we");
+                                                           : open_for_writing(name, false);
     const LogFileLock lock(log_file_in_use);
     hLogFile = stream;
 }

@@ -1,12 +1,15 @@
 #include "zelfwtrace.h"
 
+#include "file_handle.h"
 #include "private_file.h"
 
 #include <sys/time.h>
 #include <sys/timeb.h>
+#include <sys/uio.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <atomic>
 #include <cstdarg>
 #include <cstring>
@@ -37,6 +40,15 @@ timeb read_timeb() {
     ftime(&now);
 #pragma GCC diagnostic pop
     return now;
+}
+
+/// Writes a record by one call, so that a signal that ends the process leaves whole records.
+void write_whole(FILE* file, traceStruct3 header, const unsigned char* data, std::size_t length) {
+    const std::array parts = {iovec{&header, sizeof(header)},
+                              iovec{const_cast<unsigned char*>(data), length}};
+    // A journal that can't be written is done without.
+    [[maybe_unused]] const ssize_t written =
+        writev(fileno(file), parts.data(), static_cast<int>(parts.size()));
 }
 
 /// Interprets a text as a format without arguments.
@@ -140,7 +152,7 @@ void Trace::OpenTraceFile() {
         const bool append = trace_mode == 0;
         trace_fd = strcmp(trace_filename, default_trace_filename) == 0
                        ? open_private_file(trace_filename, append)
-                       : fopen(trace_filename, append ? "abe" : "wbe");
+                       : open_for_writing(trace_filename, append);
         if (trace_fd != nullptr) {
             setvbuf(trace_fd, nullptr, _IONBF, 0);
         }
@@ -205,8 +217,7 @@ void Trace::WriteTraceData(unsigned long minorCode, const unsigned char* buffer,
     const traceStruct3 header =
         make_header(static_cast<std::uint32_t>(minorCode), static_cast<std::uint32_t>(length));
     chEnterCritSec();
-    fwrite(&header, sizeof(header), 1, trace_fd);
-    fwrite(buffer, length, 1, trace_fd);
+    write_whole(trace_fd, header, buffer, length);
     chExitCritSec();
 }
 

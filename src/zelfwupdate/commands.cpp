@@ -336,7 +336,7 @@ int ZELFLASH::get_device_data_for_component(int component, const char* path) {
 
 int ZELFLASH::read_component_data(int component, const char* path, int product_id, int ec_level,
                                   int index) {
-    FileHandle output(fopen(path, "wbe"));
+    FileHandle output(open_for_writing(path, false));
     if (output == nullptr) {
         writedebug("Could not open '%s' for writing\n", path);
         return -1;

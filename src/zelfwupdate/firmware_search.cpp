@@ -8,19 +8,28 @@
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstdio>
 #include <cstring>
 #include <memory>
 #include <string>
+#include <thread>
 
 FlashFile files[max_list_entries];
 int numberOfusbFlashFiles = 0;
 
 namespace {
 
+using namespace std::chrono_literals;
+
 constexpr int directory_unreadable = 7;
+
+// A fifo that nobody opens for writing counts as empty.
+constexpr auto longest_wait_for_writer = 2000ms;
+constexpr auto poll_for_writer = 10ms;
 
 /// Longest name that fits a row of `fwfilename`.
 constexpr std::size_t max_name_length = sizeof fwfilename[0] - 1;
@@ -60,13 +69,36 @@ bool add_candidate(const std::string& name) {
     return true;
 }
 
+/// Waits for a pipe, which does not block, to have a writer or something to read.
+void wait_for_writer(FILE* pipe) {
+    for (auto waited = 0ms; waited < longest_wait_for_writer; waited += poll_for_writer) {
+        const int character = fgetc(pipe);
+        const bool is_read = character != EOF && ungetc(character, pipe) == character;
+        if (is_read || ferror(pipe) != 0) {
+            break;  // an error says that there is a writer and nothing to read yet
+        }
+        clearerr(pipe);
+        std::this_thread::sleep_for(poll_for_writer);
+    }
+    clearerr(pipe);
+}
+
 /// A configuration file is a file, or a pipe from another program; never a directory or device.
 FileHandle open_config_file(const char* path) {
-    FileHandle file(fopen(path, "re"));
+    const int descriptor = open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
     struct stat status = {};
-    if (file != nullptr && (fstat(fileno(file.get()), &status) != 0 ||
-                            !(S_ISREG(status.st_mode) || S_ISFIFO(status.st_mode)))) {
-        file.reset();
+    FileHandle file;
+    if (descriptor >= 0 && fstat(descriptor, &status) == 0 &&
+        (S_ISREG(status.st_mode) || S_ISFIFO(status.st_mode))) {
+        file.reset(fdopen(descriptor, "r"));
+    }
+    if (file == nullptr) {
+        close(descriptor);
+        return nullptr;
+    }
+    if (S_ISFIFO(status.st_mode)) {
+        wait_for_writer(file.get());
+        fcntl(descriptor, F_SETFL, 0);
     }
     return file;
 }

@@ -50,7 +50,7 @@ class RmaRows {
 }  // namespace
 
 void ZELFLASH::write_rma_log(const char* path) {
-    const FileHandle file(fopen(path, "we"));
+    const FileHandle file(open_for_writing(path, false));
     if (file == nullptr) {
         return;
     }

@@ -43,6 +43,13 @@ struct OpenFile {
 };
 std::array<OpenFile, 16> open_files;
 
+std::string path_of(int descriptor) {
+    const std::string link = "/proc/self/fd/" + std::to_string(descriptor);
+    std::array<char, 4096> path = {};
+    const ssize_t length = readlink(link.c_str(), path.data(), path.size());
+    return {path.data(), static_cast<std::size_t>(length < 0 ? 0 : length)};
+}
+
 FILE* noted_stream(FILE* stream, const char* path, const char* mode) {
     if (stream == nullptr || mode[0] == 'r') {
         return stream;
@@ -62,9 +69,9 @@ FILE* noted_stream(FILE* stream, const char* path, const char* mode) {
 
 extern "C" {
 
-// With 64-bit file offsets, as the program is built, the symbol of `fopen` is that of `fopen64`.
-FILE* fopen(const char* path, const char* mode) {
-    return noted_stream(next(fopen, "fopen64")(path, mode), path, mode);
+FILE* fdopen(int descriptor, const char* mode) noexcept {
+    return noted_stream(next(fdopen, "fdopen")(descriptor, mode), path_of(descriptor).c_str(),
+                        mode);
 }
 
 int fclose(FILE* stream) {
