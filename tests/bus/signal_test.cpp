@@ -6,6 +6,9 @@
 #include <signal.h>
 
 #include <algorithm>
+#include <chrono>
+#include <utility>
+#include <vector>
 
 using testing::ContainsRegex;
 using testing::HasSubstr;
@@ -13,6 +16,9 @@ using testing::Not;
 
 namespace {
 
+constexpr char slow_timing[] =
+    "timing = { transfer_ms = 0, query_ms = 100, erase_ms = 300, record_ms = 60, "
+    "checksum_ms = 50, reset_ms = 300 }";
 constexpr char explanation[] = "Finishing the component in progress, do not disconnect the device";
 
 /// A printer and a scanner whose components 1 are sent images, slowly enough to step in between.
@@ -25,9 +31,7 @@ class Signal : public BusTest, public testing::WithParamInterface<int> {
                              .product = 0x3C36,
                              .serial = "SC0001",
                              .components = {{}, {.id = 1}}};
-        printer.device_keys = scanner.device_keys =
-            "timing = { transfer_ms = 0, query_ms = 100, erase_ms = 300, record_ms = 60, "
-            "checksum_ms = 50, reset_ms = 300 }";
+        printer.device_keys = scanner.device_keys = slow_timing;
         set_bus({printer, scanner});
         add_firmware("boot.dat", file);
         add_firmware("scanner.dat", {.product = 0x3C36, .component = 1});
@@ -45,6 +49,39 @@ class Signal : public BusTest, public testing::WithParamInterface<int> {
         }));
         process->send_signal(signal_number);
         return finish(*process);
+    }
+
+    /// The image arrives whole, log and trace are closed, the result file is written.
+    void run_whole_with_signal(std::size_t messages) {
+        const RunResult result = run_with_signal(GetParam(), messages, {"-r", path("rma")});
+        EXPECT_EQ(result.signal, GetParam());
+        EXPECT_EQ(image("printer", 1), file.body());
+        EXPECT_THAT(result.log, ContainsRegex("USB Flash ended at [^\n]+\n=+\n$"));
+        const auto records = trace();
+        ASSERT_FALSE(records.empty());
+        EXPECT_THAT(records.back().payload, HasSubstr("====="));
+        EXPECT_THAT(read_file(path("rma")), HasSubstr(": Flash succeeded \n"));
+        EXPECT_THAT(commands("scanner"), Not(testing::Contains("04000100")));
+    }
+    /// The main component's update is over, and the run ends in the sleep that follows it.
+    void expect_end_in_sleep(const std::string& line) {
+        const auto process = start({"-U", "-p", firmware_directory(), "-4", "30000"});
+        EXPECT_TRUE(process->wait_until(
+            [&] { return count_lines(read_file(path("console.txt")), line) > 0; }));
+        const auto before = std::chrono::steady_clock::now();
+        process->send_signal(GetParam());
+        const RunResult result = finish(*process);
+        EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(3));
+        EXPECT_EQ(result.signal, GetParam());
+        EXPECT_THAT(result.console, Not(HasSubstr(explanation)));
+        EXPECT_EQ(state().resets, 1);
+        EXPECT_FALSE(trace().empty());  // it holds whole records
+    }
+    static SimDevice slow_printer(std::vector<SimComponent> components) {
+        SimDevice printer;
+        printer.components = std::move(components);
+        printer.device_keys = slow_timing;
+        return printer;
     }
 
     /// Long enough for a signal to come in its middle.
@@ -120,11 +157,60 @@ TEST_F(Signal, BeforeAnyEraseEndsTheRunAtOnce) {
     EXPECT_EQ(image("printer", 1), "");
 }
 
+TEST_P(Signal, AtTheFirstRecordWaitsForTheImagesEnd) {
+    run_whole_with_signal(1);
+}
+
+TEST_P(Signal, AtTheLastRecordWaitsForTheImagesEnd) {
+    run_whole_with_signal(file.messages().size() - 1);
+}
+
+TEST_P(Signal, AtTheChecksumWaitsForItsAnswer) {
+    run_whole_with_signal(file.messages().size());
+}
+
+TEST_P(Signal, WhileDevicesAreListedEndsTheRunAtOnce) {
+    const auto process = start({"-L"});
+    EXPECT_TRUE(process->wait_until([&] { return !commands("printer").empty(); }));
+    process->send_signal(GetParam());
+    EXPECT_EQ(finish(*process).signal, GetParam());
+    EXPECT_FALSE(trace().empty());  // it holds whole records
+    // The interface is free again.
+    const RunResult next = run({"-L"});
+    EXPECT_EQ(next.exit_code, 0);
+    EXPECT_EQ(count_lines(next.console, list_line(0x3C35, 1, "01.02", "PR0001")), 1);
+}
+
+TEST_P(Signal, AfterTheResetWasSentEndsTheRunWithTheImageWhole) {
+    set_bus({slow_printer({{}})});
+    const FirmwareFile main = {.data_records = 5};
+    add_firmware("boot.dat", main);
+    const auto process = start({"-U", "-p", firmware_directory(), "-r", path("rma")});
+    EXPECT_TRUE(process->wait_until([&] {
+        return count_lines(read_file(path("console.txt")), "Reset to be done for PID 3c35") > 0;
+    }));
+    process->send_signal(GetParam());
+    EXPECT_EQ(finish(*process).signal, GetParam());
+    EXPECT_EQ(image("printer", 0), main.body());
+    EXPECT_EQ(state().resets, 1);
+    EXPECT_THAT(read_file(path("rma")), HasSubstr(": Flash succeeded \n"));
+}
+
+TEST_P(Signal, InTheSleepAfterAResetEndsTheRunAtOnce) {
+    set_bus({slow_printer({{}, {.id = 1}, {.id = 2}})});
+    add_firmware("boot.dat", {.data_records = 5});
+    expect_end_in_sleep("Sleeping for 30000 milliseconds before using device again");
+}
+
+TEST_P(Signal, InTheSleepBetweenThePassesEndsTheRunAtOnce) {
+    set_bus({slow_printer({{}, {.id = 1}})});
+    add_firmware("boot.dat", {.data_records = 5});
+    expect_end_in_sleep("Sleeping to allow reset device to respond");
+}
+
 TEST_F(Signal, MainComponentIsResetBeforeTheRunEnds) {
     SimDevice printer;
-    printer.device_keys =
-        "timing = { transfer_ms = 0, query_ms = 100, erase_ms = 300, record_ms = 60, "
-        "checksum_ms = 50, reset_ms = 300 }";
+    printer.device_keys = slow_timing;
     set_bus({printer});
     const FirmwareFile main = {.data_records = 25};
     add_firmware("boot.dat", main);
@@ -138,9 +224,7 @@ TEST_F(Signal, MainComponentIsResetBeforeTheRunEnds) {
 TEST_F(Signal, NoTimeIsGivenToAResetDeviceThatIsNotUsedAgain) {
     SimDevice printer;
     printer.components = {{}, {.id = 1}, {.id = 2}};
-    printer.device_keys =
-        "timing = { transfer_ms = 0, query_ms = 100, erase_ms = 300, record_ms = 60, "
-        "checksum_ms = 50, reset_ms = 300 }";
+    printer.device_keys = slow_timing;
     set_bus({printer});
     add_firmware("boot.dat", {.data_records = 25});
     const RunResult result = run_with_signal(SIGTERM, 3, {"-4", "600"});

@@ -155,7 +155,8 @@ RunResult ProgramProcess::finish() {
     }
     run.exit_code = WIFEXITED(wait_status_) ? WEXITSTATUS(wait_status_) : -1;
     run.signal = WIFSIGNALED(wait_status_) ? WTERMSIG(wait_status_) : 0;
-    run.console = read_file(console_file_);
+    // A terminal or device gives nothing back.
+    run.console = std::filesystem::is_regular_file(console_file_) ? read_file(console_file_) : "";
     run.errors = read_file(error_file_);
     return run;
 }

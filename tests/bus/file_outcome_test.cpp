@@ -1,0 +1,239 @@
+// Files that are not what they should be: each has an outcome that is known, and none stops a run.
+#include "support/bus_test.h"
+
+#include <gmock/gmock.h>
+
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <string>
+#include <utility>
+#include <vector>
+
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::Not;
+
+namespace {
+
+constexpr char full_disk[] = "/dev/full";
+/// Exit code of an update that no firmware file takes part in.
+constexpr int no_device_with_a_file = 5;
+
+class FileOutcome : public BusTest {
+  protected:
+    FileOutcome() {
+        SimDevice device;
+        device.components = {{}, {.id = 1}};
+        set_bus({device});
+    }
+    std::string make_fifo(const std::string& name) {
+        EXPECT_EQ(mkfifo(path(name).c_str(), 0666), 0);
+        return path(name);
+    }
+    /// As `run`, with journals of the test's choice: the last of two options holds.
+    RunResult run_with_journals(std::vector<std::string> arguments, const std::string& log,
+                                const std::string& trace) {
+        arguments.insert(arguments.end(), {"-0", "3000", "-l", log, "-t", trace});
+        std::filesystem::remove(path("record.tsv"));
+        ProgramProcess process(settings, arguments);
+        RunResult result = process.finish();
+        EXPECT_FALSE(result.timed_out);
+        return result;
+    }
+    void expect_updated(const RunResult& result) {
+        EXPECT_EQ(result.exit_code, 0);
+        EXPECT_EQ(result.errors, "");
+        EXPECT_EQ(image("printer", 1), file.body());
+    }
+
+    const FirmwareFile file = {.component = 1};
+};
+
+class DefaultJournal : public BusTest, public testing::WithParamInterface<const char*> {
+  protected:
+    DefaultJournal() {
+        settings.private_tmp = path("tmp");
+        std::filesystem::create_directory(path("tmp"));
+        chmod(path("tmp").c_str(), 01777);
+        write_file(path("tmp/precious"), "precious");
+        planted_ = path("tmp/") + GetParam();
+    }
+    void expect_new_file() {
+        ProgramProcess process(settings, {"-V"});
+        const RunResult result = process.finish();
+        if (result.exit_code == cannot_prepare_run) {
+            GTEST_SKIP() << "no mount namespace here";
+        }
+        EXPECT_FALSE(result.timed_out);
+        EXPECT_EQ(result.exit_code, 0);
+        EXPECT_EQ(read_file(path("tmp/precious")), "precious");
+        struct stat about = {};
+        ASSERT_EQ(lstat(planted_.c_str(), &about), 0);
+        EXPECT_TRUE(S_ISREG(about.st_mode));
+        EXPECT_EQ(about.st_uid, geteuid());
+        EXPECT_EQ(about.st_nlink, 1U);
+        EXPECT_THAT(read_file(planted_), HasSubstr("Version 1.1.3 (i386)\n"));
+        EXPECT_THAT(read_file(planted_), Not(HasSubstr("theirs")));
+    }
+
+    std::string planted_;
+};
+
+std::string name_of_journal(const testing::TestParamInfo<const char*>& info) {
+    return std::string(info.param) == "zelfwupdate.log" ? "Log" : "Trace";
+}
+
+}  // namespace
+
+INSTANTIATE_TEST_SUITE_P(Each, DefaultJournal, testing::Values("zelfwupdate.log", "zelfwtrace.log"),
+                         name_of_journal);
+
+TEST_P(DefaultJournal, TakesThePlaceOfAPlantedLink) {
+    std::filesystem::create_symlink("/tmp/precious", planted_);
+    expect_new_file();
+}
+
+TEST_P(DefaultJournal, TakesThePlaceOfASecondName) {
+    std::filesystem::create_hard_link(path("tmp/precious"), planted_);
+    expect_new_file();
+}
+
+TEST_P(DefaultJournal, TakesThePlaceOfAFifo) {
+    ASSERT_EQ(mkfifo(planted_.c_str(), 0666), 0);
+    expect_new_file();
+}
+
+TEST_P(DefaultJournal, TakesThePlaceOfAForeignFile) {
+    write_file(planted_, "theirs");
+    constexpr uid_t somebody = 65533;
+    if (chown(planted_.c_str(), somebody, somebody) != 0) {
+        GTEST_SKIP() << "needs the super-user";
+    }
+    expect_new_file();
+}
+
+TEST_F(FileOutcome, JournalsAndResultOnAFullDiskDoNotHarmAnUpdate) {
+    add_firmware("boot.dat", file);
+    expect_updated(run_with_journals({"-U", "-p", firmware_directory(), "-r", full_disk}, full_disk,
+                                     full_disk));
+}
+
+TEST_F(FileOutcome, ConsoleOnAFullDiskDoesNotHarmAnUpdate) {
+    add_firmware("boot.dat", file);
+    settings.console_file = full_disk;
+    const RunResult result = update();
+    expect_updated(result);
+    EXPECT_THAT(result.log, HasSubstr("Updated 1 device\n"));
+}
+
+TEST_F(FileOutcome, JournalsAndResultThatCannotBeMadeDoNotHarmAnUpdate) {
+    add_firmware("boot.dat", file);
+    expect_updated(run_with_journals({"-U", "-p", firmware_directory(), "-r", path("none/rma")},
+                                     path("none/log"), path("none/trace")));
+}
+
+TEST_F(FileOutcome, JournalsAndResultThatAreFifosNobodyReadsAreDoneWithout) {
+    add_firmware("boot.dat", file);
+    const std::string fifo = make_fifo("fifo");
+    expect_updated(run_with_journals({"-U", "-p", firmware_directory(), "-r", fifo}, fifo, fifo));
+}
+
+TEST_F(FileOutcome, ReadBackThatCannotBeKeptIsAFailure) {
+    for (const std::string& output :
+         {std::string(full_disk), path("none/read.dat"), make_fifo("fifo"), firmware_directory()}) {
+        const RunResult result = run({"-G", "1", "-w", output});
+        EXPECT_EQ(result.exit_code, 8) << output;
+        EXPECT_THAT(result.console, EndsWith("Device PID:3c35 Component:1 read failed, rc=-1\n"));
+        EXPECT_THAT(result.console, Not(HasSubstr("read successfully")));
+    }
+}
+
+TEST_F(FileOutcome, ReadBackOnAFullDiskNamesTheFile) {
+    EXPECT_THAT(run({"-G", "1", "-w", full_disk}).console,
+                HasSubstr("Could not write all data to '/dev/full'\n"));
+}
+
+TEST_F(FileOutcome, FirmwareDirectoryThatCannotBeReadHoldsNoFiles) {
+    write_file(path("no-directory"), "");
+    for (const std::string& directory : {path("none"), path("no-directory")}) {
+        const RunResult result = run({"-U", "-p", directory});
+        EXPECT_EQ(result.exit_code, no_device_with_a_file);
+        EXPECT_EQ(result.console, "No firmware files!\nNo devices found\n") << directory;
+        EXPECT_EQ(run({"-S", "-p", directory}).console, "No firmware files!\n");
+    }
+}
+
+TEST_F(FileOutcome, NamesWithNewlinesAndPercentSignsAreNamesLikeAnyOther) {
+    const std::string name = "a\n%s%n %d.dat";
+    add_firmware(name, file);
+    write_file(firmware_path(name + ".force"), "");
+    for (const auto& [level, cause] : {std::pair{"01.05", ""}, {"01.05", "Force update"}}) {
+        const RunResult result = update();
+        expect_updated(result);
+        EXPECT_THAT(result.console, HasSubstr("\nFirmware file found:  " + firmware_path(name)));
+        EXPECT_THAT(result.console, HasSubstr(cause));
+        EXPECT_EQ(state().component(1).level, level);
+    }
+    EXPECT_FALSE(std::filesystem::exists(firmware_path(name + ".force")));
+    EXPECT_TRUE(std::filesystem::exists(firmware_path(name)));
+}
+
+TEST_F(FileOutcome, FilesPastTheTableAreLeftOutWithAMessage) {
+    for (int i = 0; i < 300; ++i) {
+        add_firmware("font" + std::to_string(i) + ".dat", {.product = 0x4000});
+    }
+    const RunResult result = run({"-S", "-p", firmware_directory()});
+    EXPECT_EQ(result.exit_code, 0);
+    EXPECT_THAT(result.console, HasSubstr("More than 256 firmware files, 'font"));
+    EXPECT_THAT(result.console, HasSubstr(".dat' and those after it are left out\n"));
+    std::size_t listed = 0;
+    for (std::size_t at = 0; (at = result.console.find("PID: 4000", at)) != std::string::npos;
+         ++at) {
+        ++listed;
+    }
+    EXPECT_EQ(listed, 256U);
+}
+
+TEST_F(FileOutcome, FifosAndDevicesAreNoFirmwareFiles) {
+    const std::string fifo = make_fifo("fifo.dat");
+    std::filesystem::create_symlink("/dev/zero", path("device.dat"));
+    for (const std::string& name : {fifo, path("device.dat"), std::string("/dev/zero")}) {
+        EXPECT_EQ(run({"-F", name}).exit_code, no_device_with_a_file) << name;
+        EXPECT_THAT(run({"-D", name}).console, HasSubstr("No flash file: " + name)) << name;
+    }
+}
+
+TEST_F(FileOutcome, DeviceIsNoConfigurationFile) {
+    const RunResult result = run({"-C", "/dev/zero"});
+    EXPECT_EQ(result.exit_code, no_device_with_a_file);
+    EXPECT_THAT(result.console, HasSubstr("No firmware files!\n"));
+}
+
+TEST_F(FileOutcome, ConfigurationFifoNobodyWritesToIsEmpty) {
+    const RunResult result = run({"-C", make_fifo("zelflash.cfg")});
+    EXPECT_EQ(result.exit_code, no_device_with_a_file);
+    EXPECT_THAT(result.console, HasSubstr("No firmware files!\n"));
+}
+
+TEST_F(FileOutcome, FileThatShrinksWhileItIsSentIsCorrupt) {
+    // More records than a stream reads in advance.
+    const FirmwareFile large = {.component = 1, .data_records = 400};
+    const std::string name = add_firmware("boot.dat", large);
+    const auto process = start({"-U", "-p", firmware_directory()});
+    const std::string first = large.messages().front();
+    EXPECT_TRUE(process->wait_until([&] {
+        const auto sent = commands("printer");
+        return std::find(sent.begin(), sent.end(), first) != sent.end();
+    }));
+    std::filesystem::resize_file(name, 100);
+    const RunResult result = finish(*process);
+    EXPECT_EQ(result.exit_code, 6);
+    EXPECT_THAT(result.console, HasSubstr("File corrupted, stopping update\n"));
+    EXPECT_THAT(result.console, EndsWith("Firmware update file bad\nNo devices updated\n"));
+    EXPECT_TRUE(state().component(1).broken);
+    add_firmware("boot.dat", file);
+    expect_updated(update());
+}

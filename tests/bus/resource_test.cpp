@@ -1,0 +1,207 @@
+// What a run takes, and gives back: memory, descriptors, threads. The leak sanitizer, where the
+// build has it, looks at each of these runs as well.
+#include "support/bus_test.h"
+
+#include <gmock/gmock.h>
+
+#include <cstdlib>
+#include <string>
+#include <vector>
+
+using testing::EndsWith;
+using testing::HasSubstr;
+using testing::IsEmpty;
+using testing::Not;
+
+namespace {
+
+constexpr int most_devices = 128;
+
+/// A bus of 128 devices of one vendor each of which has a component 1; the last one is behind.
+std::string full_bus(unsigned int vendor_of_all_but_the_last) {
+    std::string text = quick_timing() +
+                       "[[hub]]\nname = \"left\"\nbus = 1\nports = 80\n"
+                       "[[hub]]\nname = \"right\"\nbus = 2\nports = 80\n";
+    for (int i = 0; i < most_devices; ++i) {
+        const bool is_last = i == most_devices - 1;
+        text += device_text({.name = is_last ? "printer" : "device-" + std::to_string(i),
+                             .serial = "PR" + std::to_string(i),
+                             .components = {{}, {.id = 1, .level = is_last ? "01.02" : "01.05"}},
+                             .vendor = is_last ? 0x7A01 : vendor_of_all_but_the_last,
+                             .device_keys = i < 64 ? "hub = \"left\"" : "hub = \"right\""});
+    }
+    return text;
+}
+
+class Resources : public BusTest {
+  protected:
+    static SimDevice printer() {
+        SimDevice device;
+        device.components = {{}, {.id = 1}};
+        return device;
+    }
+    /// The query of the EC level is the same command, and comes first.
+    static std::string stop_without_answer() {
+        return fault_text("printer", "command", "no-answer",
+                          "byte = 0x02\nnumber = 2\ntimes = \"always\"");
+    }
+};
+
+}  // namespace
+
+TEST_F(Resources, UpdateOver128DevicesGivesAllMemoryBack) {
+    set_bus(full_bus(0x7A01));
+    add_firmware("boot.dat", {.component = 1});
+    const RunResult result = update();
+    EXPECT_EQ(result.exit_code, 0);
+    EXPECT_EQ(result.errors, "");
+    EXPECT_THAT(result.console, EndsWith("Updated 1 device\n"));
+    EXPECT_EQ(count_lines(result.console,
+                          "    File EC level smaller or equal, no update needed "
+                          "for PID: 3c35  COMP: 1"),
+              most_devices - 1);
+}
+
+TEST_F(Resources, DeviceThatNeverAnswersTheStopCommandLeavesNothingBehind) {
+    set_bus({printer()}, stop_without_answer());
+    const FirmwareFile file = {.component = 1};
+    add_firmware("boot.dat", file);
+    const RunResult result = update({"-n", "3"});
+    EXPECT_EQ(result.exit_code, 0);
+    EXPECT_EQ(result.errors, "");
+    EXPECT_EQ(image("printer", 1), file.body());
+    EXPECT_THAT(result.log,
+                HasSubstr("finished waiting for device to close (read_hid_in_progress=1,"));
+    EXPECT_THAT(result.log, Not(HasSubstr("the reader does not leave")));
+}
+
+TEST_F(Resources, DeviceThatIsUnpluggedUnderItsReaderLeavesNothingBehind) {
+    for (const char* at : {"device-info", "extended-list", "ec-level", "interrupt"}) {
+        set_bus({printer()}, fault_text("printer", at, "unplug", "times = \"always\""));
+        for (const char* command : {"-L", "-R"}) {
+            const RunResult result = run({command});
+            EXPECT_EQ(result.signal, 0) << at << ' ' << command;
+            EXPECT_EQ(result.errors, "") << at << ' ' << command;
+            for (const Transfer& one : record().all()) {
+                EXPECT_NE(one.kind, "misuse") << at << ' ' << command;
+            }
+        }
+    }
+}
+
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+
+namespace {
+
+/// Runs whose end is noted. The sanitizers bring descriptors and memory of their own.
+class RunEnd : public Resources {
+  protected:
+    RunEnd() {
+        settings.environment["LD_PRELOAD"] = RUN_END;
+        settings.environment["RUN_END"] = path("run-end");
+    }
+    /// Files that the last run opened and left open; what the simulated bus holds on behalf of the
+    /// whole process is not the program's.
+    std::vector<std::string> left_open() const {
+        std::vector<std::string> left;
+        std::istringstream lines(read_file(path("run-end")));
+        for (std::string line; std::getline(lines, line);) {
+            const bool is_of_the_bus =
+                line == path("record.tsv") || line.starts_with(path("state/"));
+            if (!is_of_the_bus && !line.starts_with("peak ")) {
+                left.push_back(line);
+            }
+        }
+        return left;
+    }
+    /// Most memory that the last run held, in KiB.
+    long peak() const {
+        const std::string text = read_file(path("run-end"));
+        const auto at = text.rfind("peak ");
+        const long kilobytes =
+            at == std::string::npos ? -1 : std::strtol(text.c_str() + at + 5, nullptr, 10);
+        EXPECT_GT(kilobytes, 0);
+        return kilobytes;
+    }
+    static constexpr long generous_growth = 1024;  // KiB
+};
+
+}  // namespace
+
+TEST_F(RunEnd, EveryCommandClosesItsDescriptors) {
+    set_bus({printer()});
+    const std::string file = add_firmware("boot.dat", {.component = 1});
+    write_file(path("zelflash.cfg"), "boot.dat\n");
+    for (const std::vector<std::string>& arguments : std::vector<std::vector<std::string>>{
+             {"-V"},
+             {"-L"},
+             {"-S", "-p", firmware_directory()},
+             {"-D", file},
+             {"-G", "1", "-w", path("read.dat")},
+             {"-U", "-p", firmware_directory(), "-r", path("rma")},
+             {"-C", path("zelflash.cfg"), "-p", firmware_directory(), "-f"},
+             {"-F", file, "-f"},
+             {"-R"}}) {
+        EXPECT_EQ(run(arguments).exit_code, 0) << arguments[0];
+        EXPECT_GT(peak(), 0);
+        EXPECT_THAT(left_open(), IsEmpty()) << arguments[0];
+    }
+}
+
+TEST_F(RunEnd, FailedUpdatesCloseTheirDescriptors) {
+    add_firmware("boot.dat", {.component = 1});
+    for (const char* fault : {"unplug", "reject", "stall"}) {
+        set_bus({printer()}, fault_text("printer", "record", fault, "times = \"always\""));
+        EXPECT_EQ(update({"-r", path("rma")}).exit_code, 6) << fault;
+        EXPECT_THAT(left_open(), IsEmpty()) << fault;
+    }
+}
+
+TEST_F(RunEnd, PeakMemoryDoesNotGrowWithTheDevices) {
+    // The devices that are not the updater's are there in both runs: the bus itself has its price.
+    add_firmware("boot.dat", {.component = 1});
+    set_bus(full_bus(0x1234));
+    EXPECT_THAT(update().console, EndsWith("Updated 1 device\n"));
+    const long of_one = peak();
+    std::filesystem::remove_all(path("state"));
+    set_bus(full_bus(0x7A01));
+    EXPECT_THAT(update().console, EndsWith("Updated 1 device\n"));
+    EXPECT_LT(peak(), of_one + generous_growth);
+    RecordProperty("peak_kib_one", std::to_string(of_one));
+    RecordProperty("peak_kib_128", std::to_string(peak()));
+}
+
+TEST_F(RunEnd, PeakMemoryDoesNotGrowWithTheRecords) {
+    set_bus({printer()});
+    std::vector<long> peaks;
+    for (const int records : {64, 1024}) {
+        const FirmwareFile file = {.component = 1, .data_records = records};
+        add_firmware("boot.dat", file);
+        EXPECT_THAT(update({"-f"}).console, EndsWith("Updated 1 device\n"));
+        EXPECT_EQ(image("printer", 1), file.body());
+        peaks.push_back(peak());
+        EXPECT_EQ(run({"-G", "1", "-w", path("read.dat")}).exit_code, 0);
+        peaks.push_back(peak());
+    }
+    EXPECT_LT(peaks[2], peaks[0] + generous_growth);
+    EXPECT_LT(peaks[3], peaks[1] + generous_growth);
+    RecordProperty("peak_kib_64", std::to_string(peaks[0]));
+    RecordProperty("peak_kib_1024", std::to_string(peaks[2]));
+}
+
+TEST_F(Resources, ReadersThatAreStillInTheirReadDoNotHoldUpTheEnd) {
+    settings.environment["LD_PRELOAD"] = LINGERING_READ;
+    set_bus({printer()}, stop_without_answer());
+    const FirmwareFile file = {.component = 1};
+    add_firmware("boot.dat", file);
+    const RunResult result = update({"-r", path("rma"), "-n", "3"});
+    EXPECT_EQ(result.exit_code, 0);
+    EXPECT_EQ(result.errors, "");
+    EXPECT_EQ(image("printer", 1), file.body());
+    EXPECT_THAT(result.log, HasSubstr("the reader does not leave, its device stays open\n"));
+    EXPECT_THAT(result.log, EndsWith("==================================================\n"));
+    EXPECT_THAT(read_file(path("rma")), HasSubstr(": Flash succeeded \n"));
+    EXPECT_FALSE(trace().empty());
+}
+
+#endif
