@@ -7,7 +7,7 @@
 
 #include <array>
 #include <cerrno>
-#include <cstdio>
+#include <sstream>
 #include <stdexcept>
 #include <system_error>
 
@@ -28,13 +28,14 @@ std::vector<std::string> merged_environment(const std::map<std::string, std::str
         }
     }
     for (const auto& [name, value] : added) {
-        variables.push_back(name + "=" + value);
+        variables.emplace_back(name).append("=").append(value);
     }
     return variables;
 }
 
 std::vector<char*> pointers(std::vector<std::string>& texts) {
     std::vector<char*> result;
+    result.reserve(texts.size() + 1);
     for (std::string& text : texts) {
         result.push_back(text.data());
     }
@@ -81,8 +82,8 @@ ChildCost run_child(const std::vector<std::string>& command,
         check(errno == EINTR ? 0 : errno, "waitpid");
     }
     ChildCost cost;
-    if (std::sscanf(text.c_str(), "%d %lf %lf %lf", &cost.exit_code, &cost.wall, &cost.cpu,
-                    &cost.memory_mib) != 4) {
+    std::istringstream figures(text);
+    if (!(figures >> cost.exit_code >> cost.wall >> cost.cpu >> cost.memory_mib)) {
         throw std::runtime_error("can't measure " + command[0]);
     }
     return cost;

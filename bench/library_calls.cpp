@@ -214,7 +214,7 @@ BENCHMARK(send_records_bare)
 
 int main(int argc, char** argv) {
     benchmark::Initialize(&argc, argv);
-    const int devices = argc == 2 ? std::atoi(argv[1]) : 0;
+    const int devices = argc == 2 ? static_cast<int>(std::strtol(argv[1], nullptr, 10)) : 0;
     if (devices < 1) {
         std::cerr << "usage: library_calls DEVICES [BENCHMARK-OPTION ...]\n";
         return 2;

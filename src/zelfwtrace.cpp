@@ -234,7 +234,7 @@ void Trace::tprintf(const char* fmt, ...) {
 void Trace::write_formatted_text(const char* text) {
     std::size_t length = strlen(text);
     std::vector<char> result;
-    if (memchr(text, '%', length) != nullptr) {
+    if (strchr(text, '%') != nullptr) {
         result = reinterpret_without_arguments(text);
         text = result.data();
         length = result.size();
