@@ -11,10 +11,13 @@
 #include <unistd.h>
 
 #include <algorithm>
+#include <chrono>
 #include <cstring>
 #include <filesystem>
+#include <fstream>
 #include <functional>
 #include <string>
+#include <thread>
 #include <vector>
 
 using testing::ElementsAre;
@@ -385,6 +388,31 @@ TEST_F(FirmwareSearch, ForceMarkerIsARegularFile) {
     EXPECT_FALSE(force_marker_exists(directory_.path("a.dat").c_str()));
     EXPECT_FALSE(force_marker_exists(directory_.path("b.dat").c_str()));
     EXPECT_FALSE(force_marker_exists(std::string(5000, 'n').c_str()));
+}
+
+TEST_F(FirmwareSearch, ConfigurationMayComeThroughAPipe) {
+    const std::string path = directory_.path("pipe.cfg");
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    // One that writes late, and in two parts.
+    std::thread writer([&path] {
+        const auto pause = std::chrono::milliseconds(100);
+        std::this_thread::sleep_for(pause);
+        std::ofstream file(path);
+        std::this_thread::sleep_for(pause);
+        file << "a.dat\nb." << std::flush;
+        std::this_thread::sleep_for(pause);
+        file << "dat\n";
+    });
+    read_config_file(path.c_str());
+    writer.join();
+    EXPECT_THAT(candidates(), ElementsAre("a.dat", "b.dat"));
+}
+
+TEST_F(FirmwareSearch, ConfigurationOfAPipeNobodyWritesToIsEmpty) {
+    const std::string path = directory_.path("pipe.cfg");
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    read_config_file(path.c_str());
+    EXPECT_THAT(candidates(), IsEmpty());
 }
 
 TEST_F(FirmwareSearch, MarkerThatCannotBeDeletedIsADebugLine) {

@@ -276,6 +276,16 @@ TEST(Terminal, IsNotFooledByIllFormedCharacters) {
     EXPECT_EQ(text_on_terminal("\xf5\x80\x80\x80"), "\xf5???");
 }
 
+TEST(Terminal, ShowsNewlinesAndTabsOfArgumentsAsQuestionMarks) {
+    const auto message = [](const char* serial) {
+        return shown_on_terminal([serial] { writelog(1, "\tSN='%s'\nend\n", serial); });
+    };
+    EXPECT_EQ(message("A"), "\tSN='A'\nend\n");
+    EXPECT_EQ(message("\n\tUpdated 9 devices\n"), "\tSN='??Updated 9 devices?'\nend\n");
+    EXPECT_EQ(message("\x01\n\x01"), "\tSN='???'\nend\n");
+    EXPECT_EQ(message(std::string(5000, '\n').c_str()), "\tSN='" + std::string(4190, '?'));
+}
+
 TEST(Terminal, LeavesLogAndTraceAlone) {
     const TemporaryDirectory directory;
     open_log_file(directory.path("log").c_str());
@@ -309,6 +319,30 @@ TEST(LogFile, ThatCannotBeOpenedIsSilent) {
     close_log_file();
     EXPECT_EQ(testing::internal::GetCapturedStdout(), "x\n");
     EXPECT_EQ(testing::internal::GetCapturedStderr(), "");
+}
+
+TEST(LogFile, ThatIsAFifoNobodyReadsIsNone) {
+    const TemporaryDirectory directory;
+    const std::string name = directory.path("log");
+    ASSERT_EQ(mkfifo(name.c_str(), 0600), 0);
+    open_log_file(name.c_str());
+    EXPECT_EQ(hLogFile, nullptr);
+}
+
+TEST(LogFile, MayBeAFifoThatIsRead) {
+    const TemporaryDirectory directory;
+    const std::string name = directory.path("log");
+    ASSERT_EQ(mkfifo(name.c_str(), 0600), 0);
+    const int reader = open(name.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    open_log_file(name.c_str());
+    writelog(0, "x\n");
+    // A full pipe is waited for, as that of the console is.
+    EXPECT_EQ(fcntl(fileno(hLogFile), F_GETFL) & O_NONBLOCK, 0);
+    close_log_file();
+    char text[8] = {};
+    EXPECT_EQ(read(reader, text, sizeof(text)), 2);
+    EXPECT_STREQ(text, "x\n");
+    close(reader);
 }
 
 TEST(LogFile, IsClosedOnceAndWrittenNoMore) {
