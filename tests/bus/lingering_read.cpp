@@ -14,14 +14,18 @@ using Transfer = decltype(&libusb_interrupt_transfer);
 
 Transfer real_transfer = nullptr;
 
+[[noreturn]] int pause_for_ever() {
+    for (;;) {
+        pause();
+    }
+}
+
 int lingering_transfer(libusb_device_handle* handle, unsigned char endpoint, unsigned char* data,
                        int length, int* transferred, unsigned int timeout) {
     const int rc = real_transfer(handle, endpoint, data, length, transferred, timeout);
     const bool is_read = (endpoint & LIBUSB_ENDPOINT_IN) != 0;
-    while (is_read && rc != 0 && rc != LIBUSB_ERROR_TIMEOUT) {
-        pause();
-    }
-    return rc;
+    const bool lingers = is_read && rc != 0 && rc != LIBUSB_ERROR_TIMEOUT;
+    return lingers ? pause_for_ever() : rc;
 }
 
 }  // namespace

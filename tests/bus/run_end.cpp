@@ -26,7 +26,7 @@ Descriptors open_descriptors() {
         std::array<char, 4096> target = {};
         const ssize_t length =
             readlinkat(dirfd(directory.get()), entry->d_name, target.data(), target.size());
-        const int number = std::atoi(entry->d_name);
+        const int number = static_cast<int>(std::strtol(entry->d_name, nullptr, 10));
         if (length > 0 && number != dirfd(directory.get())) {
             open[number] = std::string(target.data(), static_cast<std::size_t>(length));
         }
@@ -44,15 +44,18 @@ Descriptors& inherited_descriptors() {
     inherited_descriptors() = open_descriptors();
 }
 
+/// In KiB.
 long peak_memory() {
+    const std::string label = "VmHWM:";
     const File status(std::fopen("/proc/self/status", "r"), std::fclose);
     std::array<char, 256> line = {};
-    long kilobytes = -1;
     while (status != nullptr &&
-           std::fgets(line.data(), static_cast<int>(line.size()), status.get()) != nullptr &&
-           std::sscanf(line.data(), "VmHWM: %ld", &kilobytes) != 1) {
+           std::fgets(line.data(), static_cast<int>(line.size()), status.get()) != nullptr) {
+        if (label.compare(0, label.size(), line.data(), label.size()) == 0) {
+            return std::strtol(line.data() + label.size(), nullptr, 10);
+        }
     }
-    return kilobytes;
+    return -1;
 }
 
 [[gnu::destructor]] void note_end() {
