@@ -282,7 +282,10 @@ TEST(Terminal, ShowsNewlinesAndTabsOfArgumentsAsQuestionMarks) {
     };
     EXPECT_EQ(message("A"), "\tSN='A'\nend\n");
     EXPECT_EQ(message("\n\tUpdated 9 devices\n"), "\tSN='??Updated 9 devices?'\nend\n");
-    EXPECT_EQ(message("\x01\n\x01"), "\tSN='???'\nend\n");
+    EXPECT_EQ(message("\x01\n\x01"),
+              "\tSN='?"
+              "?"
+              "?'\nend\n");
     EXPECT_EQ(message(std::string(5000, '\n').c_str()), "\tSN='" + std::string(4190, '?'));
 }
 
