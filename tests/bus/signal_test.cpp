@@ -18,7 +18,7 @@ namespace {
 
 constexpr char slow_timing[] =
     "timing = { transfer_ms = 0, query_ms = 100, erase_ms = 300, record_ms = 60, "
-    "checksum_ms = 50, reset_ms = 300 }";
+    "checksum_ms = 500, reset_ms = 300 }";
 constexpr char explanation[] = "Finishing the component in progress, do not disconnect the device";
 
 /// A printer and a scanner whose components 1 are sent images, slowly enough to step in between.
@@ -181,7 +181,7 @@ TEST_P(Signal, WhileDevicesAreListedEndsTheRunAtOnce) {
     EXPECT_EQ(count_lines(next.console, list_line(0x3C35, 1, "01.02", "PR0001")), 1);
 }
 
-TEST_P(Signal, AfterTheResetWasSentEndsTheRunWithTheImageWhole) {
+TEST_P(Signal, AtTheResetEndsTheRunWithTheImageWhole) {
     set_bus({slow_printer({{}})});
     const FirmwareFile main = {.data_records = 5};
     add_firmware("boot.dat", main);
@@ -190,10 +190,13 @@ TEST_P(Signal, AfterTheResetWasSentEndsTheRunWithTheImageWhole) {
         return count_lines(read_file(path("console.txt")), "Reset to be done for PID 3c35") > 0;
     }));
     process->send_signal(GetParam());
-    EXPECT_EQ(finish(*process).signal, GetParam());
+    const RunResult result = finish(*process);
+    EXPECT_EQ(result.signal, GetParam());
     EXPECT_EQ(image("printer", 0), main.body());
     EXPECT_EQ(state().resets, 1);
-    EXPECT_THAT(read_file(path("rma")), HasSubstr(": Flash succeeded \n"));
+    // On a busy machine the component may be over before the signal comes: then it is not held.
+    const bool was_held = count_lines(result.console, explanation) == 1;
+    EXPECT_EQ(read_file(path("rma")).find(": Flash succeeded \n") != std::string::npos, was_held);
 }
 
 TEST_P(Signal, InTheSleepAfterAResetEndsTheRunAtOnce) {
