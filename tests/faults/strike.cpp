@@ -53,6 +53,17 @@ std::size_t find_checksum(const TransferRecord& record, const Target& target) {
     return static_cast<std::size_t>(found - lines.begin());
 }
 
+bool struck_checksum(const TransferRecord& record, const Strike& strike, const Target& target) {
+    const auto lines = record.all();
+    const auto next =
+        std::find_if(lines.begin() + static_cast<std::ptrdiff_t>(strike.at) + 1, lines.end(),
+                     [&](const Transfer& line) {
+                         return line.device == target.device && line.kind != "interrupt";
+                     });
+    const auto checksum = find_checksum(record, target);
+    return checksum < lines.size() && static_cast<std::size_t>(next - lines.begin()) == checksum;
+}
+
 int count_erases(const TransferRecord& record, const std::string& device) {
     const auto commands = record.commands(device);
     return static_cast<int>(std::count(commands.begin(), commands.end(), erase));

@@ -28,5 +28,8 @@ bool carries(const Transfer& transfer, const Target& target);
 bool has_sent_image(const TransferRecord& record, const Target& target);
 /// The line that carries the target's checksum; the record's size when there is none.
 std::size_t find_checksum(const TransferRecord& record, const Target& target);
+/// Whether the fault struck the message that carries the target's checksum. A status that another
+/// thread reads may stand between the two lines.
+bool struck_checksum(const TransferRecord& record, const Strike& strike, const Target& target);
 int count_erases(const TransferRecord& record, const std::string& device);
 int count_drops(const TransferRecord& record, const std::string& device, const std::string& reason);

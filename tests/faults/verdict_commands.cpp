@@ -49,11 +49,20 @@ bool has_reason(const Evidence& evidence) {
     return complains(evidence.run.log, evidence.sound.run.log);
 }
 
-/// The transfer that was struck.
+/// The transfer that was struck. A status that another thread reads may stand in front of it.
 Transfer struck_transfer(const Evidence& evidence) {
+    if (!evidence.strike.has_struck) {
+        return {};
+    }
     const auto lines = evidence.run.record.all();
-    const std::size_t next = evidence.strike.at + 1;
-    return evidence.strike.has_struck && next < lines.size() ? lines[next] : Transfer{};
+    const bool may_be_status = evidence.injection.event == "interrupt";
+    const auto next =
+        std::find_if(lines.begin() + static_cast<std::ptrdiff_t>(evidence.strike.at) + 1,
+                     lines.end(), [&](const Transfer& line) {
+                         return line.device == evidence.injection.device &&
+                                (may_be_status || line.kind != "interrupt");
+                     });
+    return next != lines.end() ? *next : Transfer{};
 }
 
 /// The device drops at its reset, and so a reset command that could not be sent counts as one.

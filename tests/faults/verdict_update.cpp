@@ -129,7 +129,7 @@ class UpdateVerdict {
     /// The device did not take the checksum and answered as if it had: nobody can know.
     bool was_lied_about(const Target& target) const {
         return is_kind("plausible-garbage") && evidence_.injection.event == "command" &&
-               evidence_.strike.at + 1 == find_checksum(evidence_.run.record, target);
+               struck_checksum(evidence_.run.record, evidence_.strike, target);
     }
 
     void judge_failure(const Target& target, const Claim& claim) {
@@ -140,8 +140,9 @@ class UpdateVerdict {
         if (evidence_.strike.opening > update_opening(target) && !has_lasting_effect()) {
             add(name_of(target) + " failed before the fault");
         }
-        const std::size_t checksum = find_checksum(evidence_.run.record, target);
-        if (evidence_.place.holds_image(target) && evidence_.strike.at + 1 < checksum) {
+        if (evidence_.place.holds_image(target) &&
+            evidence_.strike.at < find_checksum(evidence_.run.record, target) &&
+            !struck_checksum(evidence_.run.record, evidence_.strike, target)) {
             add(name_of(target) + " counts as failed, and holds its file's bytes");
         }
         if (!claim.has_reason) {
