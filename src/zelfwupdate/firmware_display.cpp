@@ -30,12 +30,13 @@ int low_byte(int level) {
 /// Two lower-case hexadecimal digits and `separator` for each byte.
 void append_hexadecimal(std::string& text, std::span<const std::uint8_t> bytes, char separator) {
     constexpr const char digits[] = "0123456789abcdef";
-    std::size_t at = text.size();
-    text.resize(at + 3 * bytes.size());
+    const std::size_t start = text.size();
+    text.resize(start + 3 * bytes.size());
+    char* at = text.data() + start;
     for (const std::uint8_t byte : bytes) {
-        text[at++] = digits[byte >> 4];
-        text[at++] = digits[byte & 0x0F];
-        text[at++] = separator;
+        *at++ = digits[byte >> 4];
+        *at++ = digits[byte & 0x0F];
+        *at++ = separator;
     }
 }
 
