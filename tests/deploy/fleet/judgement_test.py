@@ -8,9 +8,9 @@ MODULE = (
     pathlib.Path(__file__).parents[3]
     / "deploy/ansible/roles/zelfwupdate/library/zelfw_update.py"
 )
-spec = importlib.util.spec_from_file_location("zelfw_update", MODULE)
-zelfw_update = importlib.util.module_from_spec(spec)
-spec.loader.exec_module(zelfw_update)
+found = importlib.util.spec_from_file_location("zelfw_update", MODULE)
+zelfw_update = importlib.util.module_from_spec(found)
+found.loader.exec_module(zelfw_update)
 
 LIST = """\
 PID: 3c35  COMP: 00  TYPE: FW   EC: 01.05.01 (SN='PR1')
