@@ -93,7 +93,9 @@ FileHandle open_config_file(const char* path) {
         file.reset(fdopen(descriptor, "r"));
     }
     if (file == nullptr) {
-        close(descriptor);
+        if (descriptor >= 0) {
+            close(descriptor);
+        }
         return nullptr;
     }
     if (S_ISFIFO(status.st_mode)) {
