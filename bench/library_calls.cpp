@@ -1,12 +1,12 @@
 /// \file
 /// Calls of the USB library, made by the program's own code and, beside that, made bare: what the
 /// simulated devices cost and what the program adds: library_calls DEVICES [BENCHMARK-OPTION ...]
-#include "flshusbintf.h"
+#include "firmware/firmware_file.h"
+#include "session/exchange.h"
 #include "simulation.h"
-#include "zelflshenum.h"
-#include "zelfwupdate/exchange.h"
-#include "zelfwupdate/firmware_file.h"
-#include "zelhidlib.h"
+#include "usb/flshusbintf.h"
+#include "usb/zelflshenum.h"
+#include "usb/zelhidlib.h"
 
 #include <benchmark/benchmark.h>
 

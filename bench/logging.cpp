@@ -1,8 +1,8 @@
 /// \file
 /// What a line of the log costs, at each level that makes a difference, with and without trace.
-#include "output.h"
+#include "journal/output.h"
+#include "journal/zelfwtrace.h"
 #include "simulation.h"
-#include "zelfwtrace.h"
 
 #include <benchmark/benchmark.h>
 

@@ -1,12 +1,14 @@
-#include "output.h"
-#include "zelfwtrace.h"
-#include "zelfwupdate/fault_report.h"
-#include "zelfwupdate/firmware_search.h"
-#include "zelfwupdate/options.h"
-#include "zelfwupdate/signal_hold.h"
-#include "zelfwupdate/usage.h"
-#include "zelfwupdate/zelflash.h"
-#include "zelhidlib.h"
+#include "command_line/options.h"
+#include "command_line/usage.h"
+#include "exit_code.h"
+#include "firmware/firmware_search.h"
+#include "journal/output.h"
+#include "journal/zelfwtrace.h"
+#include "process/fault_report.h"
+#include "process/signal_hold.h"
+#include "session/zelflash.h"
+#include "settings.h"
+#include "usb/zelhidlib.h"
 
 #include <ltdl.h>
 

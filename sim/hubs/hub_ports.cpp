@@ -1,7 +1,7 @@
 #include "hubs/hub_ports.h"
 
-#include "model/bus.h"
-#include "model/bus_file.h"
+#include "model/bus_file/bus_file.h"
+#include "model/device/bus.h"
 
 #include <cstdio>
 #include <cstdlib>

@@ -1,6 +1,6 @@
 #include "libusb/configuration_tree.h"
 
-#include "model/descriptors.h"
+#include "model/device/descriptors.h"
 
 #include <algorithm>
 #include <optional>

@@ -2,7 +2,7 @@
 /// The USB library's form of a configuration descriptor.
 #pragma once
 
-#include "model/basics.h"
+#include "model/device/basics.h"
 
 #include <libusb-1.0/libusb.h>
 

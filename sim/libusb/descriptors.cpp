@@ -1,5 +1,5 @@
 // Descriptors of devices, which do not need an open handle.
-#include "model/descriptors.h"
+#include "model/device/descriptors.h"
 
 #include "libusb/configuration_tree.h"
 #include "libusb/objects.h"

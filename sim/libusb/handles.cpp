@@ -1,7 +1,7 @@
 // Opening and closing, claims, kernel drivers and the rest of what a handle can do without a
 // transfer.
 #include "libusb/objects.h"
-#include "model/descriptors.h"
+#include "model/device/descriptors.h"
 
 #include <string>
 #include <utility>

@@ -1,6 +1,6 @@
 #include "libusb/objects.h"
 
-#include "model/descriptors.h"
+#include "model/device/descriptors.h"
 
 #include <algorithm>
 #include <csignal>

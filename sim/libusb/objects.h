@@ -2,7 +2,7 @@
 /// What hides behind the USB library's three opaque pointers, and the one place that owns it all.
 #pragma once
 
-#include "model/bus.h"
+#include "model/device/bus.h"
 
 #include <libusb-1.0/libusb.h>
 

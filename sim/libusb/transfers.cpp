@@ -1,8 +1,8 @@
 // The blocking transfers.
 #include "libusb/objects.h"
-#include "model/descriptors.h"
-#include "model/record_text.h"
-#include "model/request_codes.h"
+#include "model/device/descriptors.h"
+#include "model/device/request_codes.h"
+#include "model/store/record_text.h"
 
 #include <algorithm>
 #include <array>

@@ -2,7 +2,7 @@
 /// The names by which hosts know the places on a bus.
 #pragma once
 
-#include "model/peripheral.h"
+#include "model/device/peripheral.h"
 
 #include <cstdint>
 #include <string>

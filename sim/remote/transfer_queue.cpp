@@ -1,7 +1,7 @@
 #include "remote/transfer_queue.h"
 
-#include "model/record_text.h"
-#include "model/request_codes.h"
+#include "model/device/request_codes.h"
+#include "model/store/record_text.h"
 
 #include <algorithm>
 #include <utility>

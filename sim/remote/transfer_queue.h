@@ -2,9 +2,9 @@
 /// The transfers that a host controller has outstanding at one peripheral.
 #pragma once
 
-#include "model/basics.h"
-#include "model/peripheral.h"
-#include "model/transfer_log.h"
+#include "model/device/basics.h"
+#include "model/device/peripheral.h"
+#include "model/store/transfer_log.h"
 
 #include <cstddef>
 #include <cstdint>

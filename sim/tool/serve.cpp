@@ -1,6 +1,6 @@
 #include "tool/serve.h"
 
-#include "model/bus.h"
+#include "model/device/bus.h"
 #include "usbip/server.h"
 
 #include <sys/signalfd.h>
@@ -72,14 +72,14 @@ void note(const std::string& line) {
 }
 
 /// A file that can be read once one of the signals arrived that end a service.
-zelfsim::FileHandle catch_signals() {
+zelf::FileDescriptor catch_signals() {
     sigset_t signals{};
     sigemptyset(&signals);
     sigaddset(&signals, SIGINT);
     sigaddset(&signals, SIGTERM);
     sigaddset(&signals, SIGHUP);
     sigprocmask(SIG_BLOCK, &signals, nullptr);
-    zelfsim::FileHandle handle(signalfd(-1, &signals, SFD_CLOEXEC));
+    zelf::FileDescriptor handle(signalfd(-1, &signals, SFD_CLOEXEC));
     if (!handle.is_open()) {
         throw std::system_error(errno, std::generic_category(), "signalfd");
     }
@@ -94,7 +94,7 @@ int serve(std::span<const char* const> arguments) {
         std::fprintf(stderr, "zelfwsim: wrong arguments of serve\nTry: zelfwsim --help\n");
         return kWrongArguments;
     }
-    const zelfsim::FileHandle stop = catch_signals();
+    const zelf::FileDescriptor stop = catch_signals();
     zelfsim::Bus bus(options->files);
     zelfsim::usbip::Server server(bus, note);
     if (options->attach) {

@@ -1,7 +1,7 @@
 // The command line tool of the simulated bus.
-#include "model/bus.h"
-#include "model/bus_file.h"
-#include "model/fleet.h"
+#include "model/bus_file/bus_file.h"
+#include "model/bus_file/fleet.h"
+#include "model/device/bus.h"
 #include "tool/serve.h"
 
 #include <charconv>

@@ -1,6 +1,6 @@
 #include "usbip/connection.h"
 
-#include "model/request_codes.h"
+#include "model/device/request_codes.h"
 #include "remote/bus_id.h"
 
 #include <sys/socket.h>
@@ -36,10 +36,11 @@ int error_number(Completion completion) {
 
 }  // namespace
 
-Connection::Connection(FileHandle socket, Exports& exports)
+Connection::Connection(zelf::FileDescriptor socket, Exports& exports)
     : socket_(std::move(socket)), exports_(exports) {}
 
-Connection::Connection(FileHandle socket, Exports& exports, Peripheral& peripheral, TimePoint time)
+Connection::Connection(zelf::FileDescriptor socket, Exports& exports, Peripheral& peripheral,
+                       TimePoint time)
     : Connection(std::move(socket), exports) {
     peripheral.advance(time);
     attach(peripheral);

@@ -2,7 +2,7 @@
 /// One host's connection to the server.
 #pragma once
 
-#include "model/file_access.h"
+#include "common/file_access.h"
 #include "remote/transfer_queue.h"
 #include "usbip/exports.h"
 #include "usbip/protocol.h"
@@ -16,9 +16,10 @@ namespace zelfsim::usbip {
 class Connection {
   public:
     /// `socket` does not block; `exports` outlives this.
-    Connection(FileHandle socket, Exports& exports);
+    Connection(zelf::FileDescriptor socket, Exports& exports);
     /// A connection over which `peripheral`, which is taken already, has been imported.
-    Connection(FileHandle socket, Exports& exports, Peripheral& peripheral, TimePoint time);
+    Connection(zelf::FileDescriptor socket, Exports& exports, Peripheral& peripheral,
+               TimePoint time);
     Connection(const Connection&) = delete;
     Connection& operator=(const Connection&) = delete;
     ~Connection();
@@ -53,7 +54,7 @@ class Connection {
     void send(const Bytes& bytes);
     void flush();
 
-    FileHandle socket_;
+    zelf::FileDescriptor socket_;
     Exports& exports_;
     Phase phase_ = Phase::asking;
     Peripheral* peripheral_ = nullptr;

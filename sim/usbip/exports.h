@@ -2,7 +2,7 @@
 /// The devices of a bus as a server offers them: each to one host at a time.
 #pragma once
 
-#include "model/bus.h"
+#include "model/device/bus.h"
 
 #include <functional>
 #include <set>

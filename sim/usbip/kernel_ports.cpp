@@ -1,6 +1,6 @@
 #include "usbip/kernel_ports.h"
 
-#include "model/file_access.h"
+#include "common/file_access.h"
 #include "usbip/protocol.h"
 
 #include <fcntl.h>
@@ -47,7 +47,7 @@ std::vector<unsigned> KernelPorts::free_ports() const {
 }
 
 int KernelPorts::attach(unsigned port, int socket, std::uint32_t device) const {
-    const FileHandle file(open((directory_ + "/attach").c_str(), O_WRONLY | O_CLOEXEC));
+    const zelf::FileDescriptor file(open((directory_ + "/attach").c_str(), O_WRONLY | O_CLOEXEC));
     if (!file.is_open()) {
         return errno;
     }

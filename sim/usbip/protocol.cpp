@@ -1,6 +1,6 @@
 #include "usbip/protocol.h"
 
-#include "model/descriptors.h"
+#include "model/device/descriptors.h"
 #include "remote/bus_id.h"
 
 #include <algorithm>

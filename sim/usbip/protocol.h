@@ -3,8 +3,8 @@
 /// (Documentation/usb/usbip_protocol.rst of the Linux kernel). All numbers are big-endian.
 #pragma once
 
-#include "model/basics.h"
-#include "model/peripheral.h"
+#include "model/device/basics.h"
+#include "model/device/peripheral.h"
 
 #include <array>
 #include <cstddef>

@@ -74,7 +74,7 @@ std::uint16_t Server::listen(const std::string& address, std::uint16_t port) {
         errno = EINVAL;
         fail(address);
     }
-    listener_ = FileHandle(
+    listener_ = zelf::FileDescriptor(
         socket(name.any.sa_family, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, IPPROTO_TCP));
     const int on = 1;
     if (!listener_.is_open() ||
@@ -121,7 +121,8 @@ void Server::run(int stop) {
 }
 
 void Server::accept_host() {
-    FileHandle socket(accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
+    zelf::FileDescriptor socket(
+        accept4(listener_.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
     if (!socket.is_open()) {
         return;  // the host is gone again
     }
@@ -161,8 +162,8 @@ void Server::attach_device(Peripheral& peripheral, TimePoint time) {
     if (socketpair(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC, 0, pair.data()) != 0) {
         fail("socketpair");
     }
-    FileHandle own(pair[0]);
-    const FileHandle kernels(pair[1]);
+    zelf::FileDescriptor own(pair[0]);
+    const zelf::FileDescriptor kernels(pair[1]);
     if (const int error = kernel_->attach(port, kernels.get(), device_number(peripheral))) {
         return complain(peripheral, "port " + std::to_string(port) + ": " + std::strerror(error));
     }

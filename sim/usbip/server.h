@@ -2,8 +2,8 @@
 /// Serves the devices of a bus over USB/IP.
 #pragma once
 
-#include "model/bus.h"
-#include "model/file_access.h"
+#include "common/file_access.h"
+#include "model/device/bus.h"
 #include "usbip/connection.h"
 #include "usbip/exports.h"
 #include "usbip/kernel_ports.h"
@@ -43,7 +43,7 @@ class Server {
 
     Notes notes_;
     Exports exports_;
-    FileHandle listener_;
+    zelf::FileDescriptor listener_;
     std::optional<KernelPorts> kernel_;
     std::map<const Peripheral*, unsigned> kernel_port_;  ///< where each device was last
     bool complained_ = false;

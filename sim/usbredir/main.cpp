@@ -1,7 +1,7 @@
 // zelfwsim-redir BUSFILE STATEDIR SOCKETDIR: makes a socket SOCKETDIR/NAME for every device of the
 // bus and redirects the device to the QEMU that connects there. Ends when the last one has hung up,
 // or by a signal.
-#include "model/bus.h"
+#include "model/device/bus.h"
 #include "usbredir/redirected_device.h"
 
 #include <poll.h>
@@ -23,8 +23,8 @@
 
 namespace {
 
+using zelf::FileDescriptor;
 using zelfsim::Duration;
-using zelfsim::FileHandle;
 using zelfsim::Peripheral;
 using zelfsim::TimePoint;
 using zelfsim::usbredir::RedirectedDevice;
@@ -33,7 +33,7 @@ using zelfsim::usbredir::RedirectedDevice;
 constexpr Duration kLongestPause = std::chrono::milliseconds(20);
 
 struct Socket {
-    FileHandle listener;
+    zelf::FileDescriptor listener;
     Peripheral* peripheral = nullptr;
 };
 
@@ -41,7 +41,7 @@ struct Socket {
     throw std::system_error(errno, std::generic_category(), what);
 }
 
-FileHandle listen_at(const std::string& path) {
+zelf::FileDescriptor listen_at(const std::string& path) {
     sockaddr_un name{};
     name.sun_family = AF_UNIX;
     if (path.size() >= sizeof(name.sun_path)) {
@@ -50,7 +50,7 @@ FileHandle listen_at(const std::string& path) {
     }
     std::copy(path.begin(), path.end(), std::begin(name.sun_path));
     unlink(path.c_str());
-    FileHandle handle(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
+    zelf::FileDescriptor handle(socket(AF_UNIX, SOCK_STREAM | SOCK_CLOEXEC | SOCK_NONBLOCK, 0));
     if (!handle.is_open() ||
         bind(handle.get(), reinterpret_cast<const sockaddr*>(&name), sizeof(name)) != 0 ||
         listen(handle.get(), 1) != 0) {
@@ -103,7 +103,7 @@ void serve(zelfsim::Bus& bus, const std::vector<Socket>& sockets) {
         }
         for (const Socket& socket : sockets) {
             if (file++->revents != 0) {
-                FileHandle host(
+                zelf::FileDescriptor host(
                     accept4(socket.listener.get(), nullptr, nullptr, SOCK_CLOEXEC | SOCK_NONBLOCK));
                 if (host.is_open()) {
                     devices.emplace_back(std::move(host), *socket.peripheral, bus.log());

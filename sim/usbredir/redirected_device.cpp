@@ -1,7 +1,7 @@
 #include "usbredir/redirected_device.h"
 
-#include "model/descriptors.h"
-#include "model/request_codes.h"
+#include "model/device/descriptors.h"
+#include "model/device/request_codes.h"
 
 #include <sys/socket.h>
 
@@ -80,7 +80,8 @@ void complain(void* /*device*/, int level, const char* message) {
 
 }  // namespace
 
-RedirectedDevice::RedirectedDevice(FileHandle socket, Peripheral& peripheral, TransferLog& log)
+RedirectedDevice::RedirectedDevice(zelf::FileDescriptor socket, Peripheral& peripheral,
+                                   TransferLog& log)
     : socket_(std::move(socket)),
       peripheral_(peripheral),
       log_(log),

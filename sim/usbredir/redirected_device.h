@@ -3,9 +3,9 @@
 /// that QEMU emulates then drives it.
 #pragma once
 
-#include "model/file_access.h"
-#include "model/peripheral.h"
-#include "model/transfer_log.h"
+#include "common/file_access.h"
+#include "model/device/peripheral.h"
+#include "model/store/transfer_log.h"
 #include "remote/transfer_queue.h"
 
 #include <usbredirparser.h>
@@ -23,7 +23,7 @@ namespace zelfsim::usbredir {
 class RedirectedDevice {
   public:
     /// `socket` is connected and does not block; the references outlive this.
-    RedirectedDevice(FileHandle socket, Peripheral& peripheral, TransferLog& log);
+    RedirectedDevice(zelf::FileDescriptor socket, Peripheral& peripheral, TransferLog& log);
     RedirectedDevice(const RedirectedDevice&) = delete;
     RedirectedDevice& operator=(const RedirectedDevice&) = delete;
 
@@ -59,7 +59,7 @@ class RedirectedDevice {
     void stop_receiving(std::uint64_t id, std::uint8_t endpoint);
     void cancel(std::uint64_t id);
 
-    FileHandle socket_;
+    zelf::FileDescriptor socket_;
     Peripheral& peripheral_;
     TransferLog& log_;
     std::unique_ptr<usbredirparser, ParserDeleter> parser_;

@@ -1,7 +1,7 @@
 // Runs that run out of memory: an exception ends the command, not the process.
-#include "flshusbintf.h"
+#include "session/zelflash.h"
 #include "support/bus_test.h"
-#include "zelfwupdate/zelflash.h"
+#include "usb/flshusbintf.h"
 
 #include <gmock/gmock.h>
 

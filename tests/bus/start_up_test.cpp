@@ -1,6 +1,6 @@
 // What a run sets up, in which order, until something ends it; and how it is wound up.
-#include "flshusbintf.h"
 #include "support/bus_test.h"
+#include "usb/flshusbintf.h"
 
 #include <gmock/gmock.h>
 

@@ -1,9 +1,9 @@
 // The plain component list: the first byte swaps level bytes or not, a status report follows, then
 // the data answer.
+#include "flash_protocol.h"
+#include "settings.h"
 #include "support/answering_device.h"
 #include "support/check.h"
-#include "zelfwupdate/messages.h"
-#include "zelfwupdate/options.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FuzzInput input(data, size);

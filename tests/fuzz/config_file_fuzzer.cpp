@@ -1,8 +1,8 @@
 // The configuration file (-C), and the files that it names in a directory of a few.
+#include "firmware/firmware_search.h"
+#include "settings.h"
 #include "support/check.h"
 #include "support/scratch_directory.h"
-#include "zelfwupdate/firmware_search.h"
-#include "zelfwupdate/options.h"
 
 #include <algorithm>
 #include <cstdio>

@@ -1,8 +1,8 @@
 // Device information, EC level and the version of component 1: three status reports, then the data
 // answer to the version.
+#include "flash_protocol.h"
 #include "support/answering_device.h"
 #include "support/check.h"
-#include "zelfwupdate/messages.h"
 
 namespace {
 

@@ -1,11 +1,11 @@
 // Device paths: the input as a path, and a path that the enumerator writes for a device made of the
 // input's bytes, which must lead back to that device.
-#include "flshusbintf.h"
 #include "support/check.h"
 #include "support/fake_usb.h"
 #include "support/fuzz_input.h"
-#include "zelflshenum.h"
-#include "zelflshhid.h"
+#include "usb/flshusbintf.h"
+#include "usb/zelflshenum.h"
+#include "usb/zelflshhid.h"
 
 #include <cstdio>
 #include <cstring>

@@ -1,7 +1,7 @@
 // The extended component list: a status report, then the data answer.
+#include "flash_protocol.h"
 #include "support/answering_device.h"
 #include "support/check.h"
-#include "zelfwupdate/messages.h"
 
 extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size) {
     FuzzInput input(data, size);

@@ -1,9 +1,9 @@
 // The listing of a firmware file (-D).
+#include "firmware/firmware_display.h"
+#include "firmware/firmware_file.h"
 #include "support/check.h"
 #include "support/log_text.h"
 #include "support/scratch_directory.h"
-#include "zelfwupdate/firmware_display.h"
-#include "zelfwupdate/firmware_file.h"
 
 #include <algorithm>
 #include <cstdio>

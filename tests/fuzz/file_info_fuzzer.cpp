@@ -1,8 +1,8 @@
 // The summary of a firmware file, its record count, and the walk over its records.
+#include "firmware/firmware_file.h"
+#include "settings.h"
 #include "support/check.h"
 #include "support/scratch_directory.h"
-#include "zelfwupdate/firmware_file.h"
-#include "zelfwupdate/options.h"
 
 #include <algorithm>
 #include <array>

@@ -1,6 +1,6 @@
 // Report descriptors, as a device answers them.
-#include "hidparse.h"
 #include "support/check.h"
+#include "usb/hidparse.h"
 
 #include <algorithm>
 #include <limits>

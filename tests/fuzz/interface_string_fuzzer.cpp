@@ -1,10 +1,10 @@
 // The strings of HID interfaces, read by both parsers: the one that looks for the flash interface
 // and the enumerator's, which also wants the usage page.
-#include "flshusbintf.h"
 #include "support/check.h"
 #include "support/fake_usb.h"
 #include "support/fuzz_input.h"
-#include "zelflshenum.h"
+#include "usb/flshusbintf.h"
+#include "usb/zelflshenum.h"
 
 #include <cstdio>
 #include <memory>

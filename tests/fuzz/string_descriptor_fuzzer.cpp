@@ -1,9 +1,9 @@
 // String descriptors: the first byte of the input is the size of the caller's buffer, the second a
 // negative transfer result or not, the rest the device's answer.
-#include "flshusbintf.h"
 #include "support/check.h"
 #include "support/fake_usb.h"
 #include "support/fuzz_input.h"
+#include "usb/flshusbintf.h"
 
 #include <algorithm>
 #include <cstring>

@@ -1,12 +1,12 @@
 // The whole program, from its command line to its exit code, against a bus whose every answer comes
 // from the fuzzer. An input of zeros is a run in which all goes well.
+#include "firmware/firmware_search.h"
 #include "program/run_request.h"
 #include "program/scripted_bus.h"
 #include "program/turns.h"
+#include "settings.h"
 #include "support/check.h"
 #include "support/virtual_sleep.h"
-#include "zelfwupdate/firmware_search.h"
-#include "zelfwupdate/options.h"
 
 #include <unistd.h>
 

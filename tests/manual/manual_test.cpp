@@ -1,11 +1,11 @@
 // The manual pages say of the program's options, codes and texts what the program says itself.
+#include "journal/output.h"
+#include "journal/zelfwtrace.h"
 #include "option_table.h"
-#include "output.h"
 #include "page.h"
 #include "program.h"
-#include "zelfwtrace.h"
-#include "zelfwupdate/options.h"
-#include "zelfwupdate/zelflash.h"
+#include "session/zelflash.h"
+#include "settings.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

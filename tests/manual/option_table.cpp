@@ -1,6 +1,6 @@
 #include "option_table.h"
 
-#include "zelfwupdate/options.h"
+#include "command_line/options.h"
 
 #include <unistd.h>
 

@@ -1,4 +1,4 @@
-#include "model/bus_file.h"
+#include "model/bus_file/bus_file.h"
 
 #include "support/bench.h"
 

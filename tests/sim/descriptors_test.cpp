@@ -1,6 +1,6 @@
-#include "model/descriptors.h"
+#include "model/device/descriptors.h"
 
-#include "model/bus_file.h"
+#include "model/bus_file/bus_file.h"
 #include "support/bench.h"
 
 #include <gmock/gmock.h>

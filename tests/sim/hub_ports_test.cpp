@@ -1,7 +1,7 @@
 // What the kernel says about hub ports.
 #include "hubs/hub_ports.h"
 
-#include "model/bus.h"
+#include "model/device/bus.h"
 #include "support/bench.h"
 
 #include <gmock/gmock.h>

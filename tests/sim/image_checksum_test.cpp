@@ -1,4 +1,4 @@
-#include "image_checksum.h"
+#include "common/image_checksum.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
 // The command line tool.
-#include "model/bus_file.h"
-#include "model/fleet.h"
+#include "model/bus_file/bus_file.h"
+#include "model/bus_file/fleet.h"
 #include "support/bench.h"
 
 #include <gmock/gmock.h>

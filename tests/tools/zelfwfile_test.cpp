@@ -1,7 +1,7 @@
-#include "firmware_check.h"
-#include "firmware_description.h"
-#include "firmware_image.h"
 #include "support/firmware_bytes.h"
+#include "zelfwfile/firmware_check.h"
+#include "zelfwfile/firmware_description.h"
+#include "zelfwfile/firmware_image.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,12 +1,12 @@
-#include "output.h"
+#include "firmware/firmware_search.h"
+#include "journal/output.h"
+#include "session/zelflash.h"
+#include "settings.h"
 #include "support/failing_new.h"
 #include "support/firmware_bytes.h"
 #include "support/flash_test.h"
-#include "zelflshenum.h"
-#include "zelflshhid.h"
-#include "zelfwupdate/firmware_search.h"
-#include "zelfwupdate/options.h"
-#include "zelfwupdate/zelflash.h"
+#include "usb/zelflshenum.h"
+#include "usb/zelflshhid.h"
 
 #include <gtest/gtest.h>
 

@@ -1,8 +1,8 @@
+#include "firmware/firmware_search.h"
+#include "session/zelflash.h"
+#include "settings.h"
 #include "support/flash_test.h"
-#include "zelflshhid.h"
-#include "zelfwupdate/firmware_search.h"
-#include "zelfwupdate/options.h"
-#include "zelfwupdate/zelflash.h"
+#include "usb/zelflshhid.h"
 
 #include <gtest/gtest.h>
 

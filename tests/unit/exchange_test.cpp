@@ -1,12 +1,12 @@
-#include "file_handle.h"
-#include "output.h"
+#include "journal/file_handle.h"
+#include "journal/output.h"
+#include "journal/zelfwtrace.h"
+#include "session/zelflash.h"
+#include "settings.h"
 #include "support/failing_new.h"
 #include "support/firmware_bytes.h"
 #include "support/flash_test.h"
-#include "zelflshhid.h"
-#include "zelfwtrace.h"
-#include "zelfwupdate/options.h"
-#include "zelfwupdate/zelflash.h"
+#include "usb/zelflshhid.h"
 
 #include <gtest/gtest.h>
 

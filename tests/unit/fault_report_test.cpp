@@ -1,11 +1,11 @@
-#include "zelfwupdate/fault_report.h"
+#include "process/fault_report.h"
 
-#include "output.h"
+#include "journal/output.h"
+#include "journal/zelfwtrace.h"
+#include "session/zelflash.h"
 #include "support/child_process.h"
 #include "support/firmware_bytes.h"
 #include "support/trace_file.h"
-#include "zelfwtrace.h"
-#include "zelfwupdate/zelflash.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

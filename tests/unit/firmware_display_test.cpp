@@ -1,12 +1,12 @@
-#include "zelfwupdate/firmware_display.h"
+#include "firmware/firmware_display.h"
 
-#include "file_handle.h"
-#include "output.h"
+#include "journal/file_handle.h"
+#include "journal/output.h"
+#include "journal/zelfwtrace.h"
+#include "session/zelflash.h"
+#include "settings.h"
 #include "support/firmware_bytes.h"
 #include "support/trace_file.h"
-#include "zelfwtrace.h"
-#include "zelfwupdate/options.h"
-#include "zelfwupdate/zelflash.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

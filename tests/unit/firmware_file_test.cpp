@@ -1,9 +1,9 @@
-#include "zelfwupdate/firmware_file.h"
+#include "firmware/firmware_file.h"
 
-#include "file_handle.h"
-#include "output.h"
+#include "journal/file_handle.h"
+#include "journal/output.h"
+#include "settings.h"
 #include "support/firmware_bytes.h"
-#include "zelfwupdate/options.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

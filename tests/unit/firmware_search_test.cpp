@@ -1,6 +1,6 @@
-#include "zelfwupdate/firmware_search.h"
+#include "firmware/firmware_search.h"
 
-#include "output.h"
+#include "journal/output.h"
 #include "support/directory_double.h"
 #include "support/firmware_bytes.h"
 

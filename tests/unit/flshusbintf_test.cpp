@@ -1,4 +1,4 @@
-#include "flshusbintf.h"
+#include "usb/flshusbintf.h"
 
 #include "support/fake_usb.h"
 #include "support/log_capture.h"

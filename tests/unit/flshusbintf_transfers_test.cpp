@@ -1,8 +1,8 @@
-#include "flshusbintf.h"
 #include "support/failing_new.h"
 #include "support/fake_usb.h"
 #include "support/log_capture.h"
 #include "support/sleep_double.h"
+#include "usb/flshusbintf.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

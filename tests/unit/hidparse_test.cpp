@@ -1,4 +1,4 @@
-#include "hidparse.h"
+#include "usb/hidparse.h"
 
 #include "support/fake_usb.h"
 

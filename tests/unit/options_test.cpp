@@ -1,6 +1,7 @@
-#include "zelfwupdate/options.h"
+#include "command_line/options.h"
 
-#include "output.h"
+#include "journal/output.h"
+#include "settings.h"
 #include "support/child_process.h"
 #include "support/firmware_bytes.h"
 

@@ -1,9 +1,9 @@
-#include "output.h"
+#include "journal/output.h"
 
+#include "journal/zelfwtrace.h"
 #include "support/child_process.h"
 #include "support/firmware_bytes.h"
 #include "support/trace_file.h"
-#include "zelfwtrace.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,6 +1,6 @@
-#include "private_file.h"
+#include "journal/private_file.h"
 
-#include "file_handle.h"
+#include "journal/file_handle.h"
 #include "support/child_process.h"
 #include "support/firmware_bytes.h"
 

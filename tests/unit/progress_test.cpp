@@ -1,8 +1,8 @@
-#include "output.h"
+#include "journal/output.h"
+#include "journal/zelfwtrace.h"
+#include "session/zelflash.h"
 #include "support/firmware_bytes.h"
 #include "support/trace_file.h"
-#include "zelfwtrace.h"
-#include "zelfwupdate/zelflash.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

@@ -1,9 +1,9 @@
-#include "output.h"
+#include "journal/output.h"
+#include "journal/zelfwtrace.h"
+#include "session/zelflash.h"
+#include "settings.h"
 #include "support/flash_test.h"
-#include "zelflshhid.h"
-#include "zelfwtrace.h"
-#include "zelfwupdate/options.h"
-#include "zelfwupdate/zelflash.h"
+#include "usb/zelflshhid.h"
 
 #include <gtest/gtest.h>
 

@@ -1,7 +1,7 @@
-#include "output.h"
+#include "journal/output.h"
+#include "session/zelflash.h"
+#include "settings.h"
 #include "support/firmware_bytes.h"
-#include "zelfwupdate/options.h"
-#include "zelfwupdate/zelflash.h"
 
 #include <gtest/gtest.h>
 

@@ -1,6 +1,6 @@
-#include "zelfwupdate/signal_hold.h"
+#include "process/signal_hold.h"
 
-#include "output.h"
+#include "journal/output.h"
 #include "support/child_process.h"
 
 #include <gtest/gtest.h>

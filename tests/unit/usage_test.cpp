@@ -1,8 +1,8 @@
-#include "zelfwupdate/usage.h"
+#include "command_line/usage.h"
 
-#include "output.h"
+#include "journal/output.h"
+#include "settings.h"
 #include "support/firmware_bytes.h"
-#include "zelfwupdate/options.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

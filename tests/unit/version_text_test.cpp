@@ -1,4 +1,4 @@
-#include "zelfwupdate/version_text.h"
+#include "firmware/version_text.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "zelflshdev.h"
+#include "usb/zelflshdev.h"
 
 #include <gtest/gtest.h>
 

@@ -1,4 +1,4 @@
-#include "zelflshenum.h"
+#include "usb/zelflshenum.h"
 
 #include "support/fake_usb.h"
 #include "support/log_capture.h"

@@ -1,4 +1,4 @@
-#include "zelflshhid.h"
+#include "usb/zelflshhid.h"
 
 #include "support/failing_new.h"
 #include "support/fake_usb.h"

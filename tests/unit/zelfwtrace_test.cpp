@@ -1,4 +1,4 @@
-#include "zelfwtrace.h"
+#include "journal/zelfwtrace.h"
 
 #include "support/child_process.h"
 #include "support/clock_double.h"

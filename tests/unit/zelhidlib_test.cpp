@@ -1,4 +1,4 @@
-#include "zelhidlib.h"
+#include "usb/zelhidlib.h"
 
 #include "support/log_capture.h"
 

@@ -1,7 +1,7 @@
-#include "zelfwtrace.h"
+#include "flash_protocol.h"
+#include "journal/zelfwtrace.h"
 #include "zelfwtrace/output.h"
 #include "zelfwtrace/usb_packet.h"
-#include "zelfwupdate/messages.h"
 
 #include <pcap/pcap.h>
 

@@ -1,6 +1,6 @@
 #include "zelfwtrace/conversation.h"
 
-#include "zelfwtrace.h"
+#include "journal/zelfwtrace.h"
 #include "zelfwtrace/escape.h"
 
 #include <algorithm>

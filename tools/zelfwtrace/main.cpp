@@ -1,6 +1,6 @@
 // Shows the trace file of the updater: as text, as JSON, as a summary, or as a capture.
 
-#include "file_handle.h"
+#include "journal/file_handle.h"
 #include "zelfwtrace/arguments.h"
 #include "zelfwtrace/conversation.h"
 #include "zelfwtrace/escape.h"

@@ -1,7 +1,7 @@
 #include "zelfwtrace/message.h"
 
+#include "firmware/firmware_file.h"
 #include "zelfwtrace/escape.h"
-#include "zelfwupdate/firmware_file.h"
 
 #include <algorithm>
 #include <iterator>

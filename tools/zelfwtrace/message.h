@@ -2,7 +2,7 @@
 /// Names what the reports of the flash interface say.
 #pragma once
 
-#include "zelfwupdate/messages.h"
+#include "flash_protocol.h"
 
 #include <optional>
 #include <string>

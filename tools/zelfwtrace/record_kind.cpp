@@ -1,6 +1,6 @@
 #include "zelfwtrace/record_kind.h"
 
-#include "zelfwtrace.h"
+#include "journal/zelfwtrace.h"
 
 namespace {
 

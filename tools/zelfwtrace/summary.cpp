@@ -1,6 +1,6 @@
 #include "zelfwtrace/summary.h"
 
-#include "zelfwtrace.h"
+#include "journal/zelfwtrace.h"
 #include "zelfwtrace/message.h"
 
 #include <algorithm>

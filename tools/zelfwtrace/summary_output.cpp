@@ -1,4 +1,4 @@
-#include "zelfwtrace.h"
+#include "journal/zelfwtrace.h"
 #include "zelfwtrace/escape.h"
 #include "zelfwtrace/json_object.h"
 #include "zelfwtrace/output.h"

@@ -1,6 +1,6 @@
 #include "zelfwtrace/trace_reader.h"
 
-#include "zelfwtrace.h"
+#include "journal/zelfwtrace.h"
 
 #include <algorithm>
 #include <cerrno>

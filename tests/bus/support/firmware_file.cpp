@@ -1,6 +1,6 @@
 #include "support/firmware_file.h"
 
-#include "image_checksum.h"
+#include "common/image_checksum.h"
 #include "support/hexadecimal.h"
 
 #include <cstdio>

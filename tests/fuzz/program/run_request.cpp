@@ -1,11 +1,11 @@
 #include "program/run_request.h"
 
-#include "output.h"
+#include "firmware/firmware_search.h"
+#include "journal/output.h"
+#include "journal/zelfwtrace.h"
+#include "session/zelflash.h"
+#include "settings.h"
 #include "support/scratch_directory.h"
-#include "zelfwtrace.h"
-#include "zelfwupdate/firmware_search.h"
-#include "zelfwupdate/options.h"
-#include "zelfwupdate/zelflash.h"
 
 #include <algorithm>
 #include <cstdio>

@@ -2,8 +2,8 @@
 // threads, hubs, the USB library's loader, the user, and the end of the process.
 #include "program/scripted_bus.h"
 #include "program/turns.h"
+#include "session/zelflash.h"
 #include "support/check.h"
-#include "zelfwupdate/zelflash.h"
 
 #include <fcntl.h>
 #include <linux/usbdevice_fs.h>

@@ -1,9 +1,9 @@
 #include "support/answering_device.h"
 
+#include "settings.h"
 #include "support/check.h"
 #include "support/virtual_sleep.h"
-#include "zelflshhid.h"
-#include "zelfwupdate/options.h"
+#include "usb/zelflshhid.h"
 
 #include <algorithm>
 #include <cstring>

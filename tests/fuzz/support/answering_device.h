@@ -2,9 +2,9 @@
 /// One open device of a session whose status reports and data answers the fuzzer gives.
 #pragma once
 
+#include "session/zelflash.h"
 #include "support/fake_usb.h"
 #include "support/fuzz_input.h"
-#include "zelfwupdate/zelflash.h"
 
 #include <array>
 #include <deque>

@@ -1,6 +1,6 @@
 #include "support/log_text.h"
 
-#include "output.h"
+#include "journal/output.h"
 
 #include <cstdlib>
 

@@ -1,7 +1,7 @@
 #include "support/bench.h"
 
-#include "image_checksum.h"
-#include "model/descriptors.h"
+#include "common/image_checksum.h"
+#include "model/device/descriptors.h"
 
 using zelfsim::Bytes;
 using zelfsim::Completion;

@@ -2,7 +2,7 @@
 /// One flash device on a bus of its own, with a clock that the test moves.
 #pragma once
 
-#include "model/bus.h"
+#include "model/device/bus.h"
 #include "support/workspace.h"
 
 #include <optional>

@@ -2,7 +2,7 @@
 /// A directory of a test's own, with a bus file in it.
 #pragma once
 
-#include "model/basics.h"
+#include "model/device/basics.h"
 
 #include <string>
 #include <string_view>

@@ -2,7 +2,7 @@
 /// A libusb of scripted devices behind the p_libusb_* pointers, which records what it is asked.
 #pragma once
 
-#include "zelhidlib.h"
+#include "usb/zelhidlib.h"
 
 #include <cstdint>
 #include <deque>

@@ -1,6 +1,6 @@
 #include "support/firmware_bytes.h"
 
-#include "output.h"
+#include "journal/output.h"
 
 #include <gtest/gtest.h>
 

@@ -1,8 +1,8 @@
 #include "support/flash_test.h"
 
-#include "zelflshhid.h"
-#include "zelfwupdate/firmware_search.h"
-#include "zelfwupdate/options.h"
+#include "firmware/firmware_search.h"
+#include "settings.h"
+#include "usb/zelflshhid.h"
 
 #include <sstream>
 

@@ -2,11 +2,11 @@
 /// What the tests of the flash session share: a bus, a log and a session.
 #pragma once
 
+#include "session/zelflash.h"
 #include "support/flash_bus.h"
 #include "support/log_capture.h"
 #include "support/sleep_double.h"
 #include "support/thread_double.h"
-#include "zelfwupdate/zelflash.h"
 
 #include <gtest/gtest.h>
 
@@ -50,7 +50,7 @@ std::string console_of(int level, int verbose, Action action);
 /// A data answer with a list: three bytes, the list length at byte 2, entries from byte 6.
 Bytes list_answer(int length, const std::vector<Bytes>& entries);
 
-#include "output.h"
+#include "journal/output.h"
 
 template <typename Action>
 std::string console_of(int level, int verbose, Action action) {

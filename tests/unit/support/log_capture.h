@@ -2,7 +2,7 @@
 /// The log file of a test, with debug messages, as text.
 #pragma once
 
-#include "output.h"
+#include "journal/output.h"
 
 #include <string>
 

@@ -1,0 +1,47 @@
+/// \file
+/// The few file operations of tools and simulation, each of which leaves whole files behind when
+/// the process is killed.
+#pragma once
+
+#include "common/bytes.h"
+#include "common/file_error.h"
+
+#include <string>
+#include <string_view>
+
+namespace zelf {
+
+/// An open file descriptor with an owner.
+class FileDescriptor {
+  public:
+    FileDescriptor() = default;
+    explicit FileDescriptor(int descriptor) : descriptor_(descriptor) {}
+    FileDescriptor(FileDescriptor&& other) noexcept;
+    FileDescriptor& operator=(FileDescriptor&& other) noexcept;
+    FileDescriptor(const FileDescriptor&) = delete;
+    FileDescriptor& operator=(const FileDescriptor&) = delete;
+    ~FileDescriptor();
+
+    bool is_open() const { return descriptor_ >= 0; }
+    int get() const { return descriptor_; }
+
+  private:
+    int descriptor_ = -1;
+};
+
+/// Opens for appending, creating the file when needed; `empty` cuts an old one to nothing. Throws
+/// FileError.
+FileDescriptor open_for_append(const std::string& file, bool empty);
+
+/// Appends in one write. Throws FileError naming `file`.
+void append(const FileDescriptor& handle, const std::string& file, ByteView bytes);
+void append(const FileDescriptor& handle, const std::string& file, std::string_view text);
+
+/// Writes beside the file and renames, so that a reader sees the old or the new file. Throws
+/// FileError.
+void replace_file(const std::string& file, std::string_view text);
+
+/// The whole file; empty when there is none.
+Bytes read_bytes_of(const std::string& file);
+
+}  // namespace zelf

@@ -1,0 +1,108 @@
+#include "model/bus_file/bus_file_fault.h"
+
+#include <string>
+
+namespace zelfsim {
+
+namespace {
+
+constexpr std::size_t kLongestWord = 32;
+constexpr std::size_t kMostBytes = 1024;
+
+int hex_digit(char character) {
+    constexpr std::string_view kDigits = "0123456789abcdef";
+    const char lower =
+        character >= 'A' && character <= 'F' ? static_cast<char>(character + 32) : character;
+    const auto found = kDigits.find(lower);
+    return found == std::string_view::npos ? -1 : static_cast<int>(found);
+}
+
+Bytes read_bytes(zelf::TomlTable& table) {
+    Bytes bytes;
+    int high = -1;
+    for (const char character : table.required_text("bytes", kMostBytes * 3)) {
+        if (character == ' ' && high < 0) {
+            continue;
+        }
+        const int digit = hex_digit(character);
+        if (digit < 0) {
+            table.fail("bytes", "\"bytes\" must be pairs of hexadecimal digits");
+        }
+        if (high < 0) {
+            high = digit;
+        } else {
+            bytes.push_back(static_cast<std::uint8_t>(high * 16 + digit));
+            high = -1;
+        }
+    }
+    if (high >= 0) {
+        table.fail("bytes", "\"bytes\" must be pairs of hexadecimal digits");
+    }
+    return bytes;
+}
+
+void refuse_unless(bool allowed, const zelf::TomlTable& table, std::string_view key,
+                   const std::string& where) {
+    if (!allowed && table.has(key)) {
+        table.fail(key, "\"" + std::string(key) + "\" goes only with " + where);
+    }
+}
+
+/// Keys that only some events or actions understand.
+void refuse_misplaced(const zelf::TomlTable& table, FaultEvent at, FaultAction action) {
+    const bool unplug = action == FaultAction::unplug;
+    refuse_unless(at == FaultEvent::command, table, "byte", "at = \"command\"");
+    refuse_unless(at == FaultEvent::record || at == FaultEvent::checksum, table, "component",
+                  "at = \"record\" or \"checksum\"");
+    refuse_unless(unplug || action == FaultAction::late, table, "ms", "\"late\" and \"unplug\"");
+    refuse_unless(unplug, table, "replug_ms", "\"unplug\"");
+    refuse_unless(action == FaultAction::answer || action == FaultAction::data, table, "bytes",
+                  "\"answer\" and \"data\"");
+    refuse_unless(action == FaultAction::short_packet, table, "length", "\"short\"");
+}
+
+}  // namespace
+
+FaultRule read_fault(zelf::TomlTable& table) {
+    constexpr std::int64_t kHighestNumber = 1000000;
+    constexpr std::int64_t kHighestComponent = 14;
+    FaultRule rule;
+    const std::string at = table.required_text("at", kLongestWord);
+    const auto event = fault_event(at);
+    if (!event) {
+        table.fail("at", "unknown event \"" + at + "\"");
+    }
+    const std::string what = table.required_text("action", kLongestWord);
+    const auto action = fault_action(what);
+    if (!action) {
+        table.fail("action", "unknown action \"" + what + "\"");
+    }
+    if (!fits(*event, *action)) {
+        table.fail("action", "\"" + what + "\" cannot happen at \"" + at + "\"");
+    }
+    rule.at = *event;
+    rule.action = *action;
+    refuse_misplaced(table, rule.at, rule.action);
+    rule.number = static_cast<unsigned>(table.integer("number", 1, kHighestNumber).value_or(1));
+    if (const auto byte = table.integer("byte", 0, 0xFF)) {
+        rule.byte = static_cast<std::uint8_t>(*byte);
+    }
+    if (const auto component = table.integer("component", 0, kHighestComponent)) {
+        rule.component = static_cast<std::uint8_t>(*component);
+    }
+    const std::string times = table.text("times", kLongestWord).value_or("once");
+    if (times != "once" && times != "always") {
+        table.fail("times", "\"times\" must be \"once\" or \"always\"");
+    }
+    rule.always = times == "always";
+    rule.delay = table.milliseconds("ms").value_or(Duration{0});
+    rule.replug = table.milliseconds("replug_ms");
+    rule.length = static_cast<std::size_t>(
+        table.integer("length", 0, static_cast<std::int64_t>(kMostBytes)).value_or(1));
+    if (rule.action == FaultAction::answer || rule.action == FaultAction::data) {
+        rule.bytes = read_bytes(table);
+    }
+    return rule;
+}
+
+}  // namespace zelfsim

@@ -1,0 +1,74 @@
+#include "model/device/address_pool.h"
+
+#include "common/file_access.h"
+#include "common/toml_table.h"
+
+#include <algorithm>
+#include <filesystem>
+#include <utility>
+
+namespace zelfsim {
+
+namespace {
+
+constexpr std::uint8_t kFirst = 2;
+constexpr std::uint8_t kLast = 127;
+
+std::uint8_t after(std::uint8_t address) {
+    return address >= kLast ? kFirst : static_cast<std::uint8_t>(address + 1);
+}
+
+}  // namespace
+
+AddressPool::AddressPool(std::string file) : file_(std::move(file)) {
+    if (!std::filesystem::exists(file_)) {
+        return;
+    }
+    const toml::table parsed = zelf::parse_toml_file(file_);
+    zelf::TomlTable table(file_, parsed);
+    for (zelf::TomlTable& bus : table.tables("bus")) {
+        const auto number = static_cast<std::uint8_t>(bus.required_integer("number", 1, 255));
+        buses_[number].next =
+            static_cast<std::uint8_t>(bus.required_integer("next_address", kFirst, kLast));
+        bus.finish();
+    }
+    table.finish();
+}
+
+void AddressPool::take(std::uint8_t bus, std::uint8_t address) {
+    OneBus& one = buses_[bus];
+    one.used.insert(address);
+    if (file_.empty() || !std::filesystem::exists(file_)) {
+        one.next = std::max(one.next, after(address));
+    }
+}
+
+std::uint8_t AddressPool::exchange(std::uint8_t bus, std::uint8_t address) {
+    OneBus& one = buses_[bus];
+    std::uint8_t found = one.next;
+    for (int tries = 0; one.used.contains(found) && tries < kLast; ++tries) {
+        found = after(found);
+    }
+    if (one.used.contains(found)) {
+        return address;
+    }
+    one.used.erase(address);
+    one.used.insert(found);
+    one.next = after(found);
+    save();
+    return found;
+}
+
+void AddressPool::save() const {
+    if (file_.empty()) {
+        return;
+    }
+    std::string text;
+    for (const auto& [number, one] : buses_) {
+        text += "[[bus]]\nnumber = " + std::to_string(number) +
+                "\nnext_address = " + std::to_string(one.next) + "\n";
+    }
+    zelf::replace_file(file_, text);
+}
+
+}  // namespace zelfsim

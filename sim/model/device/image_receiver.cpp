@@ -1,0 +1,121 @@
+#include "model/device/image_receiver.h"
+
+#include <string>
+
+namespace zelfsim {
+
+namespace {
+
+constexpr std::size_t kRecordHead = 3;
+constexpr std::uint8_t kInformation = 0x0F;    // a tag's high nibble
+constexpr std::uint8_t kInlineVersion = 0x0F;  // a tag's low nibble
+constexpr std::uint8_t kListTag = 0xFF;
+
+constexpr unsigned kComponentIds = 0;
+constexpr unsigned kVersionList = 1;
+constexpr unsigned kExtendedList = 2;
+constexpr unsigned kVersion = 1;
+constexpr unsigned kVersionWithBuild = 2;
+
+unsigned subtype(ByteView record) {
+    return record[1] * 256U + record[2];
+}
+
+std::uint8_t high_nibble(ByteView record) {
+    return record[0] >> 4;
+}
+std::uint8_t low_nibble(ByteView record) {
+    return record[0] & 0x0F;
+}
+
+}  // namespace
+
+std::optional<std::uint8_t> ImageReceiver::named_component(ByteView record) {
+    if (high_nibble(record) != kInformation) {
+        return high_nibble(record);
+    }
+    if (record[0] != kListTag) {
+        return low_nibble(record);
+    }
+    switch (subtype(record)) {
+        case kComponentIds:
+        case kExtendedList:
+            return record[kRecordHead];
+        case kVersionList:
+            return static_cast<std::uint8_t>(record[kRecordHead] & 0x0F);
+        default:
+            return std::nullopt;
+    }
+}
+
+bool ImageReceiver::is_download(ByteView record) {
+    return high_nibble(record) != kInformation && low_nibble(record) != kInlineVersion;
+}
+
+bool ImageReceiver::take(ByteView record) {
+    const std::optional<std::uint8_t> named = named_component(record);
+    if (named && component_ && named != component_) {
+        return false;
+    }
+    if (is_download(record) && subtype(record) != (downloads_ & 0xFFFFU)) {
+        return false;
+    }
+    if (!checksum_.add_record(record)) {
+        return false;
+    }
+    if (named) {
+        component_ = named;
+    }
+    ++records_;
+    if (is_download(record)) {
+        ++downloads_;
+    } else {
+        take_level(record);
+    }
+    return true;
+}
+
+void ImageReceiver::set_level(std::uint8_t major, std::uint8_t minor) {
+    if (!level_) {
+        level_.emplace();
+    }
+    level_->major = major;
+    level_->minor = minor;
+}
+
+void ImageReceiver::take_level(ByteView record) {
+    const ByteView payload = record.subspan(kRecordHead);
+    if (high_nibble(record) != kInformation) {
+        Version version;
+        const std::string digits(payload.begin(), payload.end());
+        if (payload.size() == 2) {
+            set_level(payload[0], payload[1]);
+        } else if (payload.size() == 4 &&
+                   parse_level(digits.substr(0, 2) + "." + digits.substr(2), version)) {
+            set_level(version.major, version.minor);
+        }
+        return;
+    }
+    const unsigned kind = subtype(record);
+    if (record[0] != kListTag) {
+        if (kind == kVersion && payload.size() >= 2) {
+            set_level(payload[1], payload[0]);
+        } else if (kind == kVersionWithBuild && payload.size() >= 4) {
+            set_level(payload[1], payload[0]);
+            level_->build = payload[3];
+        }
+        return;
+    }
+    if (kind == kVersionList && payload.size() >= 4) {
+        set_level(payload[2], payload[1]);
+        level_->type =
+            (payload[3] & 1) != 0 ? ComponentType::configuration : ComponentType::firmware;
+    } else if (kind == kExtendedList && payload.size() >= 5) {
+        set_level(payload[2], payload[1]);
+        level_->type = static_cast<ComponentType>(payload[3] >> 1 & 3);
+        level_->random = (payload[3] & 1) != 0;
+        level_->build = payload[4];
+    }
+}
+
+}  // namespace zelfsim

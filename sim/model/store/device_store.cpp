@@ -1,0 +1,125 @@
+#include "model/store/device_store.h"
+
+#include <cerrno>
+#include <cstdio>
+#include <cstring>
+#include <filesystem>
+#include <system_error>
+#include <utility>
+
+namespace zelfsim {
+
+namespace {
+
+constexpr const char* kState = "state.toml";
+constexpr const char* kStaging = "staging.bin";
+constexpr const char* kHistory = "history.tsv";
+
+std::string image_name(std::uint8_t component) {
+    return "image-" + std::to_string(component) + ".bin";
+}
+
+/// The length of the whole records at the front.
+std::size_t whole_records(const Bytes& bytes) {
+    constexpr std::size_t kHead = 4;
+    std::size_t at = 0;
+    while (at < bytes.size() && bytes[at] != 0 && bytes.size() - at >= kHead + bytes[at]) {
+        at += kHead + bytes[at];
+    }
+    return at;
+}
+
+}  // namespace
+
+void DeviceStore::make_directory() {
+    std::error_code error;
+    std::filesystem::create_directories(directory_, error);
+    if (error) {
+        throw FileError(directory_, 0, error.message());
+    }
+}
+
+void DeviceStore::load(DeviceState& state) const {
+    if (persistent() && std::filesystem::exists(path(kState))) {
+        read_state(path(kState), state);
+    }
+}
+
+void DeviceStore::save(const DeviceState& state) {
+    if (persistent()) {
+        make_directory();
+        zelf::replace_file(path(kState), write_state(state));
+    }
+}
+
+void DeviceStore::begin_staging() {
+    staging_.clear();
+    if (persistent()) {
+        make_directory();
+        staging_file_ = zelf::open_for_append(path(kStaging), true);
+    }
+}
+
+void DeviceStore::append_staging(ByteView bytes) {
+    if (!persistent()) {
+        staging_.insert(staging_.end(), bytes.begin(), bytes.end());
+        return;
+    }
+    if (!staging_file_.is_open()) {
+        staging_file_ = zelf::open_for_append(path(kStaging), false);
+    }
+    append(staging_file_, path(kStaging), bytes);
+}
+
+Bytes DeviceStore::load_staging() {
+    if (!persistent()) {
+        return staging_;
+    }
+    Bytes bytes = zelf::read_bytes_of(path(kStaging));
+    const std::size_t whole = whole_records(bytes);
+    if (whole < bytes.size()) {
+        bytes.resize(whole);
+        std::error_code error;
+        std::filesystem::resize_file(path(kStaging), whole, error);
+    }
+    return bytes;
+}
+
+void DeviceStore::keep_staging(std::uint8_t component) {
+    if (!persistent()) {
+        images_[component] = std::move(staging_);
+        staging_.clear();
+        return;
+    }
+    staging_file_ = zelf::FileDescriptor();
+    const std::string image = path(image_name(component));
+    if (std::rename(path(kStaging).c_str(), image.c_str()) != 0) {
+        throw FileError(image, 0, std::strerror(errno));
+    }
+}
+
+void DeviceStore::drop_staging() {
+    staging_.clear();
+    staging_file_ = zelf::FileDescriptor();
+    if (persistent()) {
+        std::error_code error;
+        std::filesystem::remove(path(kStaging), error);
+    }
+}
+
+Bytes DeviceStore::image(std::uint8_t component) const {
+    if (persistent()) {
+        return zelf::read_bytes_of(path(image_name(component)));
+    }
+    const auto found = images_.find(component);
+    return found == images_.end() ? Bytes{} : found->second;
+}
+
+void DeviceStore::add_history(std::string_view line) {
+    if (persistent()) {
+        make_directory();
+        append(zelf::open_for_append(path(kHistory), false), path(kHistory), line);
+    }
+}
+
+}  // namespace zelfsim

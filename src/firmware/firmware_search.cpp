@@ -1,0 +1,274 @@
+#include "firmware/firmware_search.h"
+
+#include "firmware/firmware_file.h"
+#include "firmware/version_text.h"
+#include "journal/file_handle.h"
+#include "journal/output.h"
+
+#include <dirent.h>
+#include <fcntl.h>
+#include <sys/stat.h>
+#include <unistd.h>
+
+#include <algorithm>
+#include <chrono>
+#include <cstdio>
+#include <cstring>
+#include <memory>
+#include <string>
+#include <thread>
+
+FlashFile files[max_list_entries];
+int numberOfusbFlashFiles = 0;
+
+namespace {
+
+using namespace std::chrono_literals;
+
+constexpr int directory_unreadable = 7;
+
+// A fifo that nobody opens for writing counts as empty.
+constexpr auto longest_wait_for_writer = 2000ms;
+constexpr auto poll_for_writer = 10ms;
+
+/// Longest name that fits a row of `fwfilename`.
+constexpr std::size_t max_name_length = sizeof fwfilename[0] - 1;
+
+struct DirectoryCloser {
+    void operator()(DIR* directory) const { static_cast<void>(closedir(directory)); }
+};
+using DirectoryHandle = std::unique_ptr<DIR, DirectoryCloser>;
+
+/// True when the text fitted its field.
+template <std::size_t size>
+bool copy_text(char (&field)[size], const std::string& text) {
+    const int length = snprintf(field, size, "%s", text.c_str());
+    return length >= 0 && static_cast<std::size_t>(length) < size;
+}
+
+bool is_regular_file(DIR* directory, const dirent& entry) {
+    if (entry.d_type != DT_UNKNOWN) {
+        return entry.d_type == DT_REG;
+    }
+    // The file system keeps no types in its directories.
+    struct stat status = {};
+    return fstatat(dirfd(directory), entry.d_name, &status, AT_SYMLINK_NOFOLLOW) == 0 &&
+           S_ISREG(status.st_mode);
+}
+
+/// Appends a name of at most `max_name_length` characters. When the list is full, says so and
+/// returns false: the caller stops.
+bool add_candidate(const std::string& name) {
+    if (numberOffwfilenames >= max_list_entries) {
+        writelog(1, "More than %d firmware files, '%s' and those after it are left out\n",
+                 max_list_entries, name.c_str());
+        return false;
+    }
+    copy_text(fwfilename[numberOffwfilenames], name);
+    ++numberOffwfilenames;
+    return true;
+}
+
+/// Waits for a pipe, which does not block, to have a writer or something to read.
+void wait_for_writer(FILE* pipe) {
+    for (auto waited = 0ms; waited < longest_wait_for_writer; waited += poll_for_writer) {
+        const int character = fgetc(pipe);
+        const bool is_read = character != EOF && ungetc(character, pipe) == character;
+        if (is_read || ferror(pipe) != 0) {
+            break;  // an error says that there is a writer and nothing to read yet
+        }
+        clearerr(pipe);
+        std::this_thread::sleep_for(poll_for_writer);
+    }
+    clearerr(pipe);
+}
+
+/// A configuration file is a file, or a pipe from another program; never a directory or device.
+FileHandle open_config_file(const char* path) {
+    const int descriptor = open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
+    struct stat status = {};
+    FileHandle file;
+    if (descriptor >= 0 && fstat(descriptor, &status) == 0 &&
+        (S_ISREG(status.st_mode) || S_ISFIFO(status.st_mode))) {
+        file.reset(fdopen(descriptor, "r"));
+    }
+    if (file == nullptr) {
+        if (descriptor >= 0) {
+            close(descriptor);
+        }
+        return nullptr;
+    }
+    if (S_ISFIFO(status.st_mode)) {
+        wait_for_writer(file.get());
+        fcntl(descriptor, F_SETFL, 0);
+    }
+    return file;
+}
+
+struct ConfigLine {
+    std::string text;       ///< without its newline, at most one character more than a name
+    bool has_zero = false;  ///< a zero byte, which no file name holds
+};
+
+/// Reads one line of any length; false at the end of the file.
+bool read_config_line(FILE* file, ConfigLine& line) {
+    line.text.clear();
+    line.has_zero = false;
+    int character = fgetc(file);
+    if (character == EOF) {
+        return false;
+    }
+    for (; character != EOF && character != '\n'; character = fgetc(file)) {
+        line.has_zero = line.has_zero || character == 0;
+        if (line.text.size() <= max_name_length) {
+            line.text.push_back(static_cast<char>(character));
+        }
+    }
+    return true;
+}
+
+struct TypeWord {
+    int type;
+    const char* word;
+};
+constexpr TypeWord type_words[] = {
+    {FILE_TYPE_FIRMWARE, "FW"},
+    {FILE_TYPE_CONFIGURATION, "CFG"},
+    {FILE_TYPE_FONT, "FON"},
+    {FILE_TYPE_UNSPECIFIED, "UNS"},
+};
+
+/// The word of a file type; an unknown type becomes unspecified.
+const char* type_word(int& type) {
+    for (const TypeWord& row : type_words) {
+        if (row.type == type) {
+            return row.word;
+        }
+    }
+    type = FILE_TYPE_UNSPECIFIED;
+    return "UNK";
+}
+
+void list_file(FlashFile& row) {
+    const char* type = type_word(row.comp_type);
+    writelog(1, "  %-25s   PID: %04x COMP: %d TYPE: %-3s  EC=%02x.%02x%-3s, Version='%d'\n",
+             row.filename, static_cast<unsigned int>(row.product_id), row.comp_id, type,
+             (row.ec_level >> 8) & 0xFF, row.ec_level & 0xFF, build_suffix(row.build_level).text,
+             row.ec_version);
+}
+
+void read_candidate(const char* name) {
+    FlashFile row = {};
+    const std::string directory = DirName;
+    if (!copy_text(row.filename, name) || !copy_text(row.path, directory) ||
+        !copy_text(row.fullname, directory + name)) {
+        writedebug("name too long, file '%s%s' left out\n", DirName, name);
+        return;
+    }
+    writedebug("using file '%s'\n", row.fullname);
+    if (read_file_info(row.fullname, row.product_id, row.ec_version, row.comp_id, row.ec_level,
+                       row.comp_type, row.build_level, row.version_method) != 0) {
+        return;
+    }
+    list_file(row);
+    files[numberOfusbFlashFiles] = row;
+    ++numberOfusbFlashFiles;
+}
+
+void append_slash_to_directory() {
+    const std::size_t length = strlen(DirName);
+    if (length > 0 && length + 1 < sizeof DirName) {
+        DirName[length] = '/';
+        DirName[length + 1] = '\0';
+    }
+}
+
+std::string force_marker_name(const char* firmware_name) {
+    return std::string(firmware_name) + ".force";
+}
+
+}  // namespace
+
+int search_firmware_files() {
+    numberOffwfilenames = 0;
+    const DirectoryHandle directory(opendir(DirName));
+    if (directory == nullptr) {
+        return directory_unreadable;
+    }
+    writelog(0, "Looking firmware files in directory %s\n", DirName);
+    while (const dirent* entry = readdir(directory.get())) {
+        if (!has_extension(entry->d_name, ".dat") || !is_regular_file(directory.get(), *entry)) {
+            continue;
+        }
+        if (strlen(entry->d_name) > max_name_length) {
+            writedebug("name too long, file '%s' left out\n", entry->d_name);
+            continue;
+        }
+        if (!add_candidate(entry->d_name)) {
+            break;
+        }
+        writelog(0, "  Adding file '%s/%s' to list\n", DirName, entry->d_name);
+    }
+    return 0;
+}
+
+void read_config_file(const char* path) {
+    numberOffwfilenames = 0;
+    const FileHandle file = open_config_file(path);
+    if (file == nullptr) {
+        return;
+    }
+    writelog(Verbose, " Reading '%s' for flash configuration\n", path);
+    ConfigLine line;
+    for (int number = 1; read_config_line(file.get(), line); ++number) {
+        if (!line.text.empty() && line.text.front() == '#') {
+            continue;
+        }
+        if (line.text.size() > max_name_length) {
+            writelog(1, "Line %d of '%s' is longer than %d characters, line skipped\n", number,
+                     path, static_cast<int>(max_name_length));
+        } else if (line.has_zero) {
+            writelog(1, "Line %d of '%s' holds a zero byte, line skipped\n", number, path);
+        } else if (!add_candidate(line.text)) {
+            break;
+        }
+    }
+}
+
+int read_firmware_files() {
+    std::fill(std::begin(files), std::end(files), FlashFile{});
+    numberOfusbFlashFiles = 0;
+    writedebug("numberOffwfilenames=%d (sirName='%s')\n", numberOffwfilenames, DirName);
+    if (numberOffwfilenames < 1) {
+        writelog(1, "No firmware files!\n");
+        return 0;
+    }
+    append_slash_to_directory();
+    writelog(1, "Firmware files:\n");
+    const int count = std::min(numberOffwfilenames, max_list_entries);
+    for (int i = 0; i < count; ++i) {
+        read_candidate(fwfilename[i]);
+    }
+    return 0;
+}
+
+int is_there_a_firmware_file_for_device(int product_id) {
+    if (device_firmware_match_only != 1) {
+        return 1;
+    }
+    return std::any_of(std::begin(files), std::end(files),
+                       [product_id](const FlashFile& row) { return row.product_id == product_id; })
+               ? 1
+               : 0;
+}
+
+bool force_marker_exists(const char* firmware_name) {
+    return open_regular_file(force_marker_name(firmware_name).c_str()) != nullptr;
+}
+
+void delete_force_marker(const char* firmware_name) {
+    const std::string marker = force_marker_name(firmware_name);
+    if (remove(marker.c_str()) != 0) {
+        writedebug("could not delete '%s'\n", marker.c_str());
+    }
+}

@@ -1,0 +1,321 @@
+#include "firmware/firmware_file.h"
+#include "firmware/firmware_search.h"
+#include "firmware/version_text.h"
+#include "journal/file_handle.h"
+#include "journal/output.h"
+#include "process/signal_hold.h"
+#include "session/zelflash.h"
+#include "settings.h"
+#include "usb/zelflshhid.h"
+
+#include <algorithm>
+#include <array>
+#include <cstring>
+#include <new>
+#include <string>
+
+struct ZELFLASH::UpdatePass {
+    bool is_for_main_components;
+    int& reset_needed;
+    int result = 0;
+};
+
+struct ZELFLASH::ComponentUpdate {
+    flashEntry& entry;
+    component_entry& component;
+    const FlashFile& file;
+    std::string file_name;
+    FileHandle stream{};
+    bool is_forced = false;
+    bool has_force_marker = false;
+};
+
+namespace {
+
+constexpr int reader_start_timeout = 2000;  // milliseconds
+/// Main components of devices with this many components are given time to come back.
+constexpr int component_count_that_needs_sleep = 3;
+
+const char* type_text(int comp_type) {
+    constexpr std::array texts = {"UNS", "FW", "CFG", "FON"};
+    const bool in_table = comp_type >= 0 && comp_type < static_cast<int>(texts.size());
+    return in_table ? texts[static_cast<std::size_t>(comp_type)] : "UNK";
+}
+
+const char* control_text(int version_method) {
+    constexpr std::array texts = {"Increasing", "Random"};
+    const bool in_table = version_method >= 0 && version_method < static_cast<int>(texts.size());
+    return in_table ? texts[static_cast<std::size_t>(version_method)] : "";
+}
+
+/// A version as one number that compares.
+int comparable_version(int ec_level, int build_level) {
+    return (ec_level << 8) | build_level;
+}
+
+/// The second of the level's four hexadecimal digits, as its character minus '0': a letter gives 49
+/// to 54.
+int version_digit(int ec_level) {
+    char digits[16];
+    snprintf(digits, sizeof(digits), "%04x", static_cast<unsigned int>(ec_level));
+    return digits[1] - '0';
+}
+
+/// The first file for the component; null when there is none.
+const FlashFile* find_firmware_file(const flashEntry& entry, const component_entry& component) {
+    const int device_version = version_digit(component.ec_level);
+    const int last = std::min(numberOfusbFlashFiles, max_list_entries - 1);
+    // One row past the count.
+    for (int i = 0; i <= last; ++i) {
+        FlashFile& file = files[i];
+        if (comp_update_id > 0) {
+            file.comp_id = comp_update_id;
+        }
+        if (file.product_id != entry.product_id || file.comp_id != component.comp_id) {
+            continue;
+        }
+        if (skip_version_check == 1 || file.ec_version == device_version) {
+            return &file;
+        }
+        writelog(1, "PID: %04x COMP: %d - Version mismatch (file=%x, device=%x)\n",
+                 entry.product_id, component.comp_id, static_cast<unsigned int>(file.ec_version),
+                 static_cast<unsigned int>(device_version));
+    }
+    return nullptr;
+}
+
+void report_file_and_device(const std::string& file_name, const FlashFile& file,
+                            const flashEntry& entry, const component_entry& component) {
+    writelog(1, "\nFirmware file found:  %s\n", file_name.c_str());
+    writelog(1, "  File   - PID: %04x  COMP: %02x  TYPE: %-3s  CONTROL: %-11s  EC: %s\n",
+             file.product_id, file.comp_id, type_text(file.comp_type),
+             control_text(file.version_method), ec_text(file.ec_level, file.build_level).text);
+    writelog(1, "  Device - PID: %04x  COMP: %02x  TYPE: %-3s  CONTROL: %-11s  EC: %s (SN='%s')\n",
+             entry.product_id, component.comp_id, type_text(component.comp_type),
+             control_text(component.version_method),
+             ec_text(component.ec_level, component.build_level).text, entry.serialNumber);
+}
+
+void report_versions(const char* cause, const flashEntry& entry, const component_entry& component,
+                     const FlashFile& file) {
+    writelog(1, "    %s for Product ID: %04x COMP: %d (from: %s -> to: %s)\n", cause,
+             entry.product_id, component.comp_id,
+             ec_text(component.ec_level, component.build_level).text,
+             ec_text(file.ec_level, file.build_level).text);
+}
+
+}  // namespace
+
+int ZELFLASH::start_flash(int component, int& reset_needed) {
+    UpdatePass pass = {.is_for_main_components = component == 0, .reset_needed = reset_needed};
+    const int last_component = component == 0 ? 0 : max_components - 1;
+    for (int row = 0; row < numberOfFlashEntries && SignalHold::held_signal() == 0; ++row) {
+        flashEntry& entry = fe[row];
+        if (entry.flashStatus == NOFLASHALLOWED || entry.flashStatus == FLASHDEVICEGONE) {
+            continue;
+        }
+        for (int number = component; number <= last_component; ++number) {
+            component_entry& listed = entry.component[number];
+            if (number != 0 && listed.comp_id < 1) {
+                continue;
+            }
+            if (SignalHold::held_signal() != 0 || !consider_component(entry, listed, pass)) {
+                break;
+            }
+        }
+    }
+    return pass.result;
+}
+
+bool ZELFLASH::consider_component(flashEntry& entry, component_entry& component, UpdatePass& pass) {
+    const FlashFile* file =
+        numberOfusbFlashFiles < 0 ? nullptr : find_firmware_file(entry, component);
+    if (file == nullptr) {
+        entry.flashStatus = NOFLASHFILE;
+        return true;
+    }
+    ComponentUpdate update = {.entry = entry,
+                              .component = component,
+                              .file = *file,
+                              .file_name = std::string(file->path) + file->filename};
+    update.stream = open_regular_file(update.file_name.c_str());
+    if (update.stream == nullptr) {
+        entry.flashStatus = NOFLASHFILE;
+        writelog(1, "No flash file for PID: %04x C COMP: %d\n", entry.product_id,
+                 component.comp_id);
+        return true;
+    }
+    report_file_and_device(update.file_name, *file, entry, component);
+    return is_due(update) ? update_component(update, pass) : true;
+}
+
+bool ZELFLASH::is_due(ComponentUpdate& update) {
+    const FlashFile& file = update.file;
+    const component_entry& component = update.component;
+    const int file_version = comparable_version(file.ec_level, file.build_level);
+    const int device_version = comparable_version(component.ec_level, component.build_level);
+    const bool is_random = file.version_method == 1 || component.version_method == 1;
+    if (is_random && file_version != device_version) {
+        report_versions("Random version control", update.entry, component, file);
+        return true;
+    }
+    if (!is_random && file_version > device_version) {
+        return true;
+    }
+    if (force_update != 1) {
+        update.has_force_marker = force_marker_exists(update.file_name.c_str());
+    }
+    update.is_forced = force_update == 1 || update.has_force_marker;
+    if (update.is_forced) {
+        report_versions("Force update", update.entry, component, file);
+        return true;
+    }
+    update.entry.flashStatus = ECMATCHES;
+    writelog(1,
+             is_random
+                 ? "    Random control with file and device EC levels equal, no update needed "
+                   "for PID: %04x  COMP: %d\n"
+                 : "    File EC level smaller or equal, no update needed for PID: %04x  "
+                   "COMP: %d\n",
+             update.entry.product_id, component.comp_id);
+    return false;
+}
+
+bool ZELFLASH::update_component(ComponentUpdate& update, UpdatePass& pass) {
+    const int product_id = update.entry.product_id;
+    const int number = update.component.comp_id;
+    writelog(1, "    Starting firmware update of Product ID %04x COMP: %d\n", product_id, number);
+    writelog(1, "    EC level when complete should be %s\n",
+             ec_text(update.file.ec_level, update.file.build_level).text);
+    send_count = count_download_lines(update.file_name.c_str());
+    const int rc = download(update, pass);
+    update.entry.flashStatus = rc;
+    writelog(1, "Firmware update of Product ID %04x COMP: %d finished, rc=%d\n", product_id, number,
+             rc);
+    if (rc == 0) {
+        finish_update(update, pass);
+        return true;
+    }
+    const bool goes_on = continue_on_failure == 1;
+    if (rc == FLASHDEVICEGONE) {
+        writelog(1,
+                 goes_on
+                     ? "Device gone while firmware update of Product ID %04x COMP: %d finished, "
+                       "continue to next device\n"
+                     : "Device gone while firmware update of Product ID %04x COMP: %d finished, "
+                       "stopping update\n",
+                 product_id, number);
+    } else {
+        writelog(1,
+                 goes_on ? "Update failed of Product ID %04x COMP: %d finished, rc=%d, continue to "
+                           "next device\n"
+                         : "Update failed of Product ID %04x COMP: %d finished, rc=%d, stopping "
+                           "update\n",
+                 product_id, number, rc);
+    }
+    if (!goes_on) {
+        // The pass goes on with the next row all the same, and later successes count up from here.
+        pass.result = -rc;
+    }
+    return goes_on;
+}
+
+int ZELFLASH::download(ComponentUpdate& update, UpdatePass& pass) {
+    if (check_for_update_only != 0) {
+        if (pass.is_for_main_components) {
+            pass.reset_needed = 1;
+        }
+        return 0;
+    }
+    const int row = static_cast<int>(&update.entry - fe);
+    return flash_device(update.stream.get(), row, update.component.ec_level,
+                        update.component.comp_id, pass.reset_needed, take_reader_slot());
+}
+
+void ZELFLASH::finish_update(const ComponentUpdate& update, UpdatePass& pass) {
+    ++pass.result;
+    if (update.is_forced) {
+        update.entry.flashStatus = FLASHFORCED;
+    }
+    if (update.has_force_marker) {
+        delete_force_marker(update.file_name.c_str());
+    }
+    if (update.component.comp_id == 0 &&
+        update.entry.component_count >= component_count_that_needs_sleep) {
+        writelog(1, "Main component (%d) of device %04x updated.\n", update.component.comp_id,
+                 update.entry.product_id);
+        if (SignalHold::held_signal() != 0) {
+            return;
+        }
+        writelog(1, "Sleeping for %d milliseconds before using device again\n",
+                 reset_sleep_timeout);
+        chSleep(static_cast<unsigned long>(std::max(reset_sleep_timeout, 0)));
+    }
+}
+
+int ZELFLASH::flash_device(FILE* file, int entry, int device_ec_level, int component,
+                           int& reset_needed, int index) {
+    flashEntry& row = fe[entry];
+    old_percentage = 0;
+    writedebug("Opening '%s' component %d with ec_level=%02x\n", row.DevicePath, component,
+               static_cast<unsigned int>(device_ec_level));
+    hiddev.reset(new (std::nothrow) HIDDEVICE2(0, 0, row.DevicePath));
+    writedebug("'%s' hiddev=%p\n", row.DevicePath, static_cast<void*>(hiddev.get()));
+    if (hiddev == nullptr) {
+        writedebug("Could not open '%s'\n", row.DevicePath);
+        return FLASHDEVICEGONE;
+    }
+    writedebug("Getting components for %04x\n", row.product_id);
+    if (setup_device_for_reading(row.DevicePath, reader_start_timeout, index) != 0) {
+        // A device that can't be opened is left alone and counts as a success.
+        close_device_after_use(index, 1);
+        return 0;
+    }
+    const SignalHold hold;
+    global_reading_information = 1;
+    int rc = erase_and_send(file, component, reset_needed, index);
+    if (reset_needed == 1 && component == 0) {
+        // The flag may stem from an earlier device of the pass: this one is reset all the same.
+        rc = reset_after_update(row, rc, index);
+    } else {
+        row.resetDevice = 0;
+    }
+    row.flashStatus = rc;
+    global_reading_information = 0;
+    close_device_after_use(index, 1);
+    return rc;
+}
+
+int ZELFLASH::erase_and_send(FILE* file, int component, int& reset_needed, int index) {
+    int rc = send_erase_command(index);
+    if (rc != 0) {
+        writelog(1, "Erase of flash image area failed, rc=%d\n", rc);
+    } else {
+        writelog(Verbose, "Erase completed, now sending %d firmware update records from file\n",
+                 send_count);
+        rc = send_firmware_file_data(file, index);
+        if (component == 0) {
+            writelog(Verbose, "Reset needed after update completes\n");
+            reset_needed = 1;
+        }
+    }
+    if (rc == 0) {
+        return 0;
+    }
+    writelog(1, "Firmware update FAILED\n");
+    if (rc == exchange_device_closed) {
+        return FLASHDEVICEGONE;
+    }
+    return rc == FILECORRUPTED ? FILECORRUPTED : FLASHWRITEERROR;
+}
+
+int ZELFLASH::reset_after_update(flashEntry& entry, int rc, int index) {
+    entry.resetDevice = 1;
+    writelog(1, "Reset to be done for PID %04x\n", entry.product_id);
+    ThreadTable[index].stopped = 1;
+    const int reset_rc = send_reset_command();
+    if (reset_rc != 0) {
+        writelog(1, "Reset failed for PID %04x, rc=%d\n", entry.product_id, reset_rc);
+    }
+    return rc == 0 ? reset_rc : rc;
+}

@@ -1,0 +1,16 @@
+/// \file
+/// A firmware file's bytes, from its description to the disk.
+#pragma once
+
+#include "zelfwfile/firmware_description.h"
+
+#include <cstdint>
+#include <string>
+#include <vector>
+
+/// The whole file: header, information records, download records, end mark, checksum.
+std::vector<std::uint8_t> firmware_file_bytes(const FirmwareDescription& description);
+
+/// Writes `bytes` beside `path` and renames the result to it, so that `path` holds the old file or
+/// the new one, never part of it. Throws `std::runtime_error`.
+void write_whole_file(const std::string& path, const std::vector<std::uint8_t>& bytes);
