@@ -2,7 +2,7 @@
 /// Calls of the USB library, made by the program's own code and, beside that, made bare: what the
 /// simulated devices cost and what the program adds: library_calls DEVICES [BENCHMARK-OPTION ...]
 #include "firmware/firmware_file.h"
-#include "session/exchange.h"
+#include "flash_protocol.h"
 #include "simulation.h"
 #include "usb/flshusbintf.h"
 #include "usb/zelflshenum.h"

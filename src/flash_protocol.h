@@ -4,13 +4,17 @@
 /// them from here.
 #pragma once
 
+#include <algorithm>
 #include <array>
 #include <cstddef>
 #include <cstdint>
+#include <iterator>
+#include <string_view>
 
 /// Usages of the flash interface's reports.
 namespace flash_usage {
 constexpr unsigned short page = 0xFF45;
+constexpr unsigned short interface = 0xA000;      ///< top collection: marks a flash interface
 constexpr unsigned short command = 0xA001;        ///< output report
 constexpr unsigned short status = 0xA002;         ///< input report
 constexpr unsigned short data = 0xA003;           ///< feature report
@@ -93,6 +97,54 @@ constexpr CommandRow command_table[] = {
 };
 /// The byte of a command that names a component.
 constexpr std::size_t component_byte = 5;
+
+/// The bits of that byte which name the component, and how far they are from its low end.
+struct ComponentBits {
+    std::uint8_t mask;
+    int shift;
+};
+
+constexpr ComponentBits component_bits(ComponentIn where) {
+    switch (where) {
+        case ComponentIn::low_nibble:
+            return {.mask = 0x0F, .shift = 0};
+        case ComponentIn::high_nibble:
+            return {.mask = 0xF0, .shift = 4};
+        case ComponentIn::nowhere:
+            break;
+    }
+    return {.mask = 0, .shift = 0};
+}
+
+/// The row of a command.
+constexpr const CommandRow& command_row(FlashCommand command) {
+    return *std::find_if(std::begin(command_table), std::end(command_table),
+                         [command](const CommandRow& row) { return row.command == command; });
+}
+
+/// The bytes of a command; `component` (0 to 15) matters to the commands that name one.
+constexpr CommandMessage flash_command(FlashCommand command, int component = 0) {
+    const CommandRow& row = command_row(command);
+    const ComponentBits bits = component_bits(row.component_in);
+    CommandMessage message = row.message;
+    message.bytes[component_byte] = static_cast<char>((message.bytes[component_byte] & ~bits.mask) |
+                                                      ((component << bits.shift) & bits.mask));
+    return message;
+}
+
+/// Whether a report holds the command of `row`, for whatever component.
+constexpr bool is_command(const CommandRow& row, std::string_view report) {
+    if (report.size() != static_cast<std::size_t>(row.message.length)) {
+        return false;
+    }
+    for (std::size_t i = 0; i < report.size(); ++i) {
+        const int ignored = i == component_byte ? component_bits(row.component_in).mask : 0;
+        if (((report[i] ^ row.message.bytes[i]) & 0xFF & ~ignored) != 0) {
+            return false;
+        }
+    }
+    return true;
+}
 
 /// An image data message: a count of the bytes that follow byte 1, the operation, the record's
 /// length byte, and the bytes behind that in the firmware file. The checksum is such a message

@@ -1,7 +1,7 @@
 #include "firmware/firmware_display.h"
 
+#include "firmware/component_text.h"
 #include "firmware/firmware_file.h"
-#include "firmware/version_text.h"
 #include "journal/file_handle.h"
 #include "journal/output.h"
 #include "session/zelflash.h"
@@ -16,9 +16,6 @@ namespace {
 
 constexpr std::size_t bytes_per_line = 25;
 constexpr const char continuation[] = "\n                   ";
-
-constexpr const char* type_words[] = {"Unspecified", "Firmware", "Configuration", "Font"};
-constexpr const char* control_words[] = {"Increasing", "Random"};
 
 int high_byte(int level) {
     return (level >> 8) & 0xFF;
@@ -38,16 +35,6 @@ void append_hexadecimal(std::string& text, std::span<const std::uint8_t> bytes, 
         *at++ = digits[byte & 0x0F];
         *at++ = separator;
     }
-}
-
-/// The word of a row, or "Unknown(xx)".
-std::string word_or_unknown(std::span<const char* const> words, int value) {
-    if (value >= 0 && static_cast<std::size_t>(value) < words.size()) {
-        return words[static_cast<std::size_t>(value)];
-    }
-    char text[24];
-    snprintf(text, sizeof text, "Unknown(%02x)", static_cast<unsigned int>(value));
-    return text;
 }
 
 /// The lines that show records as bytes. Each message is flushed, on the console as in the log, and
@@ -147,8 +134,8 @@ bool show_extended_version_list(std::span<const std::uint8_t> payload) {
                  "    Version Management: %d (%s)\n"
                  "    Build Level:        %02x\n",
                  entry.component & 0x0F, entry.major, entry.minor, entry.type(),
-                 type_words[entry.type()], entry.version_method(),
-                 control_words[entry.version_method()], entry.build_level);
+                 type_word(entry.type()).c_str(), entry.version_method(),
+                 control_text(entry.version_method()), entry.build_level);
     }
     writelog(1, "\n");
     return true;
@@ -291,6 +278,6 @@ void ZELFLASH::show_component_information(flashEntry* entry, int index) {
     writelog(0, "    Component: ID: %02x  Version: %02x.%02x%-3s  Type: %-13s  Control: %s\n",
              static_cast<unsigned int>(component.comp_id), high_byte(component.ec_level),
              low_byte(component.ec_level), build_suffix(component.build_level).text,
-             word_or_unknown(type_words, component.comp_type).c_str(),
-             word_or_unknown(control_words, component.version_method).c_str());
+             type_word(component.comp_type).c_str(),
+             control_word(component.version_method).c_str());
 }

@@ -1,7 +1,7 @@
 #include "firmware/firmware_search.h"
 
+#include "firmware/component_text.h"
 #include "firmware/firmware_file.h"
-#include "firmware/version_text.h"
 #include "journal/file_handle.h"
 #include "journal/output.h"
 
@@ -127,34 +127,16 @@ bool read_config_line(FILE* file, ConfigLine& line) {
     return true;
 }
 
-struct TypeWord {
-    int type;
-    const char* word;
-};
-constexpr TypeWord type_words[] = {
-    {FILE_TYPE_FIRMWARE, "FW"},
-    {FILE_TYPE_CONFIGURATION, "CFG"},
-    {FILE_TYPE_FONT, "FON"},
-    {FILE_TYPE_UNSPECIFIED, "UNS"},
-};
-
-/// The word of a file type; an unknown type becomes unspecified.
-const char* type_word(int& type) {
-    for (const TypeWord& row : type_words) {
-        if (row.type == type) {
-            return row.word;
-        }
-    }
-    type = FILE_TYPE_UNSPECIFIED;
-    return "UNK";
-}
-
 void list_file(FlashFile& row) {
-    const char* type = type_word(row.comp_type);
+    const char* type = file_type_text(row.comp_type);
     writelog(1, "  %-25s   PID: %04x COMP: %d TYPE: %-3s  EC=%02x.%02x%-3s, Version='%d'\n",
              row.filename, static_cast<unsigned int>(row.product_id), row.comp_id, type,
              (row.ec_level >> 8) & 0xFF, row.ec_level & 0xFF, build_suffix(row.build_level).text,
              row.ec_version);
+    // Listed as unknown, it counts as unspecified from here on.
+    if (row.comp_type == FILE_TYPE_UNKNOWN) {
+        row.comp_type = FILE_TYPE_UNSPECIFIED;
+    }
 }
 
 void read_candidate(const char* name) {

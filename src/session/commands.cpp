@@ -1,9 +1,9 @@
 #include "exit_code.h"
-#include "firmware/version_text.h"
+#include "firmware/component_text.h"
+#include "flash_protocol.h"
 #include "journal/file_handle.h"
 #include "journal/output.h"
 #include "process/signal_hold.h"
-#include "session/exchange.h"
 #include "session/zelflash.h"
 #include "settings.h"
 #include "usb/flshusbintf.h"
@@ -35,19 +35,6 @@ constexpr int most_blocks = 1 << 16;
 
 const char* plural(int count) {
     return count == 1 ? "" : "s";
-}
-
-const char* list_type_text(int comp_type) {
-    switch (comp_type) {
-        case 1:
-            return "FW";
-        case 2:
-            return "CFG";
-        case 3:
-            return "FNT";
-        default:
-            return "UNK";
-    }
 }
 
 bool is_selected_serial_number(const char* serial_number) {
@@ -167,7 +154,7 @@ int ZELFLASH::list_attached_devices() {
                 continue;
             }
             writelog(1, "PID: %04x  COMP: %02x  TYPE: %-3s  EC: %02x.%02x%-3s (SN='%s')\n",
-                     entry.product_id, component.comp_id, list_type_text(component.comp_type),
+                     entry.product_id, component.comp_id, device_type_text(component.comp_type),
                      (component.ec_level >> 8) & 0xFF, component.ec_level & 0xFF,
                      build_suffix(component.build_level).text, entry.serialNumber);
         }

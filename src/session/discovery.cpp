@@ -1,6 +1,6 @@
-#include "firmware/version_text.h"
+#include "firmware/component_text.h"
+#include "flash_protocol.h"
 #include "journal/output.h"
-#include "session/exchange.h"
 #include "session/zelflash.h"
 #include "settings.h"
 #include "usb/flshusbintf.h"

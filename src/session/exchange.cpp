@@ -1,6 +1,5 @@
-#include "session/exchange.h"
-
 #include "firmware/firmware_file.h"
+#include "flash_protocol.h"
 #include "journal/output.h"
 #include "journal/zelfwtrace.h"
 #include "session/zelflash.h"
@@ -98,19 +97,6 @@ void trace_transfer(std::uint32_t kind, const HIDDEVICE2& device, unsigned short
 }
 
 }  // namespace
-
-CommandMessage flash_command(FlashCommand command, int component) {
-    const auto* row = std::find_if(std::begin(command_table), std::end(command_table),
-                                   [command](const CommandRow& r) { return r.command == command; });
-    CommandMessage message = row->message;
-    if (row->component_in == ComponentIn::low_nibble) {
-        message.bytes[component_byte] =
-            static_cast<char>(message.bytes[component_byte] | (component & 0x0F));
-    } else if (row->component_in == ComponentIn::high_nibble) {
-        message.bytes[component_byte] = static_cast<char>((component << 4) & 0xFF);
-    }
-    return message;
-}
 
 int ZELFLASH::chSleep(unsigned long milliseconds) {
     timeval remaining = {static_cast<time_t>(milliseconds / 1000),

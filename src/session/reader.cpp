@@ -1,5 +1,5 @@
+#include "flash_protocol.h"
 #include "journal/output.h"
-#include "session/exchange.h"
 #include "session/zelflash.h"
 #include "settings.h"
 #include "usb/zelflshhid.h"

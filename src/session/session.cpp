@@ -1,5 +1,6 @@
 #include "firmware/firmware_file.h"
 #include "firmware/firmware_search.h"
+#include "flash_protocol.h"
 #include "journal/output.h"
 #include "journal/zelfwtrace.h"
 #include "session/zelflash.h"
@@ -137,7 +138,7 @@ void ZELFLASH::reset_ready_status() {
 }
 
 int ZELFLASH::IsFlashDeviceSupported(unsigned short vendor, unsigned short usage) {
-    if (usage != flash_interface_usage) {
+    if (usage != flash_usage::interface) {
         return 0;
     }
     const bool is_ours = std::find(std::begin(supported_vendors), std::end(supported_vendors),

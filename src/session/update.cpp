@@ -1,6 +1,6 @@
+#include "firmware/component_text.h"
 #include "firmware/firmware_file.h"
 #include "firmware/firmware_search.h"
-#include "firmware/version_text.h"
 #include "journal/file_handle.h"
 #include "journal/output.h"
 #include "process/signal_hold.h"
@@ -9,7 +9,6 @@
 #include "usb/zelflshhid.h"
 
 #include <algorithm>
-#include <array>
 #include <cstring>
 #include <new>
 #include <string>
@@ -35,18 +34,6 @@ namespace {
 constexpr int reader_start_timeout = 2000;  // milliseconds
 /// Main components of devices with this many components are given time to come back.
 constexpr int component_count_that_needs_sleep = 3;
-
-const char* type_text(int comp_type) {
-    constexpr std::array texts = {"UNS", "FW", "CFG", "FON"};
-    const bool in_table = comp_type >= 0 && comp_type < static_cast<int>(texts.size());
-    return in_table ? texts[static_cast<std::size_t>(comp_type)] : "UNK";
-}
-
-const char* control_text(int version_method) {
-    constexpr std::array texts = {"Increasing", "Random"};
-    const bool in_table = version_method >= 0 && version_method < static_cast<int>(texts.size());
-    return in_table ? texts[static_cast<std::size_t>(version_method)] : "";
-}
 
 /// A version as one number that compares.
 int comparable_version(int ec_level, int build_level) {
@@ -88,10 +75,10 @@ void report_file_and_device(const std::string& file_name, const FlashFile& file,
                             const flashEntry& entry, const component_entry& component) {
     writelog(1, "\nFirmware file found:  %s\n", file_name.c_str());
     writelog(1, "  File   - PID: %04x  COMP: %02x  TYPE: %-3s  CONTROL: %-11s  EC: %s\n",
-             file.product_id, file.comp_id, type_text(file.comp_type),
+             file.product_id, file.comp_id, file_type_text(file.comp_type),
              control_text(file.version_method), ec_text(file.ec_level, file.build_level).text);
     writelog(1, "  Device - PID: %04x  COMP: %02x  TYPE: %-3s  CONTROL: %-11s  EC: %s (SN='%s')\n",
-             entry.product_id, component.comp_id, type_text(component.comp_type),
+             entry.product_id, component.comp_id, file_type_text(component.comp_type),
              control_text(component.version_method),
              ec_text(component.ec_level, component.build_level).text, entry.serialNumber);
 }

@@ -27,9 +27,6 @@ constexpr int max_components = 20;
 constexpr int max_reader_slots = 3000;
 constexpr int status_report_size = 8;
 
-/// Usage that marks a flash interface's top collection, on usage page 0xFF45.
-constexpr unsigned short flash_interface_usage = 0xA000;
-
 /// The outcome of an operation on a device, or its selection state.
 enum flash_return_code {
     FLASHSUCCESS = 0,

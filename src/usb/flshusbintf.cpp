@@ -5,7 +5,6 @@
 
 namespace {
 
-constexpr int not_possible = LIBUSB_ERROR_INVALID_PARAM;
 constexpr unsigned int descriptor_timeout = 1000;
 
 }  // namespace
@@ -234,4 +233,38 @@ int USBINTF::GetStringDescriptor(uint8_t index, uint16_t langid, unsigned char* 
     return ControlTransfer(LIBUSB_ENDPOINT_IN, LIBUSB_REQUEST_GET_DESCRIPTOR,
                            static_cast<uint16_t>(LIBUSB_DT_STRING << 8 | index), langid, buf,
                            static_cast<uint16_t>(len), descriptor_timeout);
+}
+
+int USBINTF::ReleaseInterface(int n) {
+    libusb_device_handle* const device = load_shared(handle);
+    if (device == nullptr) {
+        return LIBUSB_ERROR_INVALID_PARAM;
+    }
+    store_shared(intfnum, no_interface);
+    return p_libusb_release_interface(device, n);
+}
+
+int USBINTF::ControlTransfer(uint8_t bmRequestType, uint8_t bRequest, uint16_t wValue,
+                             uint16_t wIndex, unsigned char* data, uint16_t wLength,
+                             unsigned int timeout) {
+    libusb_device_handle* const device = load_shared(handle);
+    return device != nullptr ? p_libusb_control_transfer(device, bmRequestType, bRequest, wValue,
+                                                         wIndex, data, wLength, timeout)
+                             : not_possible;
+}
+
+int USBINTF::BulkTransfer(unsigned char endpoint, unsigned char* data, int length, int* actual,
+                          unsigned int timeout) {
+    libusb_device_handle* const device = load_shared(handle);
+    return device != nullptr
+               ? p_libusb_bulk_transfer(device, endpoint, data, length, actual, timeout)
+               : not_possible;
+}
+
+int USBINTF::InterruptTransfer(unsigned char endpoint, unsigned char* data, int length, int* actual,
+                               unsigned int timeout) {
+    libusb_device_handle* const device = load_shared(handle);
+    return device != nullptr
+               ? p_libusb_interrupt_transfer(device, endpoint, data, length, actual, timeout)
+               : not_possible;
 }

@@ -33,6 +33,9 @@ constexpr int DEVICE_TYPE_HID = 1;
 constexpr int DEVICE_TYPE_USB = 2;
 constexpr int DEVICE_TYPE_HUB = 3;
 
+/// The result of an operation that the present state does not allow.
+constexpr int not_possible = LIBUSB_ERROR_INVALID_PARAM;
+
 /// No interface is claimed, or none was found.
 constexpr uint16_t no_interface = 0xBAD;
 

@@ -45,12 +45,3 @@ void USBINTF::CloseReadHandle() {
 void USBINTF::CloseWriteHandle() {
     CloseSide(write_dev_handle, read_dev_handle);
 }
-
-int USBINTF::ReleaseInterface(int n) {
-    libusb_device_handle* const device = load_shared(handle);
-    if (device == nullptr) {
-        return LIBUSB_ERROR_INVALID_PARAM;
-    }
-    store_shared(intfnum, no_interface);
-    return p_libusb_release_interface(device, n);
-}

@@ -61,7 +61,7 @@ void USBINTF::ParsePath(const char* path) {
 }
 
 int USBINTF::OpenMatchingDevice(libusb_device** list, ssize_t count) {
-    int rc = LIBUSB_ERROR_INVALID_PARAM;
+    int rc = not_possible;
     for (ssize_t i = 0; i < count && list[i] != nullptr; ++i) {
         libusb_device* const dev = list[i];
         if (GetDeviceBusNumber(dev) != BusNumber || GetDeviceAddress(dev) != DeviceAddress ||
@@ -80,7 +80,7 @@ int USBINTF::OpenMatchingDevice(libusb_device** list, ssize_t count) {
 
 int USBINTF::OpenDevice(char* path) {
     if (handle != nullptr || path == nullptr) {
-        return LIBUSB_ERROR_INVALID_PARAM;
+        return not_possible;
     }
     std::snprintf(DevicePath, sizeof DevicePath, "%s", path);
     device_type = type_of_path(path);
@@ -90,7 +90,7 @@ int USBINTF::OpenDevice(char* path) {
     const ssize_t count = GetDeviceList(list);
     // A list that could not be given is not there to be freed either.
     if (count < 0 || list == nullptr) {
-        return LIBUSB_ERROR_INVALID_PARAM;
+        return not_possible;
     }
     const int rc = OpenMatchingDevice(list, count);
     if (rc == 0) {

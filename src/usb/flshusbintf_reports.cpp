@@ -114,7 +114,7 @@ int USBINTF::ClaimDetaching(int n) {
 
 int USBINTF::ClaimInterface(int n) {
     if (handle == nullptr) {
-        return LIBUSB_ERROR_INVALID_PARAM;
+        return not_possible;
     }
     const int rc = ClaimDetaching(n);
     if (rc != 0) {

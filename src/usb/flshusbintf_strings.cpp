@@ -1,4 +1,5 @@
 // String descriptors: serial number, interface strings, and the flash interface found by them.
+#include "flash_protocol.h"
 #include "journal/output.h"
 #include "usb/flshusbintf.h"
 #include "usb/flshusbintf_text.h"
@@ -11,7 +12,6 @@ namespace {
 
 constexpr int max_string = 255;
 constexpr uint16_t us_english = 0x0409;
-constexpr uint16_t flash_interface_usage = 0xA000;
 constexpr int malformed_string = -1;
 
 /// Without its interface string a device is no flash device, and nothing else tells why.
@@ -83,7 +83,7 @@ int USBINTF::GetFlashInterface() {
             std::array<char, max_string> text{};
             const int count = GetStringDescriptorAscii(
                 setting.iInterface, reinterpret_cast<unsigned char*>(text.data()), max_string);
-            if (count > 0 && GetUsageAndUsagePage(text.data()) == flash_interface_usage) {
+            if (count > 0 && GetUsageAndUsagePage(text.data()) == flash_usage::interface) {
                 writedebug("Flash interface on %d\n", position);
                 return position;
             }

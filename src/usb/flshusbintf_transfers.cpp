@@ -1,4 +1,5 @@
 // The HID transfers of an interface.
+#include "flash_protocol.h"
 #include "journal/output.h"
 #include "usb/flshusbintf.h"
 #include "usb/shared_field.h"
@@ -13,14 +14,10 @@
 
 namespace {
 
-constexpr int not_possible = LIBUSB_ERROR_INVALID_PARAM;
-
 // Class requests to an interface (USB 2.0, section 9.3; HID 1.11, section 7.2).
 constexpr uint8_t class_interface_out = 0x21;
 constexpr uint8_t class_interface_in = 0xA1;
 
-constexpr unsigned short flash_usage_page = 0xFF45;
-constexpr unsigned short flash_output_usage = 0xA001;
 constexpr unsigned short flash_output_size = 263;
 
 constexpr int answer_polls = 100;
@@ -54,31 +51,6 @@ uint16_t report_value(int type, unsigned char id) {
 }
 
 }  // namespace
-
-int USBINTF::ControlTransfer(uint8_t bmRequestType, uint8_t bRequest, uint16_t wValue,
-                             uint16_t wIndex, unsigned char* data, uint16_t wLength,
-                             unsigned int timeout) {
-    libusb_device_handle* const device = load_shared(handle);
-    return device != nullptr ? p_libusb_control_transfer(device, bmRequestType, bRequest, wValue,
-                                                         wIndex, data, wLength, timeout)
-                             : not_possible;
-}
-
-int USBINTF::BulkTransfer(unsigned char endpoint, unsigned char* data, int length, int* actual,
-                          unsigned int timeout) {
-    libusb_device_handle* const device = load_shared(handle);
-    return device != nullptr
-               ? p_libusb_bulk_transfer(device, endpoint, data, length, actual, timeout)
-               : not_possible;
-}
-
-int USBINTF::InterruptTransfer(unsigned char endpoint, unsigned char* data, int length, int* actual,
-                               unsigned int timeout) {
-    libusb_device_handle* const device = load_shared(handle);
-    return device != nullptr
-               ? p_libusb_interrupt_transfer(device, endpoint, data, length, actual, timeout)
-               : not_possible;
-}
 
 int USBINTF::SetReport(int type, unsigned char id, uint16_t interface_number, unsigned char* data,
                        int length, unsigned int timeout) {
@@ -143,7 +115,7 @@ int USBINTF::HidSetOutputReport(unsigned short usagePage, unsigned short usage, 
                    VendorID, ProductID, DeviceAddress, usagePage, usage, rc);
         return rc;
     }
-    if (!FirstAnswerInTime(usage != flash_output_usage)) {
+    if (!FirstAnswerInTime(usage != flash_usage::command)) {
         writedebug("%04x:%04x-%02x:%04x:%04x - Resending %d bytes\n", VendorID, ProductID,
                    DeviceAddress, usagePage, usage, send_length);
         rc = SetReport(LIBHID_RT_OUTPUT, id, claimed, buffer.get(), send_length, timeout);
@@ -175,7 +147,7 @@ int USBINTF::WriteFlashInterface(unsigned char* data, unsigned short length, uns
         return not_possible;
     }
     unsigned short size = 0;
-    const unsigned char id = FindOutputReportID(flash_usage_page, flash_output_usage, &size);
+    const unsigned char id = FindOutputReportID(flash_usage::page, flash_usage::command, &size);
     if (size == 0) {
         size = flash_output_size;
     }
@@ -192,7 +164,7 @@ int USBINTF::WriteFlashInterface(unsigned char* data, unsigned short length, uns
             rc = 0;
         } else {
             writedebug("%04x:%04x-%02x:%04x:%04x - WriteFlashInterface: error response, rc=%d\n",
-                       VendorID, ProductID, DeviceAddress, flash_usage_page, flash_output_usage,
+                       VendorID, ProductID, DeviceAddress, flash_usage::page, flash_usage::command,
                        rc);
         }
     }

@@ -1,5 +1,6 @@
 #include "usb/zelflshhid.h"
 
+#include "flash_protocol.h"
 #include "journal/output.h"
 #include "usb/shared_field.h"
 
@@ -14,8 +15,6 @@ namespace {
 constexpr unsigned int transfer_timeout = 5000;
 constexpr unsigned int one_day = 86400000;
 constexpr int receive_size = 10240;
-constexpr uint16_t flash_interface_usage = 0xA000;
-constexpr std::array<unsigned char, 4> reset_command{0x04, 0x00, 0x00, 0x40};
 
 bool is_open(libusb_device_handle* handle) {
     return handle != nullptr && handle != closed_hid_handle();
@@ -147,7 +146,7 @@ void HIDDEVICE2::SetDeviceInfo(const char* /*path*/) {
 }
 
 bool HIDDEVICE2::IsFlashInterfaceOpen() const {
-    return intf != nullptr && OpenRc == 0 && intf->GetUsage() == flash_interface_usage;
+    return intf != nullptr && OpenRc == 0 && intf->GetUsage() == flash_usage::interface;
 }
 
 int HIDDEVICE2::OpenDevice(const unsigned char* mode) {
@@ -202,8 +201,7 @@ void HIDDEVICE2::CloseWriteHandle() {
 int HIDDEVICE2::Write(unsigned short usagePage, unsigned short usage, char* buffer,
                       unsigned short length) {
     writedebug("Write: entered upage=0x%x u=0x%x, length=%d\n", usagePage, usage, length);
-    const bool is_reset = length == reset_command.size() &&
-                          std::equal(reset_command.begin(), reset_command.end(), bytes_of(buffer));
+    const bool is_reset = is_command(command_row(FlashCommand::reset), {buffer, length});
     int result = hid_device_gone;
     if (intf == nullptr) {
         writelog(0, "Write device not connected, rc=%d (usagePage=%04x, usage=%04x)\n", 0,

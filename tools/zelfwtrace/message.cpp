@@ -12,39 +12,13 @@ AnswerView view(std::string_view report) {
     return {report.data(), report.size()};
 }
 
-/// The bits of a command's component byte that name the component.
-int component_bits(ComponentIn where) {
-    switch (where) {
-        case ComponentIn::low_nibble:
-            return 0x0F;
-        case ComponentIn::high_nibble:
-            return 0xF0;
-        case ComponentIn::nowhere:
-            break;
-    }
-    return 0;
-}
-
-bool matches(const CommandRow& row, std::string_view report) {
-    if (report.size() != static_cast<std::size_t>(row.message.length)) {
-        return false;
-    }
-    for (std::size_t i = 0; i < report.size(); ++i) {
-        const int ignored = i == component_byte ? component_bits(row.component_in) : 0;
-        if (((report[i] ^ row.message.bytes.at(i)) & 0xFF & ~ignored) != 0) {
-            return false;
-        }
-    }
-    return true;
-}
-
 SentMessage command_message(const CommandRow& row, std::string_view report) {
     SentMessage message;
     message.kind = SentMessage::Kind::command;
     message.command = &row;
     if (row.component_in != ComponentIn::nowhere) {
-        const int bits = view(report)[component_byte] & component_bits(row.component_in);
-        message.component = row.component_in == ComponentIn::high_nibble ? bits >> 4 : bits;
+        const ComponentBits bits = component_bits(row.component_in);
+        message.component = (view(report)[component_byte] & bits.mask) >> bits.shift;
         message.details = printed("component %d", *message.component);
     }
     return message;
@@ -137,14 +111,9 @@ std::string SentMessage::name() const {
     return "unknown message";
 }
 
-const CommandRow& command_row(FlashCommand command) {
-    return *std::find_if(std::begin(command_table), std::end(command_table),
-                         [command](const CommandRow& row) { return row.command == command; });
-}
-
 SentMessage read_sent_message(std::string_view report) {
     const auto* row = std::find_if(std::begin(command_table), std::end(command_table),
-                                   [report](const CommandRow& r) { return matches(r, report); });
+                                   [report](const CommandRow& r) { return is_command(r, report); });
     if (row != std::end(command_table)) {
         return command_message(*row, report);
     }

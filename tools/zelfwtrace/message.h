@@ -25,9 +25,6 @@ struct SentMessage {
 /// The bytes of the stop command and of the EC level query are the same: they are read as stop.
 SentMessage read_sent_message(std::string_view report);
 
-/// The row of a fixed command.
-const CommandRow& command_row(FlashCommand command);
-
 /// The words of a status report: "completed", "rejected", "completed, EC level 01.02"...
 std::string status_words(std::string_view report);
 
