@@ -31,6 +31,47 @@ void write_all(int descriptor, const std::string& file, const void* data, std::s
     }
 }
 
+/// A file beside the one that it is to replace, under a name that nobody else has; removed unless
+/// it takes the other's name.
+class NewFile {
+  public:
+    explicit NewFile(const std::string& target) : target_(target) {
+        for (int number = 0; number < most_names && !descriptor_.is_open(); ++number) {
+            name_ = target + ".new-" + std::to_string(getpid()) + "-" + std::to_string(number);
+            descriptor_ = FileDescriptor(
+                open(name_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, replaced_mode));
+            if (!descriptor_.is_open() && errno != EEXIST) {
+                break;
+            }
+        }
+        if (!descriptor_.is_open()) {
+            throw FileError(target, 0, std::strerror(errno));
+        }
+    }
+    ~NewFile() {
+        if (!renamed_) {
+            unlink(name_.c_str());
+        }
+    }
+    NewFile(const NewFile&) = delete;
+    NewFile& operator=(const NewFile&) = delete;
+
+    const FileDescriptor& descriptor() const { return descriptor_; }
+    bool rename() {
+        renamed_ = std::rename(name_.c_str(), target_.c_str()) == 0;
+        return renamed_;
+    }
+
+  private:
+    static constexpr int most_names = 100;
+    static constexpr mode_t replaced_mode = 0666;
+
+    std::string target_;
+    std::string name_;
+    FileDescriptor descriptor_;
+    bool renamed_ = false;
+};
+
 }  // namespace
 
 FileDescriptor::FileDescriptor(FileDescriptor&& other) noexcept
@@ -64,19 +105,17 @@ void append(const FileDescriptor& handle, const std::string& file, std::string_v
     write_all(handle.get(), file, text.data(), text.size());
 }
 
-void replace_file(const std::string& file, std::string_view text) {
-    const std::string beside = file + ".new";
-    {
-        const FileDescriptor handle(
-            open(beside.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_CLOEXEC, kMode));
-        if (!handle.is_open()) {
-            throw FileError(beside, 0, std::strerror(errno));
-        }
-        append(handle, beside, text);
-    }
-    if (std::rename(beside.c_str(), file.c_str()) != 0) {
+void replace_file(const std::string& file, ByteView bytes, Durable durable) {
+    NewFile beside(file);
+    append(beside.descriptor(), file, bytes);
+    if ((durable == Durable::yes && fsync(beside.descriptor().get()) != 0) || !beside.rename()) {
         throw FileError(file, 0, std::strerror(errno));
     }
+}
+
+void replace_file(const std::string& file, std::string_view text, Durable durable) {
+    replace_file(file, ByteView(reinterpret_cast<const std::uint8_t*>(text.data()), text.size()),
+                 durable);
 }
 
 Bytes read_bytes_of(const std::string& file) {

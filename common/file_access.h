@@ -37,9 +37,13 @@ FileDescriptor open_for_append(const std::string& file, bool empty);
 void append(const FileDescriptor& handle, const std::string& file, ByteView bytes);
 void append(const FileDescriptor& handle, const std::string& file, std::string_view text);
 
+/// Whether a file's bytes must have reached the disk before it takes its name.
+enum class Durable { no, yes };
+
 /// Writes beside the file and renames, so that a reader sees the old or the new file. Throws
-/// FileError.
-void replace_file(const std::string& file, std::string_view text);
+/// FileError; what was written beside it is then gone again.
+void replace_file(const std::string& file, ByteView bytes, Durable durable = Durable::no);
+void replace_file(const std::string& file, std::string_view text, Durable durable = Durable::no);
 
 /// The whole file; empty when there is none.
 Bytes read_bytes_of(const std::string& file);

@@ -1,22 +1,18 @@
 #include "zelfwfile/firmware_image.h"
 
+#include "common/file_access.h"
 #include "common/image_checksum.h"
-#include "journal/file_handle.h"
 
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <array>
-#include <cerrno>
 #include <cstdio>
-#include <cstdlib>
-#include <cstring>
 #include <span>
 #include <stdexcept>
 
 namespace {
 
-using Bytes = std::vector<std::uint8_t>;
+using zelf::Bytes;
 
 /// The four digits of a product ID or level.
 Bytes four_digits(int value) {
@@ -84,59 +80,6 @@ void append_record(Bytes& bytes, ImageChecksum& checksum, int tag, int value,
     append(bytes, record);
 }
 
-[[noreturn]] void fail_to_write(const std::string& path, int error) {
-    throw std::runtime_error(path + ": " + strerror(error));
-}
-
-/// A new file beside the one that it is to replace; removed unless it does.
-class ReplacementFile {
-  public:
-    explicit ReplacementFile(const std::string& target)
-        : target_(target), name_(target + ".XXXXXX") {
-        const int descriptor = mkstemp(name_.data());
-        if (descriptor < 0) {
-            fail_to_write(target_, errno);
-        }
-        file_.reset(fdopen(descriptor, "wb"));
-        if (file_ == nullptr) {
-            const int error = errno;
-            close(descriptor);
-            unlink(name_.c_str());
-            fail_to_write(target_, error);
-        }
-    }
-    ~ReplacementFile() {
-        if (!replaced_) {
-            unlink(name_.c_str());
-        }
-    }
-    ReplacementFile(const ReplacementFile&) = delete;
-    ReplacementFile& operator=(const ReplacementFile&) = delete;
-
-    void write(std::span<const std::uint8_t> bytes) {
-        if (fwrite(bytes.data(), 1, bytes.size(), file_.get()) != bytes.size()) {
-            fail_to_write(target_, errno);
-        }
-    }
-
-    void replace() {
-        const mode_t mask = umask(0);
-        umask(mask);
-        const int descriptor = fileno(file_.get());
-        if (fflush(file_.get()) != 0 || fchmod(descriptor, 0666U & ~mask) != 0 ||
-            fsync(descriptor) != 0 || rename(name_.c_str(), target_.c_str()) != 0) {
-            fail_to_write(target_, errno);
-        }
-        replaced_ = true;
-    }
-
-  private:
-    std::string target_;
-    std::string name_;
-    FileHandle file_;
-    bool replaced_ = false;
-};
-
 }  // namespace
 
 std::vector<std::uint8_t> firmware_file_bytes(const FirmwareDescription& description) {
@@ -162,7 +105,5 @@ void write_whole_file(const std::string& path, const std::vector<std::uint8_t>& 
     if (stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
         throw std::runtime_error(path + ": is no regular file");
     }
-    ReplacementFile file(path);
-    file.write(bytes);
-    file.replace();
+    zelf::replace_file(path, bytes, zelf::Durable::yes);
 }

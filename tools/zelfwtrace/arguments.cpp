@@ -106,7 +106,7 @@ Reason take_option(const std::vector<std::string>& words, std::size_t& at, Given
                    TraceArguments& arguments) {
     const std::string& word = words[at];
     if (word == "-u" || word == "--utc") {
-        arguments.zone = TimeZone::utc;
+        arguments.zone = zelf::TimeZone::utc;
         return std::nullopt;
     }
     if (const auto* option = find_option(flag_options, word)) {
@@ -168,14 +168,14 @@ Reason take_once(const std::vector<std::string>& values, const char* option,
     return std::nullopt;
 }
 
-Reason take_time(const std::vector<std::string>& values, const char* option, TimeZone zone,
+Reason take_time(const std::vector<std::string>& values, const char* option, zelf::TimeZone zone,
                  std::optional<std::int64_t>& time) {
     std::optional<std::string> text;
     if (auto reason = take_once(values, option, text)) {
         return reason;
     }
     if (text) {
-        time = parse_time(*text, zone);
+        time = zelf::parse_time(*text, zone);
         if (!time) {
             return "'" + *text + "' is no time";
         }

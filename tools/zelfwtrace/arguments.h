@@ -2,8 +2,8 @@
 /// The command line of zelfwtrace.
 #pragma once
 
+#include "common/time_text.h"
 #include "zelfwtrace/filter.h"
-#include "zelfwtrace/time_text.h"
 
 #include <optional>
 #include <string>
@@ -15,7 +15,7 @@ struct TraceArguments {
     bool json = false;
     bool summary = false;
     bool with_bytes = false;
-    TimeZone zone = TimeZone::local;
+    zelf::TimeZone zone = zelf::TimeZone::local;
     std::optional<std::string> capture;  ///< the file that the capture goes to
     TraceFilter filter;
     std::string file;  ///< "-": standard input

@@ -1,38 +1,13 @@
 #include "zelfwtrace/escape.h"
 
-#include <cstdarg>
-#include <cstdio>
+#include "common/utf8.h"
 
 namespace {
 
-constexpr std::size_t longest_printed = 1024;
+using zelf::character_length;
 
 unsigned char byte_at(std::string_view text, std::size_t at) {
     return at < text.size() ? static_cast<unsigned char>(text[at]) : 0;
-}
-
-/// Bytes of the well-formed UTF-8 character in front; 0 when there is none.
-std::size_t character_length(std::string_view text) {
-    const unsigned char lead = byte_at(text, 0);
-    if (lead < 0x80) {
-        return text.empty() ? 0 : 1;
-    }
-    if (lead < 0xC2 || lead > 0xF4) {
-        return 0;
-    }
-    // The second byte tells too long a form, a surrogate, and what is past the last character.
-    const unsigned char lowest = lead == 0xE0 ? 0xA0 : (lead == 0xF0 ? 0x90 : 0x80);
-    const unsigned char highest = lead == 0xED ? 0x9F : (lead == 0xF4 ? 0x8F : 0xBF);
-    if (byte_at(text, 1) < lowest || byte_at(text, 1) > highest) {
-        return 0;
-    }
-    const std::size_t length = lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
-    for (std::size_t i = 2; i < length; ++i) {
-        if ((byte_at(text, i) & 0xC0) != 0x80) {
-            return 0;
-        }
-    }
-    return length;
 }
 
 /// Control characters of ASCII, and U+0080 to U+009F.
@@ -55,15 +30,6 @@ std::string escaped_control(char c) {
 }
 
 }  // namespace
-
-std::string printed(const char* format, ...) {
-    char text[longest_printed];
-    va_list arguments;
-    va_start(arguments, format);
-    vsnprintf(text, sizeof(text), format, arguments);
-    va_end(arguments);
-    return text;
-}
 
 std::string hexadecimal(std::string_view bytes, std::string_view separator) {
     constexpr char digits[] = "0123456789abcdef";

@@ -2,11 +2,12 @@
 /// Texts of a trace made safe: they may hold what a device sent.
 #pragma once
 
+#include "common/printed.h"
+
 #include <string>
 #include <string_view>
 
-/// snprintf into a string, cut at 1023 bytes.
-std::string printed(const char* format, ...) __attribute__((format(printf, 1, 2)));
+using zelf::printed;
 
 /// Lower-case hexadecimal, with `separator` between two bytes.
 std::string hexadecimal(std::string_view bytes, std::string_view separator = "");

@@ -38,7 +38,7 @@ class JsonOutput : public TraceOutput {
         JsonObject json;
         json.number("offset", entry.offset);
         json.text("kind", record_kind_name(entry.kind));
-        json.text("time", iso_time_text(entry.time_in_milliseconds()));
+        json.text("time", zelf::iso_time_text(entry.time_in_milliseconds()));
         json.number("clock_ms", static_cast<std::uint64_t>(entry.clock));
         json.number("process", entry.process);
         json.number("thread", entry.thread);

@@ -2,8 +2,8 @@
 /// The forms in which a trace is shown.
 #pragma once
 
+#include "common/time_text.h"
 #include "zelfwtrace/conversation.h"
-#include "zelfwtrace/time_text.h"
 #include "zelfwtrace/trace_reader.h"
 
 #include <memory>
@@ -23,7 +23,7 @@ class TraceOutput {
 };
 
 struct TextStyle {
-    TimeZone zone = TimeZone::local;
+    zelf::TimeZone zone = zelf::TimeZone::local;
     bool with_bytes = false;  ///< each transfer's bytes in hexadecimal
 };
 
@@ -34,7 +34,7 @@ std::unique_ptr<TraceOutput> text_output(const TextStyle& style);
 std::unique_ptr<TraceOutput> json_output();
 
 /// What happened to each device, on standard output at the end.
-std::unique_ptr<TraceOutput> summary_output(TimeZone zone);
+std::unique_ptr<TraceOutput> summary_output(zelf::TimeZone zone);
 /// Likewise, one JSON object a device and line.
 std::unique_ptr<TraceOutput> summary_json_output();
 

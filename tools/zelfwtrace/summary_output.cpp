@@ -93,7 +93,7 @@ void print_answer_times(const DeviceSummary& device) {
 
 class SummaryText : public SummaryOutput {
   public:
-    explicit SummaryText(TimeZone zone) : zone_(zone) {}
+    explicit SummaryText(zelf::TimeZone zone) : zone_(zone) {}
 
     std::string finish() override {
         printf("%s, %s, %s\n", counted(runs_, "run").c_str(), counted(texts_, "text").c_str(),
@@ -108,8 +108,8 @@ class SummaryText : public SummaryOutput {
     void print(std::uint16_t product, const DeviceSummary& device) const {
         const MessageCount total = device.total();
         printf("\nDevice %04x\n", product);
-        printf("  Time      %s to %s\n", time_text(device.first, zone_).c_str(),
-               time_text(device.last, zone_).c_str());
+        printf("  Time      %s to %s\n", zelf::time_text(device.first, zone_).c_str(),
+               zelf::time_text(device.last, zone_).c_str());
         printf("  Sent      %s, %s\n", counted(total.sent, "message").c_str(),
                counted(total.bytes, "byte").c_str());
         printf("  Received  %s, %s; %s, %s\n", counted(device.statuses, "status", "es").c_str(),
@@ -128,7 +128,7 @@ class SummaryText : public SummaryOutput {
         print_answer_times(device);
     }
 
-    TimeZone zone_;
+    zelf::TimeZone zone_;
 };
 
 std::string message_json(std::size_t place, const MessageCount& count) {
@@ -188,8 +188,8 @@ class SummaryJson : public SummaryOutput {
         const MessageCount total = device.total();
         JsonObject json;
         json.text("device", printed("%04x", product));
-        json.text("first", iso_time_text(device.first));
-        json.text("last", iso_time_text(device.last));
+        json.text("first", zelf::iso_time_text(device.first));
+        json.text("last", zelf::iso_time_text(device.last));
         json.number("sent", total.sent);
         json.number("sent_bytes", total.bytes);
         json.number("statuses", device.statuses);
@@ -206,7 +206,7 @@ class SummaryJson : public SummaryOutput {
 
 }  // namespace
 
-std::unique_ptr<TraceOutput> summary_output(TimeZone zone) {
+std::unique_ptr<TraceOutput> summary_output(zelf::TimeZone zone) {
     return std::make_unique<SummaryText>(zone);
 }
 

@@ -36,9 +36,10 @@ class TextOutput : public TraceOutput {
     explicit TextOutput(const TextStyle& style) : style_(style) {}
 
     void take(const TraceEntry& entry, const Meaning& meaning) override {
-        std::string line = printed(
-            "%s %9.3f  %u/%08x  ", time_text(entry.time_in_milliseconds(), style_.zone).c_str(),
-            entry.clock / milliseconds_of_a_second, entry.process, entry.thread);
+        std::string line =
+            printed("%s %9.3f  %u/%08x  ",
+                    zelf::time_text(entry.time_in_milliseconds(), style_.zone).c_str(),
+                    entry.clock / milliseconds_of_a_second, entry.process, entry.thread);
         line += entry.is_transfer() ? printed("%04x", entry.product()) : "-   ";
         line += "  " + words(entry, meaning);
         if (style_.with_bytes && entry.is_transfer()) {

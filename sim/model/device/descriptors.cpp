@@ -1,5 +1,7 @@
 #include "model/device/descriptors.h"
 
+#include "common/utf8.h"
+
 #include <algorithm>
 #include <string>
 
@@ -89,22 +91,14 @@ Bytes interface_descriptors(const DeviceDescription& device,
     return bytes;
 }
 
-/// The code points of UTF-8 text as 16-bit units; what is malformed or beyond 16 bits is '?'.
-std::vector<std::uint16_t> decode(const std::string& text) {
+/// The characters of UTF-8 text as 16-bit units; what is malformed or beyond 16 bits is '?'.
+std::vector<std::uint16_t> decode(std::string_view text) {
     std::vector<std::uint16_t> units;
-    std::size_t at = 0;
-    while (at < text.size()) {
-        const auto first = static_cast<std::uint8_t>(text[at++]);
-        std::size_t following = first >= 0xF0 ? 3 : first >= 0xE0 ? 2 : first >= 0xC0 ? 1 : 0;
-        const bool wide = following == 3;
-        std::uint32_t code = following == 0 ? first : first & (0x3FU >> following);
-        while (following > 0 && at < text.size() &&
-               (static_cast<std::uint8_t>(text[at]) & 0xC0U) == 0x80) {
-            code = code << 6U | (static_cast<std::uint8_t>(text[at++]) & 0x3FU);
-            --following;
-        }
-        const bool good = !wide && following == 0 && (first < 0x80 || first >= 0xC0);
-        units.push_back(good ? static_cast<std::uint16_t>(code) : std::uint16_t{'?'});
+    while (!text.empty()) {
+        const std::size_t length = zelf::character_length(text);
+        const char32_t code = length == 0 ? U'?' : zelf::code_point(text.substr(0, length));
+        units.push_back(static_cast<std::uint16_t>(code <= 0xFFFF ? code : U'?'));
+        text.remove_prefix(length == 0 ? 1 : length);
     }
     return units;
 }

@@ -1,11 +1,13 @@
-#include "zelfwtrace/time_text.h"
+#include "common/time_text.h"
 
-#include "zelfwtrace/escape.h"
+#include "common/printed.h"
 
 #include <chrono>
 #include <ctime>
 #include <limits>
 #include <regex>
+
+namespace zelf {
 
 namespace {
 
@@ -124,3 +126,5 @@ std::optional<std::int64_t> parse_time(const std::string& text, TimeZone zone) {
     }
     return *seconds * milliseconds_of_a_second + fraction(parts[7].str());
 }
+
+}  // namespace zelf

@@ -6,6 +6,8 @@
 #include <optional>
 #include <string>
 
+namespace zelf {
+
 enum class TimeZone { local, utc };
 
 /// "2026-11-20 17:18:07.123"; "@SECONDS.123" where the system has no date for it.
@@ -17,3 +19,5 @@ std::string iso_time_text(std::int64_t milliseconds);
 /// Reads "2026-11-20", with " 17:18", " 17:18:07" or " 17:18:07.123" behind it ('T' may stand for
 /// the blank), or "@SECONDS" and "@SECONDS.123".
 std::optional<std::int64_t> parse_time(const std::string& text, TimeZone zone);
+
+}  // namespace zelf
