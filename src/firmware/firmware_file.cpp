@@ -13,8 +13,6 @@
 
 namespace {
 
-/// The flash return code of a firmware file that can't be opened.
-
 constexpr std::size_t header_buffer_size = 200;
 
 /// Reads `n` characters into a zeroed buffer; false when fewer came.
@@ -248,10 +246,14 @@ ExtendedVersionListEntry extended_version_list_entry(std::span<const std::uint8_
 
 int count_download_lines(const char* path) {
     const FileHandle file = open_regular_file(path);
-    if (file == nullptr || fseek(file.get(), firmware_header_size, SEEK_SET) != 0) {
+    return file != nullptr ? count_download_lines(file.get()) : 0;
+}
+
+int count_download_lines(FILE* file) {
+    if (fseek(file, firmware_header_size, SEEK_SET) != 0) {
         return 0;
     }
-    FirmwareRecordReader reader(file.get());
+    FirmwareRecordReader reader(file);
     FirmwareRecord record;
     int count = 0;
     RecordResult result = reader.next(record);
@@ -267,33 +269,39 @@ int count_download_lines(const char* path) {
 
 int read_file_info(const char* path, int& product_id, int& version, int& component, int& ec_level,
                    int& file_type, int& build_level, int& version_method) {
+    const FileHandle file = open_regular_file(path);
+    read_file_info(file.get(), path, product_id, version, component, ec_level, file_type,
+                   build_level, version_method);
+    return file != nullptr ? 0 : no_firmware_file;
+}
+
+void read_file_info(FILE* file, const char* path, int& product_id, int& version, int& component,
+                    int& ec_level, int& file_type, int& build_level, int& version_method) {
     product_id = version = component = ec_level = build_level = 0;
     version_method = VERSION_INCREASING;
     file_type = has_extension(path, ".dat") || has_extension(path, ".cfg") ? FILE_TYPE_FIRMWARE
                                                                            : FILE_TYPE_UNKNOWN;
     writedebug("File '%s':\n", path);
-    const FileHandle file = open_regular_file(path);
     if (file == nullptr) {
         writedebug("    Not found\n");
-        return no_firmware_file;
+        return;
     }
     char version_character = 0;
-    product_id = read_product_id(file.get(), firmware_header_field_size);
-    ec_level = read_ec_level(file.get(), firmware_header_field_size, version_character);
+    product_id = read_product_id(file, firmware_header_field_size);
+    ec_level = read_ec_level(file, firmware_header_field_size, version_character);
     version = static_cast<unsigned char>(version_character) - '0';
     writedebug("    ProductID:         %04x\n", static_cast<unsigned int>(product_id));
     writedebug("    EC Level:          %02x.%02x\n", (ec_level >> 8) & 0xFF, ec_level & 0xFF);
     writedebug("    Version:           %d\n", version);
     if (ec_level < 1) {
-        return 0;
+        return;
     }
     SummaryScan scan(file_type, build_level, version_method);
-    scan.run(file.get());
+    scan.run(file);
     component = scan.component();
     if (use_information_record_ec_level != 0 && scan.component_version() >= 0) {
         ec_level = scan.component_version();
     }
-    return 0;
 }
 
 bool has_extension(const char* name, const char* extension) {

@@ -154,6 +154,9 @@ ExtendedVersionListEntry extended_version_list_entry(std::span<const std::uint8_
 /// The number of records of a file, counting one that is cut short; 0 when it can't be opened.
 int count_download_lines(const char* path);
 
+/// The same of an open file, from its header on.
+int count_download_lines(FILE* file);
+
 /// Result of `read_file_info` for a file that can't be opened.
 constexpr int no_firmware_file = 8;
 
@@ -168,6 +171,11 @@ constexpr int no_firmware_file = 8;
 /// \param version_method  a `VersionMethod`
 int read_file_info(const char* path, int& product_id, int& version, int& component, int& ec_level,
                    int& file_type, int& build_level, int& version_method);
+
+/// The same of an open file that stands at its start, null when it can't be opened; `path` is its
+/// name.
+void read_file_info(FILE* file, const char* path, int& product_id, int& version, int& component,
+                    int& ec_level, int& file_type, int& build_level, int& version_method);
 
 /// True when the name ends in `extension` (with its dot), whatever the case.
 bool has_extension(const char* name, const char* extension);

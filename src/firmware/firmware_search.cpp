@@ -127,16 +127,29 @@ bool read_config_line(FILE* file, ConfigLine& line) {
     return true;
 }
 
+/// Listed as unknown, a type counts as unspecified from there on.
+void count_unknown_as_unspecified(FlashFile& row) {
+    if (row.comp_type == FILE_TYPE_UNKNOWN) {
+        row.comp_type = FILE_TYPE_UNSPECIFIED;
+    }
+}
+
+/// The summary of an open file, in the row's terms.
+FlashFile summary_of(FILE* file, const char* name) {
+    FlashFile row = {};
+    read_file_info(file, name, row.product_id, row.ec_version, row.comp_id, row.ec_level,
+                   row.comp_type, row.build_level, row.version_method);
+    count_unknown_as_unspecified(row);
+    return row;
+}
+
 void list_file(FlashFile& row) {
     const char* type = file_type_text(row.comp_type);
     writelog(1, "  %-25s   PID: %04x COMP: %d TYPE: %-3s  EC=%02x.%02x%-3s, Version='%d'\n",
              row.filename, static_cast<unsigned int>(row.product_id), row.comp_id, type,
              (row.ec_level >> 8) & 0xFF, row.ec_level & 0xFF, build_suffix(row.build_level).text,
              row.ec_version);
-    // Listed as unknown, it counts as unspecified from here on.
-    if (row.comp_type == FILE_TYPE_UNKNOWN) {
-        row.comp_type = FILE_TYPE_UNSPECIFIED;
-    }
+    count_unknown_as_unspecified(row);
 }
 
 void read_candidate(const char* name) {
@@ -232,6 +245,19 @@ int read_firmware_files() {
         read_candidate(fwfilename[i]);
     }
     return 0;
+}
+
+bool is_as_listed(const FlashFile& listed, FILE* file) {
+    if (fseek(file, 0, SEEK_SET) != 0) {
+        return false;
+    }
+    const std::string name = std::string(listed.path) + listed.filename;
+    const FlashFile now = summary_of(file, name.c_str());
+    const bool is_same_component = comp_update_id > 0 || now.comp_id == listed.comp_id;
+    return is_same_component && now.product_id == listed.product_id &&
+           now.ec_level == listed.ec_level && now.ec_version == listed.ec_version &&
+           now.build_level == listed.build_level && now.comp_type == listed.comp_type &&
+           now.version_method == listed.version_method;
 }
 
 int is_there_a_firmware_file_for_device(int product_id) {

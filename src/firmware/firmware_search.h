@@ -5,6 +5,8 @@
 
 #include "settings.h"
 
+#include <cstdio>
+
 /// One readable firmware file.
 struct FlashFile {
     int product_id;
@@ -34,6 +36,10 @@ void read_config_file(const char* path);
 /// Appends "/" to a non-empty `DirName`, reads each file of `fwfilename`, lists the readable ones
 /// and fills `files` with them. Returns 0.
 int read_firmware_files();
+
+/// True when `file`, from its start, is still what `listed` says of the file of that name. Its
+/// component does not count when `-c` names one for all files.
+bool is_as_listed(const FlashFile& listed, FILE* file);
 
 /// 1 when any device is considered, or some row of `files` has this product ID.
 int is_there_a_firmware_file_for_device(int product_id);

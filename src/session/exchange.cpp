@@ -123,6 +123,10 @@ int ZELFLASH::read_flash(char* buffer, unsigned int length, int timeout, int ind
     if (use_thread_reading == 1 && timeout >= 1) {
         return wait_for_message(timeout, buffer, static_cast<int>(length), index);
     }
+    return read_report(buffer, length);
+}
+
+int ZELFLASH::read_report(char* buffer, unsigned int length) {
     HIDDEVICE2* const device = hiddev.get();
     if (device == nullptr) {
         return FLASHREADERROR;
@@ -237,27 +241,47 @@ int ZELFLASH::send_query(FlashCommand command, int component, int index) {
     return send_command(message.bytes.data(), message.length, index, information_timeout);
 }
 
-int ZELFLASH::send_command(char* command, int length, int index, int timeout) {
+ZELFLASH::Answer ZELFLASH::ask(const Question& question, int index) {
     forget_earlier_status();
-    int rc = write_flash(command, static_cast<unsigned int>(length));
-    writedebug("send_command: write_flash returned - rc=%d, last_status=%02x\n", rc,
-               last_status_flags());
-    if (rc != 0) {
-        writedebug("Write failed on status of erase command, rc=%d\n", rc);
-        return rc;
+    if (question.is_answered) {
+        answer_count.message_sent();
     }
-    if (timeout < 1) {
-        return 0;
+    Answer answer;
+    answer.rc = write_flash(question.bytes, question.length);
+    answer.is_asked = answer.rc == 0;
+    if (question.is_narrated) {
+        writedebug("send_command: write_flash returned - rc=%d, last_status=%02x\n", answer.rc,
+                   last_status_flags());
     }
-    char answer[status_report_size] = {};
-    rc = read_flash(answer, sizeof(answer), timeout, index);
-    std::uint8_t flags = AnswerView(answer, sizeof(answer))[0];
-    writedebug("send_command: read_flash returned - rc=%d, status[0]=%02x last_status=%02x\n", rc,
-               flags, last_status_flags());
-    if (rc != 0) {
-        writedebug("Read failed on status of command, rc=%d\n", rc);
-        return rc;
+    if (!answer.is_asked || !question.is_answered) {
+        return answer;
     }
+    // Into a buffer of its own: the reader clears `status` when it starts its next read.
+    char report[status_report_size] = {};
+    answer.rc = read_flash(report, sizeof(report), question.timeout, index);
+    answer.flags = AnswerView(report, sizeof(report))[0];
+    if (question.is_narrated) {
+        writedebug("send_command: read_flash returned - rc=%d, status[0]=%02x last_status=%02x\n",
+                   answer.rc, answer.flags, last_status_flags());
+    }
+    return answer;
+}
+
+int ZELFLASH::send_command(char* command, int length, int index, int timeout) {
+    const Question question = {.bytes = command,
+                               .length = static_cast<unsigned int>(length),
+                               .timeout = timeout,
+                               .is_answered = timeout >= 1,
+                               .is_narrated = true};
+    const Answer answer = ask(question, index);
+    if (answer.rc != 0) {
+        writedebug(answer.is_asked ? "Read failed on status of command, rc=%d\n"
+                                   : "Write failed on status of erase command, rc=%d\n",
+                   answer.rc);
+        return answer.rc;
+    }
+    int rc = 0;
+    std::uint8_t flags = answer.flags;
     if ((flags & status_flag::reject) != 0) {
         if (global_reading_information != 0) {
             writedebug("Command reject sending command\n");
@@ -278,19 +302,13 @@ int ZELFLASH::send_command(char* command, int length, int index, int timeout) {
 int ZELFLASH::resend_command(char* command, int length, int index, int timeout,
                              std::uint8_t& flags) {
     writedebug("Command reject sending command trying one more time\n");
-    flags = 0;
     chSleep(pause_before_retry);
-    forget_earlier_status();
-    int rc = write_flash(command, static_cast<unsigned int>(length));
-    if (rc != 0) {
-        return rc;
+    const Answer answer = ask(
+        {.bytes = command, .length = static_cast<unsigned int>(length), .timeout = timeout}, index);
+    flags = answer.rc == 0 ? answer.flags : std::uint8_t{0};
+    if (answer.rc != 0) {
+        return answer.rc;
     }
-    char answer[status_report_size] = {};
-    rc = read_flash(answer, sizeof(answer), timeout, index);
-    if (rc != 0) {
-        return rc;
-    }
-    flags = AnswerView(answer, sizeof(answer))[0];
     if (is_bad_status(flags)) {
         writelog(0, "Bad status (%02x) on resend of command, stop flash operation\n", flags);
         return FLASHWRITEERROR;
@@ -303,48 +321,35 @@ std::uint8_t ZELFLASH::last_status_flags() const {
 }
 
 int ZELFLASH::send_erase_command(int index) {
+    CommandMessage message = flash_command(FlashCommand::erase);
+    const Question erase = {.bytes = message.bytes.data(),
+                            .length = static_cast<unsigned int>(message.length),
+                            .timeout = erase_timeout};
     chSleep(pause_before_request);
-    int rc = send_without_status(FlashCommand::erase);
-    if (rc != 0) {
-        writelog(Verbose, "Write failed on status of erase command, rc=%d\n", rc);
-        return rc;
+    Answer answer = ask(erase, index);
+    if (answer.rc != 0) {
+        writelog(Verbose,
+                 answer.is_asked ? "Read failed on status of erase command, rc=%d\n"
+                                 : "Write failed on status of erase command, rc=%d\n",
+                 answer.rc);
+        return answer.rc;
     }
-    char answer[status_report_size] = {};
-    rc = read_flash(answer, sizeof(answer), erase_timeout, index);
-    if (rc != 0) {
-        writelog(Verbose, "Read failed on status of erase command, rc=%d\n", rc);
-        return rc;
-    }
-    const std::uint8_t flags = AnswerView(answer, sizeof(answer))[0];
-    if ((flags & status_flag::reject) != 0) {
-        return resend_erase_command(index);
-    }
-    if ((flags & status_flag::operation_error) != 0) {
+    if ((answer.flags & status_flag::reject) == 0) {
+        if ((answer.flags & status_flag::operation_error) == 0) {
+            return 0;
+        }
         writelog(Verbose, "Operation error on erase of image, stop flash operation\n");
         return FLASHWRITEERROR;
     }
-    return 0;
-}
-
-int ZELFLASH::resend_erase_command(int index) {
     writelog(Verbose, "Command reject erasing image, trying one more time\n");
     chSleep(pause_before_retry);
-    int rc = send_without_status(FlashCommand::erase);
-    if (rc != 0) {
-        return rc;
-    }
-    char answer[status_report_size] = {};
-    rc = read_flash(answer, sizeof(answer), erase_timeout, index);
-    if (rc != 0) {
-        return rc;
-    }
-    const std::uint8_t flags = AnswerView(answer, sizeof(answer))[0];
-    if (is_bad_status(flags)) {
+    answer = ask(erase, index);
+    if (answer.rc == 0 && is_bad_status(answer.flags)) {
         writelog(Verbose, "Bad status (%02x) on second erase of image, stop flash operation\n",
-                 flags);
+                 answer.flags);
         return FLASHWRITEERROR;
     }
-    return 0;
+    return answer.rc;
 }
 
 int ZELFLASH::send_firmware_file_data(FILE* stream, int index) {
@@ -406,23 +411,18 @@ int ZELFLASH::send_record(const FirmwareRecord& record, int index) {
     if (comp_update_id > 0) {
         message.override_component(comp_update_id);
     }
-    forget_earlier_status();
-    int rc = write_flash(message.data(), message.size());
-    if (rc != 0) {
-        return rc;
-    }
-    // Into a buffer of its own: the reader clears `status` when it starts its next read.
-    char answer[status_report_size] = {};
-    rc = read_flash(answer, sizeof(answer), command_timeout, index);
-    if (rc != 0) {
-        writelog(Verbose, "Read failed on status of command, rc=%d\n", rc);
-        return rc;
+    const Answer answer =
+        ask({.bytes = message.data(), .length = message.size(), .timeout = command_timeout}, index);
+    if (answer.rc != 0) {
+        if (answer.is_asked) {
+            writelog(Verbose, "Read failed on status of command, rc=%d\n", answer.rc);
+        }
+        return answer.rc;
     }
     // A record's answer need not carry the completed flag.
-    const std::uint8_t flags = AnswerView(answer, sizeof(answer))[0];
-    if (is_bad_status(flags)) {
+    if (is_bad_status(answer.flags)) {
         writelog(Verbose, "Bad status (%02x) on write of record, stopping firmware update\n",
-                 flags);
+                 answer.flags);
         return FLASHWRITEERROR;
     }
     return 0;
@@ -436,20 +436,17 @@ int ZELFLASH::send_checksum(FILE* stream, int index) {
     }
     ImageMessage message;
     message.set_checksum(checksum);
-    forget_earlier_status();
-    int rc = write_flash(message.data(), message.size());
-    if (rc != 0) {
-        return rc;
-    }
-    char answer[status_report_size] = {};
-    rc = read_flash(answer, sizeof(answer), checksum_timeout, index);
-    if (rc != 0) {
+    const Answer answer = ask(
+        {.bytes = message.data(), .length = message.size(), .timeout = checksum_timeout}, index);
+    if (answer.rc != 0) {
+        if (!answer.is_asked) {
+            return answer.rc;
+        }
         writelog(Verbose, "Read of checksm write status failed\n");
         return FLASHWRITEERROR;
     }
-    const std::uint8_t flags = AnswerView(answer, sizeof(answer))[0];
-    if (is_bad_status(flags)) {
-        writelog(Verbose, "Bad status (%02x) on write of checksum\n", flags);
+    if (is_bad_status(answer.flags)) {
+        writelog(Verbose, "Bad status (%02x) on write of checksum\n", answer.flags);
         return FLASHWRITEERROR;
     }
     writelog(Verbose, "Checksums written\n");

@@ -135,8 +135,8 @@ void ZELFLASH::read_hid_messages(int index) {
     writedebug("%d: read_hid_messages started (device_closed=%d)\n", index, slot.device_closed);
     do {
         // A read would open the handle again, in the case of a thread that starts after the close.
-        const int rc = slot.device_closed == 1 ? exchange_device_closed
-                                               : read_flash(status, sizeof(status), 0, index);
+        const int rc =
+            slot.device_closed == 1 ? exchange_device_closed : read_report(status, sizeof(status));
         writedebug("%d: read_flash returned rc=%d (stopped=%d device_closed=%d)\n", index, rc,
                    slot.stopped, slot.device_closed);
         if (slot.stopped == 1 || slot.device_closed == 1) {
@@ -145,6 +145,7 @@ void ZELFLASH::read_hid_messages(int index) {
             slot.device_in_use = 0;
             break;
         }
+        rc == 0 ? answer_count.report_taken() : answer_count.read_failed();
         // Before the copy, and after a failed read too: a waiter then gets the previous report.
         status_ready = 1;
         if (rc != 0) {

@@ -1,11 +1,14 @@
 #include "firmware/component_text.h"
+#include "firmware/file_copy.h"
 #include "firmware/firmware_file.h"
 #include "firmware/firmware_search.h"
+#include "flash_protocol.h"
 #include "journal/file_handle.h"
 #include "journal/output.h"
 #include "process/signal_hold.h"
 #include "session/zelflash.h"
 #include "settings.h"
+#include "usb/flshusbintf.h"
 #include "usb/zelflshhid.h"
 
 #include <algorithm>
@@ -25,6 +28,7 @@ struct ZELFLASH::ComponentUpdate {
     const FlashFile& file;
     std::string file_name;
     FileHandle stream{};
+    FileCopy copy{};
     bool is_forced = false;
     bool has_force_marker = false;
 };
@@ -91,6 +95,64 @@ void report_versions(const char* cause, const flashEntry& entry, const component
              ec_text(file.ec_level, file.build_level).text);
 }
 
+void report_missing_file(const flashEntry& entry, const component_entry& component) {
+    writelog(1, "No flash file for PID: %04x C COMP: %d\n", entry.product_id, component.comp_id);
+}
+
+/// Why a device that could not be set up for its update was sent nothing; `rc` is the set-up's.
+std::string reason_for_silence(bool has_device, int rc) {
+    if (!has_device) {
+        return "it can't be opened";
+    }
+    return background_read == 1
+               ? std::string("no thread can be started to read its answers: ") + strerror(rc)
+               : "background reading is switched off";
+}
+
+/// Tells of records whose messages do not fit into the device's report: the rest of each is cut off
+/// on the wire, and the device's answer alone says what becomes of it.
+void report_long_records(FILE* file, int report_size) {
+    if (fseek(file, firmware_header_size, SEEK_SET) != 0) {
+        return;
+    }
+    constexpr int bytes_beside_body = static_cast<int>(image_message::body_start);
+    FirmwareRecordReader records(file);
+    FirmwareRecord record;
+    int number = 0;
+    int first = 0;
+    int first_size = 0;
+    int count = 0;
+    for (RecordResult result = records.next(record);
+         result == RecordResult::whole || result == RecordResult::short_body;
+         result = records.next(record)) {
+        ++number;
+        const int size = record.body_size + bytes_beside_body;
+        if (result == RecordResult::short_body || size <= report_size) {
+            continue;
+        }
+        if (++count == 1) {
+            first = number;
+            first_size = size;
+        }
+    }
+    if (count > 0) {
+        writelog(1,
+                 "Messages are cut short: record %d needs %d bytes, the device's report holds %d "
+                 "(records cut short: %d)\n",
+                 first, first_size, report_size, count);
+    }
+}
+
+/// What the device's report descriptor says against this image, before anything is erased.
+void report_size_limits(FILE* file, const USBINTF& device) {
+    const int report_size = device.GetOutputReportSize(flash_usage::page, flash_usage::command);
+    if (report_size == 0) {
+        writelog(1, "The device names no report for messages to it: nothing can be sent\n");
+    } else if (file != nullptr) {
+        report_long_records(file, report_size);
+    }
+}
+
 }  // namespace
 
 int ZELFLASH::start_flash(int component, int& reset_needed) {
@@ -128,8 +190,7 @@ bool ZELFLASH::consider_component(flashEntry& entry, component_entry& component,
     update.stream = open_regular_file(update.file_name.c_str());
     if (update.stream == nullptr) {
         entry.flashStatus = NOFLASHFILE;
-        writelog(1, "No flash file for PID: %04x C COMP: %d\n", entry.product_id,
-                 component.comp_id);
+        report_missing_file(entry, component);
         return true;
     }
     report_file_and_device(update.file_name, *file, entry, component);
@@ -168,13 +229,33 @@ bool ZELFLASH::is_due(ComponentUpdate& update) {
     return false;
 }
 
+/// Takes the copy that is sent. A file that was replaced since it was listed may be another
+/// device's or component's: it counts as one that can't be opened.
+bool ZELFLASH::take_copy(ComponentUpdate& update) {
+    std::string reason = update.copy.take(update.stream.get());
+    if (reason.empty() && !is_as_listed(update.file, update.copy.stream())) {
+        reason = "it is not the file that was listed";
+    }
+    if (reason.empty()) {
+        return true;
+    }
+    update.entry.flashStatus = NOFLASHFILE;
+    writelog(1, "File '%s' is not sent: %s\n", update.file_name.c_str(), reason.c_str());
+    report_missing_file(update.entry, update.component);
+    return false;
+}
+
 bool ZELFLASH::update_component(ComponentUpdate& update, UpdatePass& pass) {
+    if (check_for_update_only == 0 && !take_copy(update)) {
+        return true;
+    }
     const int product_id = update.entry.product_id;
     const int number = update.component.comp_id;
     writelog(1, "    Starting firmware update of Product ID %04x COMP: %d\n", product_id, number);
     writelog(1, "    EC level when complete should be %s\n",
              ec_text(update.file.ec_level, update.file.build_level).text);
-    send_count = count_download_lines(update.file_name.c_str());
+    send_count = count_download_lines(check_for_update_only == 0 ? update.copy.stream()
+                                                                 : update.stream.get());
     const int rc = download(update, pass);
     update.entry.flashStatus = rc;
     writelog(1, "Firmware update of Product ID %04x COMP: %d finished, rc=%d\n", product_id, number,
@@ -215,7 +296,7 @@ int ZELFLASH::download(ComponentUpdate& update, UpdatePass& pass) {
         return 0;
     }
     const int row = static_cast<int>(&update.entry - fe);
-    return flash_device(update.stream.get(), row, update.component.ec_level,
+    return flash_device(update.copy.stream(), row, update.component.ec_level,
                         update.component.comp_id, pass.reset_needed, take_reader_slot());
 }
 
@@ -253,12 +334,16 @@ int ZELFLASH::flash_device(FILE* file, int entry, int device_ec_level, int compo
         return FLASHDEVICEGONE;
     }
     writedebug("Getting components for %04x\n", row.product_id);
-    if (setup_device_for_reading(row.DevicePath, reader_start_timeout, index) != 0) {
+    const int setup_rc = setup_device_for_reading(row.DevicePath, reader_start_timeout, index);
+    if (setup_rc != 0) {
         // A device that can't be opened is left alone and counts as a success.
+        writelog(1, "Nothing was sent to Product ID %04x COMP: %d: %s\n", row.product_id, component,
+                 reason_for_silence(hiddev != nullptr, setup_rc).c_str());
         close_device_after_use(index, 1);
         return 0;
     }
     const SignalHold hold;
+    report_size_limits(file, *hiddev->intf);
     global_reading_information = 1;
     int rc = erase_and_send(file, component, reset_needed, index);
     if (reset_needed == 1 && component == 0) {
@@ -274,6 +359,7 @@ int ZELFLASH::flash_device(FILE* file, int entry, int device_ec_level, int compo
 }
 
 int ZELFLASH::erase_and_send(FILE* file, int component, int& reset_needed, int index) {
+    answer_count.start();
     int rc = send_erase_command(index);
     if (rc != 0) {
         writelog(1, "Erase of flash image area failed, rc=%d\n", rc);
@@ -287,6 +373,7 @@ int ZELFLASH::erase_and_send(FILE* file, int component, int& reset_needed, int i
         }
     }
     if (rc == 0) {
+        answer_count.tell_doubts();
         return 0;
     }
     writelog(1, "Firmware update FAILED\n");

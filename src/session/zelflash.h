@@ -4,6 +4,8 @@
 /// discovery, update, commands, progress, firmware_display and rma_log.
 #pragma once
 
+#include "session/answer_count.h"
+
 #include <pthread.h>
 
 #include <array>
@@ -238,12 +240,28 @@ class ZELFLASH {
 
     // exchange.cpp
 
+    /// A message to the device; `timeout` is that of `read_flash`.
+    struct Question {
+        char* bytes;
+        unsigned int length;
+        int timeout;
+        bool is_answered = true;   ///< a status report is waited for
+        bool is_narrated = false;  ///< both steps show in the debug log
+    };
+    struct Answer {
+        int rc = 0;              ///< of the write, or else of the read
+        bool is_asked = false;   ///< the write succeeded
+        std::uint8_t flags = 0;  ///< of the status report
+    };
+    /// The one way to ask the device and to hear its status.
+    Answer ask(const Question& question, int index);
+    /// Reads one status report; blocks until it is there.
+    int read_report(char* buffer, unsigned int length);
     void forget_earlier_status();
     int send_without_status(FlashCommand command);
     /// `send_command` with `information_timeout`; `component` as `flash_command` takes it.
     int send_query(FlashCommand command, int component, int index);
     int resend_command(char* command, int length, int index, int timeout, std::uint8_t& flags);
-    int resend_erase_command(int index);
     std::uint8_t last_status_flags() const;
     int send_records(FILE* stream, int index);
     int send_record(const FirmwareRecord& record, int index);
@@ -278,6 +296,7 @@ class ZELFLASH {
     /// False when the row's other components are not visited any more.
     bool consider_component(flashEntry& entry, component_entry& component, UpdatePass& pass);
     bool is_due(ComponentUpdate& update);
+    bool take_copy(ComponentUpdate& update);
     bool update_component(ComponentUpdate& update, UpdatePass& pass);
     int download(ComponentUpdate& update, UpdatePass& pass);
     void finish_update(const ComponentUpdate& update, UpdatePass& pass);
@@ -298,6 +317,7 @@ class ZELFLASH {
 
     int take_reader_slot();
 
+    AnswerCount answer_count;
     /// 1 from before a reader's thread is created until the reader is done with the session; what
     /// the reader uses may be freed only while this is 0.
     std::array<std::atomic<uchar>, max_reader_slots> reader_inside{};

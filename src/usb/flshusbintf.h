@@ -194,6 +194,8 @@ class USBINTF {
     uint8_t GetAddress() const { return DeviceAddress; }
     uint16_t GetUsagePage() const { return UsagePage; }
     uint16_t GetUsage() const { return Usage; }
+    /// Data bytes of the first output report with this usage; 0 when there is none.
+    uint16_t GetOutputReportSize(unsigned short usagePage, unsigned short usage) const;
 
     libusb_context* ctx = nullptr;
     libusb_device_handle* handle = nullptr;

@@ -91,6 +91,11 @@ unsigned char USBINTF::FindOutputReportID(unsigned short usagePage, unsigned sho
     return find_id(OutputReports, OutputReportCount, usagePage, usage, size);
 }
 
+uint16_t USBINTF::GetOutputReportSize(unsigned short usagePage, unsigned short usage) const {
+    const Report* const report = find_usage(OutputReports, OutputReportCount, usagePage, usage);
+    return report != nullptr ? report->Size : uint16_t{0};
+}
+
 unsigned short USBINTF::FindOutputReportSize(unsigned char id) {
     return find_size(OutputReports, OutputReportCount, id);
 }

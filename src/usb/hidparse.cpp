@@ -89,6 +89,7 @@ HidReport* HidParser::GetFeatureReport(int i) {
 int HidParser::Parse() {
     Global = {};
     Local = {};
+    int rc = 0;
     int position = 0;
     while (position < DescriptorLength) {
         if (byte_at(Descriptor, position) == long_item_prefix) {
@@ -115,22 +116,23 @@ int HidParser::Parse() {
         }
         unsigned char* bytes = &Descriptor[static_cast<size_t>(data_position)];
         if (ItemType == type_main) {
-            parse_item_main(bytes);
+            rc |= parse_item_main(bytes);
         } else if (ItemType == type_global) {
-            parse_item_global(bytes);
+            rc |= parse_item_global(bytes);
         } else if (ItemType == type_local) {
-            parse_item_local(bytes);
+            rc |= parse_item_local(bytes);
         }
     }
-    return 0;
+    return rc;
 }
 
 int HidParser::parse_item_main(unsigned char* /*data*/) {
+    int rc = 0;
     switch (ItemTag) {
         case tag_input:
         case tag_output:
         case tag_feature:
-            AddReport(Global.ReportID, ItemTag);
+            rc = AddReport(Global.ReportID, ItemTag);
             break;
         case tag_collection:
             // Collections make no node: only the usages of the main items inside count.
@@ -142,7 +144,7 @@ int HidParser::parse_item_main(unsigned char* /*data*/) {
             return 0;
     }
     Local = {};
-    return 0;
+    return rc;
 }
 
 int HidParser::parse_item_global(unsigned char* /*data*/) {

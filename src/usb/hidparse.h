@@ -81,7 +81,7 @@ class HidParser {
     /// Copies at most 8192 bytes of `descriptor`; does not parse.
     HidParser(const unsigned char* descriptor, unsigned short length);
 
-    /// Parses the whole descriptor. Returns 0.
+    /// Parses the whole descriptor. Returns 0, as every step of it does, whatever an item holds.
     int Parse();
 
     /// The i-th record, which the parser owns, or null when there is none.

@@ -304,6 +304,39 @@ TEST_F(Failure, FileWithoutChecksumIsBad) {
     expect_broken();
 }
 
+TEST_F(Failure, RefusedChecksumThatCouldNotBeReadIsAnUncertainSuccess) {
+    // The endpoint halts at the third report of the image, with four to six of the listing before.
+    set_bus({printer()}, fault_text("printer", "interrupt", "stall", "number = 9") +
+                             fault_text("printer", "checksum", "reject"));
+    const RunResult result = update();
+    EXPECT_EQ(result.exit_code, 0);
+    EXPECT_THAT(result.console, EndsWith("Updated 1 device\n"));
+    expect_broken();
+    EXPECT_THAT(result.log, testing::ContainsRegex(
+                                "The result is uncertain: [0-9]+ status reports could not be "
+                                "read\nFirmware update of Product ID 3c35 COMP: 1 finished, rc=0"));
+    expect_recovery();
+}
+
+TEST_F(Failure, OrdinaryUpdateIsNotCalledUncertain) {
+    set_bus({printer()}, fault_text("printer", "record", "late", "number = 3\nms = 300") +
+                             fault_text("printer", "erase", "reject"));
+    const RunResult result = update();
+    EXPECT_EQ(result.exit_code, 0);
+    EXPECT_THAT(result.log, Not(HasSubstr("uncertain")));
+}
+
+TEST_F(Failure, ReportThatIsTooShortForARecordIsNamedBeforeTheErase) {
+    SimDevice device = printer();
+    device.interface_keys = "output_size = 15\n";
+    set_bus({device});
+    const RunResult result = update();
+    EXPECT_THAT(result.console,
+                HasSubstr("    EC level when complete should be 01.05.00\n"
+                          "Messages are cut short: record 3 needs 16 bytes, the device's report "
+                          "holds 15 (records cut short: 5)\n"));
+}
+
 TEST_F(Failure, MainComponentIsResetAfterAFailedTransfer) {
     set_bus({SimDevice{}}, fault_text("printer", "record", "reject", "number = 5"));
     std::filesystem::remove(firmware_path("boot.dat"));
@@ -404,6 +437,8 @@ TEST_F(FailureAmongSeveral, DeviceThatCannotBeOpenedForItsUpdateCountsAsASuccess
     const RunResult result = update();
     EXPECT_EQ(result.exit_code, 0);
     EXPECT_THAT(result.console, EndsWith("Updated 2 devices\n"));
+    EXPECT_THAT(result.console,
+                HasSubstr("Nothing was sent to Product ID 3c35 COMP: 1: it can't be opened\n"));
     EXPECT_EQ(erases(), 0);
     expect_scanner_updated();
 }

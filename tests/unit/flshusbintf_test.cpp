@@ -773,6 +773,31 @@ TEST_F(UsbInterface, UsesNoAlternateSettingThatIsNotThere) {
     EXPECT_EQ(intf().OutputReportCount, 0);
 }
 
+// What stands behind the last setting is a whole one, so that a step too far would show.
+TEST_F(UsbInterface, UsesNoSettingBehindTheLastOne) {
+    FakeUsbDevice& device = flash_device();
+    auto& settings = device.configurations[0].interfaces[0];
+    settings.push_back(settings[0]);
+    ASSERT_EQ(open(flash_path(device)), 0);
+    auto* const listed = const_cast<libusb_interface*>(intf().config->interface);
+    ASSERT_EQ(listed->num_altsetting, 2);
+    listed->num_altsetting = 1;
+    intf().setting_number = 1;
+    EXPECT_EQ(intf().ClaimInterface(0), 0);
+    listed->num_altsetting = 2;
+    EXPECT_EQ(intf().EndpointIndex, 0);
+    EXPECT_EQ(intf().OutputReportCount, 0);
+}
+
+TEST_F(UsbInterface, TellsTheSizeOfAnOutputReport) {
+    FakeUsbDevice& device = flash_device();
+    EXPECT_EQ(intf().GetOutputReportSize(0xFF45, 0xA001), 0);
+    claim(device);
+    EXPECT_EQ(intf().GetOutputReportSize(0xFF45, 0xA001), 263);
+    EXPECT_EQ(intf().GetOutputReportSize(0xFF45, 0xA002), 0);
+    EXPECT_EQ(intf().GetOutputReportSize(0xFF46, 0xA001), 0);
+}
+
 TEST_F(UsbInterface, UsesTheChosenAlternateSetting) {
     FakeUsbDevice& device = flash_device();
     FakeSetting second = device.configurations[0].interfaces[0][0];

@@ -10,11 +10,13 @@
 
 #include <gtest/gtest.h>
 
+#include <cerrno>
 #include <cstdio>
 #include <filesystem>
 #include <memory>
 #include <string>
 #include <utility>
+#include <vector>
 
 namespace {
 
@@ -36,7 +38,7 @@ class Update : public FlashTest {
     FlashFile& add_file(const FileRow& wanted) {
         FlashFile& file = files[numberOfusbFlashFiles];
         const std::string name = "f" + std::to_string(numberOfusbFlashFiles++) + ".dat";
-        directory.write(name, content);
+        directory.write(name, content_of(wanted));
         file.product_id = product;
         file.comp_id = wanted.component;
         file.ec_level = wanted.level;
@@ -47,6 +49,17 @@ class Update : public FlashTest {
         snprintf(file.filename, sizeof file.filename, "%s", name.c_str());
         snprintf(file.path, sizeof file.path, "%s", directory.path("").c_str());
         return file;
+    }
+    /// A file that is listed as `wanted`, with one record to be sent beside those about it.
+    static FirmwareBytes content_of(const FileRow& wanted) {
+        char header[9];
+        snprintf(header, sizeof header, "%04x%04x", static_cast<unsigned int>(product),
+                 static_cast<unsigned int>(wanted.level) & 0xFFFFU);
+        FirmwareBytes content{header};
+        if (wanted.component != 0) {
+            content.record(0xFF, 0, {static_cast<std::uint8_t>(wanted.component)});
+        }
+        return content.record(0x10, 0, {1}).end();
     }
     std::string file_name(int row = 0) const {
         return directory.path("f" + std::to_string(row) + ".dat");
@@ -74,7 +87,6 @@ class Update : public FlashTest {
     int pass(int component = 0) { return flash->start_flash(component, reset_needed); }
 
     TemporaryDirectory directory;
-    FirmwareBytes content = FirmwareBytes("41230102").record(0x10, 0, {1}).end();
     int reset_needed = 0;
 };
 
@@ -766,6 +778,250 @@ TEST_F(Flashing, SaysOnTheConsoleWhatHappensToADevice) {
     EXPECT_EQ(std::string::npos, shown.find("Erase completed"));
     EXPECT_EQ(std::string::npos, shown.find("Reset needed"));
     EXPECT_EQ(std::string::npos, shown.find("Checksums written"));
+}
+
+/// Files that change between their listing and their update.
+class ChangedFile : public Flashing {
+  protected:
+    ChangedFile() : row(attach(device)) { add_file({.level = 0x0109}); }
+
+    void replace(const FirmwareBytes& content) { directory.write("f0.dat", content); }
+    /// Nothing reached the device, and the file counts as one that is not there.
+    void expect_not_sent(const std::string& reason) {
+        row.flashStatus = NOFLASHATTEMPT;
+        const int told = logged("No flash file for PID: 4123 C COMP: 0");
+        EXPECT_EQ(0, pass());
+        EXPECT_EQ(NOFLASHFILE, row.flashStatus);
+        EXPECT_TRUE(device.commands().empty());
+        EXPECT_EQ(0, log.count("Starting firmware update"));
+        EXPECT_GE(logged("File '" + file_name() + "' is not sent: " + reason), 1) << reason;
+        EXPECT_EQ(told + 1, logged("No flash file for PID: 4123 C COMP: 0"));
+    }
+    static constexpr char other_file[] = "it is not the file that was listed";
+
+    FlashPeripheral& device = bus.add(product);
+    flashEntry& row;
+};
+
+TEST_F(ChangedFile, OfAnotherProductIsNotSent) {
+    replace(FirmwareBytes("41240109").record(0x10, 0, {1}).end());
+    expect_not_sent(other_file);
+}
+
+TEST_F(ChangedFile, OfAnotherComponentIsNotSent) {
+    replace(content_of({.component = 1, .level = 0x0109}));
+    expect_not_sent(other_file);
+}
+
+TEST_F(ChangedFile, OfAnotherLevelBuildTypeOrControlIsNotSent) {
+    replace(content_of({.level = 0x0108}));
+    expect_not_sent(other_file);
+    // The listed file has no list: build level 0, firmware, increasing.
+    const std::vector<std::vector<std::uint8_t>> lists = {
+        {0, 9, 1, 0x02, 7}, {0, 9, 1, 0x04, 0}, {0, 9, 1, 0x03, 0}};
+    for (const auto& list : lists) {
+        replace(FirmwareBytes("41230109").record(0xFF, 2, list).record(0x10, 0, {1}).end());
+        expect_not_sent(other_file);
+    }
+}
+
+TEST_F(ChangedFile, ThatIsEmptyIsNotSent) {
+    replace(FirmwareBytes(""));
+    expect_not_sent(other_file);
+}
+
+TEST_F(ChangedFile, OfEveryDeviceIsTakenAsItIsThen) {
+    replace(FirmwareBytes("41230109").record(0x10, 0, {2}).end());
+    EXPECT_EQ(1, pass());
+    EXPECT_EQ(1, device.count({0x07, 0x00, 0x02, 0x00, 0x01, 0x10, 0x00, 0x00, 0x02}));
+}
+
+TEST_F(ChangedFile, IsSentAsItWasBeforeTheErase) {
+    device.on_command = [&](const Bytes& command) {
+        if (command == wire::erase) {
+            std::filesystem::resize_file(file_name(), 9);
+        }
+    };
+    EXPECT_EQ(1, pass());
+    EXPECT_EQ(FLASHSUCCESS, row.flashStatus);
+    EXPECT_EQ((std::vector<Bytes>{wire::erase, record, checksum, wire::reset, wire::stop}),
+              device.commands());
+}
+
+TEST_F(ChangedFile, ThatIsHugeByNowIsNotSent) {
+    std::filesystem::resize_file(file_name(), (64U << 20U) + 1);
+    expect_not_sent("it is larger than 64 MiB");
+}
+
+TEST_F(ChangedFile, IsNotSentWithoutMemory) {
+    fail_nothrow_new(true);
+    expect_not_sent("there is no memory for a copy of it");
+    fail_nothrow_new(false);
+}
+
+TEST_F(ChangedFile, KeepsItsMarker) {
+    numberOfusbFlashFiles = 0;
+    add_file({.level = 0x0101});
+    directory.write("f0.dat.force", std::string());
+    replace(content_of({.component = 1, .level = 0x0101}));
+    expect_not_sent(other_file);
+    EXPECT_TRUE(std::filesystem::exists(directory.path("f0.dat.force")));
+}
+
+TEST_F(ChangedFile, MayNameAnyComponentWhenOneIsNamedForAll) {
+    comp_update_id = 3;
+    add_component(row, 3, 0x0102);
+    replace(content_of({.component = 5, .level = 0x0109}));
+    EXPECT_EQ(1, pass(1));
+    EXPECT_EQ(1, device.count(wire::erase));
+}
+
+TEST_F(ChangedFile, IsComparedByItsRecordsLevelWhenThatIsAskedFor) {
+    use_information_record_ec_level = 1;
+    replace(
+        FirmwareBytes("41230101").record(0xFF, 2, {0, 9, 1, 0x02, 0}).record(0x10, 0, {1}).end());
+    files[0].ec_version = 1;
+    EXPECT_EQ(1, pass());
+    EXPECT_EQ(1, device.count(wire::erase));
+}
+
+TEST_F(Flashing, SaysWhyNothingWasSentToADevice) {
+    FlashPeripheral& device = bus.add(product);
+    add_file({.level = 0x0109});
+    add_device(0x0102);
+    attach(device);
+    const auto told = [&](int entry) {
+        return console_of(1, 0, [&] { EXPECT_EQ(0, flash_row(entry)); });
+    };
+    const std::string start = "Nothing was sent to Product ID 4123 COMP: 0: ";
+    EXPECT_EQ(start + "it can't be opened\n", told(0));
+    threads.fail_with(EAGAIN);
+    EXPECT_EQ(start +
+                  "no thread can be started to read its answers: Resource temporarily "
+                  "unavailable\n",
+              told(1));
+    threads.fail_with(0);
+    background_read = 0;
+    EXPECT_EQ(start + "background reading is switched off\n", told(1));
+    EXPECT_EQ(0, device.count(wire::erase));
+}
+
+/// Images in which an answer is missed, or comes twice.
+class Answers : public Flashing {
+  protected:
+    Answers() {
+        FirmwareBytes content("41230109");
+        for (std::uint8_t i = 0; i < 5; ++i) {
+            content.record(0x10, i, {i});
+        }
+        add_file({.level = 0x0109});
+        directory.write("f0.dat", content.end());
+        attach(device);
+    }
+    static Bytes nth_record(unsigned char n) {
+        return {0x07, 0x00, 0x02, 0x00, 0x01, 0x10, 0x00, n, n};
+    }
+    static constexpr char doubt[] = "The result is uncertain: ";
+
+    FlashPeripheral& device = bus.add(product);
+};
+
+TEST_F(Answers, OneForEachMessageLeaveNoDoubt) {
+    device.next_answers[wire::erase] = {{{0x80}}, {{0x01}}};
+    EXPECT_EQ(1, pass());
+    EXPECT_EQ(2, device.count(wire::erase));
+    EXPECT_EQ(0, log.count(doubt));
+}
+
+TEST_F(Answers, OfABrokenEndpointAreCounted) {
+    // Each failed read hands over the report before it: the refused checksum counts as taken.
+    device.answers[nth_record(2)] = {};
+    device.answers[nth_record(3)] = {};
+    device.answers[nth_record(4)] = {};
+    device.answers[checksum] = {{0x80}};
+    device.on_command = [&](const Bytes& command) {
+        if (command == nth_record(2)) {
+            for (int i = 0; i < 200; ++i) {
+                device.report_failure(LIBUSB_ERROR_PIPE);
+            }
+        }
+    };
+    EXPECT_EQ(1, pass());
+    EXPECT_EQ(1, log.count(doubt));
+    EXPECT_NE(std::string::npos, log.text().find(" status reports could not be read\n"));
+    const std::string text = log.text();
+    EXPECT_LT(text.find(doubt), text.find("COMP: 0 finished, rc=0"));
+}
+
+TEST_F(Answers, ThatComeTwiceAreCounted) {
+    device.answers[nth_record(3)] = {{0x01}, {0x01}};
+    EXPECT_EQ(1, pass());
+    EXPECT_EQ(1, logged(std::string(doubt) + "1 status report more than messages sent"));
+}
+
+TEST_F(Answers, OfAnImageThatFailedNeedNoDoubt) {
+    device.answers[nth_record(3)] = {{0x80}, {0x80}};
+    EXPECT_EQ(-2, pass());
+    EXPECT_EQ(0, log.count(doubt));
+}
+
+TEST_F(Answers, OfTheImageBeforeDoNotCount) {
+    device.answers[nth_record(3)] = {{0x01}, {0x01}};
+    EXPECT_EQ(0, flash_row(0));
+    device.answers.clear();
+    EXPECT_EQ(0, flash_row(0));
+    EXPECT_EQ(1, log.count(doubt));
+}
+
+/// Images for a device whose output report is short.
+class ShortReport : public Flashing {
+  protected:
+    void set_report(int size, bool with_ids = false) {
+        make_flash_device(device.usb(), with_ids, size, 32);
+        add_file({.component = 1, .level = 0x0109});
+        attach(device);
+    }
+    std::string told() {
+        return console_of(1, 0, [&] { flash_row(0, 1); });
+    }
+    void write(const std::vector<std::size_t>& lengths) {
+        FirmwareBytes content("41230109");
+        for (const std::size_t length : lengths) {
+            content.record(0x10, 0, std::vector<std::uint8_t>(length, 7));
+        }
+        directory.write("f0.dat", content.end());
+    }
+
+    FlashPeripheral& device = bus.add(product);
+};
+
+TEST_F(ShortReport, CutsLongRecords) {
+    set_report(40);
+    write({1, 32, 33, 255, 32, 34});
+    EXPECT_EQ(0U,
+              told().find("Messages are cut short: record 3 needs 41 bytes, the device's report "
+                          "holds 40 (records cut short: 3)\n"));
+}
+
+TEST_F(ShortReport, HoldsItsSizeBesideTheReportId) {
+    set_report(40, true);
+    write({32});
+    EXPECT_EQ(std::string::npos, told().find("cut short"));
+    write({33});
+    EXPECT_NE(std::string::npos, told().find("record 1 needs 41 bytes"));
+}
+
+TEST_F(ShortReport, DoesNotMatterToARecordThatIsNotSent) {
+    set_report(40);
+    directory.write("f0.dat", FirmwareBytes("41230109").lying_record(60, 0x10, 0, Bytes(50, 7)));
+    EXPECT_EQ(std::string::npos, told().find("cut short"));
+}
+
+TEST_F(ShortReport, ThatIsMissingTakesNothing) {
+    set_report(40);
+    device.usb().report_descriptor.clear();
+    EXPECT_EQ(0U, told().find("The device names no report for messages to it: nothing can be "
+                              "sent\nErase of flash image area failed, rc=8\n"));
 }
 
 }  // namespace
