@@ -4,30 +4,16 @@
 #include "journal/file_handle.h"
 #include "journal/output.h"
 #include "process/signal_hold.h"
+#include "session/exchange.h"
 #include "session/zelflash.h"
 #include "settings.h"
 #include "usb/flshusbintf.h"
-#include "usb/zelflshenum.h"
 #include "usb/zelflshhid.h"
 
-#include <cstdlib>
-#include <cstring>
-#include <functional>
-#include <memory>
 #include <new>
-#include <vector>
-
-struct ZELFLASH::DeviceOperation {
-    std::function<void(const flashEntry&)> announce;
-    /// Returns 0 or the code of the failure.
-    std::function<int(const flashEntry&, int index)> run;
-    std::function<void(const flashEntry&, int rc)> report;
-    std::function<void(int successes, int failures)> summarize;
-};
 
 namespace {
 
-constexpr int reader_start_timeout = 2000;            // milliseconds
 constexpr unsigned long sleep_between_passes = 4000;  // milliseconds
 
 /// A device that never says that a block is its last would fill the disk.
@@ -37,104 +23,159 @@ const char* plural(int count) {
     return count == 1 ? "" : "s";
 }
 
-bool is_selected_serial_number(const char* serial_number) {
-    for (int i = 0; i < NumberOfSerialNoListEntries; ++i) {
-        if (strcmp(serial_no_list[i].serial_number, serial_number) == 0) {
-            return true;
-        }
+void report_flash_error(int result) {
+    writelog(1, "Error %d flashing devices\n", result);
+    switch (-result) {
+        case FLASHDEVICEGONE:
+            writelog(1, "Device disconnected\n");
+            break;
+        case FLASHRESETERROR:
+            writelog(1, "Device reset failed\n");
+            break;
+        case FILECORRUPTED:
+            writelog(1, "Firmware update file bad\n");
+            break;
+        default:
+            break;
     }
-    return false;
 }
 
-void select_row(flashEntry& entry, flashEntry*& list_pointer) {
-    entry.flashStatus = DEVICE_SELECTED;
-    list_pointer = &entry;
+class Reset {
+  public:
+    static void announce(const flashEntry& entry) {
+        writelog(1, "Resetting device PID:%04x SN='%s'\n", entry.product_id, entry.serialNumber);
+    }
+    static int run(ZELFLASH& session, const flashEntry&, int) {
+        return session.send_reset_command();
+    }
+    static void report(const flashEntry& entry, int rc) {
+        if (rc == 0) {
+            writelog(1, "Device PID:%04x reset successfully\n", entry.product_id);
+        } else {
+            writelog(1, "Device PID:%04x reset failed, rc=%d\n", entry.product_id, rc);
+        }
+    }
+    static void summarize(int successes, int failures) {
+        if (successes > 0) {
+            writelog(1, "Reset successful on %d device%s\n", successes, plural(successes));
+        }
+        if (failures > 0) {
+            writelog(1, "Reset failed on %d device%s\n", failures, plural(failures));
+        }
+    }
+};
+
+class ReadBack {
+  public:
+    ReadBack(int component, const char* path) : component_(component), path_(path) {}
+
+    void announce(const flashEntry& entry) const {
+        writelog(1, "Reading data from device PID:%04x Component:%d SN='%s'\n", entry.product_id,
+                 component_, entry.serialNumber);
+    }
+    int run(ZELFLASH& session, const flashEntry& entry, int index) const {
+        const bool in_table = component_ >= 0 && component_ < max_components;
+        const int level = in_table ? entry.component[component_].ec_level : 0;
+        return session.read_component_data(component_, path_, entry.product_id, level, index);
+    }
+    void report(const flashEntry& entry, int rc) const {
+        if (rc == 0) {
+            writelog(1, "Device PID:%04x Component:%d read successfully\n", entry.product_id,
+                     component_);
+        } else {
+            writelog(1, "Device PID:%04x Component:%d read failed, rc=%d\n", entry.product_id,
+                     component_, rc);
+        }
+    }
+    static void summarize(int successes, int failures) {
+        if (successes > 0) {
+            writedebug("Read successful on %d device%s\n", successes, plural(successes));
+        }
+        if (failures > 0) {
+            writedebug("Read failed on %d device%s\n", failures, plural(failures));
+        }
+    }
+
+  private:
+    int component_;
+    const char* path_;
+};
+
+/// Opens each selected device, hands it to `operation`, and closes it. An operation has `announce`,
+/// `run`, which returns 0 or the code of the failure, `report` and `summarize`.
+template <typename Operation>
+int run_on_selected_devices(ZELFLASH& session, const Operation& operation) {
+    int attempts = 0;
+    int successes = 0;
+    int failures = 0;
+    for (int row = 0; row < session.numberOfFlashEntries; ++row) {
+        flashEntry& entry = session.fe[row];
+        if (entry.flashStatus != NOFLASHATTEMPT) {
+            continue;
+        }
+        int rc = FLASHDEVICEGONE;
+        session.hiddev.reset(new (std::nothrow) HIDDEVICE2(0, 0, entry.DevicePath));
+        if (session.hiddev != nullptr) {
+            const int index = take_reader_slot(session);
+            if (session.setup_device_for_reading(entry.DevicePath, reader_start_timeout, index) !=
+                0) {
+                // The devices behind this one are left alone, and the command has succeeded.
+                session.close_device_after_use(index, 1);
+                return 0;
+            }
+            ++attempts;
+            global_reading_information = 1;
+            operation.announce(entry);
+            rc = operation.run(session, entry, index);
+            global_reading_information = 0;
+            session.close_device_after_use(index, 1);
+        }
+        operation.report(entry, rc);
+        entry.flashStatus = rc == 0 ? FLASHRESETSUCCESS : FLASHRESETERROR;
+        ++(rc == 0 ? successes : failures);
+    }
+    if (attempts == 0) {
+        writelog(1, "No devices selected\n");
+        return EXIT_NO_DEVICES;
+    }
+    operation.summarize(successes, failures);
+    return failures > 0 ? EXIT_DEVICE_FAILED : 0;
+}
+
+int read_records(ZELFLASH& session, FILE* output, int component, int index) {
+    writedebug("Read all records from 0x%04x\n",
+               session.hiddev != nullptr && session.hiddev->intf != nullptr
+                   ? session.hiddev->intf->GetProductID()
+                   : 0);
+    int rc = send_query(session, FlashCommand::read_all_records, component, index);
+    if (rc != 0) {
+        return rc;
+    }
+    for (int block = 0; block < most_blocks; ++block) {
+        char data[record_answer::size] = {};
+        rc = session.read_data(data, sizeof(data));
+        const AnswerView answer(data, sizeof(data));
+        writedebug("Reading data, rc=%d, buffer[]=%02x.%02x.%02x.%02x\n", rc, answer[0], answer[1],
+                   answer[2], answer[3]);
+        if (rc != 0) {
+            writelog(Verbose, "Reading data failed, rc=%d\n", rc);
+            return rc;
+        }
+        const bool is_last = (answer[record_answer::flags] & record_answer::last_block) != 0;
+        const std::size_t length = answer[record_answer::record];
+        const std::size_t size = is_last && length == 0
+                                     ? record_answer::end_size
+                                     : length + record_answer::bytes_beside_payload;
+        fwrite(data + record_answer::record, size, 1, output);
+        if (is_last) {
+            return 0;
+        }
+    }
+    writelog(1, "The device does not end its data after %d blocks\n", most_blocks);
+    return FLASHREADERROR;
 }
 
 }  // namespace
-
-void ZELFLASH::build_initial_device_list() {
-    // The records outlive the enumerator, which closes its own USB context first.
-    std::vector<std::unique_ptr<USBHID>> records;
-    {
-        USBENUM enumerator;
-        if (enumerator.buildTreeInformation() != 0) {
-            return;
-        }
-        for (int i = 0; i < enumerator.numberOfHidDevices; ++i) {
-            records.emplace_back(enumerator.getHidDevice(i));
-        }
-        for (const auto& record : records) {
-            if (record != nullptr) {
-                open_hid_device(record.get());
-            }
-        }
-    }
-}
-
-int ZELFLASH::open_hid_device(USBHID* hid) {
-    if (hid == nullptr || IsFlashDeviceSupported(hid->VendorID, hid->Usage) == 0) {
-        return 0;
-    }
-    int rc = 0;
-    hiddev.reset(new (std::nothrow) HIDDEVICE2(hid->VendorID, hid->ProductID, hid->DevicePath));
-    if (hiddev != nullptr && hiddev->OpenRc == 0) {
-        rc = process_device(hid->DevicePath);
-    }
-    hiddev.reset();
-    return rc;
-}
-
-void ZELFLASH::determine_select_devices() {
-    const bool has_filter =
-        select_devices == 1 && (NumberOfDeviceListEntries > 0 || NumberOfSerialNoListEntries > 0);
-    for (int row = 0; row < numberOfFlashEntries; ++row) {
-        fe[row].flashStatus = has_filter ? NOFLASHALLOWED : NOFLASHATTEMPT;
-    }
-    int count = numberOfFlashEntries;
-    if (has_filter) {
-        if (NumberOfDeviceListEntries > 0) {
-            mark_selected_products();
-        } else {
-            mark_selected_serial_numbers();
-        }
-        count = 0;
-        for (int row = 0; row < numberOfFlashEntries; ++row) {
-            const bool is_selected = fe[row].flashStatus == DEVICE_SELECTED;
-            fe[row].flashStatus = is_selected ? NOFLASHATTEMPT : NOFLASHALLOWED;
-            count += is_selected ? 1 : 0;
-        }
-    }
-    writedebug("Found %d device%s to check for updating\n", count, count < 2 ? "" : "s");
-}
-
-void ZELFLASH::mark_selected_products() {
-    for (int i = 0; i < NumberOfDeviceListEntries; ++i) {
-        DeviceListEntry& wanted = device_list[i];
-        const unsigned long product_id = strtoul(wanted.PIDstr, nullptr, 16);
-        if (product_id == 0) {
-            wanted.fe = nullptr;
-            continue;
-        }
-        for (int row = 0; row < numberOfFlashEntries; ++row) {
-            if (static_cast<unsigned long>(fe[row].product_id) == product_id &&
-                (NumberOfSerialNoListEntries == 0 ||
-                 is_selected_serial_number(fe[row].serialNumber))) {
-                select_row(fe[row], wanted.fe);
-            }
-        }
-    }
-}
-
-void ZELFLASH::mark_selected_serial_numbers() {
-    for (int i = 0; i < NumberOfSerialNoListEntries; ++i) {
-        for (int row = 0; row < numberOfFlashEntries; ++row) {
-            if (strcmp(fe[row].serialNumber, serial_no_list[i].serial_number) == 0) {
-                select_row(fe[row], serial_no_list[i].fe);
-            }
-        }
-    }
-}
 
 int ZELFLASH::list_attached_devices() {
     build_flash_table();
@@ -193,91 +234,13 @@ int ZELFLASH::flash_all_devices() {
     return 0;
 }
 
-void ZELFLASH::report_flash_error(int result) {
-    writelog(1, "Error %d flashing devices\n", result);
-    switch (-result) {
-        case FLASHDEVICEGONE:
-            writelog(1, "Device disconnected\n");
-            break;
-        case FLASHRESETERROR:
-            writelog(1, "Device reset failed\n");
-            break;
-        case FILECORRUPTED:
-            writelog(1, "Firmware update file bad\n");
-            break;
-        default:
-            break;
-    }
-}
-
-int ZELFLASH::run_on_selected_devices(const DeviceOperation& operation) {
-    int attempts = 0;
-    int successes = 0;
-    int failures = 0;
-    for (int row = 0; row < numberOfFlashEntries; ++row) {
-        flashEntry& entry = fe[row];
-        if (entry.flashStatus != NOFLASHATTEMPT) {
-            continue;
-        }
-        int rc = FLASHDEVICEGONE;
-        hiddev.reset(new (std::nothrow) HIDDEVICE2(0, 0, entry.DevicePath));
-        if (hiddev != nullptr) {
-            const int index = take_reader_slot();
-            if (setup_device_for_reading(entry.DevicePath, reader_start_timeout, index) != 0) {
-                // The devices behind this one are left alone, and the command has succeeded.
-                close_device_after_use(index, 1);
-                return 0;
-            }
-            ++attempts;
-            global_reading_information = 1;
-            operation.announce(entry);
-            rc = operation.run(entry, index);
-            global_reading_information = 0;
-            close_device_after_use(index, 1);
-        }
-        operation.report(entry, rc);
-        entry.flashStatus = rc == 0 ? FLASHRESETSUCCESS : FLASHRESETERROR;
-        ++(rc == 0 ? successes : failures);
-    }
-    if (attempts == 0) {
-        writelog(1, "No devices selected\n");
-        return EXIT_NO_DEVICES;
-    }
-    operation.summarize(successes, failures);
-    return failures > 0 ? EXIT_DEVICE_FAILED : 0;
-}
-
 int ZELFLASH::reset_devices() {
     build_flash_table();
     if (numberOfFlashEntries == 0) {
         writelog(1, "No devices found\n");
         return EXIT_NO_DEVICES;
     }
-    return run_on_selected_devices({
-        .announce =
-            [](const flashEntry& entry) {
-                writelog(1, "Resetting device PID:%04x SN='%s'\n", entry.product_id,
-                         entry.serialNumber);
-            },
-        .run = [this](const flashEntry&, int) { return send_reset_command(); },
-        .report =
-            [](const flashEntry& entry, int rc) {
-                if (rc == 0) {
-                    writelog(1, "Device PID:%04x reset successfully\n", entry.product_id);
-                } else {
-                    writelog(1, "Device PID:%04x reset failed, rc=%d\n", entry.product_id, rc);
-                }
-            },
-        .summarize =
-            [](int successes, int failures) {
-                if (successes > 0) {
-                    writelog(1, "Reset successful on %d device%s\n", successes, plural(successes));
-                }
-                if (failures > 0) {
-                    writelog(1, "Reset failed on %d device%s\n", failures, plural(failures));
-                }
-            },
-    });
+    return run_on_selected_devices(*this, Reset{});
 }
 
 int ZELFLASH::get_device_data_for_component(int component, const char* path) {
@@ -287,38 +250,7 @@ int ZELFLASH::get_device_data_for_component(int component, const char* path) {
         writelog(1, "No devices found\n");
         return EXIT_NO_DEVICES;
     }
-    return run_on_selected_devices({
-        .announce =
-            [component](const flashEntry& entry) {
-                writelog(1, "Reading data from device PID:%04x Component:%d SN='%s'\n",
-                         entry.product_id, component, entry.serialNumber);
-            },
-        .run =
-            [this, component, path](const flashEntry& entry, int index) {
-                const bool in_table = component >= 0 && component < max_components;
-                const int level = in_table ? entry.component[component].ec_level : 0;
-                return read_component_data(component, path, entry.product_id, level, index);
-            },
-        .report =
-            [component](const flashEntry& entry, int rc) {
-                if (rc == 0) {
-                    writelog(1, "Device PID:%04x Component:%d read successfully\n",
-                             entry.product_id, component);
-                } else {
-                    writelog(1, "Device PID:%04x Component:%d read failed, rc=%d\n",
-                             entry.product_id, component, rc);
-                }
-            },
-        .summarize =
-            [](int successes, int failures) {
-                if (successes > 0) {
-                    writedebug("Read successful on %d device%s\n", successes, plural(successes));
-                }
-                if (failures > 0) {
-                    writedebug("Read failed on %d device%s\n", failures, plural(failures));
-                }
-            },
-    });
+    return run_on_selected_devices(*this, ReadBack(component, path));
 }
 
 int ZELFLASH::read_component_data(int component, const char* path, int product_id, int ec_level,
@@ -333,7 +265,7 @@ int ZELFLASH::read_component_data(int component, const char* path, int product_i
     if (ThreadTable[index].hThread == 0) {
         start_background_thread(reader_start_timeout, index);
     }
-    const int rc = read_records(output.get(), component, index);
+    const int rc = read_records(*this, output.get(), component, index);
     if (rc != 0) {
         return rc;
     }
@@ -343,35 +275,4 @@ int ZELFLASH::read_component_data(int component, const char* path, int product_i
     }
     writedebug("Data transfer finished\n");
     return 0;
-}
-
-int ZELFLASH::read_records(FILE* output, int component, int index) {
-    writedebug("Read all records from 0x%04x\n",
-               hiddev != nullptr && hiddev->intf != nullptr ? hiddev->intf->GetProductID() : 0);
-    int rc = send_query(FlashCommand::read_all_records, component, index);
-    if (rc != 0) {
-        return rc;
-    }
-    for (int block = 0; block < most_blocks; ++block) {
-        char data[record_answer::size] = {};
-        rc = read_data(data, sizeof(data));
-        const AnswerView answer(data, sizeof(data));
-        writedebug("Reading data, rc=%d, buffer[]=%02x.%02x.%02x.%02x\n", rc, answer[0], answer[1],
-                   answer[2], answer[3]);
-        if (rc != 0) {
-            writelog(Verbose, "Reading data failed, rc=%d\n", rc);
-            return rc;
-        }
-        const bool is_last = (answer[record_answer::flags] & record_answer::last_block) != 0;
-        const std::size_t length = answer[record_answer::record];
-        const std::size_t size = is_last && length == 0
-                                     ? record_answer::end_size
-                                     : length + record_answer::bytes_beside_payload;
-        fwrite(data + record_answer::record, size, 1, output);
-        if (is_last) {
-            return 0;
-        }
-    }
-    writelog(1, "The device does not end its data after %d blocks\n", most_blocks);
-    return FLASHREADERROR;
 }

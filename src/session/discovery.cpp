@@ -1,17 +1,21 @@
 #include "firmware/component_text.h"
 #include "flash_protocol.h"
 #include "journal/output.h"
+#include "session/exchange.h"
 #include "session/zelflash.h"
 #include "settings.h"
 #include "usb/flshusbintf.h"
+#include "usb/zelflshenum.h"
 #include "usb/zelflshhid.h"
 
 #include <algorithm>
 #include <cstring>
+#include <memory>
+#include <new>
+#include <vector>
 
 namespace {
 
-constexpr int reader_start_timeout = 2000;  // milliseconds
 constexpr std::size_t data_answer_size = 255;
 constexpr uchar unknown_revision = 0xFF;
 
@@ -89,7 +93,133 @@ void log_component_from_fallback(const component_entry& component) {
              component.comp_type == 1 ? "Firmware" : "Configuration");
 }
 
+bool take_component_list(ZELFLASH& session, flashEntry* entry, const char* data) {
+    const int count = AnswerView(data, data_answer_size)[component_list_answer::length] /
+                      static_cast<int>(sizeof(component_id));
+    component_id listed = {};
+    for (int k = 0; k < count && k < max_components; ++k) {
+        if (!get_list_entry(data, k, listed) || is_empty_entry(listed)) {
+            return true;
+        }
+        if (listed.revision == unknown_revision) {
+            writelog(Verbose, "Revsion is 0xff, component list not correct\n");
+            return false;
+        }
+        const int level = sdv_dawu_hw == 1 ? listed.revision * 256 + listed.generation
+                                           : listed.generation * 256 + listed.revision;
+        if (store_component(*entry, {.comp_id = listed.component,
+                                     .ec_level = level,
+                                     .build_level = 0,
+                                     .comp_type = (listed.flags >> 1) & 3,
+                                     .version_method = listed.flags & 1})) {
+            session.show_component_information(entry, listed.component);
+            ++entry->component_count;
+        }
+    }
+    return true;
+}
+
+bool open_for_queries(ZELFLASH& session, const char* path, int product_id, int slot) {
+    writedebug("Getting components for %04x (index=%d)\n", product_id, slot);
+    if (session.setup_device_for_reading(path, 0, slot) != 0) {
+        writedebug("Could not setup device for reading (pid=%04x, index=%d)\n", product_id, slot);
+        return false;
+    }
+    if (session.check_device_connection(slot) != 0) {
+        writedebug(
+            "Device not responding to commands... HID information only (Device='%s', index=%d)\n",
+            path, slot);
+        return false;
+    }
+    writedebug("Background message reading thread starting for '%s' timeout=%d, index=%d\n", path,
+               reader_start_timeout, slot);
+    const int rc = session.start_background_thread(reader_start_timeout, slot);
+    if (rc != 0) {
+        writedebug(
+            "Background message reading thread starting for '%s could not start, rc=%d, index=%d\n",
+            path, rc, slot);
+        return false;
+    }
+    return true;
+}
+
+void take_components_without_list(ZELFLASH& session, flashEntry* entry, int version_number,
+                                  int slot) {
+    writedebug(
+        "Extended and component information not available (Current EC=%04x HID Version=%04x, "
+        "index=%d)\n",
+        entry->current_ec_level, version_number, slot);
+    if (take_main_component(*entry, version_number) == LevelFrom::descriptor) {
+        writedebug(
+            "EC not available from device response, using interface version information "
+            "(index=%d)\n",
+            slot);
+    }
+    if (session.add_component_x_version_info(entry, 1, 1, slot) == 0) {
+        entry->component_count = 2;
+        writedebug("Two components on device (thread_index=%d)\n", slot);
+    }
+    writedebug("Device: %04x component: %d, Version: %04x, current_ec: %04x component count: %d\n",
+               entry->product_id, entry->component[0].comp_id, entry->component[0].ec_level,
+               entry->current_ec_level, entry->component_count);
+    for (int number = 0; number < max_components; ++number) {
+        if (number == 0 || entry->component[number].comp_id >= 1) {
+            log_component_from_fallback(entry->component[number]);
+        }
+    }
+    if (entry->component_count > 0) {
+        writelog(0, "\n");
+    }
+}
+
+void query_device(ZELFLASH& session, flashEntry* entry, int version_number, int slot) {
+    session.get_device_info(entry, slot);
+    session.get_ec_level(entry, slot);
+    if ((entry->features & device_feature::extended_versioning) != 0) {
+        writelog(0, "Extended version information available\n");
+        if (session.read_extended_component_list(entry, slot) != no_component_list) {
+            return;
+        }
+    }
+    writedebug("Get component information (index=%d)\n", slot);
+    if (session.add_components_to_table(entry, slot) == no_component_list) {
+        take_components_without_list(session, entry, version_number, slot);
+    }
+}
+
 }  // namespace
+
+void ZELFLASH::build_initial_device_list() {
+    // The records outlive the enumerator, which closes its own USB context first.
+    std::vector<std::unique_ptr<USBHID>> records;
+    {
+        USBENUM enumerator;
+        if (enumerator.buildTreeInformation() != 0) {
+            return;
+        }
+        for (int i = 0; i < enumerator.numberOfHidDevices; ++i) {
+            records.emplace_back(enumerator.getHidDevice(i));
+        }
+        for (const auto& record : records) {
+            if (record != nullptr) {
+                open_hid_device(record.get());
+            }
+        }
+    }
+}
+
+int ZELFLASH::open_hid_device(USBHID* hid) {
+    if (hid == nullptr || IsFlashDeviceSupported(hid->VendorID, hid->Usage) == 0) {
+        return 0;
+    }
+    int rc = 0;
+    hiddev.reset(new (std::nothrow) HIDDEVICE2(hid->VendorID, hid->ProductID, hid->DevicePath));
+    if (hiddev != nullptr && hiddev->OpenRc == 0) {
+        rc = process_device(hid->DevicePath);
+    }
+    hiddev.reset();
+    return rc;
+}
 
 int ZELFLASH::check_device_connection(int index) {
     const int product_id = hiddev != nullptr ? hiddev->ProductID : 0;
@@ -103,7 +233,7 @@ int ZELFLASH::check_device_connection(int index) {
 int ZELFLASH::get_device_info(flashEntry* entry, int index) {
     writedebug("Get device information for ProductID %04x\n", entry->product_id);
     memset(last_status, 0, sizeof(last_status));
-    const int rc = send_query(FlashCommand::device_information_query, 0, index);
+    const int rc = send_query(*this, FlashCommand::device_information_query, 0, index);
     if (rc != 0) {
         return rc;
     }
@@ -135,7 +265,7 @@ int ZELFLASH::get_device_info(flashEntry* entry, int index) {
 int ZELFLASH::get_ec_level(flashEntry* entry, int index) {
     writedebug("Get device EC level for ProductID %04x\n", entry->product_id);
     memset(last_status, 0, sizeof(last_status));
-    const int rc = send_query(FlashCommand::ec_level_query, 0, index);
+    const int rc = send_query(*this, FlashCommand::ec_level_query, 0, index);
     if (rc != 0) {
         return rc;
     }
@@ -168,7 +298,7 @@ int ZELFLASH::get_ec_level(flashEntry* entry, int index) {
 
 int ZELFLASH::read_extended_component_list(flashEntry* entry, int index) {
     writedebug("Read extended component list for %04x\n", entry->product_id);
-    int rc = send_query(FlashCommand::extended_component_list_query, 0, index);
+    int rc = send_query(*this, FlashCommand::extended_component_list_query, 0, index);
     if (rc != 0) {
         writelog(0, "Send of read extended configuration command failed, rc=%d\n", rc);
         return no_component_list;
@@ -208,7 +338,7 @@ int ZELFLASH::read_extended_component_list(flashEntry* entry, int index) {
 
 int ZELFLASH::add_components_to_table(flashEntry* entry, int index) {
     writedebug("Add components to table for %04x\n", entry->product_id);
-    int rc = send_query(FlashCommand::component_list_query, 0, index);
+    int rc = send_query(*this, FlashCommand::component_list_query, 0, index);
     const AnswerView report(last_status, sizeof(last_status));
     writedebug("send_command to %04x returned rc=%d status[0]=%02x last_status[0]=%02x\n",
                entry->product_id, rc, AnswerView(status, sizeof(status))[0], report[0]);
@@ -232,7 +362,7 @@ int ZELFLASH::add_components_to_table(flashEntry* entry, int index) {
     if (!is_list_length(answer[component_list_answer::length], sizeof(component_id))) {
         return no_component_list;
     }
-    if (!take_component_list(entry, data)) {
+    if (!take_component_list(*this, entry, data)) {
         rc = no_component_list;
     }
     if (entry->component_count >= 1) {
@@ -241,36 +371,10 @@ int ZELFLASH::add_components_to_table(flashEntry* entry, int index) {
     return rc;
 }
 
-bool ZELFLASH::take_component_list(flashEntry* entry, const char* data) {
-    const int count = AnswerView(data, data_answer_size)[component_list_answer::length] /
-                      static_cast<int>(sizeof(component_id));
-    component_id listed = {};
-    for (int k = 0; k < count && k < max_components; ++k) {
-        if (!get_list_entry(data, k, listed) || is_empty_entry(listed)) {
-            return true;
-        }
-        if (listed.revision == unknown_revision) {
-            writelog(Verbose, "Revsion is 0xff, component list not correct\n");
-            return false;
-        }
-        const int level = sdv_dawu_hw == 1 ? listed.revision * 256 + listed.generation
-                                           : listed.generation * 256 + listed.revision;
-        if (store_component(*entry, {.comp_id = listed.component,
-                                     .ec_level = level,
-                                     .build_level = 0,
-                                     .comp_type = (listed.flags >> 1) & 3,
-                                     .version_method = listed.flags & 1})) {
-            show_component_information(entry, listed.component);
-            ++entry->component_count;
-        }
-    }
-    return true;
-}
-
 int ZELFLASH::add_component_x_version_info(flashEntry* entry, int component, int store, int index) {
     writedebug("Getting component %d version for %04x\n", component, entry->product_id);
-    int rc = send_query(FlashCommand::component_version_query, component, index);
-    if (rc != 0 || (last_status_flags() & status_flag::completed) == 0) {
+    int rc = send_query(*this, FlashCommand::component_version_query, component, index);
+    if (rc != 0 || (last_status_flags(*this) & status_flag::completed) == 0) {
         // Without the completed flag the code is 0, and the caller takes it as success.
         writedebug("Send of configuration command failed, rc=%d\n", rc);
         return rc;
@@ -315,82 +419,15 @@ int ZELFLASH::process_device(const char* path) {
         ++numberOfFlashEntries;
         return 1;
     }
-    const int slot = take_reader_slot();
-    if (!open_for_queries(path, product_id, slot)) {
+    const int slot = take_reader_slot(*this);
+    if (!open_for_queries(*this, path, product_id, slot)) {
         close_device_after_use(slot, 1);
         return 0;
     }
     global_reading_information = 1;
-    query_device(&fe[row], version_number, slot);
+    query_device(*this, &fe[row], version_number, slot);
     global_reading_information = 0;
     close_device_after_use(slot, 1);
     ++numberOfFlashEntries;
     return 1;
-}
-
-bool ZELFLASH::open_for_queries(const char* path, int product_id, int slot) {
-    writedebug("Getting components for %04x (index=%d)\n", product_id, slot);
-    if (setup_device_for_reading(path, 0, slot) != 0) {
-        writedebug("Could not setup device for reading (pid=%04x, index=%d)\n", product_id, slot);
-        return false;
-    }
-    if (check_device_connection(slot) != 0) {
-        writedebug(
-            "Device not responding to commands... HID information only (Device='%s', index=%d)\n",
-            path, slot);
-        return false;
-    }
-    writedebug("Background message reading thread starting for '%s' timeout=%d, index=%d\n", path,
-               reader_start_timeout, slot);
-    const int rc = start_background_thread(reader_start_timeout, slot);
-    if (rc != 0) {
-        writedebug(
-            "Background message reading thread starting for '%s could not start, rc=%d, index=%d\n",
-            path, rc, slot);
-        return false;
-    }
-    return true;
-}
-
-void ZELFLASH::query_device(flashEntry* entry, int version_number, int slot) {
-    get_device_info(entry, slot);
-    get_ec_level(entry, slot);
-    if ((entry->features & device_feature::extended_versioning) != 0) {
-        writelog(0, "Extended version information available\n");
-        if (read_extended_component_list(entry, slot) != no_component_list) {
-            return;
-        }
-    }
-    writedebug("Get component information (index=%d)\n", slot);
-    if (add_components_to_table(entry, slot) == no_component_list) {
-        take_components_without_list(entry, version_number, slot);
-    }
-}
-
-void ZELFLASH::take_components_without_list(flashEntry* entry, int version_number, int slot) {
-    writedebug(
-        "Extended and component information not available (Current EC=%04x HID Version=%04x, "
-        "index=%d)\n",
-        entry->current_ec_level, version_number, slot);
-    if (take_main_component(*entry, version_number) == LevelFrom::descriptor) {
-        writedebug(
-            "EC not available from device response, using interface version information "
-            "(index=%d)\n",
-            slot);
-    }
-    if (add_component_x_version_info(entry, 1, 1, slot) == 0) {
-        entry->component_count = 2;
-        writedebug("Two components on device (thread_index=%d)\n", slot);
-    }
-    writedebug("Device: %04x component: %d, Version: %04x, current_ec: %04x component count: %d\n",
-               entry->product_id, entry->component[0].comp_id, entry->component[0].ec_level,
-               entry->current_ec_level, entry->component_count);
-    for (int number = 0; number < max_components; ++number) {
-        if (number == 0 || entry->component[number].comp_id >= 1) {
-            log_component_from_fallback(entry->component[number]);
-        }
-    }
-    if (entry->component_count > 0) {
-        writelog(0, "\n");
-    }
 }

@@ -1,3 +1,5 @@
+#include "session/exchange.h"
+
 #include "firmware/firmware_file.h"
 #include "flash_protocol.h"
 #include "journal/output.h"
@@ -17,7 +19,6 @@
 
 namespace {
 
-constexpr int shortest_sleep_time = 15;             // milliseconds
 constexpr unsigned long pause_before_request = 10;  // milliseconds
 constexpr unsigned long pause_before_retry = 500;   // milliseconds
 constexpr std::size_t record_message_size = 1024;
@@ -96,7 +97,59 @@ void trace_transfer(std::uint32_t kind, const HIDDEVICE2& device, unsigned short
     trace->WriteTraceData(kind, record.get(), size);
 }
 
+/// A report that came earlier must not count as the answer to what is sent now.
+void forget_earlier_status(ZELFLASH& session) {
+    if (session.use_thread_reading == 1) {
+        session.reset_ready_status();
+    }
+}
+
+int send_without_status(ZELFLASH& session, FlashCommand command) {
+    forget_earlier_status(session);
+    CommandMessage message = flash_command(command);
+    return session.write_flash(message.bytes.data(), static_cast<unsigned int>(message.length));
+}
+
+void show_record_started(ZELFLASH& session, int record_count) {
+    if (OutputLevel < 1) {
+        return;
+    }
+    if (old_progress == 1) {
+        print_progress("r");
+    } else {
+        session.display_percentage(record_count);
+    }
+}
+
 }  // namespace
+
+/// A message to the device; `timeout` is that of `read_flash`.
+struct ZELFLASH::Question {
+    char* bytes;
+    unsigned int length;
+    int timeout;
+    bool is_answered = true;   ///< a status report is waited for
+    bool is_narrated = false;  ///< both steps show in the debug log
+};
+
+struct ZELFLASH::Answer {
+    int rc = 0;              ///< of the write, or else of the read
+    bool is_asked = false;   ///< the write succeeded
+    std::uint8_t flags = 0;  ///< of the status report
+};
+
+int send_query(ZELFLASH& session, FlashCommand command, int component, int index) {
+    CommandMessage message = flash_command(command, component);
+    return session.send_command(message.bytes.data(), message.length, index, information_timeout);
+}
+
+std::uint8_t last_status_flags(const ZELFLASH& session) {
+    return AnswerView(session.last_status, sizeof(session.last_status))[0];
+}
+
+void ZELFLASH::reset_ready_status() {
+    status_ready = 0;
+}
 
 int ZELFLASH::chSleep(unsigned long milliseconds) {
     timeval remaining = {static_cast<time_t>(milliseconds / 1000),
@@ -211,38 +264,21 @@ int ZELFLASH::read_data(char* buffer, unsigned int length) {
     return 0;
 }
 
-void ZELFLASH::forget_earlier_status() {
-    if (use_thread_reading == 1) {
-        reset_ready_status();
-    }
-}
-
-int ZELFLASH::send_without_status(FlashCommand command) {
-    forget_earlier_status();
-    CommandMessage message = flash_command(command);
-    return write_flash(message.bytes.data(), static_cast<unsigned int>(message.length));
-}
-
 int ZELFLASH::send_status_request() {
     chSleep(pause_before_request);
-    return send_without_status(FlashCommand::status_request);
+    return send_without_status(*this, FlashCommand::status_request);
 }
 
 int ZELFLASH::send_reset_command() {
-    return send_without_status(FlashCommand::reset);
+    return send_without_status(*this, FlashCommand::reset);
 }
 
 int ZELFLASH::send_stop_command() {
-    return send_without_status(FlashCommand::stop);
-}
-
-int ZELFLASH::send_query(FlashCommand command, int component, int index) {
-    CommandMessage message = flash_command(command, component);
-    return send_command(message.bytes.data(), message.length, index, information_timeout);
+    return send_without_status(*this, FlashCommand::stop);
 }
 
 ZELFLASH::Answer ZELFLASH::ask(const Question& question, int index) {
-    forget_earlier_status();
+    forget_earlier_status(*this);
     if (question.is_answered) {
         answer_count.message_sent();
     }
@@ -251,7 +287,7 @@ ZELFLASH::Answer ZELFLASH::ask(const Question& question, int index) {
     answer.is_asked = answer.rc == 0;
     if (question.is_narrated) {
         writedebug("send_command: write_flash returned - rc=%d, last_status=%02x\n", answer.rc,
-                   last_status_flags());
+                   last_status_flags(*this));
     }
     if (!answer.is_asked || !question.is_answered) {
         return answer;
@@ -262,7 +298,7 @@ ZELFLASH::Answer ZELFLASH::ask(const Question& question, int index) {
     answer.flags = AnswerView(report, sizeof(report))[0];
     if (question.is_narrated) {
         writedebug("send_command: read_flash returned - rc=%d, status[0]=%02x last_status=%02x\n",
-                   answer.rc, answer.flags, last_status_flags());
+                   answer.rc, answer.flags, last_status_flags(*this));
     }
     return answer;
 }
@@ -314,10 +350,6 @@ int ZELFLASH::resend_command(char* command, int length, int index, int timeout,
         return FLASHWRITEERROR;
     }
     return 0;
-}
-
-std::uint8_t ZELFLASH::last_status_flags() const {
-    return AnswerView(last_status, sizeof(last_status))[0];
 }
 
 int ZELFLASH::send_erase_command(int index) {
@@ -380,7 +412,7 @@ int ZELFLASH::send_records(FILE* stream, int index) {
             writelog(1, "File corrupted, stopping update\n");
             return FILECORRUPTED;
         }
-        show_record_started(record_count);
+        show_record_started(*this, record_count);
         if (result == RecordResult::short_body) {
             continue;
         }
@@ -391,17 +423,6 @@ int ZELFLASH::send_records(FILE* stream, int index) {
         if (old_progress == 1) {
             print_progress("w");
         }
-    }
-}
-
-void ZELFLASH::show_record_started(int record_count) {
-    if (OutputLevel < 1) {
-        return;
-    }
-    if (old_progress == 1) {
-        print_progress("r");
-    } else {
-        display_percentage(record_count);
     }
 }
 

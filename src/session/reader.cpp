@@ -1,5 +1,6 @@
 #include "flash_protocol.h"
 #include "journal/output.h"
+#include "session/exchange.h"
 #include "session/zelflash.h"
 #include "settings.h"
 #include "usb/zelflshhid.h"
@@ -172,7 +173,7 @@ bool ZELFLASH::has_open_read_handle() const {
 
 void ZELFLASH::take_status_report(int index) {
     memcpy(last_status, status, sizeof(last_status));
-    const std::uint8_t flags = last_status_flags();
+    const std::uint8_t flags = last_status_flags(*this);
     writedebug("%d: last_status[0]=%02x (device_closed=%d)\n", index, flags,
                ThreadTable[index].device_closed);
     if ((flags & status_flag::reject) != 0) {

@@ -38,7 +38,6 @@ int NewMsgExitStatus = 0;
 
 namespace {
 
-constexpr int shortest_sleep_time = 15;
 constexpr int longest_wait_at_the_end = 1000;  // milliseconds
 constexpr unsigned short supported_vendors[] = {0x7A01, 0x7A02, 0x7A03};
 
@@ -133,10 +132,6 @@ void ZELFLASH::initialize_device_data(int index, const char* path, const char* s
     entry.ec_level = ec_level;
 }
 
-void ZELFLASH::reset_ready_status() {
-    status_ready = 0;
-}
-
 int ZELFLASH::IsFlashDeviceSupported(unsigned short vendor, unsigned short usage) {
     if (usage != flash_usage::interface) {
         return 0;
@@ -150,18 +145,9 @@ int ZELFLASH::is_there_a_firmware_file_for_device(int product_id) {
     return ::is_there_a_firmware_file_for_device(product_id);
 }
 
-int ZELFLASH::build_flash_table() {
-    writedebug("Finding available Flash Devices\n");
-    reset_device_list();
-    build_initial_device_list();
-    writedebug("Found %d device%s with update interface\n", numberOfFlashEntries,
-               numberOfFlashEntries < 2 ? "" : "s");
-    determine_select_devices();
-    return numberOfFlashEntries;
-}
-
-int ZELFLASH::take_reader_slot() {
+int take_reader_slot(ZELFLASH& session) {
     // 128 devices, opened twice for their information and once a component, stay below the
     // table's size.
-    return CurrentIndex < max_reader_slots - 1 ? CurrentIndex++ : max_reader_slots - 1;
+    int& next = session.CurrentIndex;
+    return next < max_reader_slots - 1 ? next++ : max_reader_slots - 1;
 }

@@ -16,13 +16,18 @@
 #include <new>
 #include <string>
 
-struct ZELFLASH::UpdatePass {
+namespace {
+
+/// One pass of `start_flash`.
+struct UpdatePass {
+    ZELFLASH& session;
     bool is_for_main_components;
     int& reset_needed;
     int result = 0;
 };
 
-struct ZELFLASH::ComponentUpdate {
+/// A component of a row, its firmware file, and why it is sent.
+struct ComponentUpdate {
     flashEntry& entry;
     component_entry& component;
     const FlashFile& file;
@@ -33,9 +38,6 @@ struct ZELFLASH::ComponentUpdate {
     bool has_force_marker = false;
 };
 
-namespace {
-
-constexpr int reader_start_timeout = 2000;  // milliseconds
 /// Main components of devices with this many components are given time to come back.
 constexpr int component_count_that_needs_sleep = 3;
 
@@ -153,51 +155,7 @@ void report_size_limits(FILE* file, const USBINTF& device) {
     }
 }
 
-}  // namespace
-
-int ZELFLASH::start_flash(int component, int& reset_needed) {
-    UpdatePass pass = {.is_for_main_components = component == 0, .reset_needed = reset_needed};
-    const int last_component = component == 0 ? 0 : max_components - 1;
-    for (int row = 0; row < numberOfFlashEntries && SignalHold::held_signal() == 0; ++row) {
-        flashEntry& entry = fe[row];
-        if (entry.flashStatus == NOFLASHALLOWED || entry.flashStatus == FLASHDEVICEGONE) {
-            continue;
-        }
-        for (int number = component; number <= last_component; ++number) {
-            component_entry& listed = entry.component[number];
-            if (number != 0 && listed.comp_id < 1) {
-                continue;
-            }
-            if (SignalHold::held_signal() != 0 || !consider_component(entry, listed, pass)) {
-                break;
-            }
-        }
-    }
-    return pass.result;
-}
-
-bool ZELFLASH::consider_component(flashEntry& entry, component_entry& component, UpdatePass& pass) {
-    const FlashFile* file =
-        numberOfusbFlashFiles < 0 ? nullptr : find_firmware_file(entry, component);
-    if (file == nullptr) {
-        entry.flashStatus = NOFLASHFILE;
-        return true;
-    }
-    ComponentUpdate update = {.entry = entry,
-                              .component = component,
-                              .file = *file,
-                              .file_name = std::string(file->path) + file->filename};
-    update.stream = open_regular_file(update.file_name.c_str());
-    if (update.stream == nullptr) {
-        entry.flashStatus = NOFLASHFILE;
-        report_missing_file(entry, component);
-        return true;
-    }
-    report_file_and_device(update.file_name, *file, entry, component);
-    return is_due(update) ? update_component(update, pass) : true;
-}
-
-bool ZELFLASH::is_due(ComponentUpdate& update) {
+bool is_due(ComponentUpdate& update) {
     const FlashFile& file = update.file;
     const component_entry& component = update.component;
     const int file_version = comparable_version(file.ec_level, file.build_level);
@@ -231,7 +189,7 @@ bool ZELFLASH::is_due(ComponentUpdate& update) {
 
 /// Takes the copy that is sent. A file that was replaced since it was listed may be another
 /// device's or component's: it counts as one that can't be opened.
-bool ZELFLASH::take_copy(ComponentUpdate& update) {
+bool take_copy(ComponentUpdate& update) {
     std::string reason = update.copy.take(update.stream.get());
     if (reason.empty() && !is_as_listed(update.file, update.copy.stream())) {
         reason = "it is not the file that was listed";
@@ -245,7 +203,42 @@ bool ZELFLASH::take_copy(ComponentUpdate& update) {
     return false;
 }
 
-bool ZELFLASH::update_component(ComponentUpdate& update, UpdatePass& pass) {
+int download(ComponentUpdate& update, UpdatePass& pass) {
+    if (check_for_update_only != 0) {
+        if (pass.is_for_main_components) {
+            pass.reset_needed = 1;
+        }
+        return 0;
+    }
+    ZELFLASH& session = pass.session;
+    const int row = static_cast<int>(&update.entry - session.fe);
+    return session.flash_device(update.copy.stream(), row, update.component.ec_level,
+                                update.component.comp_id, pass.reset_needed,
+                                take_reader_slot(session));
+}
+
+void finish_update(const ComponentUpdate& update, UpdatePass& pass) {
+    ++pass.result;
+    if (update.is_forced) {
+        update.entry.flashStatus = FLASHFORCED;
+    }
+    if (update.has_force_marker) {
+        delete_force_marker(update.file_name.c_str());
+    }
+    if (update.component.comp_id == 0 &&
+        update.entry.component_count >= component_count_that_needs_sleep) {
+        writelog(1, "Main component (%d) of device %04x updated.\n", update.component.comp_id,
+                 update.entry.product_id);
+        if (SignalHold::held_signal() != 0) {
+            return;
+        }
+        writelog(1, "Sleeping for %d milliseconds before using device again\n",
+                 reset_sleep_timeout);
+        pass.session.chSleep(static_cast<unsigned long>(std::max(reset_sleep_timeout, 0)));
+    }
+}
+
+bool update_component(ComponentUpdate& update, UpdatePass& pass) {
     if (check_for_update_only == 0 && !take_copy(update)) {
         return true;
     }
@@ -254,8 +247,8 @@ bool ZELFLASH::update_component(ComponentUpdate& update, UpdatePass& pass) {
     writelog(1, "    Starting firmware update of Product ID %04x COMP: %d\n", product_id, number);
     writelog(1, "    EC level when complete should be %s\n",
              ec_text(update.file.ec_level, update.file.build_level).text);
-    send_count = count_download_lines(check_for_update_only == 0 ? update.copy.stream()
-                                                                 : update.stream.get());
+    pass.session.send_count = count_download_lines(
+        check_for_update_only == 0 ? update.copy.stream() : update.stream.get());
     const int rc = download(update, pass);
     update.entry.flashStatus = rc;
     writelog(1, "Firmware update of Product ID %04x COMP: %d finished, rc=%d\n", product_id, number,
@@ -288,37 +281,84 @@ bool ZELFLASH::update_component(ComponentUpdate& update, UpdatePass& pass) {
     return goes_on;
 }
 
-int ZELFLASH::download(ComponentUpdate& update, UpdatePass& pass) {
-    if (check_for_update_only != 0) {
-        if (pass.is_for_main_components) {
-            pass.reset_needed = 1;
-        }
-        return 0;
+/// False when the row's other components are not visited any more.
+bool consider_component(flashEntry& entry, component_entry& component, UpdatePass& pass) {
+    const FlashFile* file =
+        numberOfusbFlashFiles < 0 ? nullptr : find_firmware_file(entry, component);
+    if (file == nullptr) {
+        entry.flashStatus = NOFLASHFILE;
+        return true;
     }
-    const int row = static_cast<int>(&update.entry - fe);
-    return flash_device(update.copy.stream(), row, update.component.ec_level,
-                        update.component.comp_id, pass.reset_needed, take_reader_slot());
+    ComponentUpdate update = {.entry = entry,
+                              .component = component,
+                              .file = *file,
+                              .file_name = std::string(file->path) + file->filename};
+    update.stream = open_regular_file(update.file_name.c_str());
+    if (update.stream == nullptr) {
+        entry.flashStatus = NOFLASHFILE;
+        report_missing_file(entry, component);
+        return true;
+    }
+    report_file_and_device(update.file_name, *file, entry, component);
+    return is_due(update) ? update_component(update, pass) : true;
 }
 
-void ZELFLASH::finish_update(const ComponentUpdate& update, UpdatePass& pass) {
-    ++pass.result;
-    if (update.is_forced) {
-        update.entry.flashStatus = FLASHFORCED;
-    }
-    if (update.has_force_marker) {
-        delete_force_marker(update.file_name.c_str());
-    }
-    if (update.component.comp_id == 0 &&
-        update.entry.component_count >= component_count_that_needs_sleep) {
-        writelog(1, "Main component (%d) of device %04x updated.\n", update.component.comp_id,
-                 update.entry.product_id);
-        if (SignalHold::held_signal() != 0) {
-            return;
+int erase_and_send(ZELFLASH& session, FILE* file, int component, int& reset_needed, int index) {
+    int rc = session.send_erase_command(index);
+    if (rc != 0) {
+        writelog(1, "Erase of flash image area failed, rc=%d\n", rc);
+    } else {
+        writelog(Verbose, "Erase completed, now sending %d firmware update records from file\n",
+                 session.send_count);
+        rc = session.send_firmware_file_data(file, index);
+        if (component == 0) {
+            writelog(Verbose, "Reset needed after update completes\n");
+            reset_needed = 1;
         }
-        writelog(1, "Sleeping for %d milliseconds before using device again\n",
-                 reset_sleep_timeout);
-        chSleep(static_cast<unsigned long>(std::max(reset_sleep_timeout, 0)));
     }
+    if (rc == 0) {
+        return 0;
+    }
+    writelog(1, "Firmware update FAILED\n");
+    if (rc == exchange_device_closed) {
+        return FLASHDEVICEGONE;
+    }
+    return rc == FILECORRUPTED ? FILECORRUPTED : FLASHWRITEERROR;
+}
+
+int reset_after_update(ZELFLASH& session, flashEntry& entry, int rc, int index) {
+    entry.resetDevice = 1;
+    writelog(1, "Reset to be done for PID %04x\n", entry.product_id);
+    session.ThreadTable[index].stopped = 1;
+    const int reset_rc = session.send_reset_command();
+    if (reset_rc != 0) {
+        writelog(1, "Reset failed for PID %04x, rc=%d\n", entry.product_id, reset_rc);
+    }
+    return rc == 0 ? reset_rc : rc;
+}
+
+}  // namespace
+
+int ZELFLASH::start_flash(int component, int& reset_needed) {
+    UpdatePass pass = {
+        .session = *this, .is_for_main_components = component == 0, .reset_needed = reset_needed};
+    const int last_component = component == 0 ? 0 : max_components - 1;
+    for (int row = 0; row < numberOfFlashEntries && SignalHold::held_signal() == 0; ++row) {
+        flashEntry& entry = fe[row];
+        if (entry.flashStatus == NOFLASHALLOWED || entry.flashStatus == FLASHDEVICEGONE) {
+            continue;
+        }
+        for (int number = component; number <= last_component; ++number) {
+            component_entry& listed = entry.component[number];
+            if (number != 0 && listed.comp_id < 1) {
+                continue;
+            }
+            if (SignalHold::held_signal() != 0 || !consider_component(entry, listed, pass)) {
+                break;
+            }
+        }
+    }
+    return pass.result;
 }
 
 int ZELFLASH::flash_device(FILE* file, int entry, int device_ec_level, int component,
@@ -345,10 +385,14 @@ int ZELFLASH::flash_device(FILE* file, int entry, int device_ec_level, int compo
     const SignalHold hold;
     report_size_limits(file, *hiddev->intf);
     global_reading_information = 1;
-    int rc = erase_and_send(file, component, reset_needed, index);
+    answer_count.start();
+    int rc = erase_and_send(*this, file, component, reset_needed, index);
+    if (rc == 0) {
+        answer_count.tell_doubts();
+    }
     if (reset_needed == 1 && component == 0) {
         // The flag may stem from an earlier device of the pass: this one is reset all the same.
-        rc = reset_after_update(row, rc, index);
+        rc = reset_after_update(*this, row, rc, index);
     } else {
         row.resetDevice = 0;
     }
@@ -356,40 +400,4 @@ int ZELFLASH::flash_device(FILE* file, int entry, int device_ec_level, int compo
     global_reading_information = 0;
     close_device_after_use(index, 1);
     return rc;
-}
-
-int ZELFLASH::erase_and_send(FILE* file, int component, int& reset_needed, int index) {
-    answer_count.start();
-    int rc = send_erase_command(index);
-    if (rc != 0) {
-        writelog(1, "Erase of flash image area failed, rc=%d\n", rc);
-    } else {
-        writelog(Verbose, "Erase completed, now sending %d firmware update records from file\n",
-                 send_count);
-        rc = send_firmware_file_data(file, index);
-        if (component == 0) {
-            writelog(Verbose, "Reset needed after update completes\n");
-            reset_needed = 1;
-        }
-    }
-    if (rc == 0) {
-        answer_count.tell_doubts();
-        return 0;
-    }
-    writelog(1, "Firmware update FAILED\n");
-    if (rc == exchange_device_closed) {
-        return FLASHDEVICEGONE;
-    }
-    return rc == FILECORRUPTED ? FILECORRUPTED : FLASHWRITEERROR;
-}
-
-int ZELFLASH::reset_after_update(flashEntry& entry, int rc, int index) {
-    entry.resetDevice = 1;
-    writelog(1, "Reset to be done for PID %04x\n", entry.product_id);
-    ThreadTable[index].stopped = 1;
-    const int reset_rc = send_reset_command();
-    if (reset_rc != 0) {
-        writelog(1, "Reset failed for PID %04x, rc=%d\n", entry.product_id, reset_rc);
-    }
-    return rc == 0 ? reset_rc : rc;
 }

@@ -1,7 +1,7 @@
 /// \file
 /// The flash session: the table of devices and components, the reader slots, the open device, and
 /// every operation on them. Its members stand one file a subject: session, exchange, reader,
-/// discovery, update, commands, progress, firmware_display and rma_log.
+/// discovery, selection, update, commands, progress, display and rma_log.
 #pragma once
 
 #include "session/answer_count.h"
@@ -18,7 +18,6 @@
 class HIDDEVICE2;
 class USBHID;
 struct FirmwareRecord;
-enum class FlashCommand;
 
 using uchar = unsigned char;
 using ushort = unsigned short;
@@ -28,6 +27,10 @@ constexpr int max_flash_entries = 128;
 constexpr int max_components = 20;
 constexpr int max_reader_slots = 3000;
 constexpr int status_report_size = 8;
+
+// Milliseconds.
+constexpr int reader_start_timeout = 2000;
+constexpr int shortest_sleep_time = 15;
 
 /// The outcome of an operation on a device, or its selection state.
 enum flash_return_code {
@@ -163,14 +166,12 @@ class ZELFLASH {
     /// Makes row `index` (0 to 127); path and serial number are cut to their fields.
     void initialize_device_data(int index, const char* path, const char* serial, int product_id,
                                 int ec_level);
-    void reset_ready_status();
     int IsFlashDeviceSupported(unsigned short vendor, unsigned short usage);
     int is_there_a_firmware_file_for_device(int product_id);
-    /// Enumerates, queries and selects; returns the number of rows.
-    int build_flash_table();
 
     // exchange.cpp: codes 0, a `flash_return_code`, 7, 13, or a code of `HIDDEVICE2`
 
+    void reset_ready_status();
     int write_flash(char* buffer, unsigned int length);
     /// Time-out in milliseconds; below 1 reads directly and blocks.
     int read_flash(char* buffer, unsigned int length, int timeout, int index);
@@ -195,6 +196,8 @@ class ZELFLASH {
 
     // discovery.cpp
 
+    void build_initial_device_list();
+    int open_hid_device(USBHID* hid);
     int check_device_connection(int index);
     int get_device_info(flashEntry* entry, int index);
     int get_ec_level(flashEntry* entry, int index);
@@ -209,11 +212,14 @@ class ZELFLASH {
     int flash_device(FILE* file, int entry, int device_ec_level, int component, int& reset_needed,
                      int index);
 
+    // selection.cpp
+
+    /// Enumerates, queries and selects; returns the number of rows.
+    int build_flash_table();
+    void determine_select_devices();
+
     // commands.cpp
 
-    void build_initial_device_list();
-    int open_hid_device(USBHID* hid);
-    void determine_select_devices();
     int list_attached_devices();
     int flash_all_devices();
     int reset_devices();
@@ -226,7 +232,7 @@ class ZELFLASH {
     void display_percentage(int count);
     void hex_display(const char* title, const void* data, int length);
 
-    // firmware_display.cpp
+    // display.cpp
 
     void display_firmware_file(const char* path);
     void show_component_information(flashEntry* entry, int index);
@@ -240,33 +246,16 @@ class ZELFLASH {
 
     // exchange.cpp
 
-    /// A message to the device; `timeout` is that of `read_flash`.
-    struct Question {
-        char* bytes;
-        unsigned int length;
-        int timeout;
-        bool is_answered = true;   ///< a status report is waited for
-        bool is_narrated = false;  ///< both steps show in the debug log
-    };
-    struct Answer {
-        int rc = 0;              ///< of the write, or else of the read
-        bool is_asked = false;   ///< the write succeeded
-        std::uint8_t flags = 0;  ///< of the status report
-    };
+    struct Question;
+    struct Answer;
     /// The one way to ask the device and to hear its status.
     Answer ask(const Question& question, int index);
     /// Reads one status report; blocks until it is there.
     int read_report(char* buffer, unsigned int length);
-    void forget_earlier_status();
-    int send_without_status(FlashCommand command);
-    /// `send_command` with `information_timeout`; `component` as `flash_command` takes it.
-    int send_query(FlashCommand command, int component, int index);
     int resend_command(char* command, int length, int index, int timeout, std::uint8_t& flags);
-    std::uint8_t last_status_flags() const;
     int send_records(FILE* stream, int index);
     int send_record(const FirmwareRecord& record, int index);
     int send_checksum(FILE* stream, int index);
-    void show_record_started(int record_count);
 
     // reader.cpp
 
@@ -280,43 +269,6 @@ class ZELFLASH {
     bool wait_for_readers_to_leave(int timeout);
     void discard_device(int index);
 
-    // discovery.cpp
-
-    bool open_for_queries(const char* path, int product_id, int slot);
-    void query_device(flashEntry* entry, int version_number, int slot);
-    bool take_component_list(flashEntry* entry, const char* data);
-    void take_components_without_list(flashEntry* entry, int version_number, int slot);
-
-    // update.cpp
-
-    /// One pass of `start_flash`.
-    struct UpdatePass;
-    /// A component of a row, its firmware file, and why it is sent.
-    struct ComponentUpdate;
-    /// False when the row's other components are not visited any more.
-    bool consider_component(flashEntry& entry, component_entry& component, UpdatePass& pass);
-    bool is_due(ComponentUpdate& update);
-    bool take_copy(ComponentUpdate& update);
-    bool update_component(ComponentUpdate& update, UpdatePass& pass);
-    int download(ComponentUpdate& update, UpdatePass& pass);
-    void finish_update(const ComponentUpdate& update, UpdatePass& pass);
-    int erase_and_send(FILE* file, int component, int& reset_needed, int index);
-    int reset_after_update(flashEntry& entry, int rc, int index);
-
-    // commands.cpp
-
-    void mark_selected_products();
-    void mark_selected_serial_numbers();
-    static void report_flash_error(int result);
-    /// What a bulk command does with one device.
-    struct DeviceOperation;
-    int run_on_selected_devices(const DeviceOperation& operation);
-    int read_records(FILE* output, int component, int index);
-
-    // session.cpp
-
-    int take_reader_slot();
-
     AnswerCount answer_count;
     /// 1 from before a reader's thread is created until the reader is done with the session; what
     /// the reader uses may be freed only while this is 0.
@@ -325,3 +277,6 @@ class ZELFLASH {
     std::vector<std::unique_ptr<HIDDEVICE2>> devices_left_to_readers;
     bool finished = false;
 };
+
+/// The slot of the next opening; the last one serves all that come after the table's end.
+int take_reader_slot(ZELFLASH& session);
