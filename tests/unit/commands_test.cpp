@@ -64,7 +64,15 @@ class Commands : public FlashTest {
         snprintf(file.filename, sizeof file.filename, "%s", name.c_str());
         snprintf(file.path, sizeof file.path, "%s", directory.path("").c_str());
     }
-    FirmwareBytes image() const { return FirmwareBytes("41230109").record(0x10, 0, {1}).end(); }
+    /// Cut short: without its end mark.
+    static FirmwareBytes bad_image(int component) {
+        FirmwareBytes content("41230109");
+        if (component != 0) {
+            content.record(0xFF, 0, {static_cast<std::uint8_t>(component)});
+        }
+        return content.record(0x10, 0, {1});
+    }
+    static FirmwareBytes image(int component = 0) { return bad_image(component).end(); }
     /// A device with main component 01.02 and configuration 01.02.
     FlashPeripheral& add_updatable(const char* serial = "SN-0042") {
         FlashPeripheral& device = bus.add(product, 0x7A01, serial);
@@ -274,7 +282,7 @@ TEST_F(Commands, UpdatesNothingWithoutDevices) {
 TEST_F(Commands, UpdatesMainComponentsFirstAndThenTheOthers) {
     FlashPeripheral& device = add_updatable();
     add_file(product, 0, 0x0109, image());
-    add_file(product, 1, 0x0109, image());
+    add_file(product, 1, 0x0109, image(1));
     EXPECT_EQ(0, flash->flash_all_devices());
     EXPECT_EQ(2, device.count(wire::erase));
     EXPECT_EQ(1, device.count(wire::reset));
@@ -295,7 +303,7 @@ TEST_F(Commands, UpdatesMainComponentsFirstAndThenTheOthers) {
 
 TEST_F(Commands, DoesNotSleepWithoutAReset) {
     add_updatable();
-    add_file(product, 1, 0x0109, image());
+    add_file(product, 1, 0x0109, image(1));
     EXPECT_EQ(0, flash->flash_all_devices());
     EXPECT_EQ(0, sleeps.count(4000));
     EXPECT_EQ(1, log.count("Finding available Flash Devices\n"));
@@ -325,7 +333,7 @@ TEST_F(Commands, TellsOfTheSleepAndTheCountOnTheConsole) {
 
 TEST_F(Commands, TellsOfBadFilesOnTheConsole) {
     add_updatable();
-    add_file(product, 1, 0x0109, FirmwareBytes("41230109").record(0x10, 0, {1}));
+    add_file(product, 1, 0x0109, bad_image(1));
     const std::string shown =
         console_of(1, 0, [this] { EXPECT_EQ(6, flash->flash_all_devices()); });
     EXPECT_NE(std::string::npos, shown.find("Error -14 flashing devices\nFirmware update file "
@@ -355,7 +363,7 @@ TEST_F(Commands, EndsAfterAFailedFirstPass) {
     FlashPeripheral& device = add_updatable();
     device.answers[wire::erase] = {{0x40}};
     add_file(product, 0, 0x0109, image());
-    add_file(product, 1, 0x0109, image());
+    add_file(product, 1, 0x0109, image(1));
     EXPECT_EQ(6, flash->flash_all_devices());
     EXPECT_EQ(1, device.count(wire::erase));
     EXPECT_EQ(0, sleeps.count(4000));
@@ -380,7 +388,7 @@ TEST_F(Commands, TellsThatTheDeviceIsGone) {
 
 TEST_F(Commands, TellsThatTheFileIsBad) {
     add_updatable();
-    add_file(product, 1, 0x0109, FirmwareBytes("41230109").record(0x10, 0, {1}));
+    add_file(product, 1, 0x0109, bad_image(1));
     EXPECT_EQ(6, flash->flash_all_devices());
     EXPECT_EQ(1, logged("Error -14 flashing devices"));
     EXPECT_EQ(1, logged("Firmware update file bad"));
@@ -390,7 +398,7 @@ TEST_F(Commands, TellsThatTheFileIsBad) {
 TEST_F(Commands, KeepsTheFirstPassesUpdatesInTheResult) {
     FlashPeripheral& device = add_updatable();
     add_file(product, 0, 0x0109, image());
-    add_file(product, 1, 0x0109, image());
+    add_file(product, 1, 0x0109, image(1));
     device.on_command = [&, erased = 0](const Bytes& command) mutable {
         if (command == wire::erase && ++erased == 2) {
             device.next_write_results = {LIBUSB_ERROR_NO_DEVICE};
@@ -414,7 +422,7 @@ TEST_F(Commands, SuccessesBehindAFailureChangeTheErrorThatIsTold) {
         }
     }
     second.data[wire::component_list_query] = list_answer(36, components);
-    add_file(product, 1, 0x0109, FirmwareBytes("41230109").record(0x10, 0, {1}));
+    add_file(product, 1, 0x0109, bad_image(1));
     const auto update = [this] { EXPECT_EQ(6, flash->flash_all_devices()); };
     // Minus 14 for the corrupted file, plus 8, is the code of a failed reset.
     const std::string shown = console_of(1, 0, update);
