@@ -65,14 +65,16 @@ class Commands : public FlashTest {
         snprintf(file.path, sizeof file.path, "%s", directory.path("").c_str());
     }
     /// Cut short: without its end mark.
-    static FirmwareBytes bad_image(int component) {
-        FirmwareBytes content("41230109");
+    static FirmwareBytes bad_image(int component, const char* header = "41230109") {
+        FirmwareBytes content(header);
         if (component != 0) {
             content.record(0xFF, 0, {static_cast<std::uint8_t>(component)});
         }
         return content.record(0x10, 0, {1});
     }
-    static FirmwareBytes image(int component = 0) { return bad_image(component).end(); }
+    static FirmwareBytes image(int component = 0, const char* header = "41230109") {
+        return bad_image(component, header).end();
+    }
     /// A device with main component 01.02 and configuration 01.02.
     FlashPeripheral& add_updatable(const char* serial = "SN-0042") {
         FlashPeripheral& device = bus.add(product, 0x7A01, serial);
@@ -418,7 +420,7 @@ TEST_F(Commands, SuccessesBehindAFailureChangeTheErrorThatIsTold) {
     for (unsigned char number = 1; number <= 9; ++number) {
         components.push_back({number, 0x02, 0x01, 0x02});
         if (number <= 8) {
-            add_file(product + 1, number, 0x0109, image());
+            add_file(product + 1, number, 0x0109, image(number, "41240109"));
         }
     }
     second.data[wire::component_list_query] = list_answer(36, components);
@@ -430,7 +432,7 @@ TEST_F(Commands, SuccessesBehindAFailureChangeTheErrorThatIsTold) {
               shown.find("Error -6 flashing devices\nDevice reset failed\nNo devices updated\n"));
     EXPECT_EQ(8, second.count(wire::erase));
     // One success more, and it is that of a device that is gone.
-    add_file(product + 1, 9, 0x0109, image());
+    add_file(product + 1, 9, 0x0109, image(9, "41240109"));
     EXPECT_NE(std::string::npos,
               console_of(1, 0, update)
                   .find("Error -5 flashing devices\nDevice disconnected\nNo devices updated\n"));

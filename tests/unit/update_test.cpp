@@ -1004,6 +1004,7 @@ TEST_F(ShortReport, CutsLongRecords) {
 }
 
 TEST_F(ShortReport, HoldsItsSizeBesideTheReportId) {
+    erase_timeout = 30;
     set_report(40, true);
     write({32});
     EXPECT_EQ(std::string::npos, told().find("cut short"));
