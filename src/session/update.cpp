@@ -149,7 +149,8 @@ void report_long_records(FILE* file, int report_size) {
 void report_size_limits(FILE* file, const USBINTF& device) {
     const int report_size = device.GetOutputReportSize(flash_usage::page, flash_usage::command);
     if (report_size == 0) {
-        writelog(1, "The device names no report for messages to it: nothing can be sent\n");
+        writelog(
+            1, "The report for messages to the device is not known: without it nothing is sent\n");
     } else if (file != nullptr) {
         report_long_records(file, report_size);
     }

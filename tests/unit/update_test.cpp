@@ -1021,8 +1021,10 @@ TEST_F(ShortReport, DoesNotMatterToARecordThatIsNotSent) {
 TEST_F(ShortReport, ThatIsMissingTakesNothing) {
     set_report(40);
     device.usb().report_descriptor.clear();
-    EXPECT_EQ(0U, told().find("The device names no report for messages to it: nothing can be "
-                              "sent\nErase of flash image area failed, rc=8\n"));
+    EXPECT_EQ(0U,
+              told().find(
+                  "The report for messages to the device is not known: without it nothing is sent\n"
+                  "Erase of flash image area failed, rc=8\n"));
 }
 
 }  // namespace
