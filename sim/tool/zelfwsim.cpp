@@ -2,6 +2,7 @@
 #include "model/bus_file/bus_file.h"
 #include "model/bus_file/fleet.h"
 #include "model/device/bus.h"
+#include "tool/run.h"
 #include "tool/serve.h"
 
 #include <charconv>
@@ -31,9 +32,20 @@ constexpr const char* kHelp =
     "instead\n"
     "      --listen ADDRESS                numeric address, 127.0.0.1 if not given\n"
     "      --port PORT                     3240 if not given, 0 for any free one\n"
+    "  zelfwsim run [OPTIONS] BUSFILE -- COMMAND [ARGUMENT ...]\n"
+    "                                      run a command on these devices, and on no others\n"
+    "      --state STATEDIR                what the devices remember from run to run\n"
+    "      --record FILE                   append every transfer to this file\n"
+    "      --hubs                          answer for the ports of hubs, as old kernels do\n"
+    "      --library DIRECTORY             the simulation's, where it is not found by itself\n"
+    "      --preload FILE                  a further object to preload, may be repeated\n"
     "  zelfwsim --help                     this text\n"
     "\n"
-    "Exit codes: 0 success, 1 wrong arguments, 2 the bus file or the state cannot be used.\n";
+    "Exit codes: 0 success, 1 wrong arguments, 2 the bus file or the state cannot be used.\n"
+    "run gives the command's exit code and ends by the signal that ended it, or with: 120 wrong\n"
+    "arguments, 121 the bus file cannot be used, 122 no simulation for the command, 123 the\n"
+    "command cannot be started, 124 attached devices cannot be hidden, 125 the command did not\n"
+    "get the simulation.\n";
 
 using zelfsim::BusDescription;
 using zelfsim::ComponentDescription;
@@ -148,6 +160,9 @@ int run(std::span<const char* const> arguments) {
     }
     if (command == "show" && (count == 2 || count == 3)) {
         return show(arguments[1], count == 3 ? arguments[2] : "");
+    }
+    if (command == "run") {
+        return run_on_bus(arguments.subspan(1));
     }
     if (command == "serve") {
         return serve(arguments.subspan(1));

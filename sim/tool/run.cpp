@@ -1,0 +1,264 @@
+#include "tool/run.h"
+
+#include "guard/terms.h"
+#include "model/bus_file/bus_file.h"
+#include "run/command.h"
+#include "run/hidden_devices.h"
+#include "run/program_file.h"
+#include "run/simulations.h"
+#include "run/stage.h"
+
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <exception>
+#include <filesystem>
+#include <map>
+#include <optional>
+#include <stdexcept>
+#include <string>
+#include <string_view>
+#include <system_error>
+#include <vector>
+
+namespace {
+
+using zelfsim::WordSize;
+
+// None that the updater uses, nor those of a shell.
+constexpr int kWrongArguments = 120;
+constexpr int kUnusableBus = 121;
+constexpr int kNoSimulation = 122;
+constexpr int kCannotStart = 123;
+constexpr int kDevicesInReach = 124;
+constexpr int kNotSimulated = zelfsim::guard::kRefusedExit;
+
+struct RunOptions {
+    std::map<std::string, std::string> environment;  ///< of the bus
+    std::string library;                ///< directory of the simulation, empty to look for it
+    std::vector<std::string> features;  ///< objects beside the simulation that are preloaded, too
+    std::vector<std::string> preloads;  ///< objects of the user's
+    std::string bus;
+    std::vector<std::string> command;
+};
+
+/// Why no command was started, and the exit code that tells it.
+class RunError : public std::runtime_error {
+  public:
+    RunError(int code, const std::string& reason) : std::runtime_error(reason), code_(code) {}
+    int code() const { return code_; }
+
+  private:
+    int code_;
+};
+
+std::string absolute(const std::string& file) {
+    return std::filesystem::absolute(file).lexically_normal().string();
+}
+
+/// Takes an option without an argument; false when there is none of that name.
+bool take_switch(std::string_view name, RunOptions& options) {
+    if (name != "--hubs") {
+        return false;
+    }
+    options.features.emplace_back(zelfsim::kHubsFile);
+    return true;
+}
+
+/// Takes an option with its argument; false when there is none of that name.
+bool take_option(std::string_view name, const std::string& value, RunOptions& options) {
+    if (name == "--state") {
+        options.environment["ZELFWSIM_STATE"] = absolute(value);
+    } else if (name == "--record") {
+        options.environment["ZELFWSIM_RECORD"] = absolute(value);
+    } else if (name == "--library") {
+        options.library = absolute(value);
+    } else if (name == "--preload") {
+        options.preloads.push_back(absolute(value));
+    } else {
+        return false;
+    }
+    return true;
+}
+
+RunOptions parse(std::span<const char* const> arguments) {
+    RunOptions options;
+    std::size_t at = 0;
+    for (; at < arguments.size() && arguments[at][0] == '-'; ++at) {
+        const std::string_view name = arguments[at];
+        if (!take_switch(name, options) &&
+            (at + 1 == arguments.size() || !take_option(name, arguments[++at], options))) {
+            throw RunError(kWrongArguments, "unknown option of run, or its argument is missing: " +
+                                                std::string(name));
+        }
+    }
+    if (arguments.size() < at + 3 || std::string_view(arguments[at + 1]) != "--") {
+        throw RunError(kWrongArguments, "run takes a bus file, --, and a command");
+    }
+    options.bus = absolute(arguments[at]);
+    options.environment["ZELFWSIM_BUS"] = options.bus;
+    options.command.assign(arguments.begin() + static_cast<std::ptrdiff_t>(at) + 2,
+                           arguments.end());
+    return options;
+}
+
+void check_bus(const RunOptions& options) {
+    try {
+        zelfsim::read_bus_file(options.bus);
+    } catch (const std::exception& error) {
+        throw RunError(kUnusableBus, error.what());
+    }
+}
+
+/// The file of the command. One that the guard would not stay with is refused.
+std::string find_program(const RunOptions& options) {
+    const std::string& command = options.command.front();
+    std::string file = zelfsim::find_command(command);
+    if (file.empty()) {
+        throw RunError(kCannotStart, command + ": no such command");
+    }
+    if (zelfsim::changes_rights(file)) {
+        throw RunError(kCannotStart, command +
+                                         " changes the user and leaves the simulation behind; "
+                                         "put it in front: " +
+                                         command + " zelfwsim run ...");
+    }
+    if (!zelfsim::word_size_of(file) && !zelfsim::is_script(file)) {
+        throw RunError(kCannotStart, command + ": neither a program nor a script");
+    }
+    return file;
+}
+
+/// The simulation that the user has named.
+std::string named_library(const RunOptions& options) {
+    const std::string file = options.library + "/" + zelfsim::kSimulationFile;
+    if (!zelfsim::is_simulation(file)) {
+        throw RunError(kNoSimulation, file + ": no simulation");
+    }
+    return file;
+}
+
+/// Provides for the programs of one word size; false when there is nothing to provide.
+bool equip(zelfsim::Stage& stage, WordSize size, const std::string& program,
+           const RunOptions& options) {
+    const std::string place = zelfsim::find_simulation(program, size);
+    std::string library = place + "/" + zelfsim::kSimulationFile;
+    if (!options.library.empty()) {
+        library = named_library(options);
+    }
+    if (place.empty() || zelfsim::word_size_of(library) != size) {
+        return false;
+    }
+    stage.set_library(size, library);
+    stage.preload(size, place + "/" + zelfsim::kGuardFile);
+    for (const std::string& feature : options.features) {
+        stage.preload(size, place + "/" + feature);
+    }
+    for (const std::string& object : options.preloads) {
+        if (zelfsim::word_size_of(object) == size) {
+            stage.preload(size, object);
+        }
+    }
+    return true;
+}
+
+[[noreturn]] void miss_simulation(const std::string& program, WordSize size,
+                                  const RunOptions& options) {
+    const std::string kind = zelfsim::word_size_name(size);
+    if (!options.library.empty()) {
+        throw RunError(kNoSimulation, program + " is a " + kind + " program, " + options.library +
+                                          " has no " + kind + " simulation");
+    }
+    throw RunError(kNoSimulation, program + " is a " + kind +
+                                      " program, and there is no simulation for it: install "
+                                      "zelfwupdate-sim:" +
+                                      zelfsim::architecture(size) + ", or name it with --library");
+}
+
+/// Provides for the command's own word size, and for the other one where that can be had: what it
+/// starts may have either.
+void equip_all(zelfsim::Stage& stage, const std::string& program, const RunOptions& options) {
+    for (const std::string& object : options.preloads) {
+        if (!zelfsim::word_size_of(object)) {
+            throw RunError(kCannotStart, object + ": cannot be preloaded");
+        }
+    }
+    const std::optional<WordSize> own = zelfsim::word_size_of(program);
+    bool any = false;
+    for (const WordSize size : {WordSize::bits32, WordSize::bits64}) {
+        const bool equipped = equip(stage, size, program, options);
+        if (!equipped && size == own) {
+            miss_simulation(program, size, options);
+        }
+        any = any || equipped;
+    }
+    if (!any) {
+        miss_simulation(program, zelfsim::own_word_size(), options);
+    }
+}
+
+/// Gives whether this user is root.
+bool shut_devices_out() {
+    if (geteuid() != 0) {
+        std::fprintf(stderr,
+                     "zelfwsim: the updater needs root, even here: sudo zelfwsim run ...\n");
+        return false;
+    }
+    try {
+        zelfsim::hide_devices();
+    } catch (const std::system_error& error) {
+        if (zelfsim::has_device_nodes()) {
+            throw RunError(kDevicesInReach,
+                           std::string("the attached devices cannot be hidden: ") + error.what());
+        }
+    }
+    return true;
+}
+
+/// The end of the command: its wait status, or the error that it did not speak to the simulation.
+int checked(int status, const std::string& report) {
+    if (report.find(zelfsim::guard::kRefused) != std::string::npos) {
+        throw RunError(kNotSimulated, "the command did not run on the simulated bus");
+    }
+    if (WIFEXITED(status) && report.find(zelfsim::guard::kGuarded) == std::string::npos) {
+        throw RunError(kNotSimulated, "the command ran without the guard, exit code " +
+                                          std::to_string(WEXITSTATUS(status)));
+    }
+    return status;
+}
+
+/// Gives the command's wait status.
+int run_guarded(const RunOptions& options) {
+    check_bus(options);
+    const std::string program = find_program(options);
+    zelfsim::Stage stage;
+    equip_all(stage, program, options);
+    zelfsim::Command command{program, options.command, stage.environment(), !shut_devices_out()};
+    command.environment.insert(options.environment.begin(), options.environment.end());
+    const int status = zelfsim::run_command(command);
+    return checked(status, stage.report());
+}
+
+}  // namespace
+
+int run_on_bus(std::span<const char* const> arguments) {
+    try {
+        const int status = run_guarded(parse(arguments));
+        if (WIFSIGNALED(status)) {
+            zelfsim::end_by_signal(WTERMSIG(status));
+        }
+        return WEXITSTATUS(status);
+    } catch (const RunError& error) {
+        const bool names_itself = error.code() == kUnusableBus;
+        std::fprintf(stderr, "%s%s\n", names_itself ? "" : "zelfwsim: ", error.what());
+        if (error.code() == kWrongArguments) {
+            std::fprintf(stderr, "Try: zelfwsim --help\n");
+        }
+        return error.code();
+    } catch (const std::exception& error) {
+        std::fprintf(stderr, "zelfwsim: %s\n", error.what());
+        return kCannotStart;
+    }
+}
