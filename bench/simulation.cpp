@@ -1,6 +1,10 @@
 #include "simulation.h"
 
 #include "child.h"
+#include "run/guarded_environment.h"
+#include "run/hidden_devices.h"
+
+#include <unistd.h>
 
 #include <cstdlib>
 #include <fstream>
@@ -43,6 +47,9 @@ std::string timing_table(const DeviceTiming& timing) {
 }  // namespace
 
 Simulation::Simulation() {
+    if (geteuid() == 0) {
+        zelfsim::hide_devices_if_any();
+    }
     // In memory where that can be had: the disk is nobody's part of the question.
     const std::filesystem::path memory = "/dev/shm";
     const bool has_memory = std::filesystem::is_directory(memory);
@@ -90,7 +97,11 @@ std::string Simulation::make_firmware(const std::string& name, int records) cons
 }
 
 std::map<std::string, std::string> Simulation::environment(const std::string& bus) const {
-    return {{"LTDL_LIBRARY_PATH", SIMULATION_DIRECTORY}, {"ZELFWSIM_BUS", bus}};
+    auto variables = zelfsim::guarded_environment(SIMULATION_DIRECTORY);
+    variables["ZELFWSIM_BUS"] = bus;
+    // For a benchmark that opens the library itself; it has no guard.
+    variables["LTDL_LIBRARY_PATH"] = SIMULATION_DIRECTORY;
+    return variables;
 }
 
 int count_control_transfers(const std::string& record) {

@@ -66,6 +66,7 @@ void* open_simulation(int flags) {
     if (library == nullptr) {
         refuse(kLibraryVariable, "not set; it names the simulation");
     }
+    report(kAsked);
     void* handle = pass_dlopen(library, flags);
     if (handle == nullptr) {
         refuse(library, dlerror());

@@ -13,6 +13,7 @@ inline constexpr const char* kReportVariable = "ZELFWSIM_REPORT";
 inline constexpr const char* kMark = "zelfwsim_simulation";
 
 inline constexpr char kGuarded = 'g';  ///< a process began under the guard
+inline constexpr char kAsked = 'a';    ///< it is about to open a libusb-1.0
 inline constexpr char kOpened = 's';   ///< it opened the simulation
 inline constexpr char kRefused = 'r';  ///< it was ended, since it would have had another library
 

@@ -12,4 +12,7 @@ bool has_device_nodes();
 /// permitted.
 void hide_devices();
 
+/// The same where it is permitted; throws only where it is not and there are devices to be hidden.
+void hide_devices_if_any();
+
 }  // namespace zelfsim

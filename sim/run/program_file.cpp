@@ -15,6 +15,7 @@
 #include <filesystem>
 #include <sstream>
 #include <string_view>
+#include <system_error>
 
 namespace zelfsim {
 
@@ -31,7 +32,8 @@ std::array<char, EI_NIDENT> beginning(const std::string& file) {
 }
 
 bool is_executable(const std::string& file) {
-    return std::filesystem::is_regular_file(file) && access(file.c_str(), X_OK) == 0;
+    std::error_code error;
+    return std::filesystem::is_regular_file(file, error) && access(file.c_str(), X_OK) == 0;
 }
 
 }  // namespace
@@ -70,7 +72,8 @@ bool changes_rights(const std::string& file) {
 }
 
 bool is_simulation(const std::string& file) {
-    if (!std::filesystem::is_regular_file(file) || !word_size_of(file)) {
+    std::error_code error;
+    if (!std::filesystem::is_regular_file(file, error) || !word_size_of(file)) {
         return false;
     }
     const zelf::Bytes bytes = zelf::read_bytes_of(file);

@@ -11,6 +11,7 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
@@ -207,22 +208,24 @@ bool shut_devices_out() {
         return false;
     }
     try {
-        zelfsim::hide_devices();
+        zelfsim::hide_devices_if_any();
     } catch (const std::system_error& error) {
-        if (zelfsim::has_device_nodes()) {
-            throw RunError(kDevicesInReach,
-                           std::string("the attached devices cannot be hidden: ") + error.what());
-        }
+        throw RunError(kDevicesInReach,
+                       std::string("the attached devices cannot be hidden: ") + error.what());
     }
     return true;
 }
 
 /// The end of the command: its wait status, or the error that it did not speak to the simulation.
 int checked(int status, const std::string& report) {
-    if (report.find(zelfsim::guard::kRefused) != std::string::npos) {
+    const auto times = [&report](char event) {
+        return std::count(report.begin(), report.end(), event);
+    };
+    using namespace zelfsim::guard;
+    if (times(kRefused) > 0 || times(kAsked) > times(kOpened)) {
         throw RunError(kNotSimulated, "the command did not run on the simulated bus");
     }
-    if (WIFEXITED(status) && report.find(zelfsim::guard::kGuarded) == std::string::npos) {
+    if (WIFEXITED(status) && times(kGuarded) == 0) {
         throw RunError(kNotSimulated, "the command ran without the guard, exit code " +
                                           std::to_string(WEXITSTATUS(status)));
     }

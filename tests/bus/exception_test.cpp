@@ -20,7 +20,7 @@ class OutOfMemory : public BusTest {
     OutOfMemory() { set_bus({SimDevice{}}); }
 
     void fail_allocations_of(std::size_t size) {
-        settings.environment["LD_PRELOAD"] = FAILING_ALLOCATION;
+        settings.preloads = {FAILING_ALLOCATION};
         settings.environment["FAILING_ALLOCATION_SIZE"] = std::to_string(size);
     }
 };

@@ -70,7 +70,7 @@ TEST_F(ExitCode, ExplanationOfAnExitCodeGives1) {
 }
 
 TEST_F(ExitCode, VersionGives0AndOpensNoBus) {
-    settings.environment["LTDL_LIBRARY_PATH"] = PARTIAL_LIBRARY_DIRECTORY;
+    settings.library = PARTIAL_LIBRARY_DIRECTORY "/libusb-1.0.so";
     const RunResult result = run({"-V"});
     EXPECT_EQ(result.exit_code, 0);
     EXPECT_THAT(result.console, StartsWith("Quenta Firmware Update Utility\n\n"
@@ -283,7 +283,7 @@ TEST_F(ExitCode, OrdinaryUserMayAskForVersionAndExplanations) {
 
 TEST_F(ExitCode, LibraryThatLacksAFunctionGives3) {
     set_bus({SimDevice{}});
-    settings.environment["LTDL_LIBRARY_PATH"] = PARTIAL_LIBRARY_DIRECTORY;
+    settings.library = PARTIAL_LIBRARY_DIRECTORY "/libusb-1.0.so";
     const RunResult result = run({"-L"});
     EXPECT_EQ(result.exit_code, 3);
     EXPECT_EQ(result.console,

@@ -3,8 +3,6 @@
 
 #include <gmock/gmock.h>
 
-#include <cstdlib>
-
 using testing::HasSubstr;
 
 namespace {
@@ -18,12 +16,7 @@ class Hubs : public BusTest {
                 "[[hub]]\nname = \"desk\"\nhub = \"root\"\nport = 2\nports = 4\n\n" +
                 device_text({.device_keys = "hub = \"desk\"\nport = 3\naddress = 9"}));
     }
-    void preload_hub_ports() {
-        settings.environment["LD_PRELOAD"] = SIMULATION_DIRECTORY "/libzelfwsim-hubs.so";
-        const char* options = getenv("ASAN_OPTIONS");
-        settings.environment["ASAN_OPTIONS"] =
-            std::string(options == nullptr ? "" : options) + ":verify_asan_link_order=0";
-    }
+    void preload_hub_ports() { settings.preloads = {SIMULATION_DIRECTORY "/libzelfwsim-hubs.so"}; }
 };
 
 }  // namespace

@@ -2,6 +2,10 @@
 
 extern "C" int libusb_init(void** context);
 
+// The guard takes no library without it.
+extern "C" const char zelfwsim_simulation;
+extern "C" const char zelfwsim_simulation = 1;
+
 extern "C" int libusb_init(void** context) {
     *context = nullptr;
     return 0;

@@ -97,7 +97,7 @@ namespace {
 class RunEnd : public Resources {
   protected:
     RunEnd() {
-        settings.environment["LD_PRELOAD"] = RUN_END;
+        settings.preloads = {RUN_END};
         settings.environment["RUN_END"] = path("run-end");
     }
     /// Files that the last run opened and left open; what the simulated bus holds on behalf of the
@@ -190,7 +190,7 @@ TEST_F(RunEnd, PeakMemoryDoesNotGrowWithTheRecords) {
 }
 
 TEST_F(Resources, ReadersThatAreStillInTheirReadDoNotHoldUpTheEnd) {
-    settings.environment["LD_PRELOAD"] = LINGERING_READ;
+    settings.preloads = {LINGERING_READ};
     set_bus({printer()}, stop_without_answer());
     const FirmwareFile file = {.component = 1};
     add_firmware("boot.dat", file);

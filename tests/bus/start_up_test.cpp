@@ -26,7 +26,7 @@ class StartUp : public BusTest {
   protected:
     StartUp() {
         set_bus({SimDevice{}});
-        settings.environment["LD_PRELOAD"] = NOTED_CALLS;
+        settings.preloads = {NOTED_CALLS};
         settings.environment["NOTED_CALLS"] = path("calls");
         settings.environment["NOTED_USER"] = "0";
     }
@@ -142,7 +142,7 @@ TEST_F(StartUp, ResultFileIsWrittenForEveryCommand) {
 }
 
 TEST_F(StartUp, ExceptionOfACommandEndsTheRunWithLoaderAndLogClosed) {
-    settings.environment["LD_PRELOAD"] = FAILING_ALLOCATION ":" NOTED_CALLS;
+    settings.preloads = {FAILING_ALLOCATION, NOTED_CALLS};
     settings.environment["FAILING_ALLOCATION_SIZE"] = std::to_string(sizeof(USBINTF));
     const RunResult result = run({"-L", "-r", path("rma")});
     EXPECT_EQ(result.exit_code, 4);

@@ -1,6 +1,9 @@
 // Injects faults into every transfer of a reference update, and of a list, reset and read-back run,
 // and kills updates at random moments. See docs/fault-campaign.md.
 #include "campaign.h"
+#include "run/hidden_devices.h"
+
+#include <unistd.h>
 
 #include <chrono>
 #include <cstdio>
@@ -69,6 +72,9 @@ int main(int argc, char** argv) {
         return exit_wrong_arguments;
     }
     try {
+        if (geteuid() == 0) {
+            zelfsim::hide_devices_if_any();
+        }
         const auto begin = std::chrono::steady_clock::now();
         Campaign campaign(settings);
         const bool is_sound = campaign.run();

@@ -1,5 +1,6 @@
 #include "workplace.h"
 
+#include "run/guarded_environment.h"
 #include "support/bus_text.h"
 
 #include <algorithm>
@@ -119,13 +120,15 @@ Run Workplace::run(const std::string& command, bool goes_on, const std::string& 
     std::filesystem::remove(path("read.dat"));
     write_file(journal("bus.toml"), whole_bus(fault));
     ChildSettings settings = {.command = {program_},
-                              .environment = {"LTDL_LIBRARY_PATH=" SIMULATION_DIRECTORY,
-                                              "ZELFWSIM_BUS=" + journal("bus.toml"),
+                              .environment = {"ZELFWSIM_BUS=" + journal("bus.toml"),
                                               "ZELFWSIM_STATE=" + path("state").string(),
                                               "ZELFWSIM_RECORD=" + journal("record.tsv")},
                               .output_file = journal("console.txt"),
                               .error_file = journal("errors.txt"),
                               .longest = longest};
+    for (const auto& [name, value] : zelfsim::guarded_environment(SIMULATION_DIRECTORY)) {
+        settings.environment.push_back(std::string(name).append("=").append(value));
+    }
     const auto options = arguments(command, goes_on, with_debug_log);
     settings.command.insert(settings.command.end(), options.begin(), options.end());
     Run run;

@@ -255,15 +255,16 @@ TEST(ToolPages, ExplainEveryCommandOptionAndExitCodeOfZelfwsim) {
     const Page page("zelfwsim.1.scd");
     const std::string help = run_program({ZELFWSIM, "--help"}).text;
     std::set<std::string> explained;
-    for (const char* heading : {"COMMANDS", "OPTIONS", "EXIT STATUS"}) {
+    for (const char* heading : {"COMMANDS", "OPTIONS OF RUN", "OPTIONS", "EXIT STATUS"}) {
         for (const PageEntry& entry : page.entries(heading)) {
             explained.merge(all_matches(entry.term, R"(^\*([a-z0-9-]+)\*)"));
         }
     }
     std::set<std::string> offered = all_matches(help, R"(\n  zelfwsim ([a-z-]+))");
     offered.merge(all_matches(help, R"(\n +(--[a-z]+))"));
-    offered.merge(all_matches(help.substr(help.find("Exit codes")), R"(([0-9]) )"));
-    EXPECT_THAT(offered, IsSupersetOf({"check", "serve", "--attach", "--help", "0", "2"}));
+    offered.merge(all_matches(help.substr(help.find("Exit codes")), R"(([0-9]+) )"));
+    EXPECT_THAT(offered, IsSupersetOf({"check", "serve", "run", "--attach", "--state", "--help",
+                                       "0", "2", "125"}));
     EXPECT_EQ(explained, offered);
 }
 

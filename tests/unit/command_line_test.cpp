@@ -21,8 +21,8 @@ namespace {
 constexpr char banner[] = "Quenta Firmware Update Utility\n\nVersion 1.1.3 (i386)\n";
 
 // Libraries that are bound like libusb.
-constexpr char deviceless_usb[] = ZELF_BINDING_DIR "/complete";
-constexpr char incomplete_usb[] = ZELF_BINDING_DIR "/without_pollfds";
+constexpr char deviceless_usb[] = ZELF_BINDING_DIR "/complete/libusb-1.0.so";
+constexpr char incomplete_usb[] = ZELF_BINDING_DIR "/without_pollfds/libusb-1.0.so";
 
 std::string golden(const std::string& name) {
     return read_whole_file(std::string(ZELF_GOLDEN_DIR) + "/" + name);
@@ -37,8 +37,12 @@ class CommandLine : public testing::Test {
     ChildEnd run(std::vector<std::string> arguments,
                  std::vector<std::string> environment = {}) const {
         arguments.insert(arguments.begin(), {"-l", log_path(), "-t", trace_path()});
-        environment.insert(environment.begin(), std::string("LTDL_LIBRARY_PATH=") + deviceless_usb);
+        // The guard of rehearsals: no run comes by the machine's own libusb.
+        environment.insert(environment.begin(), {"LD_PRELOAD=" ZELF_GUARD, usb(deviceless_usb)});
         return run_program(ZELF_PROGRAM, {arguments, environment});
+    }
+    static std::string usb(const char* library) {
+        return std::string("ZELFWSIM_LIBRARY=") + library;
     }
     ChildEnd run_as_anybody(std::vector<std::string> arguments) const {
         arguments.insert(arguments.begin(), {"-l", log_path(), "-t", trace_path()});
@@ -228,7 +232,7 @@ TEST_F(CommandLine, PercentSignsOfTheCommandLineStayAsTheyAre) {
 }
 
 TEST_F(CommandLineAsRoot, AUsbLibraryThatLacksFunctionsExitsWithThree) {
-    const ChildEnd end = run({"-L"}, {std::string("LTDL_LIBRARY_PATH=") + incomplete_usb});
+    const ChildEnd end = run({"-L"}, {usb(incomplete_usb)});
     EXPECT_EQ(end.exit_code, 3);
     EXPECT_EQ(end.output,
               "Failed finding symbol 'libusb_get_pollfds'\nCould not load HID libraries (rc=3)\n");
@@ -237,7 +241,7 @@ TEST_F(CommandLineAsRoot, AUsbLibraryThatLacksFunctionsExitsWithThree) {
 }
 
 TEST_F(CommandLineAsRoot, TimeoutsAreEchoedOnlyOnceTheLibraryIsBound) {
-    run({"-L", "-n", "1", "-0", "1"}, {std::string("LTDL_LIBRARY_PATH=") + incomplete_usb});
+    run({"-L", "-n", "1", "-0", "1"}, {usb(incomplete_usb)});
     EXPECT_THAT(log(), Not(HasSubstr("Information response timeout")));
 }
 

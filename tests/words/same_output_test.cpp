@@ -138,7 +138,7 @@ class WordSizes : public BusTest {
     std::vector<Outputs> do_runs(const std::string& program, const std::string& simulation,
                                  const std::vector<ProgramRun>& runs) {
         settings.program = program;
-        settings.environment["LTDL_LIBRARY_PATH"] = simulation;
+        settings.simulation = simulation;
         std::filesystem::remove_all(path("state"));
         std::vector<Outputs> all;
         for (const ProgramRun& one : runs) {

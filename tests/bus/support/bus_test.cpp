@@ -9,7 +9,7 @@ BusTest::BusTest() {
     settings.directory = directory_.path();
     settings.console_file = directory_.path("console.txt");
     settings.error_file = directory_.path("errors.txt");
-    settings.environment["LTDL_LIBRARY_PATH"] = SIMULATION_DIRECTORY;
+    settings.simulation = SIMULATION_DIRECTORY;
     settings.environment["ZELFWSIM_BUS"] = path("bus.toml");
     settings.environment["ZELFWSIM_STATE"] = path("state");
     settings.environment["ZELFWSIM_RECORD"] = path("record.tsv");

@@ -1,5 +1,7 @@
 #include "support/program.h"
 
+#include "run/guarded_environment.h"
+#include "run/hidden_devices.h"
 #include "support/temporary_directory.h"
 
 #include <fcntl.h>
@@ -32,8 +34,8 @@ std::map<std::string, std::string> own_environment() {
             equals == std::string::npos ? "" : text.substr(equals + 1);
     }
     // Only what the test sets decides on what the program sees.
-    for (const char* name : {"ZELFWUPDATE_OUTPUT_LEVEL", "ZELFWSIM_BUS", "ZELFWSIM_STATE",
-                             "ZELFWSIM_RECORD", "LTDL_LIBRARY_PATH"}) {
+    for (const char* name :
+         {"ZELFWUPDATE_OUTPUT_LEVEL", "ZELFWSIM_BUS", "ZELFWSIM_STATE", "ZELFWSIM_RECORD"}) {
         variables.erase(name);
     }
     return variables;
@@ -41,6 +43,10 @@ std::map<std::string, std::string> own_environment() {
 
 std::vector<std::string> environment_texts(const ProgramSettings& settings) {
     auto variables = own_environment();
+    for (auto& [name, value] :
+         zelfsim::guarded_environment(settings.simulation, settings.library, settings.preloads)) {
+        variables[name] = value;
+    }
     for (const auto& [name, value] : settings.environment) {
         variables[name] = value;
     }
@@ -60,6 +66,12 @@ std::vector<char*> pointers_to(std::vector<std::string>& texts) {
     }
     pointers.push_back(nullptr);
     return pointers;
+}
+
+/// No run reaches a device that is attached to this machine.
+void hide_devices_once() {
+    static const bool hidden = geteuid() == 0 && (zelfsim::hide_devices_if_any(), true);
+    static_cast<void>(hidden);
 }
 
 /// Puts the run's own directory at /tmp, for this process alone.
@@ -96,6 +108,7 @@ ProgramProcess::ProgramProcess(const ProgramSettings& settings,
     : console_file_(settings.console_file),
       error_file_(settings.error_file),
       deadline_(now_in_seconds() + RUN_TIME_LIMIT) {
+    hide_devices_once();
     std::vector<std::string> texts = {"zelfwupdate"};
     texts.insert(texts.end(), arguments.begin(), arguments.end());
     std::vector<std::string> environment = environment_texts(settings);

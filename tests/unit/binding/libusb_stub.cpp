@@ -9,6 +9,10 @@
         return 0;           \
     }
 
+// The guard takes no library without it.
+extern "C" const char zelfwsim_simulation;
+extern "C" const char zelfwsim_simulation = 1;
+
 extern "C" int libusb_init(void** context);
 
 // Says which library was bound, and how often it was initialised.
