@@ -34,8 +34,8 @@ std::map<std::string, std::string> own_environment() {
             equals == std::string::npos ? "" : text.substr(equals + 1);
     }
     // Only what the test sets decides on what the program sees.
-    for (const char* name :
-         {"ZELFWUPDATE_OUTPUT_LEVEL", "ZELFWSIM_BUS", "ZELFWSIM_STATE", "ZELFWSIM_RECORD"}) {
+    for (const char* name : {"ZELFWUPDATE_OUTPUT_LEVEL", "ZELFWSIM_BUS", "ZELFWSIM_STATE",
+                             "ZELFWSIM_RECORD", "ZELFWSIM_LIBRARY", "ZELFWSIM_REPORT"}) {
         variables.erase(name);
     }
     return variables;
@@ -43,9 +43,11 @@ std::map<std::string, std::string> own_environment() {
 
 std::vector<std::string> environment_texts(const ProgramSettings& settings) {
     auto variables = own_environment();
-    for (auto& [name, value] :
-         zelfsim::guarded_environment(settings.simulation, settings.library, settings.preloads)) {
-        variables[name] = value;
+    if (!settings.simulation.empty()) {
+        for (const auto& [name, value] : zelfsim::guarded_environment(
+                 settings.simulation, settings.library, settings.preloads)) {
+            variables[name] = value;
+        }
     }
     for (const auto& [name, value] : settings.environment) {
         variables[name] = value;
@@ -108,7 +110,9 @@ ProgramProcess::ProgramProcess(const ProgramSettings& settings,
     : console_file_(settings.console_file),
       error_file_(settings.error_file),
       deadline_(now_in_seconds() + RUN_TIME_LIMIT) {
-    hide_devices_once();
+    if (!settings.simulation.empty()) {
+        hide_devices_once();
+    }
     std::vector<std::string> texts = {"zelfwupdate"};
     texts.insert(texts.end(), arguments.begin(), arguments.end());
     std::vector<std::string> environment = environment_texts(settings);

@@ -28,7 +28,8 @@ struct ProgramSettings {
     std::filesystem::path program;
     std::filesystem::path directory;  ///< working directory
     std::filesystem::path console_file, error_file;
-    std::filesystem::path simulation;   ///< directory of the simulated USB library and its guard
+    /// Directory of the simulated USB library and its guard; empty for a program that opens none.
+    std::filesystem::path simulation;
     std::filesystem::path library;      ///< stands for the USB library; empty: the simulated one
     std::vector<std::string> preloads;  ///< objects, behind the guard
     std::map<std::string, std::string> environment;  ///< added to the test's own
