@@ -141,15 +141,29 @@ std::string named_library(const RunOptions& options) {
     return file;
 }
 
+/// The simulation for one word size, beside the guard or in the directory that the user has named;
+/// empty when there is none. One that was named has to fit the command; what a script or the
+/// command starts may have another word size.
+std::string library_for(WordSize size, const std::string& place, const std::string& program,
+                        const RunOptions& options) {
+    if (!options.library.empty()) {
+        const std::string named = named_library(options);
+        if (zelfsim::word_size_of(named) == size) {
+            return named;
+        }
+        if (zelfsim::word_size_of(program) == size) {
+            return "";
+        }
+    }
+    return place + "/" + zelfsim::kSimulationFile;
+}
+
 /// Provides for the programs of one word size; false when there is nothing to provide.
 bool equip(zelfsim::Stage& stage, WordSize size, const std::string& program,
            const RunOptions& options) {
     const std::string place = zelfsim::find_simulation(program, size);
-    std::string library = place + "/" + zelfsim::kSimulationFile;
-    if (!options.library.empty()) {
-        library = named_library(options);
-    }
-    if (place.empty() || zelfsim::word_size_of(library) != size) {
+    const std::string library = library_for(size, place, program, options);
+    if (place.empty() || library.empty()) {
         return false;
     }
     stage.set_library(size, library);

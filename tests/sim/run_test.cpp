@@ -125,10 +125,9 @@ TEST_F(Run, FailsWhenTheSimulationCannotBeOpenedWhateverTheCommandSays) {
     const std::string library = folder + "/libusb-1.0.so";
     std::filesystem::create_directory(folder);
     std::filesystem::copy_file(ZELFWSIM_LIBRARY, library);
-    const auto open_it = [&] {
-        return on_bus("sh -c '" USB_OPENER " libusb-1.0.so; echo \"code $?\"'",
-                      "--library " + folder, decoy_path);
-    };
+    const std::string file =
+        script("open", "#!/bin/sh\n" USB_OPENER " libusb-1.0.so\necho \"code $?\"\n");
+    const auto open_it = [&] { return on_bus(file, "--library " + folder, decoy_path); };
     // The machine that it is for.
     std::fstream(library, std::ios::in | std::ios::out | std::ios::binary).seekp(18).put('\x7f');
     Outcome result = open_it();
