@@ -134,7 +134,7 @@ std::string find_program(const RunOptions& options) {
 
 /// The simulation that the user has named.
 std::string named_library(const RunOptions& options) {
-    const std::string file = options.library + "/" + zelfsim::kSimulationFile;
+    std::string file = options.library + "/" + zelfsim::kSimulationFile;
     if (!zelfsim::is_simulation(file)) {
         throw RunError(kNoSimulation, file + ": no simulation");
     }
@@ -147,7 +147,7 @@ std::string named_library(const RunOptions& options) {
 std::string library_for(WordSize size, const std::string& place, const std::string& program,
                         const RunOptions& options) {
     if (!options.library.empty()) {
-        const std::string named = named_library(options);
+        std::string named = named_library(options);
         if (zelfsim::word_size_of(named) == size) {
             return named;
         }
@@ -169,7 +169,7 @@ bool equip(zelfsim::Stage& stage, WordSize size, const std::string& program,
     stage.set_library(size, library);
     stage.preload(size, place + "/" + zelfsim::kGuardFile);
     for (const std::string& feature : options.features) {
-        stage.preload(size, place + "/" + feature);
+        stage.preload(size, std::string(place).append("/").append(feature));
     }
     for (const std::string& object : options.preloads) {
         if (zelfsim::word_size_of(object) == size) {
