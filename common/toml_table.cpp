@@ -2,6 +2,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cerrno>
 #include <cmath>
 #include <cstring>
@@ -14,9 +15,57 @@ namespace {
 
 constexpr double kLongestMilliseconds = 600000;
 constexpr std::size_t kLongestText = 4096;
+constexpr std::size_t kLongestKey = 32;  ///< that is compared with known ones
 
 std::string quoted(std::string_view key) {
     return "\"" + std::string(key) + "\"";
+}
+
+bool is_among(std::initializer_list<TomlTable::Keys> lists, std::string_view key) {
+    return std::any_of(lists.begin(), lists.end(), [key](const TomlTable::Keys& list) {
+        return std::find(list.begin(), list.end(), key) != list.end();
+    });
+}
+
+/// How many letters were left out, added, mistaken, or changed places with their neighbour.
+std::size_t slips(std::string_view left, std::string_view right) {
+    std::vector<std::vector<std::size_t>> rows(left.size() + 1,
+                                               std::vector<std::size_t>(right.size() + 1));
+    for (std::size_t i = 0; i <= left.size(); ++i) {
+        for (std::size_t j = 0; j <= right.size(); ++j) {
+            if (i == 0 || j == 0) {
+                rows[i][j] = i + j;
+                continue;
+            }
+            const std::size_t mistaken = left[i - 1] == right[j - 1] ? 0 : 1;
+            rows[i][j] =
+                std::min({rows[i - 1][j] + 1, rows[i][j - 1] + 1, rows[i - 1][j - 1] + mistaken});
+            if (i > 1 && j > 1 && left[i - 1] == right[j - 2] && left[i - 2] == right[j - 1]) {
+                rows[i][j] = std::min(rows[i][j], rows[i - 2][j - 2] + 1);
+            }
+        }
+    }
+    return rows[left.size()][right.size()];
+}
+
+/// The key that `written` most likely stands for; empty when none is near.
+std::string_view nearest(std::initializer_list<TomlTable::Keys> lists, std::string_view written) {
+    constexpr std::size_t kLettersOfASlip = 3;
+    std::string_view found;
+    std::size_t least = written.size() / kLettersOfASlip + 1;
+    if (written.size() > kLongestKey) {
+        return found;
+    }
+    for (const TomlTable::Keys& list : lists) {
+        for (const std::string_view key : list) {
+            const std::size_t distance = slips(written, key);
+            if (distance < least) {
+                least = distance;
+                found = key;
+            }
+        }
+    }
+    return found;
 }
 
 }  // namespace
@@ -41,9 +90,21 @@ toml::table parse_toml_file(const std::string& file) {
     }
 }
 
-const toml::node* TomlTable::find(std::string_view key) {
-    asked_.emplace(key);
-    return table_->get(key);
+void TomlTable::know_only(std::initializer_list<Keys> known) const {
+    const toml::key* first = nullptr;
+    for (const auto& [key, node] : *table_) {
+        if (!is_among(known, key.str()) &&
+            (first == nullptr || key.source().begin.line < first->source().begin.line)) {
+            first = &key;
+        }
+    }
+    if (first == nullptr) {
+        return;
+    }
+    const std::string_view meant = nearest(known, first->str());
+    throw FileError(file_, first->source().begin.line,
+                    "unknown key " + quoted(first->str()) +
+                        (meant.empty() ? "" : ", did you mean " + quoted(meant) + "?"));
 }
 
 void TomlTable::fail(std::string_view key, const std::string& reason) const {
@@ -53,8 +114,8 @@ void TomlTable::fail(std::string_view key, const std::string& reason) const {
 }
 
 std::optional<std::int64_t> TomlTable::integer(std::string_view key, std::int64_t lowest,
-                                               std::int64_t highest) {
-    const toml::node* node = find(key);
+                                               std::int64_t highest) const {
+    const toml::node* node = table_->get(key);
     if (node == nullptr) {
         return std::nullopt;
     }
@@ -70,7 +131,7 @@ std::optional<std::int64_t> TomlTable::integer(std::string_view key, std::int64_
 }
 
 std::int64_t TomlTable::required_integer(std::string_view key, std::int64_t lowest,
-                                         std::int64_t highest) {
+                                         std::int64_t highest) const {
     const auto value = integer(key, lowest, highest);
     if (!value) {
         fail(key, quoted(key) + " is missing");
@@ -78,8 +139,8 @@ std::int64_t TomlTable::required_integer(std::string_view key, std::int64_t lowe
     return *value;
 }
 
-std::optional<std::string> TomlTable::text(std::string_view key, std::size_t longest) {
-    const toml::node* node = find(key);
+std::optional<std::string> TomlTable::text(std::string_view key, std::size_t longest) const {
+    const toml::node* node = table_->get(key);
     if (node == nullptr) {
         return std::nullopt;
     }
@@ -93,7 +154,7 @@ std::optional<std::string> TomlTable::text(std::string_view key, std::size_t lon
     return value->get();
 }
 
-std::string TomlTable::required_text(std::string_view key, std::size_t longest) {
+std::string TomlTable::required_text(std::string_view key, std::size_t longest) const {
     const auto value = text(key, longest);
     if (!value) {
         fail(key, quoted(key) + " is missing");
@@ -101,8 +162,8 @@ std::string TomlTable::required_text(std::string_view key, std::size_t longest) 
     return *value;
 }
 
-std::optional<bool> TomlTable::flag(std::string_view key) {
-    const toml::node* node = find(key);
+std::optional<bool> TomlTable::flag(std::string_view key) const {
+    const toml::node* node = table_->get(key);
     if (node == nullptr) {
         return std::nullopt;
     }
@@ -113,8 +174,8 @@ std::optional<bool> TomlTable::flag(std::string_view key) {
     return value->get();
 }
 
-std::optional<std::chrono::microseconds> TomlTable::milliseconds(std::string_view key) {
-    const toml::node* node = find(key);
+std::optional<std::chrono::microseconds> TomlTable::milliseconds(std::string_view key) const {
+    const toml::node* node = table_->get(key);
     if (node == nullptr) {
         return std::nullopt;
     }
@@ -129,8 +190,8 @@ std::optional<std::chrono::microseconds> TomlTable::milliseconds(std::string_vie
         static_cast<std::chrono::microseconds::rep>(std::llround(value * 1000)));
 }
 
-std::optional<TomlTable> TomlTable::table(std::string_view key) {
-    const toml::node* node = find(key);
+std::optional<TomlTable> TomlTable::table(std::string_view key) const {
+    const toml::node* node = table_->get(key);
     if (node == nullptr) {
         return std::nullopt;
     }
@@ -140,9 +201,9 @@ std::optional<TomlTable> TomlTable::table(std::string_view key) {
     return TomlTable(file_, *node->as_table());
 }
 
-std::vector<TomlTable> TomlTable::tables(std::string_view key) {
+std::vector<TomlTable> TomlTable::tables(std::string_view key) const {
     std::vector<TomlTable> found;
-    const toml::node* node = find(key);
+    const toml::node* node = table_->get(key);
     if (node == nullptr) {
         return found;
     }
@@ -159,9 +220,9 @@ std::vector<TomlTable> TomlTable::tables(std::string_view key) {
 }
 
 std::vector<std::int64_t> TomlTable::integers(std::string_view key, std::int64_t lowest,
-                                              std::int64_t highest) {
+                                              std::int64_t highest) const {
     std::vector<std::int64_t> found;
-    const toml::node* node = find(key);
+    const toml::node* node = table_->get(key);
     if (node == nullptr) {
         return found;
     }
@@ -179,9 +240,9 @@ std::vector<std::int64_t> TomlTable::integers(std::string_view key, std::int64_t
     return found;
 }
 
-std::vector<std::string> TomlTable::texts(std::string_view key) {
+std::vector<std::string> TomlTable::texts(std::string_view key) const {
     std::vector<std::string> found;
-    const toml::node* node = find(key);
+    const toml::node* node = table_->get(key);
     if (node == nullptr) {
         return found;
     }
@@ -196,14 +257,6 @@ std::vector<std::string> TomlTable::texts(std::string_view key) {
         found.push_back(value->get());
     }
     return found;
-}
-
-void TomlTable::finish() const {
-    for (const auto& [key, node] : *table_) {
-        if (!asked_.contains(key.str())) {
-            throw FileError(file_, key.source().begin.line, "unknown key " + quoted(key.str()));
-        }
-    }
 }
 
 }  // namespace zelf

@@ -160,7 +160,7 @@ TEST_F(Selection, OrdinaryDevicesBesideAreLeftAlone) {
     set_bus(bus_text({SimDevice{}}) +
             "[[device]]\nname = \"mouse\"\nvendor = 0x7A01\nproduct = 0x0001\n"
             "[[device.interface]]\nkind = \"mouse\"\n"
-            "[[device]]\nname = \"stick\"\nvendor = 0x0930\nproduct = 0x6544\n"
+            "[[device]]\nname = \"stick\"\nvendor = 0x7AFF\nproduct = 0x0002\n"
             "[[device.interface]]\nkind = \"storage\"\n");
     EXPECT_EQ(listed({}), printer_1);
     for (const char* name : {"mouse", "stick"}) {

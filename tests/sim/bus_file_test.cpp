@@ -110,9 +110,12 @@ INSTANTIATE_TEST_SUITE_P(
         Mistake{"device = 5\n", ":1: \"device\" must be an array of tables"},
         Mistake{kMouse + "[[fault]]\ndevice = \"x\"\n", ":8: there is no device \"x\""},
         Mistake{kMouse + "[[fault]]\ndevice = \"m\"\nat = \"noon\"\n",
-                ":9: unknown event \"noon\""},
+                ":9: unknown event \"noon\"; the events are \"control\", \"get-descriptor\", "},
+        Mistake{
+            kMouse + "[[fault]]\ndevice = \"m\"\nat = \"claim\"\naction = \"bsuy\"\n",
+            ":10: unknown action \"bsuy\"; at \"claim\" there are \"unplug\", \"crash\", \"busy\""},
         Mistake{kMouse + "[[fault]]\ndevice = \"m\"\nat = \"open\"\naction = \"stall\"\n",
-                ":10: \"stall\" cannot happen at \"open\""},
+                ":10: \"stall\" cannot happen at \"open\", only \"unplug\", \"crash\", \"refuse\""},
         Mistake{kMouse + "[[fault]]\ndevice = \"m\"\nat = \"open\"\naction = \"refuse\"\nms = 3\n",
                 ":11: \"ms\" goes only with"},
         Mistake{
@@ -122,6 +125,42 @@ INSTANTIATE_TEST_SUITE_P(
         Mistake{kMouse + "[[fault]]\ndevice = \"m\"\nat = \"open\"\naction = \"refuse\"\n"
                          "[[fault]]\ndevice = \"m\"\nat = \"open\"\naction = \"refuse\"\n",
                 ":13: the fault open#1:refuse of \"m\" is there twice"}));
+
+TEST(BusFile, TellsAWronglyWrittenKeyAndTheNearestOne) {
+    const std::string hub = "[[hub]]\nname = \"a\"\nbus = 1\n";
+    const std::string flash = kMouse.substr(0, kMouse.find("kind")) + "kind = \"flash\"\n";
+    // A missing key, a wrong value or a wrong choice would come later: the wrong key is the cause.
+    EXPECT_EQ(refusal("[[device]]\nname = \"m\"\nvendro = 1\nproduct = 70000\n"),
+              ":3: unknown key \"vendro\", did you mean \"vendor\"?");
+    EXPECT_EQ(refusal("[timings]\nerase_ms = 1\n"),
+              ":1: unknown key \"timings\", did you mean \"timing\"?");
+    EXPECT_EQ(refusal("[timing]\nerase = 1\n"), ":2: unknown key \"erase\"");
+    EXPECT_EQ(refusal(hub + "prots = 4\n"), ":4: unknown key \"prots\", did you mean \"ports\"?");
+    EXPECT_EQ(refusal("[[device]]\nname = \"m\"\nvendor = 1\nproduct = 2\n"
+                      "[[device.interface]]\nkidn = \"mouse\"\n"),
+              ":6: unknown key \"kidn\", did you mean \"kind\"?");
+    EXPECT_EQ(refusal(flash + "[[device.interface.component]]\nid = 0\nlevl = \"01.00\"\n"),
+              ":9: unknown key \"levl\", did you mean \"level\"?");
+    EXPECT_EQ(refusal(kMouse + "[[fault]]\ndevcie = \"m\"\n"),
+              ":8: unknown key \"devcie\", did you mean \"device\"?");
+}
+
+TEST(BusFile, TellsTheFirstOfSeveralUnknownKeys) {
+    EXPECT_EQ(refusal("[[device]]\nzzz = 1\naaa = 2\n"), ":2: unknown key \"zzz\"");
+}
+
+TEST(BusFile, RefusesAKeyOfAnotherKindOfInterface) {
+    EXPECT_EQ(refusal(kMouse + "in_packet = 8\n"), ":7: unknown key \"in_packet\"");
+}
+
+TEST(BusFile, ListsEveryEventToWhoMistakesOne) {
+    const std::string message =
+        refusal(kMouse + "[[fault]]\ndevice = \"m\"\nat = \"erased\"\naction = \"stall\"\n");
+    for (const char* event : {"control", "string", "interrupt", "erase", "record", "checksum",
+                              "extended-list", "open", "claim", "detach"}) {
+        EXPECT_THAT(message, HasSubstr("\"" + std::string(event) + "\""));
+    }
+}
 
 TEST(BusFile, RefusesComponentsThatDoNotBelongTogether) {
     EXPECT_THAT(refusal(printer_bus("", "[[device.interface.component]]\nid = 1\nlevel = \"1\"\n")),

@@ -435,6 +435,18 @@ TEST_F(Zelfwfile, MadeFileHasTheModeOfAnyNewFile) {
     EXPECT_EQ(status.st_mode & 0777U, 0640U);
 }
 
+TEST_F(Zelfwfile, WronglyWrittenKeyIsToldWithTheNearestOne) {
+    const std::pair<const char*, const char*> cases[] = {
+        {"prodcut = 1\n", ":1: unknown key \"prodcut\", did you mean \"product\"?"},
+        {"product = 1\nlevel = \"x\"\n[data]\nimag = \"a\"\n",
+         ":4: unknown key \"imag\", did you mean \"image\"?"},
+    };
+    for (const auto& [text, reason] : cases) {
+        const std::string path = description(text);
+        EXPECT_EQ(zelfwfile("make " + quoted(path)).output, path + reason + "\n");
+    }
+}
+
 TEST_F(Zelfwfile, MissingDescriptionIsNamed) {
     const ProgramResult result = zelfwfile("make " + quoted(directory_.path("none.toml")));
     EXPECT_EQ(result.code, 1);
@@ -445,8 +457,8 @@ TEST_F(Zelfwfile, WrongArgumentsAreNamedAndEndWithTwo) {
     const std::vector<std::pair<std::string, std::string>> cases = {
         {"", "no command given"},
         {"mkae a.toml", "unknown command 'mkae'"},
-        {"make", "'make' needs one description"},
-        {"make a.toml b.toml", "'make' needs one description"},
+        {"make", "'make' takes one description; -o names the output"},
+        {"make a.toml b.toml", "'make' takes one description; -o names the output"},
         {"check", "'check' needs a file"},
         {"check -o a.dat b.dat", "'check' writes no file"},
         {"make a.toml -o", "option '-o' needs a file name"},

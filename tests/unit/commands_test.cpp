@@ -188,10 +188,10 @@ TEST_F(Selection, AProductOfZeroLeavesTheSerialNumbersUnused) {
 // Enumeration.
 
 TEST_F(Commands, OpensOnlySupportedInterfaces) {
-    FlashPeripheral& device = bus.add(silent_product, 0x046D);
+    FlashPeripheral& device = bus.add(silent_product, 0x7AFF);
     USBHID hid{};
     snprintf(hid.DevicePath, sizeof hid.DevicePath, "%s", device.path().c_str());
-    hid.VendorID = 0x046D;
+    hid.VendorID = 0x7AFF;
     hid.ProductID = silent_product;
     hid.Usage = 0xA000;
     EXPECT_EQ(0, flash->open_hid_device(&hid));

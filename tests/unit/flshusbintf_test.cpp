@@ -24,7 +24,7 @@ class UsbInterface : public testing::Test {
         return *object;
     }
     FakeUsbDevice& flash_device() {
-        FakeUsbDevice& device = usb.add(3, 17, 0x04B3, 0x3C02);
+        FakeUsbDevice& device = usb.add(3, 17, 0x7A01, 0x3C02);
         make_flash_device(device);
         return device;
     }
@@ -71,7 +71,7 @@ TEST_F(UsbInterface, WithoutAContextEverythingIsRefusedAndNothingFreed) {
     usb.init_rc = -1;
     EXPECT_EQ(intf().initialized, 0);
     EXPECT_EQ(open(flash_path(flash_device())), not_possible);
-    EXPECT_EQ(intf().OpenDevice(0x04B3, 0x3C02), not_possible);
+    EXPECT_EQ(intf().OpenDevice(0x7A01, 0x3C02), not_possible);
     intf().SetDebugLevel(3);
     object.reset();
     EXPECT_EQ(usb.live_contexts, 0);
@@ -178,7 +178,7 @@ TEST_F(UsbInterface, KeepsTheSettingNumberWhenTheSettingIsRefused) {
 
 TEST_F(UsbInterface, ClearsItsDescriptorBeforeItIsReadAgain) {
     FakeUsbDevice& device = claim(flash_device());
-    ASSERT_EQ(intf().descriptor.idVendor, 0x04B3);
+    ASSERT_EQ(intf().descriptor.idVendor, 0x7A01);
     device.descriptor_rc = -5;
     EXPECT_EQ(intf().GetDeviceInformation(as_libusb(device)), -5);
     EXPECT_EQ(intf().descriptor.idVendor, 0);
@@ -209,7 +209,7 @@ TEST_F(UsbInterface, AsksForDescriptorsWithAStandardRequest) {
 TEST_F(UsbInterface, OpensADeviceOfTheListWithoutItsConfiguration) {
     FakeUsbDevice& device = flash_device();
     ASSERT_EQ(intf().OpenDevice(as_libusb(device)), 0);
-    EXPECT_EQ(intf().GetVendorID(), 0x04B3);
+    EXPECT_EQ(intf().GetVendorID(), 0x7A01);
     EXPECT_EQ(intf().GetProductID(), 0x3C02);
     EXPECT_EQ(intf().GetVersionNumber(), 0x0123);
     EXPECT_EQ(intf().GetBusNumber(), 3);
@@ -244,21 +244,21 @@ TEST_F(UsbInterface, LeavesADeviceOpenWhoseDescriptorCannotBeRead) {
 
 TEST_F(UsbInterface, OpensADeviceByItsIds) {
     flash_device();
-    EXPECT_EQ(intf().OpenDevice(0x04B3, 0x3C03), -4);
-    EXPECT_EQ(intf().OpenDevice(0x04B3, 0x3C02), 0);
+    EXPECT_EQ(intf().OpenDevice(0x7A01, 0x3C03), -4);
+    EXPECT_EQ(intf().OpenDevice(0x7A01, 0x3C02), 0);
     EXPECT_EQ(usb.live_configurations, 1);
-    EXPECT_EQ(intf().OpenDevice(0x04B3, 0x3C02), not_possible);
+    EXPECT_EQ(intf().OpenDevice(0x7A01, 0x3C02), not_possible);
 }
 
 TEST_F(UsbInterface, OpenByIdsFailsWithoutADescriptor) {
     flash_device().descriptor_rc = -5;
-    EXPECT_EQ(intf().OpenDevice(0x04B3, 0x3C02), not_possible);
+    EXPECT_EQ(intf().OpenDevice(0x7A01, 0x3C02), not_possible);
     EXPECT_EQ(intf().intfnum, 0xBAD);
 }
 
 TEST_F(UsbInterface, OpenByIdsDoesWithoutAConfiguration) {
     flash_device().config_rc = -5;
-    EXPECT_EQ(intf().OpenDevice(0x04B3, 0x3C02), 0);
+    EXPECT_EQ(intf().OpenDevice(0x7A01, 0x3C02), 0);
     EXPECT_NE(intf().handle, nullptr);
     EXPECT_EQ(intf().config_descriptor_retrieved, 0);
 }
@@ -266,19 +266,19 @@ TEST_F(UsbInterface, OpenByIdsDoesWithoutAConfiguration) {
 TEST_F(UsbInterface, ForgetsItsInterfaceWhateverComesOfAnOpenByIds) {
     claim(flash_device());
     ASSERT_EQ(intf().intfnum, 0);
-    EXPECT_EQ(intf().OpenDevice(0x04B3, 0x3C02), not_possible);
+    EXPECT_EQ(intf().OpenDevice(0x7A01, 0x3C02), not_possible);
     EXPECT_EQ(intf().intfnum, 0xBAD);
 }
 
 // --- by path ---
 
 TEST_F(UsbInterface, TakesEveryFieldOfAHidPath) {
-    usb.add(12, 34, 0x04B3, 0x3C02);
-    ASSERT_EQ(open("//?/hid#vid_04b3&pid_3C02&mi_05&ec_0aF1#bus_12&dev_034#hub_07&port_03"
+    usb.add(12, 34, 0x7A01, 0x3C02);
+    ASSERT_EQ(open("//?/hid#vid_7a01&pid_3C02&mi_05&ec_0aF1#bus_12&dev_034#hub_07&port_03"
                    "#usagepage_ff45&usage_a000"),
               0);
     EXPECT_EQ(intf().GetDeviceType(), DEVICE_TYPE_HID);
-    EXPECT_EQ(intf().VendorID, 0x04B3);
+    EXPECT_EQ(intf().VendorID, 0x7A01);
     EXPECT_EQ(intf().ProductID, 0x3C02);
     EXPECT_EQ(intf().Interface, 5);
     EXPECT_EQ(intf().VersionNumber, 0x0AF1);
@@ -305,7 +305,7 @@ TEST_F(UsbInterface, TellsTheTypeByThePrefix) {
 }
 
 TEST_F(UsbInterface, ForgetsTheFieldsOfAnEarlierPath) {
-    open("//?/hid#vid_04b3&pid_3c02&mi_05#bus_12&dev_034#hub_07&port_03#usagepage_ff45&usage_a000");
+    open("//?/hid#vid_7a01&pid_3c02&mi_05#bus_12&dev_034#hub_07&port_03#usagepage_ff45&usage_a000");
     ASSERT_EQ(intf().Usage, 0xA000);
     open("//?/hid#");
     EXPECT_EQ(intf().VendorID, 0);
@@ -321,15 +321,15 @@ TEST_F(UsbInterface, ForgetsTheFieldsOfAnEarlierPath) {
 }
 
 TEST_F(UsbInterface, TakesHubPortVersionAndUsageOfThePathUncompared) {
-    usb.add(1, 2, 0x04B3, 0x3C02);
-    EXPECT_EQ(open("//?/hid#vid_04b3&pid_3c02&mi_09&ec_9999#bus_01&dev_002#hub_55&port_66"
+    usb.add(1, 2, 0x7A01, 0x3C02);
+    EXPECT_EQ(open("//?/hid#vid_7a01&pid_3c02&mi_09&ec_9999#bus_01&dev_002#hub_55&port_66"
                    "#usagepage_7777&usage_8888"),
               0);
     EXPECT_EQ(intf().GetVersionNumber(), 0x9999);
 }
 
 TEST_F(UsbInterface, APathWithoutVendorMatchesOnlyADeviceOfVendorZero) {
-    usb.add(1, 2, 0x04B3, 0x3C02);
+    usb.add(1, 2, 0x7A01, 0x3C02);
     EXPECT_EQ(open("//?/hid#pid_3c02#bus_01&dev_002"), not_possible);
     usb.add(1, 2, 0, 0x3C02);
     EXPECT_EQ(open("//?/hid#pid_3c02#bus_01&dev_002"), 0);
@@ -337,10 +337,10 @@ TEST_F(UsbInterface, APathWithoutVendorMatchesOnlyADeviceOfVendorZero) {
 }
 
 TEST_F(UsbInterface, MatchesBusAddressVendorAndProduct) {
-    usb.add(1, 2, 0x04B3, 0x3C02);
+    usb.add(1, 2, 0x7A01, 0x3C02);
     for (const char* path :
-         {"//?/hid#vid_04b3&pid_3c02#bus_02&dev_002", "//?/hid#vid_04b3&pid_3c02#bus_01&dev_003",
-          "//?/hid#vid_04b4&pid_3c02#bus_01&dev_002", "//?/hid#vid_04b3&pid_3c03#bus_01&dev_002"}) {
+         {"//?/hid#vid_7a01&pid_3c02#bus_02&dev_002", "//?/hid#vid_7a01&pid_3c02#bus_01&dev_003",
+          "//?/hid#vid_7a04&pid_3c02#bus_01&dev_002", "//?/hid#vid_7a01&pid_3c03#bus_01&dev_002"}) {
         EXPECT_EQ(open(path), not_possible) << path;
     }
     EXPECT_EQ(usb.live_lists, 0);
@@ -366,7 +366,7 @@ TEST_F(UsbInterface, TellsTheLastOfSeveralOpenErrors) {
     FakeUsbDevice& first = flash_device();
     first.open_rc = -3;
     flash_device().open_rc = -12;
-    usb.add(9, 9, 0x04B3, 0x3C02);
+    usb.add(9, 9, 0x7A01, 0x3C02);
     EXPECT_EQ(open(flash_path(first)), -12);
     EXPECT_EQ(usb.live_lists, 0);
     EXPECT_EQ(usb.live_configurations, 0);
@@ -391,7 +391,7 @@ TEST_F(UsbInterface, IsOpenWhenItsConfigurationCannotBeRead) {
 TEST_F(UsbInterface, RefusesASecondPathWhileADeviceIsOpen) {
     ASSERT_EQ(open(flash_path(flash_device())), 0);
     EXPECT_EQ(open("//?/usb#vid_0001"), not_possible);
-    EXPECT_EQ(intf().GetVendorID(), 0x04B3);
+    EXPECT_EQ(intf().GetVendorID(), 0x7A01);
     EXPECT_EQ(intf().GetDeviceType(), DEVICE_TYPE_HID);
 }
 
@@ -491,9 +491,9 @@ TEST_F(UsbInterface, TellsOfAStringThatCouldNotBeRead) {
     ASSERT_EQ(open(flash_path(flash_device())), 0);
     Bytes buffer(4);
     intf().GetStringDescriptorAscii(77, buffer.data(), 4);
-    EXPECT_EQ(log.count("3:04b3:3c02 - String descriptor 77 not read, rc=-9\n"), 1);
+    EXPECT_EQ(log.count("3:7a01:3c02 - String descriptor 77 not read, rc=-9\n"), 1);
     read_string({9, 3, 'a', 0});
-    EXPECT_EQ(log.count("3:04b3:3c02 - String descriptor 9 not read, rc=-1\n"), 1);
+    EXPECT_EQ(log.count("3:7a01:3c02 - String descriptor 9 not read, rc=-1\n"), 1);
 }
 
 TEST_F(UsbInterface, CutsAStringAtTheCallersLimit) {

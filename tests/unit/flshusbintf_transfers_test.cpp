@@ -25,7 +25,7 @@ class Transfers : public testing::Test {
   protected:
     // A flash device with that layout, open, claimed, and with an OUT endpoint too.
     USBINTF& claimed(bool with_ids = false, int output_size = 16, int feature_size = 8) {
-        device = &usb.add(3, 17, 0x04B3, 0x3C02);
+        device = &usb.add(3, 17, 0x7A01, 0x3C02);
         make_flash_device(*device, with_ids, output_size, feature_size);
         device->configurations[0].interfaces[0][0].endpoints.push_back(
             interrupt_endpoint(0x02, 32));
@@ -176,7 +176,7 @@ TEST_F(Transfers, LogAndReturnAFailedOutputReport) {
     EXPECT_EQ(send(flash_output, 8), LIBUSB_ERROR_PIPE);
     EXPECT_EQ(send(flash_output, 8), 4);
     EXPECT_EQ(send(flash_output, 8), 0);
-    EXPECT_EQ(log.count("3:04b3:3c02-11:ff45:a001 - HidSetOutputReport: error response, rc=-9\n"),
+    EXPECT_EQ(log.count("3:7a01:3c02-11:ff45:a001 - HidSetOutputReport: error response, rc=-9\n"),
               1);
     EXPECT_EQ(log.count("HidSetOutputReport: error response, rc=4\n"), 1);
 }
@@ -238,14 +238,14 @@ TEST_F(FirstCommand, IsSentTwiceWhenTheDeviceAnswersLater) {
     EXPECT_EQ(usb.controls[0].data, usb.controls[1].data);
     EXPECT_EQ(usb.controls[1].value, 0x0200);
     EXPECT_EQ(sleeps.slept().size(), 10U);
-    EXPECT_EQ(log.count("3:04b3:3c02-11:ff45:0001 - Resending 6 bytes\n"), 1);
+    EXPECT_EQ(log.count("3:7a01:3c02-11:ff45:0001 - Resending 6 bytes\n"), 1);
 }
 
 TEST_F(FirstCommand, IsSentTwiceAfterASecondWithoutAnswer) {
     EXPECT_EQ(first_command(0), 6);
     EXPECT_EQ(usb.controls.size(), 2U);
     EXPECT_EQ(sleeps.count(10), 100);
-    EXPECT_EQ(log.count("3:04b3:3c02-11:ff45:0001 - Resending 6 bytes\n"), 1);
+    EXPECT_EQ(log.count("3:7a01:3c02-11:ff45:0001 - Resending 6 bytes\n"), 1);
 }
 
 TEST_F(FirstCommand, IsSentAgainWithItsReportId) {
@@ -410,7 +410,7 @@ TEST_F(Transfers, LogAFailedFlashWriteAndReleaseTheInterface) {
     Bytes data(4, 7);
     device->control_rcs = {LIBUSB_ERROR_TIMEOUT};
     EXPECT_EQ(intf.WriteFlashInterface(data.data(), 4, 900), LIBUSB_ERROR_TIMEOUT);
-    EXPECT_EQ(log.count("3:04b3:3c02-11:ff45:a001 - WriteFlashInterface: error response, rc=-7\n"),
+    EXPECT_EQ(log.count("3:7a01:3c02-11:ff45:a001 - WriteFlashInterface: error response, rc=-7\n"),
               1);
     EXPECT_EQ(usb.calls().back(), "release 0");
 }
@@ -474,7 +474,7 @@ TEST_F(Transfers, TakeAnEmptyPacketForATimeout) {
     device->packets = {{0, {}, -1}};
     EXPECT_EQ(read(), LIBUSB_ERROR_TIMEOUT);
     EXPECT_EQ(intf.interrupt_response, 0);
-    EXPECT_EQ(log.count("3:04b3:3c02 - USB Success with actual length 0 bytes\n"), 1);
+    EXPECT_EQ(log.count("3:7a01:3c02 - USB Success with actual length 0 bytes\n"), 1);
 }
 
 TEST_F(Transfers, LogReadErrorsButNoTimeouts) {
@@ -484,7 +484,7 @@ TEST_F(Transfers, LogReadErrorsButNoTimeouts) {
     EXPECT_EQ(read(), LIBUSB_ERROR_OVERFLOW);
     EXPECT_EQ(received, Bytes(64, 0xEE));
     EXPECT_EQ(log.count("USB returned with"), 1);
-    EXPECT_EQ(log.count("3:04b3:3c02 - USB returned with rc=-8, actual length 2 bytes\n"), 1);
+    EXPECT_EQ(log.count("3:7a01:3c02 - USB returned with rc=-8, actual length 2 bytes\n"), 1);
     EXPECT_EQ(intf.interrupt_response, 0);
 }
 
@@ -662,7 +662,7 @@ TEST_F(Transfers, SetAFeatureReportAsItIs) {
 class Handles : public Transfers {
   protected:
     void opened(int interface_number = 0) {
-        device = &usb.add(3, 17, 0x04B3, 0x3C02);
+        device = &usb.add(3, 17, 0x7A01, 0x3C02);
         make_flash_device(*device);
         ASSERT_EQ(intf.OpenDevice(flash_path(*device, interface_number).data()), 0);
     }

@@ -190,16 +190,16 @@ TEST_F(Session, SupportsNoOtherInterfaceWhateverTheVendor) {
         EXPECT_EQ(0, flash->IsFlashDeviceSupported(vendor, 0xA001));
         EXPECT_EQ(0, flash->IsFlashDeviceSupported(vendor, 0));
     }
-    EXPECT_EQ(0, flash->IsFlashDeviceSupported(0x046D, 0xA001));
+    EXPECT_EQ(0, flash->IsFlashDeviceSupported(0x7AFF, 0xA001));
 }
 
 TEST_F(Session, SupportsOtherVendorsOnlyWhenAsked) {
     oem_vendor = 0;
-    EXPECT_EQ(0, flash->IsFlashDeviceSupported(0x046D, 0xA000));
+    EXPECT_EQ(0, flash->IsFlashDeviceSupported(0x7AFF, 0xA000));
     oem_vendor = 1;
-    EXPECT_EQ(1, flash->IsFlashDeviceSupported(0x046D, 0xA000));
+    EXPECT_EQ(1, flash->IsFlashDeviceSupported(0x7AFF, 0xA000));
     oem_vendor = 2;
-    EXPECT_EQ(0, flash->IsFlashDeviceSupported(0x046D, 0xA000));
+    EXPECT_EQ(0, flash->IsFlashDeviceSupported(0x7AFF, 0xA000));
 }
 
 TEST_F(Session, AsksForAFirmwareFileOnlyWhenFilesDecide) {
@@ -229,7 +229,7 @@ TEST_F(Session, CountsOneDevice) {
 TEST_F(Session, CountsSeveralDevicesAndKeepsTheBusOrder) {
     bus.add(silent_product, 0x7A01, "A");
     bus.add(silent_product + 1, 0x7A02, "B");
-    bus.add(silent_product + 2, 0x046D, "C");
+    bus.add(silent_product + 2, 0x7AFF, "C");
     EXPECT_EQ(2, flash->build_flash_table());
     EXPECT_EQ(1, debugged("Found 2 devices with update interface"));
     EXPECT_EQ(silent_product, flash->fe[0].product_id);

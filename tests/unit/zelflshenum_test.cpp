@@ -42,7 +42,7 @@ class Enumeration : public testing::Test {
     }
     // A device with HID interfaces of those strings; an empty one stands for no string.
     FakeUsbDevice& add(uint8_t bus, uint8_t address, const std::vector<std::string>& strings) {
-        FakeUsbDevice& device = usb.add(bus, address, 0x04B3, 0x3C02);
+        FakeUsbDevice& device = usb.add(bus, address, 0x7A01, 0x3C02);
         uint8_t index = 0;
         for (const std::string& text : strings) {
             FakeSetting setting;
@@ -91,12 +91,12 @@ TEST_F(Enumeration, GivesHubAndPortOfADevice) {
     usbfs_add_hub(2, 1, {0, 0, 17, 0});
     build();
     EXPECT_THAT(hid_paths(),
-                ElementsAre("//?/hid#vid_04b3&pid_3c02&mi_00&ec_0123#bus_02&dev_017#hub_02&port_03"
+                ElementsAre("//?/hid#vid_7a01&pid_3c02&mi_00&ec_0123#bus_02&dev_017#hub_02&port_03"
                             "#usagepage_ff45&usage_a000"));
     EXPECT_STREQ(tree->getDevice(2)->DevicePath,
-                 "//?/usb#vid_04b3&pid_3c02&ec_0123#bus_02&dev_017#hub_02&port_03");
+                 "//?/usb#vid_7a01&pid_3c02&ec_0123#bus_02&dev_017#hub_02&port_03");
     const USBHID& hid = *tree->getHidDevice(0);
-    EXPECT_EQ(hid.VendorID, 0x04B3);
+    EXPECT_EQ(hid.VendorID, 0x7A01);
     EXPECT_EQ(hid.ProductID, 0x3C02);
     EXPECT_EQ(hid.UsagePage, 0xFF45);
     EXPECT_EQ(hid.Usage, 0xA000);
@@ -160,9 +160,9 @@ TEST_F(Enumeration, GivesEachInterfaceOfADeviceARecord) {
     device.strings[3] = string_descriptor("K7");
     build();
     EXPECT_THAT(hid_paths(),
-                ElementsAre("//?/hid#vid_04b3&pid_3c02&mi_00&ec_0123#bus_01&dev_009#hub_00&port_00"
+                ElementsAre("//?/hid#vid_7a01&pid_3c02&mi_00&ec_0123#bus_01&dev_009#hub_00&port_00"
                             "#usagepage_0001&usage_0006",
-                            "//?/hid#vid_04b3&pid_3c02&mi_01&ec_0123#bus_01&dev_009#hub_00&port_00"
+                            "//?/hid#vid_7a01&pid_3c02&mi_01&ec_0123#bus_01&dev_009#hub_00&port_00"
                             "#usagepage_ff45&usage_a000"));
     EXPECT_STREQ(tree->getHidDevice(0)->SerialNumber, "K7");
     EXPECT_STREQ(tree->getHidDevice(1)->SerialNumber, "K7");
@@ -256,7 +256,7 @@ TEST_F(Enumeration, LogsAConfigurationThatCannotBeReadAndGoesOn) {
     device.config_rc = -1;
     add(1, 10, {flash_string});
     build();
-    EXPECT_EQ(log.text(), "3:04b3:3c02 - GetConfigDescriptor failed, rc=-1\n");
+    EXPECT_EQ(log.text(), "3:7a01:3c02 - GetConfigDescriptor failed, rc=-1\n");
     EXPECT_EQ(tree->numberOfDevices, 2);
     EXPECT_EQ(tree->numberOfHidDevices, 1);
 }
@@ -370,7 +370,7 @@ TEST_F(Enumeration, GivesNoRecordOutsideTheLists) {
 TEST_F(Enumeration, CountsTheDevicesOfAProduct) {
     add(1, 9, {});
     add(1, 10, {});
-    usb.add(1, 11, 0x04B3, 0x3C03);
+    usb.add(1, 11, 0x7A01, 0x3C03);
     build();
     EXPECT_EQ(tree->getTotalNumberOfADevice(0x3C02), 2);
     EXPECT_EQ(tree->getTotalNumberOfADevice(0x3C03), 1);

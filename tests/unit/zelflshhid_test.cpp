@@ -28,7 +28,7 @@ constexpr unsigned short feature_usage = 0xA003;
 class HidDevice : public testing::Test {
   protected:
     HIDDEVICE2& opened(bool with_ids = false) {
-        device = &usb.add(3, 17, 0x04B3, 0x3C02);
+        device = &usb.add(3, 17, 0x7A01, 0x3C02);
         make_flash_device(*device, with_ids, 16, 8);
         hid = std::make_unique<HIDDEVICE2>(0, 0, flash_path(*device).c_str());
         EXPECT_EQ(hid->OpenRc, 0);
@@ -94,17 +94,17 @@ TEST_F(HidDevice, MarksAClosedHandleWithAllBits) {
 }
 
 TEST_F(HidDevice, LogsItsLifeWithTheLabelsSwapped) {
-    hid = std::make_unique<HIDDEVICE2>(0x04B3, 0x3C02, "//?/hid#x");
+    hid = std::make_unique<HIDDEVICE2>(0x7A01, 0x3C02, "//?/hid#x");
     EXPECT_EQ(log.text(),
-              "3:HIDDEVICE2(PID=4b3, VID=3c02 DevicePath=//?/hid#x) created\n"
+              "3:HIDDEVICE2(PID=7a01, VID=3c02 DevicePath=//?/hid#x) created\n"
               "3:Create of '//?/hid#x' failed, rc=-2\n");
     hid.reset();
-    EXPECT_THAT(log.text(), testing::EndsWith("3:~HIDDEVICE(VID=4b3, PID=3c02, Path=//?/hid#x) "
+    EXPECT_THAT(log.text(), testing::EndsWith("3:~HIDDEVICE(VID=7a01, PID=3c02, Path=//?/hid#x) "
                                               "exiting\n"));
 }
 
 TEST_F(HidDevice, LogsItsLifeOnlyWhenBothIdsAreKnown) {
-    for (const auto& [vendor, product] : {std::pair{0x04B3, 0}, std::pair{0, 0x3C02}}) {
+    for (const auto& [vendor, product] : {std::pair{0x7A01, 0}, std::pair{0, 0x3C02}}) {
         hid = std::make_unique<HIDDEVICE2>(static_cast<unsigned short>(vendor),
                                            static_cast<unsigned short>(product), "//?/hid#x");
         EXPECT_EQ(open("r"), 1);
@@ -115,10 +115,10 @@ TEST_F(HidDevice, LogsItsLifeOnlyWhenBothIdsAreKnown) {
 }
 
 TEST_F(HidDevice, IsMarkedWhenItsPathCannotBeOpened) {
-    hid = std::make_unique<HIDDEVICE2>(0x04B3, 0x3C02, "//?/hid#x");
+    hid = std::make_unique<HIDDEVICE2>(0x7A01, 0x3C02, "//?/hid#x");
     EXPECT_EQ(hid->OpenRc, 1);
     EXPECT_EQ(open("r"), 1);
-    EXPECT_EQ(log.count("3:OpenDevice(VID=4b3, PID=0x3c02) failed, rc=0x1\n"), 1);
+    EXPECT_EQ(log.count("3:OpenDevice(VID=7a01, PID=0x3c02) failed, rc=0x1\n"), 1);
     EXPECT_STREQ(hid->SerialNumber, "");
 }
 

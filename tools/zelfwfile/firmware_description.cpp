@@ -18,6 +18,11 @@ constexpr int last_component = 14;
 /// The value of a download record has 16 bits and must not come twice.
 constexpr std::size_t most_records = 65536;
 
+constexpr std::array<std::string_view, 10> description_keys{
+    "product", "level",   "component",   "build",    "name",
+    "type",    "control", "information", "checksum", "data"};
+constexpr std::array<std::string_view, 4> data_keys{"hex", "image", "pattern", "record_size"};
+
 template <typename Value>
 struct Word {
     std::string_view word;
@@ -78,7 +83,7 @@ int byte_at(std::string_view text, std::size_t at) {
     return high < 0 || low < 0 ? -1 : high * 16 + low;
 }
 
-int read_level(TomlTable& table) {
+int read_level(const TomlTable& table) {
     const std::string text = table.required_text("level", longest_text);
     const int major = byte_at(text, 0);
     const int minor = byte_at(text, 3);
@@ -91,7 +96,7 @@ int read_level(TomlTable& table) {
     return major * 256 + minor;
 }
 
-std::vector<InformationRecord> read_information(TomlTable& table, const std::string& name) {
+std::vector<InformationRecord> read_information(const TomlTable& table, const std::string& name) {
     std::vector<InformationRecord> records;
     if (!table.has("information")) {
         records = {InformationRecord::component_list, InformationRecord::extended_list};
@@ -176,13 +181,13 @@ std::vector<std::vector<std::uint8_t>> cut_into_records(const std::vector<std::u
 }
 
 /// Reads the `[data]` table, which gives the image in one of three ways.
-void read_records(TomlTable& data, const std::string& path, FirmwareDescription& description) {
+void read_records(const TomlTable& data, const std::string& path,
+                  FirmwareDescription& description) {
     const std::vector<std::string> hex = data.texts("hex");
     const auto image = data.text("image", longest_text);
     const auto count = data.integer("pattern", 1, most_records);
     const auto record_size = static_cast<std::size_t>(
         data.integer("record_size", 1, firmware_record_max_payload).value_or(default_record_size));
-    data.finish();
     if ((data.has("hex") ? 1 : 0) + (image ? 1 : 0) + (count ? 1 : 0) != 1) {
         data.fail("", "[data] must have one of \"hex\", \"image\" and \"pattern\"");
     }
@@ -208,7 +213,12 @@ void read_records(TomlTable& data, const std::string& path, FirmwareDescription&
 
 FirmwareDescription read_firmware_description(const std::string& path) {
     const toml::table parsed = zelf::parse_toml_file(path);
-    TomlTable table(path, parsed);
+    const TomlTable table(path, parsed);
+    table.know_only({description_keys});
+    const auto data = table.table("data");
+    if (data) {
+        data->know_only({data_keys});
+    }
     FirmwareDescription description;
     description.product = static_cast<int>(table.required_integer("product", 1, 0xFFFF));
     description.level = read_level(table);
@@ -225,8 +235,6 @@ FirmwareDescription read_firmware_description(const std::string& path) {
     if (const auto checksum = table.integer("checksum", 0, 0xFFFF)) {
         description.checksum = static_cast<int>(*checksum);
     }
-    auto data = table.table("data");
-    table.finish();
     if (!data) {
         table.fail("data", "the table [data] is missing");
     }

@@ -76,6 +76,8 @@ EXAMPLES
   zelfwfile check firmware/*.dat
 )";
 
+constexpr char make_takes_one[] = "'make' takes one description; -o names the output";
+
 struct Arguments {
     bool help = false;
     bool version = false;
@@ -166,7 +168,7 @@ int run(const Arguments& arguments) {
     const std::vector<std::string> files(arguments.operands.begin() + 1, arguments.operands.end());
     if (command == "make") {
         return files.size() == 1 ? make(files.front(), arguments.output)
-                                 : usage_error("'make' needs one description");
+                                 : usage_error(make_takes_one);
     }
     if (command == "check") {
         if (arguments.output) {

@@ -5,9 +5,11 @@
 #include "model/bus_file/bus_file_fault.h"
 
 #include <algorithm>
+#include <array>
 #include <map>
 #include <optional>
 #include <set>
+#include <string_view>
 #include <utility>
 
 namespace zelfsim {
@@ -18,33 +20,37 @@ constexpr std::uint8_t kRootAddress = 1;
 constexpr std::uint8_t kHighestAddress = 127;
 constexpr std::uint16_t kRootHubVendor = 0x1D6B;
 constexpr std::uint16_t kRootHubProduct = 0x0002;
-constexpr std::uint16_t kHubVendor = 0x1A40;
+constexpr std::uint16_t kHubVendor = 0x7AFF;
 constexpr std::uint16_t kHubProduct = 0x0101;
+
+constexpr std::array<std::string_view, 4> kTopKeys{"timing", "hub", "device", "fault"};
+constexpr std::array<std::string_view, 8> kHubKeys{"name",    "bus",   "hub",    "port",
+                                                   "address", "ports", "vendor", "product"};
 
 /// A bus being put together.
 class Assembly {
   public:
     BusDescription result;
 
-    void add_hub(zelf::TomlTable& table);
+    void add_hub(const zelf::TomlTable& table);
     void add_implied_root();
-    void add_device(zelf::TomlTable& table, const Timing& timing);
-    void add_fault(zelf::TomlTable& table);
+    void add_device(const zelf::TomlTable& table, const Timing& timing);
+    void add_fault(const zelf::TomlTable& table);
     void assign_addresses(const std::string& file);
 
   private:
-    std::string take_name(zelf::TomlTable& table);
-    void place(zelf::TomlTable& table, DeviceDescription& device);
-    std::uint8_t take_port(zelf::TomlTable& table, std::size_t hub);
-    void take_address(zelf::TomlTable& table, DeviceDescription& device);
-    std::size_t find_hub(zelf::TomlTable& table, const std::string& name) const;
+    std::string take_name(const zelf::TomlTable& table);
+    void place(const zelf::TomlTable& table, DeviceDescription& device);
+    std::uint8_t take_port(const zelf::TomlTable& table, std::size_t hub);
+    void take_address(const zelf::TomlTable& table, DeviceDescription& device);
+    std::size_t find_hub(const zelf::TomlTable& table, const std::string& name) const;
 
     std::set<std::string> names_;
     std::map<std::size_t, std::set<std::uint8_t>> ports_;       // of each hub
     std::map<std::uint8_t, std::set<std::uint8_t>> addresses_;  // on each bus
 };
 
-std::string Assembly::take_name(zelf::TomlTable& table) {
+std::string Assembly::take_name(const zelf::TomlTable& table) {
     constexpr std::size_t kLongestName = 64;
     constexpr std::string_view kAllowed =
         "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789._-";
@@ -61,7 +67,7 @@ std::string Assembly::take_name(zelf::TomlTable& table) {
     return name;
 }
 
-std::size_t Assembly::find_hub(zelf::TomlTable& table, const std::string& name) const {
+std::size_t Assembly::find_hub(const zelf::TomlTable& table, const std::string& name) const {
     for (std::size_t index = 0; index < result.devices.size(); ++index) {
         if (result.devices[index].is_hub && result.devices[index].name == name) {
             return index;
@@ -70,7 +76,7 @@ std::size_t Assembly::find_hub(zelf::TomlTable& table, const std::string& name) 
     table.fail("hub", "there is no hub \"" + name + "\" above this line");
 }
 
-std::uint8_t Assembly::take_port(zelf::TomlTable& table, std::size_t hub) {
+std::uint8_t Assembly::take_port(const zelf::TomlTable& table, std::size_t hub) {
     const DeviceDescription& parent = result.devices[hub];
     std::set<std::uint8_t>& used = ports_[hub];
     if (const auto port = table.integer("port", 1, parent.ports)) {
@@ -89,7 +95,7 @@ std::uint8_t Assembly::take_port(zelf::TomlTable& table, std::size_t hub) {
     table.fail("name", "\"" + parent.name + "\" has no free port");
 }
 
-void Assembly::place(zelf::TomlTable& table, DeviceDescription& device) {
+void Assembly::place(const zelf::TomlTable& table, DeviceDescription& device) {
     constexpr std::size_t kLongestName = 64;
     const auto name = table.text("hub", kLongestName);
     device.parent = name ? find_hub(table, *name) : 0;
@@ -97,7 +103,7 @@ void Assembly::place(zelf::TomlTable& table, DeviceDescription& device) {
     device.port = take_port(table, *device.parent);
 }
 
-void Assembly::take_address(zelf::TomlTable& table, DeviceDescription& device) {
+void Assembly::take_address(const zelf::TomlTable& table, DeviceDescription& device) {
     if (const auto address = table.integer("address", kRootAddress + 1, kHighestAddress)) {
         device.address = static_cast<std::uint8_t>(*address);
         if (!addresses_[device.bus].insert(device.address).second) {
@@ -120,8 +126,9 @@ DeviceDescription hub_defaults(bool root) {
     return hub;
 }
 
-void Assembly::add_hub(zelf::TomlTable& table) {
+void Assembly::add_hub(const zelf::TomlTable& table) {
     constexpr std::int64_t kMostPorts = 127;
+    table.know_only({kHubKeys});
     const bool root = table.has("bus");
     if (root == table.has("hub")) {
         table.fail("name", "a hub has either \"bus\" (a root hub) or \"hub\" (its parent)");
@@ -143,7 +150,6 @@ void Assembly::add_hub(zelf::TomlTable& table) {
         static_cast<std::uint16_t>(table.integer("vendor", 0, 0xFFFF).value_or(hub.vendor));
     hub.product =
         static_cast<std::uint16_t>(table.integer("product", 0, 0xFFFF).value_or(hub.product));
-    table.finish();
     result.devices.push_back(std::move(hub));
 }
 
@@ -158,18 +164,19 @@ void Assembly::add_implied_root() {
     result.devices.push_back(std::move(hub));
 }
 
-void Assembly::add_device(zelf::TomlTable& table, const Timing& timing) {
+void Assembly::add_device(const zelf::TomlTable& table, const Timing& timing) {
+    know_device_keys(table);
     DeviceDescription device;
     device.name = take_name(table);
     place(table, device);
     take_address(table, device);
     read_device(table, timing, device);
-    table.finish();
     result.devices.push_back(std::move(device));
 }
 
-void Assembly::add_fault(zelf::TomlTable& table) {
+void Assembly::add_fault(const zelf::TomlTable& table) {
     constexpr std::size_t kLongestName = 64;
+    know_fault_keys(table);
     const std::string name = table.required_text("device", kLongestName);
     const auto device =
         std::find_if(result.devices.begin(), result.devices.end(),
@@ -178,7 +185,6 @@ void Assembly::add_fault(zelf::TomlTable& table) {
         table.fail("device", "there is no device \"" + name + "\"");
     }
     FaultRule rule = read_fault(table);
-    table.finish();
     for (const FaultRule& other : device->faults) {
         if (other.key() == rule.key()) {
             table.fail("at", "the fault " + rule.key() + " of \"" + name + "\" is there twice");
@@ -210,26 +216,26 @@ void Assembly::assign_addresses(const std::string& file) {
 
 BusDescription read_bus_file(const std::string& file) {
     const toml::table parsed = zelf::parse_toml_file(file);
-    zelf::TomlTable top(file, parsed);
+    const zelf::TomlTable top(file, parsed);
+    top.know_only({kTopKeys});
     Timing timing;
-    if (auto table = top.table("timing")) {
+    if (const auto table = top.table("timing")) {
         timing = read_timing(*table, timing);
     }
     Assembly assembly;
-    std::vector<zelf::TomlTable> hubs = top.tables("hub");
+    const std::vector<zelf::TomlTable> hubs = top.tables("hub");
     if (hubs.empty()) {
         assembly.add_implied_root();
     }
-    for (zelf::TomlTable& hub : hubs) {
+    for (const zelf::TomlTable& hub : hubs) {
         assembly.add_hub(hub);
     }
-    for (zelf::TomlTable& device : top.tables("device")) {
+    for (const zelf::TomlTable& device : top.tables("device")) {
         assembly.add_device(device, timing);
     }
-    for (zelf::TomlTable& fault : top.tables("fault")) {
+    for (const zelf::TomlTable& fault : top.tables("fault")) {
         assembly.add_fault(fault);
     }
-    top.finish();
     assembly.assign_addresses(file);
     return std::move(assembly.result);
 }

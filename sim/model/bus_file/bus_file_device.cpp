@@ -18,11 +18,26 @@ constexpr std::uint16_t kDataUsage = 0xA003;
 constexpr std::uint16_t kOldDataUsage = 0x1603;
 constexpr std::uint8_t kStatusSize = 8;
 
+constexpr std::array<std::string_view, 12> kDeviceKeys{
+    "name",   "hub",          "port",         "address", "vendor",    "product",
+    "serial", "manufacturer", "product_name", "timing",  "interface", "bcd"};
+constexpr std::array<std::string_view, 6> kTimingKeys{"transfer_ms", "query_ms",    "erase_ms",
+                                                      "record_ms",   "checksum_ms", "reset_ms"};
+constexpr std::array<std::string_view, 4> kInterfaceKeys{"kind", "number", "string", "driver"};
+constexpr std::array<std::string_view, 3> kHidKeys{"in_packet", "usage_page", "usage"};
+constexpr std::array<std::string_view, 18> kFlashKeys{
+    "in_packet",      "out_packet",   "report_ids",  "output_size", "feature_size",
+    "feature_usage",  "list",         "device_info", "ec_level",    "read_records",
+    "device_type",    "device_id",    "command_set", "features",    "previous_level",
+    "previous_build", "reset_answer", "component"};
+constexpr std::array<std::string_view, 7> kComponentKeys{"id",   "name",    "level",  "build",
+                                                         "type", "control", "records"};
+
 template <typename Value>
 using Choice = std::pair<std::string_view, Value>;
 
 template <typename Value, std::size_t count>
-Value choose(zelf::TomlTable& table, std::string_view key,
+Value choose(const zelf::TomlTable& table, std::string_view key,
              const std::array<Choice<Value>, count>& choices, std::string_view fallback) {
     constexpr std::size_t kLongestChoice = 32;
     const std::string text = table.text(key, kLongestChoice).value_or(std::string(fallback));
@@ -36,20 +51,21 @@ Value choose(zelf::TomlTable& table, std::string_view key,
     table.fail(key, "\"" + std::string(key) + "\" must be one of " + known);
 }
 
-std::uint8_t byte(zelf::TomlTable& table, std::string_view key, std::uint8_t fallback) {
+std::uint8_t byte(const zelf::TomlTable& table, std::string_view key, std::uint8_t fallback) {
     return static_cast<std::uint8_t>(table.integer(key, 0, 0xFF).value_or(fallback));
 }
 
-std::uint16_t word(zelf::TomlTable& table, std::string_view key, std::uint16_t fallback) {
+std::uint16_t word(const zelf::TomlTable& table, std::string_view key, std::uint16_t fallback) {
     return static_cast<std::uint16_t>(table.integer(key, 0, 0xFFFF).value_or(fallback));
 }
 
-std::uint16_t report_size(zelf::TomlTable& table, std::string_view key, std::uint16_t fallback) {
+std::uint16_t report_size(const zelf::TomlTable& table, std::string_view key,
+                          std::uint16_t fallback) {
     return static_cast<std::uint16_t>(
         table.integer(key, kSmallestReport, kLargestReport).value_or(fallback));
 }
 
-Version level(zelf::TomlTable& table, std::string_view key, const std::string& text) {
+Version level(const zelf::TomlTable& table, std::string_view key, const std::string& text) {
     Version version;
     if (!parse_level(text, version)) {
         table.fail(key,
@@ -58,7 +74,7 @@ Version level(zelf::TomlTable& table, std::string_view key, const std::string& t
     return version;
 }
 
-ComponentDescription read_component(zelf::TomlTable& table) {
+ComponentDescription read_component(const zelf::TomlTable& table) {
     constexpr std::int64_t kHighestComponent = 14;
     constexpr std::size_t kLongestName = 32;
     constexpr std::size_t kLevelLength = 5;
@@ -71,6 +87,7 @@ ComponentDescription read_component(zelf::TomlTable& table) {
     }};
     constexpr std::array<Choice<bool>, 2> kControls{{{"increasing", false}, {"random", true}}};
 
+    table.know_only({kComponentKeys});
     ComponentDescription component;
     component.id = static_cast<std::uint8_t>(table.required_integer("id", 0, kHighestComponent));
     component.name =
@@ -81,12 +98,11 @@ ComponentDescription read_component(zelf::TomlTable& table) {
     component.random = choose(table, "control", kControls, "increasing");
     component.records = static_cast<unsigned>(
         table.integer("records", 0, kMostRecords).value_or(component.records));
-    table.finish();
     return component;
 }
 
-void read_components(zelf::TomlTable& table, FlashDescription& flash) {
-    for (zelf::TomlTable& entry : table.tables("component")) {
+void read_components(const zelf::TomlTable& table, FlashDescription& flash) {
+    for (const zelf::TomlTable& entry : table.tables("component")) {
         ComponentDescription component = read_component(entry);
         const auto same = [&](const ComponentDescription& other) {
             return other.id == component.id;
@@ -103,7 +119,7 @@ void read_components(zelf::TomlTable& table, FlashDescription& flash) {
     }
 }
 
-FlashDescription read_flash(zelf::TomlTable& table) {
+FlashDescription read_flash(const zelf::TomlTable& table) {
     constexpr std::size_t kLevelLength = 5;
     constexpr std::array<Choice<ListKind>, 3> kLists{{
         {"extended", ListKind::extended},
@@ -139,7 +155,8 @@ FlashDescription read_flash(zelf::TomlTable& table) {
 }
 
 /// Packet sizes and what else belongs to one kind of interface only.
-void read_kind(zelf::TomlTable& table, InterfaceDescription& interface, DeviceDescription& device) {
+void read_kind(const zelf::TomlTable& table, InterfaceDescription& interface,
+               DeviceDescription& device) {
     if (interface.kind != InterfaceKind::flash && interface.kind != InterfaceKind::hid) {
         return;
     }
@@ -164,7 +181,22 @@ void read_kind(zelf::TomlTable& table, InterfaceDescription& interface, DeviceDe
     }
 }
 
-InterfaceDescription read_interface(zelf::TomlTable& table, std::size_t position,
+/// Refuses a key that goes with another kind of interface.
+void know_keys_of(const zelf::TomlTable& table, InterfaceKind kind) {
+    switch (kind) {
+        case InterfaceKind::flash:
+            table.know_only({kInterfaceKeys, kFlashKeys});
+            break;
+        case InterfaceKind::hid:
+            table.know_only({kInterfaceKeys, kHidKeys});
+            break;
+        default:
+            table.know_only({kInterfaceKeys});
+            break;
+    }
+}
+
+InterfaceDescription read_interface(const zelf::TomlTable& table, std::size_t position,
                                     DeviceDescription& device) {
     constexpr std::int64_t kHighestInterface = 31;
     constexpr std::array<Choice<InterfaceKind>, 5> kKinds{{
@@ -174,8 +206,10 @@ InterfaceDescription read_interface(zelf::TomlTable& table, std::size_t position
         {"storage", InterfaceKind::storage},
         {"hid", InterfaceKind::hid},
     }};
+    table.know_only({kInterfaceKeys, kHidKeys, kFlashKeys});
     InterfaceDescription interface;
     interface.kind = choose(table, "kind", kKinds, "");
+    know_keys_of(table, interface.kind);
     interface.number =
         static_cast<std::uint8_t>(table.integer("number", 0, kHighestInterface)
                                       .value_or(static_cast<std::int64_t>(position)));
@@ -184,14 +218,13 @@ InterfaceDescription read_interface(zelf::TomlTable& table, std::size_t position
         table.text("string", kLongestString).value_or(flash ? "Usage=A000 Usage Page=FF45" : "");
     interface.driver = table.flag("driver").value_or(true);
     read_kind(table, interface, device);
-    table.finish();
     return interface;
 }
 
-void read_interfaces(zelf::TomlTable& table, DeviceDescription& device) {
+void read_interfaces(const zelf::TomlTable& table, DeviceDescription& device) {
     // Each interface takes an endpoint number of its own, and there are 15.
     constexpr std::size_t kMostInterfaces = 15;
-    for (zelf::TomlTable& entry : table.tables("interface")) {
+    for (const zelf::TomlTable& entry : table.tables("interface")) {
         InterfaceDescription interface = read_interface(entry, device.interfaces.size(), device);
         for (const InterfaceDescription& other : device.interfaces) {
             if (other.number == interface.number) {
@@ -208,7 +241,8 @@ void read_interfaces(zelf::TomlTable& table, DeviceDescription& device) {
 
 }  // namespace
 
-Timing read_timing(zelf::TomlTable& table, const Timing& base) {
+Timing read_timing(const zelf::TomlTable& table, const Timing& base) {
+    table.know_only({kTimingKeys});
     Timing timing;
     timing.transfer = table.milliseconds("transfer_ms").value_or(base.transfer);
     timing.query = table.milliseconds("query_ms").value_or(base.query);
@@ -216,18 +250,21 @@ Timing read_timing(zelf::TomlTable& table, const Timing& base) {
     timing.record = table.milliseconds("record_ms").value_or(base.record);
     timing.checksum = table.milliseconds("checksum_ms").value_or(base.checksum);
     timing.reset = table.milliseconds("reset_ms").value_or(base.reset);
-    table.finish();
     return timing;
 }
 
-void read_device(zelf::TomlTable& table, const Timing& timing, DeviceDescription& device) {
+void know_device_keys(const zelf::TomlTable& table) {
+    table.know_only({kDeviceKeys});
+}
+
+void read_device(const zelf::TomlTable& table, const Timing& timing, DeviceDescription& device) {
     device.vendor = static_cast<std::uint16_t>(table.required_integer("vendor", 0, 0xFFFF));
     device.product = static_cast<std::uint16_t>(table.required_integer("product", 0, 0xFFFF));
     device.serial = table.text("serial", kLongestString).value_or("");
     device.manufacturer = table.text("manufacturer", kLongestString).value_or("Simulated");
     device.product_name = table.text("product_name", kLongestString).value_or(device.name);
     device.timing = timing;
-    if (auto own = table.table("timing")) {
+    if (const auto own = table.table("timing")) {
         device.timing = read_timing(*own, timing);
     }
     read_interfaces(table, device);

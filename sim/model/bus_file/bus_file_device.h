@@ -8,9 +8,12 @@
 namespace zelfsim {
 
 /// A table of times; what it does not name is taken from `base`.
-Timing read_timing(zelf::TomlTable& table, const Timing& base);
+Timing read_timing(const zelf::TomlTable& table, const Timing& base);
+
+/// Refuses a device table with an unknown key. Throws FileError.
+void know_device_keys(const zelf::TomlTable& table);
 
 /// Everything of a device but its name, place and address. Throws FileError.
-void read_device(zelf::TomlTable& table, const Timing& timing, DeviceDescription& device);
+void read_device(const zelf::TomlTable& table, const Timing& timing, DeviceDescription& device);
 
 }  // namespace zelfsim

@@ -1,6 +1,8 @@
 #include "model/bus_file/bus_file_fault.h"
 
+#include <array>
 #include <string>
+#include <string_view>
 
 namespace zelfsim {
 
@@ -8,6 +10,10 @@ namespace {
 
 constexpr std::size_t kLongestWord = 32;
 constexpr std::size_t kMostBytes = 1024;
+
+constexpr std::array<std::string_view, 11> kFaultKeys{"device",    "at",     "number", "byte",
+                                                      "component", "action", "times",  "ms",
+                                                      "replug_ms", "bytes",  "length"};
 
 int hex_digit(char character) {
     constexpr std::string_view kDigits = "0123456789abcdef";
@@ -17,7 +23,7 @@ int hex_digit(char character) {
     return found == std::string_view::npos ? -1 : static_cast<int>(found);
 }
 
-Bytes read_bytes(zelf::TomlTable& table) {
+Bytes read_bytes(const zelf::TomlTable& table) {
     Bytes bytes;
     int high = -1;
     for (const char character : table.required_text("bytes", kMostBytes * 3)) {
@@ -63,22 +69,28 @@ void refuse_misplaced(const zelf::TomlTable& table, FaultEvent at, FaultAction a
 
 }  // namespace
 
-FaultRule read_fault(zelf::TomlTable& table) {
+void know_fault_keys(const zelf::TomlTable& table) {
+    table.know_only({kFaultKeys});
+}
+
+FaultRule read_fault(const zelf::TomlTable& table) {
     constexpr std::int64_t kHighestNumber = 1000000;
     constexpr std::int64_t kHighestComponent = 14;
     FaultRule rule;
     const std::string at = table.required_text("at", kLongestWord);
     const auto event = fault_event(at);
     if (!event) {
-        table.fail("at", "unknown event \"" + at + "\"");
+        table.fail("at", "unknown event \"" + at + "\"; the events are " + fault_event_names());
     }
     const std::string what = table.required_text("action", kLongestWord);
     const auto action = fault_action(what);
     if (!action) {
-        table.fail("action", "unknown action \"" + what + "\"");
+        table.fail("action", "unknown action \"" + what + "\"; at \"" + at + "\" there are " +
+                                 fault_action_names(*event));
     }
     if (!fits(*event, *action)) {
-        table.fail("action", "\"" + what + "\" cannot happen at \"" + at + "\"");
+        table.fail("action", "\"" + what + "\" cannot happen at \"" + at + "\", only " +
+                                 fault_action_names(*event));
     }
     rule.at = *event;
     rule.action = *action;

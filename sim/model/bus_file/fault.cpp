@@ -85,6 +85,10 @@ const ActionName& row(FaultAction action) {
                          [&](const ActionName& entry) { return entry.action == action; });
 }
 
+void add_name(std::string& names, std::string_view name) {
+    names += (names.empty() ? "\"" : ", \"") + std::string(name) + "\"";
+}
+
 }  // namespace
 
 std::string FaultRule::key() const {
@@ -116,6 +120,24 @@ std::optional<FaultAction> fault_action(std::string_view name) {
         }
     }
     return std::nullopt;
+}
+
+std::string fault_event_names() {
+    std::string names;
+    for (const EventName& entry : kEvents) {
+        add_name(names, entry.name);
+    }
+    return names;
+}
+
+std::string fault_action_names(FaultEvent event) {
+    std::string names;
+    for (const ActionName& entry : kActions) {
+        if (fits(event, entry.action)) {
+            add_name(names, entry.name);
+        }
+    }
+    return names;
 }
 
 bool fits(FaultEvent event, FaultAction action) {

@@ -82,6 +82,10 @@ struct FaultRule {
 std::optional<FaultEvent> fault_event(std::string_view name);
 std::optional<FaultAction> fault_action(std::string_view name);
 
+/// All events as a bus file names them, and all actions that can happen at one, as a list to read.
+std::string fault_event_names();
+std::string fault_action_names(FaultEvent event);
+
 /// Whether `action` can happen at `event`.
 bool fits(FaultEvent event, FaultAction action);
 

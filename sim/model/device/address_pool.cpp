@@ -4,7 +4,9 @@
 #include "common/toml_table.h"
 
 #include <algorithm>
+#include <array>
 #include <filesystem>
+#include <string_view>
 #include <utility>
 
 namespace zelfsim {
@@ -13,6 +15,9 @@ namespace {
 
 constexpr std::uint8_t kFirst = 2;
 constexpr std::uint8_t kLast = 127;
+
+constexpr std::array<std::string_view, 1> kKeys{"bus"};
+constexpr std::array<std::string_view, 2> kBusKeys{"number", "next_address"};
 
 std::uint8_t after(std::uint8_t address) {
     return address >= kLast ? kFirst : static_cast<std::uint8_t>(address + 1);
@@ -25,14 +30,14 @@ AddressPool::AddressPool(std::string file) : file_(std::move(file)) {
         return;
     }
     const toml::table parsed = zelf::parse_toml_file(file_);
-    zelf::TomlTable table(file_, parsed);
-    for (zelf::TomlTable& bus : table.tables("bus")) {
+    const zelf::TomlTable table(file_, parsed);
+    table.know_only({kKeys});
+    for (const zelf::TomlTable& bus : table.tables("bus")) {
+        bus.know_only({kBusKeys});
         const auto number = static_cast<std::uint8_t>(bus.required_integer("number", 1, 255));
         buses_[number].next =
             static_cast<std::uint8_t>(bus.required_integer("next_address", kFirst, kLast));
-        bus.finish();
     }
-    table.finish();
 }
 
 void AddressPool::take(std::uint8_t bus, std::uint8_t address) {

@@ -47,7 +47,14 @@ std::int64_t away_milliseconds(const DeviceState& state) {
         .count();
 }
 
-Version read_version(zelf::TomlTable& table, const std::string& level_key,
+constexpr std::array<std::string_view, 13> kKeys{
+    "format", "address", "away_until_ms",  "bcd",      "flash", "previous_level", "previous_build",
+    "resets", "updates", "failed_updates", "detached", "fired", "component"};
+constexpr std::array<std::string_view, 11> kComponentKeys{
+    "id",      "level",         "build",         "type",         "control",        "broken",
+    "pending", "pending_level", "pending_build", "pending_type", "pending_control"};
+
+Version read_version(const zelf::TomlTable& table, const std::string& level_key,
                      const std::string& build_key) {
     Version version;
     if (!parse_level(table.required_text(level_key, kLongestWord), version)) {
@@ -57,7 +64,7 @@ Version read_version(zelf::TomlTable& table, const std::string& level_key,
     return version;
 }
 
-ComponentLevel read_level(zelf::TomlTable& table, const std::string& prefix) {
+ComponentLevel read_level(const zelf::TomlTable& table, const std::string& prefix) {
     ComponentLevel level;
     level.version = read_version(table, prefix + "level", prefix + "build");
     const std::string type = table.required_text(prefix + "type", kLongestWord);
@@ -71,7 +78,8 @@ ComponentLevel read_level(zelf::TomlTable& table, const std::string& prefix) {
     return level;
 }
 
-void read_component(zelf::TomlTable& table, DeviceState& state) {
+void read_component(const zelf::TomlTable& table, DeviceState& state) {
+    table.know_only({kComponentKeys});
     ComponentState read;
     read.id = static_cast<std::uint8_t>(table.required_integer("id", 0, 14));
     read.current = read_level(table, "");
@@ -79,13 +87,12 @@ void read_component(zelf::TomlTable& table, DeviceState& state) {
     if (table.flag("pending").value_or(false)) {
         read.pending = read_level(table, "pending_");
     }
-    table.finish();
     if (ComponentState* known = state.component(read.id)) {
         *known = read;
     }
 }
 
-FlashPhase read_phase(zelf::TomlTable& table) {
+FlashPhase read_phase(const zelf::TomlTable& table) {
     const std::string name = table.required_text("flash", kLongestWord);
     const auto found = std::find_if(kPhases.begin(), kPhases.end(),
                                     [&](const auto& entry) { return name == entry.second; });
@@ -95,7 +102,7 @@ FlashPhase read_phase(zelf::TomlTable& table) {
     return found->first;
 }
 
-unsigned read_counter(zelf::TomlTable& table, std::string_view key) {
+unsigned read_counter(const zelf::TomlTable& table, std::string_view key) {
     return static_cast<unsigned>(table.integer(key, 0, kMostEvents).value_or(0));
 }
 
@@ -173,7 +180,8 @@ void read_state(const std::string& file, DeviceState& state) {
     constexpr std::int64_t kHighestInterface = 31;
     constexpr std::int64_t kLatest = 1000000000000000;
     const toml::table parsed = zelf::parse_toml_file(file);
-    zelf::TomlTable table(file, parsed);
+    const zelf::TomlTable table(file, parsed);
+    table.know_only({kKeys});
     table.required_integer("format", kFormat, kFormat);
     state.address = static_cast<std::uint8_t>(table.required_integer("address", 1, 127));
     const std::int64_t away = table.integer("away_until_ms", -1, kLatest).value_or(0);
@@ -191,10 +199,9 @@ void read_state(const std::string& file, DeviceState& state) {
     for (std::string& fault : table.texts("fired")) {
         state.fired.insert(std::move(fault));
     }
-    for (zelf::TomlTable& component : table.tables("component")) {
+    for (const zelf::TomlTable& component : table.tables("component")) {
         read_component(component, state);
     }
-    table.finish();
 }
 
 }  // namespace zelfsim
