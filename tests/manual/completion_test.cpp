@@ -10,6 +10,7 @@
 #include <filesystem>
 #include <fstream>
 #include <regex>
+#include <set>
 #include <string>
 #include <vector>
 
@@ -225,7 +226,9 @@ TEST_F(Completion, OffersZelfwfileItsCommandsAndTheirFiles) {
                 UnorderedElementsAre("make", "check", "--help", "--version"));
     EXPECT_THAT(offered({"make", "a"}, "zelfwfile"), ElementsAre("a.toml"));
     EXPECT_THAT(offered({"make", "b"}, "zelfwfile"), IsEmpty());
-    EXPECT_THAT(offered({"make", "a.toml", "-"}, "zelfwfile"), ElementsAre("-o"));
+    EXPECT_THAT(offered({"make", "a.toml", "-"}, "zelfwfile"),
+                ElementsAre("-o", "--output", "-h", "--help", "--version"));
+    EXPECT_THAT(offered({"check", "-"}, "zelfwfile"), ElementsAre("-h", "--help", "--version"));
     EXPECT_THAT(offered({"make", "a.toml", "-o", "b"}, "zelfwfile"), ElementsAre("b.dat"));
     EXPECT_THAT(offered({"check", "b.dat", "b"}, "zelfwfile"), ElementsAre("b.dat"));
 }
@@ -242,15 +245,25 @@ TEST_F(Completion, OffersZelfwtraceTheOptionsOfItsHelp) {
             }
         }
     }
-    EXPECT_THAT(options, Contains("--pcap"));
-    EXPECT_THAT(offered({"-"}, "zelfwtrace"), testing::UnorderedElementsAreArray(options));
+    EXPECT_THAT(options, Contains("--json"));
+    std::set<std::string> all;
+    for (const char* command : {"show", "summary", "pcap"}) {
+        const std::vector<std::string> some = offered({command, "-"}, "zelfwtrace");
+        EXPECT_THAT(some, testing::IsSupersetOf({"--device", "--utc", "--help", "--version"}));
+        all.insert(some.begin(), some.end());
+    }
+    EXPECT_THAT(all, testing::UnorderedElementsAreArray(options));
+    EXPECT_THAT(offered({"pcap", "-"}, "zelfwtrace"), Not(Contains("--hex")));
+    EXPECT_THAT(offered({"show", "-"}, "zelfwtrace"), Not(Contains("--output")));
 }
 
 TEST_F(Completion, OffersZelfwtraceKindsAndFiles) {
     add_file("trace.log");
     EXPECT_THAT(offered({"-k", "s"}, "zelfwtrace"), ElementsAre("sent", "status"));
     EXPECT_THAT(offered({"--kind", "sent,d"}, "zelfwtrace"), ElementsAre("sent,data"));
-    EXPECT_THAT(offered({"--pcap", "tr"}, "zelfwtrace"), ElementsAre("trace.log"));
-    EXPECT_THAT(offered({"-s", "tr"}, "zelfwtrace"), ElementsAre("trace.log"));
+    EXPECT_THAT(offered({"pcap", "-o", "tr"}, "zelfwtrace"), ElementsAre("trace.log"));
+    EXPECT_THAT(offered({"summary", "tr"}, "zelfwtrace"), ElementsAre("trace.log"));
+    EXPECT_THAT(offered({"tr"}, "zelfwtrace"), ElementsAre("trace.log"));
+    EXPECT_THAT(offered({"su"}, "zelfwtrace"), ElementsAre("summary"));
     EXPECT_THAT(offered({"--from", "t"}, "zelfwtrace"), IsEmpty());
 }

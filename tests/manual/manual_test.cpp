@@ -244,6 +244,15 @@ TEST(ToolPages, ExplainEveryCommandOfZelfwfile) {
     }
 }
 
+TEST(ToolPages, ExplainEveryCommandOfZelfwtrace) {
+    const std::string help = run_program({ZELFWTRACE, "--help"}).text;
+    const std::set<std::string> commands = all_matches(help, R"(\n  zelfwtrace ([a-z]+) )");
+    EXPECT_THAT(commands, testing::ElementsAre("pcap", "show", "summary"));
+    for (const std::string& command : commands) {
+        EXPECT_THAT(Page("zelfwtrace.1.scd").source(), HasSubstr("\n*" + command + "* _"));
+    }
+}
+
 TEST(ToolPages, ExplainEveryKindOfRecord) {
     const std::set<std::string> kinds = found_in_sources(
         "tools/zelfwtrace", R"re(\{trace_kind::[a-z_]+, "([a-z]+)"\})re", "record_kind");

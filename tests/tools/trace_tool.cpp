@@ -37,11 +37,11 @@ ToolRun run_shell(const std::string& command, const TemporaryDirectory& director
 }
 
 ToolRun TraceToolTest::run(const std::string& arguments) const {
-    return run_shell(quoted(ZELFWTRACE) + " --utc " + arguments, directory_);
+    return run_shell(quoted(ZELFWTRACE) + " " + arguments, directory_);
 }
 
 ToolRun TraceToolTest::show(const std::string& options) const {
-    return run(options + " " + quoted(path("trace.bin")));
+    return run(options + " --utc " + quoted(path("trace.bin")));
 }
 
 std::vector<std::string> TraceToolTest::words(const std::string& options) const {

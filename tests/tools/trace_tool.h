@@ -29,9 +29,9 @@ class TraceToolTest : public testing::Test {
     std::string path(const std::string& name) const { return directory_.path(name).string(); }
     void set_trace(const std::string& bytes) { write_file(path("trace.bin"), bytes); }
 
-    /// Runs zelfwtrace with these words of a shell; times are UTC.
+    /// Runs zelfwtrace with these words of a shell.
     ToolRun run(const std::string& arguments) const;
-    /// Runs it on the trace file.
+    /// Runs it on the trace file, with these words in front of its name; times are UTC.
     ToolRun show(const std::string& options = "") const;
     /// What the lines of the trace say behind time, process and thread: product ID and words.
     std::vector<std::string> words(const std::string& options = "") const;

@@ -489,6 +489,10 @@ TEST_F(Zelfwfile, HelpAndVersionAreGivenOnRequest) {
     const ProgramResult version = zelfwfile("--version");
     EXPECT_EQ(version.code, 0);
     EXPECT_EQ(version.output, "zelfwfile " ZELF_VERSION "\n");
+    for (const std::string command : {"make", "check"}) {
+        EXPECT_EQ(zelfwfile(command + " --help").output, help.output);
+        EXPECT_EQ(zelfwfile(command + " --version").output, version.output);
+    }
 }
 
 TEST_F(Zelfwfile, OutputThatCannotBeWrittenFails) {

@@ -7,6 +7,7 @@
 #include <gmock/gmock.h>
 
 #include <algorithm>
+#include <cstring>
 #include <sstream>
 
 using testing::Contains;
@@ -20,9 +21,9 @@ namespace {
 
 class ZelfwtraceCapture : public TraceToolTest {
   protected:
-    std::string capture() const { return path("exchange.pcap"); }
+    std::string capture() const { return path("exchange.pcapng"); }
     ToolRun write_capture(const std::string& options = "") const {
-        return show("--pcap " + quoted(capture()) + " " + options);
+        return show("pcap -o " + quoted(capture()) + " " + options);
     }
     /// Runs tshark on the capture with a configuration of its own.
     ToolRun tshark(const std::string& arguments) const {
@@ -68,9 +69,51 @@ TEST_F(ZelfwtraceCapture, LinkTypeIsThatOfUsbmon) {
     EXPECT_EQ(run.code, 0) << run.errors;
     EXPECT_THAT(run.output, IsEmpty());
     const std::string bytes = read_file(capture());
-    ASSERT_GT(bytes.size(), 24U);
-    EXPECT_EQ(to_hex(bytes.substr(0, 4)), "d4c3b2a1");
-    EXPECT_EQ(to_hex(bytes.substr(20, 4)), "dc000000");
+    ASSERT_GT(bytes.size(), 48U);
+    EXPECT_EQ(to_hex(bytes.substr(0, 28)),
+              "0a0d0d0a"
+              "1c000000"
+              "4d3c2b1a"
+              "01000000"
+              "ffffffffffffffff"
+              "1c000000");
+    EXPECT_EQ(to_hex(bytes.substr(28, 20)),
+              "01000000"
+              "14000000"
+              "dc000000"
+              "00000000"
+              "14000000");
+}
+
+TEST_F(ZelfwtraceCapture, BlocksAreWholeAndOfWholeWords) {
+    // Lengths that are no multiple of four: a report and two comments.
+    set_trace(TraceBytes().text("a").text("bcdefg").data("01 02 03").bytes());
+    EXPECT_EQ(write_capture().code, 0);
+    const std::string bytes = read_file(capture());
+    const auto number = [&bytes](std::size_t at) {
+        std::uint32_t value = 0;
+        std::memcpy(&value, bytes.data() + at, sizeof value);
+        return value;
+    };
+    int blocks = 0;
+    for (std::size_t at = 0; at < bytes.size(); ++blocks) {
+        ASSERT_LE(at + 12, bytes.size());
+        const std::uint32_t length = number(at + 4);
+        ASSERT_EQ(length % 4, 0U);
+        ASSERT_LE(at + length, bytes.size());
+        ASSERT_EQ(number(at + length - 4), length);
+        at += length;
+    }
+    EXPECT_EQ(blocks,
+              8);  // section, interface, two descriptors and the transfer in two packets each
+}
+
+TEST_F(ZelfwtraceCapture, GoesToStandardOutputOnRequest) {
+    set_trace(TraceBytes().text("x").sent(erase).bytes());
+    write_capture();
+    const ToolRun run = show("pcap -o -");
+    EXPECT_EQ(run.code, 0) << run.errors;
+    EXPECT_EQ(run.output, read_file(capture()));
 }
 
 TEST_F(ZelfwtraceCapture, DamagedTraceGivesACaptureOfWhatIsThere) {
@@ -90,7 +133,7 @@ TEST_F(ZelfwtraceCapture, NeverReplacesTheTraceItself) {
     set_trace(bytes);
     std::filesystem::create_symlink(path("trace.bin"), path("link"));
     for (const char* name : {"trace.bin", "link"}) {
-        const ToolRun run = show("--pcap " + quoted(path(name)));
+        const ToolRun run = show("pcap -o " + quoted(path(name)));
         EXPECT_EQ(run.code, 1);
         EXPECT_THAT(run.errors, EndsWith(": the capture would replace the trace itself\n"));
         EXPECT_EQ(read_file(path("trace.bin")), bytes);
@@ -99,10 +142,10 @@ TEST_F(ZelfwtraceCapture, NeverReplacesTheTraceItself) {
 
 TEST_F(ZelfwtraceCapture, FileThatCannotBeWrittenIsAFailure) {
     set_trace(TraceBytes().sent(erase).bytes());
-    const ToolRun missing = show("--pcap " + quoted(path("missing/exchange.pcap")));
+    const ToolRun missing = show("pcap -o " + quoted(path("missing/exchange.pcapng")));
     EXPECT_EQ(missing.code, 1);
     EXPECT_THAT(missing.errors, HasSubstr("No such file or directory"));
-    const ToolRun full = show("--pcap /dev/full");
+    const ToolRun full = show("pcap -o /dev/full");
     EXPECT_EQ(full.code, 1);
     EXPECT_THAT(full.errors, HasSubstr("zelfwtrace: /dev/full: "));
 }
@@ -140,6 +183,41 @@ TEST_F(ZelfwtraceInWireshark, DataAnswerIsAGetReportRequest) {
     // It names no field for the bytes of the answer.
     EXPECT_THAT(tshark("-x -Y 'usb.urb_type == URB_COMPLETE && usb.data_len == 3'").output,
                 HasSubstr("0040  01 00 02 "));
+}
+
+TEST_F(ZelfwtraceInWireshark, LinesOfTheLogAreCommentsOfThePacketThatFollows) {
+    TraceBytes trace;
+    trace.text("first\n\n").text("\n").text("ta\tb \xff\n").sent(erase).status(completed);
+    trace.text("the end\n");
+    set_trace(trace.bytes());
+    write_capture();
+    EXPECT_THAT(packets("frame.comment", {"usb.urb_type", "usb.endpoint_address", "frame.comment"}),
+                ElementsAreArray({"'S' 0x00 first,ta\\tb \\xff", "'C' 0x81 the end"}));
+}
+
+TEST_F(ZelfwtraceInWireshark, MoreLinesThanAPacketTakesAreCounted) {
+    TraceBytes trace;
+    const std::string longest(40000, 'x');
+    for (int i = 0; i < 30; ++i) {
+        trace.text(longest);
+    }
+    set_trace(trace.sent(erase).bytes());
+    EXPECT_EQ(write_capture().code, 0);
+    const auto all = packets("frame.comment", {"frame.comment"});
+    ASSERT_THAT(all, SizeIs(1));
+    EXPECT_THAT(all[0], EndsWith(",(4 more lines of the log)"));
+}
+
+TEST_F(ZelfwtraceInWireshark, CommentLongerThanAnOptionIsCutBetweenCharacters) {
+    std::string text;
+    for (int i = 0; i < 20000; ++i) {
+        text += "\xff";  // four characters each
+    }
+    set_trace(TraceBytes().text(text).sent(erase).bytes());
+    EXPECT_EQ(write_capture().code, 0);
+    const auto all = packets("frame.comment", {"frame.comment"});
+    ASSERT_THAT(all, SizeIs(1));
+    EXPECT_EQ(all[0].size(), 0xFFFFU);
 }
 
 TEST_F(ZelfwtraceInWireshark, EachProductHasAnAddressAndDescriptors) {
@@ -183,13 +261,14 @@ TEST_F(ZelfwtraceRunInWireshark, TransfersAreThoseOfTheBus) {
     set_bus({SimDevice{}});
     add_firmware("main.dat", {.data_records = 3});
     EXPECT_EQ(update().exit_code, 0);
-    const ToolRun written = run_shell(quoted(ZELFWTRACE) + " --pcap " + quoted(path("run.pcap")) +
-                                          " " + quoted(path("trace.bin")),
-                                      scratch_);
+    const ToolRun written =
+        run_shell(quoted(ZELFWTRACE) + " pcap -o " + quoted(path("run.pcapng")) + " " +
+                      quoted(path("trace.bin")),
+                  scratch_);
     EXPECT_EQ(written.code, 0) << written.errors;
     const auto fields = [this](const std::string& filter, const std::string& field) {
         return run_shell("WIRESHARK_CONFIG_DIR=" + quoted(scratch_.path().string()) +
-                             " tshark -r " + quoted(path("run.pcap")) + " -Y " + quoted(filter) +
+                             " tshark -r " + quoted(path("run.pcapng")) + " -Y " + quoted(filter) +
                              " -T fields -e " + field,
                          scratch_)
             .lines();

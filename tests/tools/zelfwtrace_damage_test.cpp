@@ -124,7 +124,7 @@ TEST_F(ZelfwtraceDamage, CutPayloadIsToldWithOffsetAndBytes) {
 TEST_F(ZelfwtraceDamage, EveryOutputShowsWhatIsThereAndFails) {
     const std::string bytes = whole_trace().bytes();
     set_trace(bytes.substr(0, bytes.size() - 1));
-    for (const char* options : {"", "--json", "--summary", "--summary --json"}) {
+    for (const char* options : {"", "--json", "summary", "summary --json"}) {
         const ToolRun run = show(options);
         EXPECT_EQ(run.code, 1) << options;
         EXPECT_THAT(run.output, HasSubstr("erase")) << options;
@@ -247,8 +247,8 @@ TEST_F(ZelfwtraceDamage, LargeFileTakesLittleMemory) {
     ASSERT_GT(bytes.size(), 64U << 20U);
     // In kilobytes, of all that the process may map; a sanitizer maps more than any machine has.
     const std::string limit = std::string(ZELF_SANITIZED).empty() ? "ulimit -v 40000; " : "";
-    const ToolRun run = run_shell(
-        limit + quoted(ZELFWTRACE) + " --summary " + quoted(path("trace.bin")), directory_);
+    const ToolRun run =
+        run_shell(limit + quoted(ZELFWTRACE) + " summary " + quoted(path("trace.bin")), directory_);
     EXPECT_EQ(run.code, 0) << run.errors;
     EXPECT_EQ(run.output, "0 runs, 1600 texts, 0 devices\n");
 }

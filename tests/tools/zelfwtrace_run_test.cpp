@@ -21,7 +21,7 @@ class ZelfwtraceRun : public BusTest {
         return run_shell(quoted(ZELFWTRACE) + " " + options + " " + quoted(file), scratch_);
     }
     std::vector<json> objects(const std::string& options) const {
-        const ToolRun run = show("--json " + options);
+        const ToolRun run = show(options + " --json");
         EXPECT_EQ(run.code, 0) << run.errors;
         std::vector<json> all;
         for (const std::string& line : run.lines()) {
@@ -113,7 +113,7 @@ TEST_F(ZelfwtraceRun, SlowAnswersShowInTheSummary) {
         device_text(SimDevice{}));
     add_firmware("main.dat", {.data_records = 3});
     EXPECT_EQ(update().exit_code, 0);
-    const std::vector<json> summary = objects("--summary");
+    const std::vector<json> summary = objects("summary");
     ASSERT_EQ(summary.size(), 1U);
     EXPECT_EQ(summary[0]["sent"], commands("printer").size());
     for (const json& message : summary[0]["messages"]) {
@@ -125,7 +125,7 @@ TEST_F(ZelfwtraceRun, SlowAnswersShowInTheSummary) {
             EXPECT_EQ(message["count"], 5);
         }
     }
-    EXPECT_THAT(show("--summary").output, HasSubstr("  Slowest   erase, 4"));
+    EXPECT_THAT(show("summary").output, HasSubstr("  Slowest   erase, 4"));
 }
 
 TEST_F(ZelfwtraceRun, RejectedRecordIsNamed) {

@@ -382,7 +382,7 @@ TEST_F(Zelfwtrace, SummaryCountsMessagesBytesAndAnswers) {
     TraceBytes trace = image();
     trace.data("01 02 03").product(0x3C02).at(2000).sent(erase).at(2001).status("80 00").sent(stop);
     set_trace(trace.bytes());
-    const ToolRun run = show("--summary");
+    const ToolRun run = show("summary");
     EXPECT_EQ(run.code, 0);
     EXPECT_THAT(run.lines().at(0), "1 run, 1 text, 2 devices");
     const std::string first = run.output.substr(0, run.output.find("Device 3c35"));
@@ -406,7 +406,7 @@ TEST_F(Zelfwtrace, HistogramCountsAnswersByTheirTimes) {
         clock += 100;
     }
     set_trace(trace.bytes());
-    const ToolRun run = show("--summary");
+    const ToolRun run = show("summary");
     EXPECT_THAT(run.output, HasSubstr("     Answer time in ms  Answers\n"
                                       "                     0        1  ####################\n"
                                       "                     1        2  "
@@ -419,7 +419,7 @@ TEST_F(Zelfwtrace, HistogramCountsAnswersByTheirTimes) {
 
 TEST_F(Zelfwtrace, SummaryIsAlsoJson) {
     set_trace(image().product(0x3C02).sent(stop).bytes());
-    const std::vector<json> all = objects(show("--summary --json"));
+    const std::vector<json> all = objects(show("summary --json"));
     ASSERT_EQ(all.size(), 2U);
     EXPECT_EQ(all[0]["device"], "3c02");
     EXPECT_EQ(all[0]["messages"],
@@ -438,7 +438,7 @@ TEST_F(Zelfwtrace, SummaryIsAlsoJson) {
 
 TEST_F(Zelfwtrace, SummaryCountsWhatPassesTheFilter) {
     set_trace(image().product(0x3C02).sent(stop).bytes());
-    const std::vector<json> all = objects(show("-s -j -k sent -d 3c35"));
+    const std::vector<json> all = objects(show("summary -j -k sent -d 3c35"));
     ASSERT_EQ(all.size(), 1U);
     EXPECT_EQ(all[0]["sent"], 4);
     EXPECT_EQ(all[0]["statuses"], 0);
@@ -460,12 +460,18 @@ TEST_F(Zelfwtrace, WrongArgumentsAreUsageErrors) {
                                               "--to '2023-11-14 24:00'",
                                               "--to @99999999999",
                                               "--from @1 --from @2",
-                                              "--pcap x --json",
-                                              "--pcap x --summary",
+                                              "--utc pcap -o x",
+                                              "pcap",
+                                              "pcap -o x --json",
+                                              "pcap -o x --hex",
+                                              "pcap -o a -o b",
+                                              "pcap -o ''",
+                                              "show -o x",
+                                              "--output x",
+                                              "summary -o x",
                                               "--hex --json",
-                                              "--hex --summary",
-                                              "--pcap a --pcap b"};
-    std::vector<std::string> wrong = {"", "-k"};
+                                              "summary --hex"};
+    std::vector<std::string> wrong = {"", "-k", "show", "summary", "pcap -o x"};
     for (const std::string& one : options) {
         wrong.push_back(one + file);
     }
@@ -478,7 +484,29 @@ TEST_F(Zelfwtrace, WrongArgumentsAreUsageErrors) {
     }
 }
 
+TEST_F(Zelfwtrace, ShowsWithoutACommandToo) {
+    set_trace(image().bytes());
+    const ToolRun shown = show("show --hex");
+    EXPECT_EQ(shown.code, 0) << shown.errors;
+    EXPECT_THAT(shown.output, HasSubstr("erase"));
+    EXPECT_EQ(show("--hex").output, shown.output);
+}
+
+TEST_F(Zelfwtrace, FileThatHasACommandsNameIsNamedBehindTheCommand) {
+    write_file(path("summary"), TraceBytes().version().bytes());
+    const ToolRun run = run_shell(
+        "cd " + quoted(path("")) + " && " + quoted(ZELFWTRACE) + " show summary", directory_);
+    EXPECT_EQ(run.code, 0) << run.errors;
+    EXPECT_THAT(run.output, HasSubstr("a run begins"));
+}
+
 TEST_F(Zelfwtrace, ReasonNamesTheWrongArgument) {
+    EXPECT_THAT(run("pcap x").errors,
+                StartsWith("zelfwtrace: 'pcap' needs '-o' and the file to write\n"));
+    EXPECT_THAT(run("summary -o y x").errors,
+                StartsWith("zelfwtrace: '-o' goes with 'pcap' only\n"));
+    EXPECT_THAT(run("pcap -j -o y x").errors,
+                StartsWith("zelfwtrace: '--json' goes with 'show' and 'summary' only\n"));
     EXPECT_THAT(run("--nonsense x").errors,
                 StartsWith("zelfwtrace: unknown option '--nonsense'\n"));
     EXPECT_THAT(run("-k answer x").errors,
@@ -492,6 +520,11 @@ TEST_F(Zelfwtrace, HelpAndVersionNeedNoFile) {
     EXPECT_THAT(help.output, StartsWith("NAME\n  zelfwtrace - "));
     EXPECT_EQ(run("--help").output, help.output);
     EXPECT_EQ(run("--version").output, "zelfwtrace " ZELF_VERSION "\n");
+    for (const std::string command : {"show", "summary", "pcap"}) {
+        EXPECT_THAT(help.output, HasSubstr("\n  zelfwtrace " + command + " "));
+        EXPECT_EQ(run(command + " --help").output, help.output);
+        EXPECT_EQ(run(command + " --version").output, "zelfwtrace " ZELF_VERSION "\n");
+    }
 }
 
 TEST_F(Zelfwtrace, FileWhoseNameBeginsWithADashIsNamedBehindTwo) {

@@ -24,7 +24,7 @@ constexpr char help_text[] = R"(NAME
 SYNOPSIS
   zelfwfile make DESCRIPTION.toml [-o OUT.dat]
   zelfwfile check FILE...
-  zelfwfile --help | --version
+  zelfwfile [COMMAND] --help | --version
 
 COMMANDS
   make    Writes the firmware file that the description describes, to OUT.dat,

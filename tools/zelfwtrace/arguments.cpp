@@ -5,27 +5,37 @@
 #include <algorithm>
 #include <iterator>
 #include <sstream>
+#include <string_view>
+#include <utility>
 
 const char trace_help_text[] = R"(NAME
   zelfwtrace - show the trace file of zelfwupdate
 
 SYNOPSIS
-  zelfwtrace [OPTION...] FILE
-  zelfwtrace --help | --version
+  zelfwtrace show [OPTION...] FILE
+  zelfwtrace summary [OPTION...] FILE
+  zelfwtrace pcap [OPTION...] FILE -o OUT.pcapng
+  zelfwtrace [COMMAND] --help | --version
 
-  Prints one line for each record of FILE, or of standard input for "-": time,
-  seconds since the run began, process and thread, product ID, and what the
-  record says. A file that is damaged or cut off is read as far as it goes; then
-  the offset and the reason are told.
+  FILE is a trace file, or "-" for standard input. One that is damaged or cut off
+  is read as far as it goes; then the offset and the reason are told.
+
+COMMANDS
+  show     Prints one line for each record: time, seconds since the run began,
+           process and thread, product ID, and what the record says. So does
+           zelfwtrace without a command.
+
+  summary  Prints for each device: messages, bytes, slowest answer, histogram of
+           the answer times.
+
+  pcap     Writes a capture of the transfers for Wireshark, in pcapng format (link
+           type LINKTYPE_USB_LINUX_MMAPPED), with the log's lines as comments.
 
 OUTPUT
-  -j, --json           one JSON object a line; times are UTC
-  -s, --summary        instead of the records, for each device: messages, bytes,
-                       slowest answer, histogram of the answer times; with
-                       --json one JSON object a device
-      --pcap FILE      instead of the records, write a capture of the transfers
-                       (link type LINKTYPE_USB_LINUX_MMAPPED) for Wireshark
-  -x, --hex            also show each transfer's bytes
+  -j, --json           of "show" and "summary": one JSON object a record or
+                       device, and line; times are UTC
+  -x, --hex            of "show": also each transfer's bytes
+  -o, --output OUT     of "pcap": the file to write, "-" for standard output
   -u, --utc            show and take times as UTC, not as local time
 
 FILTERS
@@ -49,9 +59,9 @@ EXIT STATUS
   2  wrong arguments
 
 EXAMPLES
-  zelfwtrace -d 3C35 -k sent,status /tmp/zelfwtrace.log
-  zelfwtrace --summary --from 2026-11-20 /tmp/zelfwtrace.log
-  zelfwtrace --pcap exchange.pcap /tmp/zelfwtrace.log && wireshark exchange.pcap
+  zelfwtrace show -d 3C35 -k sent,status /tmp/zelfwtrace.log
+  zelfwtrace summary --from 2026-11-20 /tmp/zelfwtrace.log
+  zelfwtrace pcap /tmp/zelfwtrace.log -o exchange.pcapng
 )";
 
 namespace {
@@ -72,8 +82,8 @@ struct ValueOption {
     std::vector<std::string> Given::*values;
 };
 const ValueOption value_options[] = {
-    {"-d", "--device", &Given::devices},   {"-k", "--kind", &Given::kinds},
-    {nullptr, "--pcap", &Given::captures}, {nullptr, "--from", &Given::from},
+    {"-d", "--device", &Given::devices},  {"-k", "--kind", &Given::kinds},
+    {"-o", "--output", &Given::captures}, {nullptr, "--from", &Given::from},
     {nullptr, "--to", &Given::to},
 };
 
@@ -83,10 +93,28 @@ struct FlagOption {
     bool TraceArguments::*flag;
 };
 const FlagOption flag_options[] = {
-    {"-h", "--help", &TraceArguments::help},      {nullptr, "--version", &TraceArguments::version},
-    {"-j", "--json", &TraceArguments::json},      {"-s", "--summary", &TraceArguments::summary},
+    {"-h", "--help", &TraceArguments::help},
+    {nullptr, "--version", &TraceArguments::version},
+    {"-j", "--json", &TraceArguments::json},
     {"-x", "--hex", &TraceArguments::with_bytes},
 };
+
+constexpr std::pair<std::string_view, TraceCommand> commands[] = {
+    {"show", TraceCommand::show},
+    {"summary", TraceCommand::summary},
+    {"pcap", TraceCommand::pcap},
+};
+
+/// True when the first word is a command; else it is left to be an option or a file.
+bool take_command(const std::vector<std::string>& words, TraceArguments& arguments) {
+    for (const auto& [name, command] : commands) {
+        if (!words.empty() && words.front() == name) {
+            arguments.command = command;
+            return true;
+        }
+    }
+    return false;
+}
 
 template <typename Option>
 bool is_option(const Option& option, const std::string& argument) {
@@ -184,10 +212,17 @@ Reason take_time(const std::vector<std::string>& values, const char* option, zel
 }
 
 Reason check_combination(const TraceArguments& arguments) {
-    if (arguments.capture && (arguments.json || arguments.summary)) {
-        return "'--pcap' goes with no other output";
+    const bool is_pcap = arguments.command == TraceCommand::pcap;
+    if (is_pcap && arguments.capture.empty()) {
+        return "'pcap' needs '-o' and the file to write";
     }
-    if (arguments.with_bytes && (arguments.capture || arguments.json || arguments.summary)) {
+    if (!is_pcap && !arguments.capture.empty()) {
+        return "'-o' goes with 'pcap' only";
+    }
+    if (is_pcap && arguments.json) {
+        return "'--json' goes with 'show' and 'summary' only";
+    }
+    if (arguments.with_bytes && (arguments.command != TraceCommand::show || arguments.json)) {
         return "'--hex' goes with lines of text only";
     }
     return std::nullopt;
@@ -203,9 +238,11 @@ Reason understand(const Given& given, TraceArguments& arguments) {
     if (auto reason = take_time(given.to, "--to", arguments.zone, arguments.filter.to)) {
         return reason;
     }
-    if (auto reason = take_once(given.captures, "--pcap", arguments.capture)) {
+    std::optional<std::string> capture;
+    if (auto reason = take_once(given.captures, "--output", capture)) {
         return reason;
     }
+    arguments.capture = capture.value_or("");
     if (auto reason = check_combination(arguments)) {
         return reason;
     }
@@ -221,7 +258,8 @@ Reason understand(const Given& given, TraceArguments& arguments) {
 Reason parse_trace_arguments(const std::vector<std::string>& words, TraceArguments& arguments) {
     Given given;
     bool options_ended = false;
-    for (std::size_t at = 0; at < words.size(); ++at) {
+    const std::size_t first = take_command(words, arguments) ? 1 : 0;
+    for (std::size_t at = first; at < words.size(); ++at) {
         const std::string& word = words[at];
         if (!options_ended && word == "--") {
             options_ended = true;

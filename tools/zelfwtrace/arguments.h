@@ -9,14 +9,16 @@
 #include <string>
 #include <vector>
 
+enum class TraceCommand { show, summary, pcap };
+
 struct TraceArguments {
     bool help = false;
     bool version = false;
+    TraceCommand command = TraceCommand::show;
     bool json = false;
-    bool summary = false;
     bool with_bytes = false;
     zelf::TimeZone zone = zelf::TimeZone::local;
-    std::optional<std::string> capture;  ///< the file that the capture goes to
+    std::string capture;  ///< of `pcap`: the file that the capture goes to
     TraceFilter filter;
     std::string file;  ///< "-": standard input
 };

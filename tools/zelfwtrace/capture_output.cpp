@@ -1,45 +1,84 @@
 #include "flash_protocol.h"
+#include "journal/file_handle.h"
 #include "journal/zelfwtrace.h"
+#include "zelfwtrace/escape.h"
 #include "zelfwtrace/output.h"
+#include "zelfwtrace/pcapng.h"
 #include "zelfwtrace/usb_packet.h"
 
-#include <pcap/pcap.h>
-
 #include <cerrno>
+#include <cstdio>
 #include <cstring>
 #include <map>
+#include <string_view>
+#include <utility>
+#include <vector>
 
 namespace {
 
-/// Above the longest report with its header.
-constexpr int longest_packet = 0x20000;
+constexpr std::uint16_t linktype_usb_linux_mmapped = 220;
 constexpr int devices_of_a_bus = 127;
-constexpr std::int64_t milliseconds_of_a_second = 1000;
 
-struct CloseCapture {
-    void operator()(pcap_t* capture) const { pcap_close(capture); }
-};
-struct CloseDump {
-    void operator()(pcap_dumper_t* dump) const { pcap_dump_close(dump); }
+/// Lines of the log on their way to the packet that follows them.
+class Comments {
+  public:
+    void add(std::string_view text) {
+        while (!text.empty() && text.back() == '\n') {
+            text.remove_suffix(1);
+        }
+        if (text.empty()) {
+            return;
+        }
+        const std::string line = one_line(text);
+        if (size_ + line.size() > most_bytes || lines_.size() >= most_lines) {
+            ++left_out_;
+            return;
+        }
+        size_ += line.size();
+        lines_.push_back(line);
+    }
+
+    std::vector<std::string> take() {
+        if (left_out_ > 0) {
+            lines_.push_back("(" + std::to_string(left_out_) + " more lines of the log)");
+        }
+        size_ = 0;
+        left_out_ = 0;
+        return std::exchange(lines_, {});
+    }
+
+  private:
+    /// Readers refuse a block of 16 MiB.
+    static constexpr std::size_t most_bytes = 0x100000;
+    static constexpr std::size_t most_lines = 10000;
+
+    std::vector<std::string> lines_;
+    std::size_t size_ = 0;
+    std::uint64_t left_out_ = 0;
 };
 
 class CaptureOutput : public TraceOutput {
   public:
     /// False when the file can't be opened.
     bool open(const std::string& path, std::string& reason) {
-        capture_.reset(pcap_open_dead(DLT_USB_LINUX_MMAPPED, longest_packet));
-        if (capture_ == nullptr) {
-            reason = "no memory for the capture";
+        if (path == "-") {
+            stream_ = stdout;
+        } else {
+            file_.reset(fopen(path.c_str(), "wbe"));
+            stream_ = file_.get();
+        }
+        if (stream_ == nullptr) {
+            reason = strerror(errno);
             return false;
         }
-        dump_.reset(pcap_dump_open(capture_.get(), path.c_str()));
-        if (dump_ == nullptr) {
-            reason = pcap_geterr(capture_.get());
-        }
-        return dump_ != nullptr;
+        put(pcapng_beginning(linktype_usb_linux_mmapped));
+        return true;
     }
 
     void take(const TraceEntry& entry, const Meaning& /*meaning*/) override {
+        if (entry.kind == trace_kind::text) {
+            comments_.add(entry.payload);
+        }
         if (!entry.is_transfer()) {
             return;
         }
@@ -59,13 +98,24 @@ class CaptureOutput : public TraceOutput {
     }
 
     std::string finish() override {
-        if (pcap_dump_flush(dump_.get()) != 0 || ferror(pcap_dump_file(dump_.get())) != 0) {
-            return strerror(errno != 0 ? errno : EIO);
+        for (std::string& line : comments_.take()) {
+            last_.comments.push_back(std::move(line));
         }
-        return "";
+        write_last();
+        if (error_ == 0 && fflush(stream_) != 0) {
+            error_ = errno;
+        }
+        return error_ != 0 ? strerror(error_) : "";
     }
 
   private:
+    /// A packet that waits for the next one: the last lines of the log belong to the last packet.
+    struct Packet {
+        std::int64_t time = 0;
+        std::string bytes;
+        std::vector<std::string> comments;
+    };
+
     /// The address of a product. At its first use the capture gets the descriptors that tell a
     /// reader of the capture what the device is.
     UsbAddress address_of(std::uint16_t product, std::int64_t time) {
@@ -86,19 +136,39 @@ class CaptureOutput : public TraceOutput {
     void write(const UsbTransfer& transfer, std::int64_t time) {
         ++transfers_;
         for (const bool is_completion : {false, true}) {
-            const std::string packet = usb_packet(transfer, is_completion, transfers_, time);
-            pcap_pkthdr header = {};
-            header.ts.tv_sec = static_cast<time_t>(time / milliseconds_of_a_second);
-            header.ts.tv_usec = static_cast<suseconds_t>(time % milliseconds_of_a_second * 1000);
-            header.caplen = static_cast<bpf_u_int32>(packet.size());
-            header.len = header.caplen;
-            pcap_dump(reinterpret_cast<u_char*>(dump_.get()), &header,
-                      reinterpret_cast<const u_char*>(packet.data()));
+            write_last();
+            last_ = {time, usb_packet(transfer, is_completion, transfers_, time), {}};
+            if (is_described(transfer)) {
+                last_.comments = comments_.take();
+            }
         }
     }
 
-    std::unique_ptr<pcap_t, CloseCapture> capture_;
-    std::unique_ptr<pcap_dumper_t, CloseDump> dump_;
+    /// The made-up requests for descriptors are no business of the log.
+    static bool is_described(const UsbTransfer& transfer) {
+        return transfer.kind == UsbTransfer::Kind::interrupt ||
+               transfer.request.request != get_device_descriptor.request;
+    }
+
+    void write_last() {
+        if (last_.bytes.empty()) {
+            return;
+        }
+        put(pcapng_packet(last_.time, last_.bytes, last_.comments));
+        last_ = {};
+    }
+
+    void put(const std::string& bytes) {
+        if (error_ == 0 && fwrite(bytes.data(), 1, bytes.size(), stream_) != bytes.size()) {
+            error_ = errno != 0 ? errno : EIO;
+        }
+    }
+
+    FileHandle file_;
+    FILE* stream_ = nullptr;
+    int error_ = 0;
+    Comments comments_;
+    Packet last_;
     std::map<std::uint16_t, UsbAddress> addresses_;
     std::uint64_t transfers_ = 0;
 };

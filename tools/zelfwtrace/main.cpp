@@ -50,10 +50,10 @@ ImageTotals count_records(FILE* stream) {
 }
 
 std::unique_ptr<TraceOutput> make_output(const TraceArguments& arguments, std::string& reason) {
-    if (arguments.capture) {
-        return capture_output(*arguments.capture, reason);
+    if (arguments.command == TraceCommand::pcap) {
+        return capture_output(arguments.capture, reason);
     }
-    if (arguments.summary) {
+    if (arguments.command == TraceCommand::summary) {
         return arguments.json ? summary_json_output() : summary_output(arguments.zone);
     }
     if (arguments.json) {
@@ -66,9 +66,9 @@ int show(FILE* stream, const std::string& name, const TraceArguments& arguments)
     std::string reason;
     const std::unique_ptr<TraceOutput> output = make_output(arguments, reason);
     if (output == nullptr) {
-        return failure(*arguments.capture, reason);
+        return failure(arguments.capture, reason);
     }
-    const bool needs_totals = !arguments.capture && !arguments.summary;
+    const bool needs_totals = arguments.command == TraceCommand::show;
     Conversations conversations(needs_totals ? count_records(stream) : ImageTotals{});
     TraceReader reader(stream);
     for (TraceEntry entry; reader.next(entry);) {
@@ -80,7 +80,7 @@ int show(FILE* stream, const std::string& name, const TraceArguments& arguments)
     int result = exit_success;
     reason = output->finish();
     if (!reason.empty()) {
-        result = failure(arguments.capture.value_or("standard output"), reason);
+        result = failure(arguments.capture.empty() ? "standard output" : arguments.capture, reason);
     }
     if (reader.damage()) {
         result = failure(name, printed("offset %" PRIu64 ": %s", reader.damage()->offset,
@@ -105,8 +105,8 @@ int run(const TraceArguments& arguments) {
     if (file == nullptr) {
         return failure(arguments.file, strerror(errno));
     }
-    if (arguments.capture && is_file_of(file.get(), *arguments.capture)) {
-        return failure(*arguments.capture, "the capture would replace the trace itself");
+    if (!arguments.capture.empty() && is_file_of(file.get(), arguments.capture)) {
+        return failure(arguments.capture, "the capture would replace the trace itself");
     }
     return show(file.get(), arguments.file, arguments);
 }

@@ -38,6 +38,6 @@ std::unique_ptr<TraceOutput> summary_output(zelf::TimeZone zone);
 /// Likewise, one JSON object a device and line.
 std::unique_ptr<TraceOutput> summary_json_output();
 
-/// A capture of the transfers as they went over the bus. Null and the reason when the file can't
-/// be written, or when this program was built without libpcap.
+/// A capture of the transfers as they went over the bus, in pcapng format, the lines of the log as
+/// comments; "-" is standard output. Null and the reason when the file can't be written.
 std::unique_ptr<TraceOutput> capture_output(const std::string& path, std::string& reason);

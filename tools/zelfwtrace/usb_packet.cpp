@@ -1,7 +1,5 @@
 #include "zelfwtrace/usb_packet.h"
 
-#include <pcap/usb.h>
-
 #include <bit>
 #include <initializer_list>
 
@@ -21,8 +19,36 @@ constexpr std::size_t most_data = 0xFFFF;
 
 constexpr std::int64_t milliseconds_of_a_second = 1000;
 
-static_assert(sizeof(pcap_usb_header_mmapped) == 64);
-static_assert(std::endian::native == std::endian::little, "setup bytes are copied as they are");
+/// As the Linux kernel's documentation of usbmon has it.
+struct UsbmonHeader {
+    std::uint64_t id;
+    std::uint8_t event_type;
+    std::uint8_t transfer_type;
+    std::uint8_t endpoint_number;
+    std::uint8_t device_address;
+    std::uint16_t bus_id;
+    char setup_flag;
+    char data_flag;
+    std::int64_t seconds;
+    std::int32_t microseconds;
+    std::int32_t status;
+    std::uint32_t urb_length;
+    std::uint32_t data_length;
+    struct {
+        std::uint8_t type;
+        std::uint8_t request;
+        std::uint16_t value;
+        std::uint16_t index;
+        std::uint16_t length;
+    } setup;
+    std::int32_t interval;
+    std::int32_t start_frame;
+    std::uint32_t transfer_flags;
+    std::uint32_t descriptors;
+};
+
+static_assert(sizeof(UsbmonHeader) == 64, "the same on every word size");
+static_assert(std::endian::native == std::endian::little, "the header is copied as they are");
 
 template <typename Record>
 std::string bytes_of(const Record& record) {
@@ -59,7 +85,7 @@ std::string usb_packet(const UsbTransfer& transfer, bool is_completion, std::uin
     // Data goes with the submission on its way out, and with the completion on its way in.
     const bool has_data = transfer.to_host == is_completion && !transfer.data.empty();
     const auto length = static_cast<std::uint32_t>(transfer.data.size());
-    pcap_usb_header_mmapped header = {};
+    UsbmonHeader header = {};
     header.id = number;
     header.event_type = is_completion ? 'C' : 'S';
     header.transfer_type = is_control ? control_type : interrupt_type;
@@ -70,18 +96,18 @@ std::string usb_packet(const UsbTransfer& transfer, bool is_completion, std::uin
     header.setup_flag = no_setup;
     header.data_flag =
         static_cast<char>(has_data ? 0 : (transfer.to_host ? absent_in : absent_out));
-    header.ts_sec = time / milliseconds_of_a_second;
-    header.ts_usec = static_cast<std::int32_t>(time % milliseconds_of_a_second * 1000);
+    header.seconds = time / milliseconds_of_a_second;
+    header.microseconds = static_cast<std::int32_t>(time % milliseconds_of_a_second * 1000);
     header.status = is_completion ? 0 : in_progress;
-    header.urb_len = length;
-    header.data_len = has_data ? length : 0;
+    header.urb_length = length;
+    header.data_length = has_data ? length : 0;
     if (is_control && !is_completion) {
         header.setup_flag = 0;
-        header.s.setup.bmRequestType = transfer.request.type;
-        header.s.setup.bRequest = transfer.request.request;
-        header.s.setup.wValue = transfer.request.value;
-        header.s.setup.wIndex = transfer.request.index;
-        header.s.setup.wLength = static_cast<std::uint16_t>(length);
+        header.setup.type = transfer.request.type;
+        header.setup.request = transfer.request.request;
+        header.setup.value = transfer.request.value;
+        header.setup.index = transfer.request.index;
+        header.setup.length = static_cast<std::uint16_t>(length);
     }
     header.interval = is_control ? 0 : 1;
     std::string packet = bytes_of(header);
