@@ -94,6 +94,17 @@ std::set<std::string> found_in_sources(const std::string& directory, const std::
     return found;
 }
 
+/// The keys that a reader of TOML takes for known.
+std::set<std::string> listed_keys(const std::string& directory, const std::string& name_start) {
+    std::set<std::string> keys;
+    for (const std::string& list : found_in_sources(
+             directory, R"re(std::string_view, [0-9]+> [A-Za-z_]+[kK]eys\{([^}]*)\})re",
+             name_start)) {
+        keys.merge(all_matches(list, R"re("([a-z_]+)")re"));
+    }
+    return keys;
+}
+
 /// The keys and tables that a page explains: "*name*", "*[data]*".
 std::set<std::string> explained_keys(const Page& page) {
     return all_matches(page.source(), R"(\*\[*([a-z_]+)\]*\*)");
@@ -299,6 +310,7 @@ TEST(FirmwarePage, ExplainsEveryKeyAndWordOfADescription) {
         "tools", R"re(\.(?:required_)?(?:texts?|integer|table)\("([a-z_]+)")re", reader);
     const std::set<std::string> words =
         found_in_sources("tools", R"re(\n    \{"([a-z-]+)", )re", reader);
+    EXPECT_EQ(listed_keys("tools", reader), keys) << "keys that are known, and read";
     EXPECT_THAT(keys, IsSupersetOf({"product", "record_size", "control", "data"}));
     EXPECT_THAT(words, IsSupersetOf({"font", "random", "inline-version"}));
     EXPECT_THAT(explained_keys(page), IsSupersetOf(keys));
@@ -313,7 +325,8 @@ TEST(BusPage, ExplainsEveryKeyAndWord) {
         "bus_file");
     keys.merge(found_in_sources("sim/model", R"re(\(table, "([a-z_]+)")re", "bus_file"));
     const std::set<std::string> words =
-        found_in_sources("sim/model", R"re(\{"([a-z-]+)", )re", "bus_file");
+        found_in_sources("sim/model", R"re(\{"([a-z-]+)", [^ "])re", "bus_file");
+    EXPECT_EQ(listed_keys("sim/model", "bus_file"), keys) << "keys that are known, and read";
     EXPECT_THAT(keys, IsSupersetOf({"replug_ms", "vendor", "erase_ms", "driver", "list"}));
     EXPECT_THAT(words, IsSupersetOf({"keyboard", "plain", "gone", "random"}));
     EXPECT_THAT(explained_keys(page), IsSupersetOf(keys));
