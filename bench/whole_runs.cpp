@@ -7,6 +7,7 @@
 
 #include <benchmark/benchmark.h>
 
+#include <algorithm>
 #include <filesystem>
 #include <future>
 #include <iostream>
@@ -21,6 +22,7 @@ constexpr int record_counts[] = {64, 512, 1024, 4096};
 constexpr int device_counts[] = {1, 8, 32, 128};
 constexpr int most_firmware_files = 256;
 constexpr int records_of_a_mebibyte = 4096;
+constexpr int runs_of_a_list = 3;
 
 /// A run that mostly sleeps.
 struct LongRun {
@@ -50,6 +52,30 @@ std::future<ChildCost> start(const Simulation& simulation, const std::string& na
     }
     return std::async(std::launch::async, run_child, updater(simulation, name, arguments),
                       environment, simulation.path(name + ".txt"));
+}
+
+/// The middle one of several runs, one after the other. In a list a single answer that is looked
+/// for a moment too early costs 15 ms: of 8 devices that is more than a hundredth of the whole.
+std::future<ChildCost> start_median(const Simulation& simulation, const std::string& name,
+                                    const std::string& bus,
+                                    const std::vector<std::string>& arguments) {
+    const auto runs_one_by_one = [command = updater(simulation, name, arguments),
+                                  environment = simulation.environment(bus),
+                                  console = simulation.path(name + ".txt")] {
+        std::vector<ChildCost> costs;
+        for (int i = 0; i < runs_of_a_list; ++i) {
+            costs.push_back(run_child(command, environment, console));
+            if (costs.back().exit_code != 0) {
+                return costs.back();
+            }
+        }
+        const auto middle = costs.begin() + runs_of_a_list / 2;
+        std::nth_element(
+            costs.begin(), middle, costs.end(),
+            [](const ChildCost& left, const ChildCost& right) { return left.wall < right.wall; });
+        return *middle;
+    };
+    return std::async(std::launch::async, runs_one_by_one);
 }
 
 void insist_on_success(const ChildCost& cost, const std::string& name) {
@@ -105,7 +131,7 @@ void start_lists(const Simulation& simulation, std::list<LongRun>& runs) {
                         .floor = list_floor(devices),
                         .records = 0,
                         .devices = devices,
-                        .cost = start(simulation, stem, bus, {"-L"})});
+                        .cost = start_median(simulation, stem, bus, {"-L"})});
     }
 }
 
@@ -176,7 +202,9 @@ void add_short_runs(const Simulation& simulation) {
     const std::string console = simulation.path("console.txt");
     add_command("files/show-256", updater(simulation, "show", {"-S", "-p", many}), environment,
                 console);
-    add_command("files/headers-of-256", {HEADER_READER, many}, {}, console);
+    add_command("files/bare-256",
+                {BARE_LISTER, many, simulation.path("bare-l"), simulation.path("bare-t")}, {},
+                console);
     add_command("display/1-MiB", updater(simulation, "display", {"-D", file}), environment,
                 console);
     add_command("display/xxd", {"xxd", file}, {}, console);
