@@ -105,8 +105,11 @@ def add_commands(table, results):
         table.add(what, f"{row['real_time']:.2f} ms", f"{beside} {other['real_time']:.2f} ms",
                   row["real_time"] / other["real_time"], limit, row["peak_MiB"])
 
-    compare("-S over 256 files of 1 MiB", "files/show-256", "files/bare-256",
-            "same reads and writes", 1.3)
+    shown, bare = (results[f"files/{name}-256"]["cpu_s"] - results[f"files/{name}-1"]["cpu_s"]
+                   for name in ("show", "bare"))
+    table.add("-S, processor time of 255 files of 1 MiB", f"{shown * 1e3:.2f} ms",
+              f"same reads and writes {bare * 1e3:.2f} ms", shown / bare, 1.3,
+              results["files/show-256"]["peak_MiB"])
     compare("-D of a file of 1 MiB", "display/1-MiB", "display/xxd", "xxd", 1)
     compare("start (-V)", "start/version", "start/true", "/bin/true", 3)
     compare("start (-V)", "start/version", "start/dfu-util", "dfu-util -V", None)

@@ -14,6 +14,7 @@
 #include <list>
 #include <stdexcept>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace {
@@ -200,11 +201,15 @@ void add_short_runs(const Simulation& simulation) {
         std::filesystem::copy_file(file, many + "/" + std::to_string(i) + ".dat");
     }
     const std::string console = simulation.path("console.txt");
-    add_command("files/show-256", updater(simulation, "show", {"-S", "-p", many}), environment,
-                console);
-    add_command("files/bare-256",
-                {BARE_LISTER, many, simulation.path("bare-l"), simulation.path("bare-t")}, {},
-                console);
+    // Over one file each program shows what its start and its end take.
+    const std::pair<std::string, std::string> directories[] = {{"256", many}, {"1", firmware}};
+    for (const auto& [count, directory] : directories) {
+        add_command("files/show-" + count, updater(simulation, "show", {"-S", "-p", directory}),
+                    environment, console);
+        add_command("files/bare-" + count,
+                    {BARE_LISTER, directory, simulation.path("bare-l"), simulation.path("bare-t")},
+                    {}, console);
+    }
     add_command("display/1-MiB", updater(simulation, "display", {"-D", file}), environment,
                 console);
     add_command("display/xxd", {"xxd", file}, {}, console);
