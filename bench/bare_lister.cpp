@@ -3,6 +3,7 @@
 /// to console, log and trace, and nothing else: the least that showing the files takes.
 #include <dirent.h>
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
@@ -64,8 +65,18 @@ std::string listed(const std::string& name, std::string_view header) {
     return line.data();
 }
 
+/// A name in the directory may be a fifo's or a device's: nothing but a file is read.
+std::unique_ptr<std::FILE, CloseFile> opened_file(const std::string& path) {
+    const int descriptor = open(path.c_str(), O_RDONLY | O_NOCTTY | O_NONBLOCK | O_CLOEXEC);
+    struct stat information = {};
+    if (descriptor < 0 || fstat(descriptor, &information) != 0 || !S_ISREG(information.st_mode)) {
+        return nullptr;
+    }
+    return std::unique_ptr<std::FILE, CloseFile>(fdopen(descriptor, "rb"));
+}
+
 bool show(const std::string& path, const std::string& name, const Journals& journals) {
-    const std::unique_ptr<std::FILE, CloseFile> file(std::fopen(path.c_str(), "rbe"));
+    const auto file = opened_file(path);
     std::array<char, header_size> header{};
     if (file == nullptr || std::fread(header.data(), 1, header_size, file.get()) != header_size) {
         return false;
