@@ -1,5 +1,6 @@
 // The command line tool of the simulated bus.
 #include "model/bus_file/bus_file.h"
+#include "model/bus_file/fault_reach.h"
 #include "model/bus_file/fleet.h"
 #include "model/device/bus.h"
 #include "tool/run.h"
@@ -66,6 +67,19 @@ std::string place(const BusDescription& bus, const DeviceDescription& device) {
     return bus.devices[*device.parent].name + " port " + std::to_string(device.port);
 }
 
+void warn_of_unreached_faults(const std::string& file, const BusDescription& bus) {
+    std::fflush(stdout);
+    for (const DeviceDescription& device : bus.devices) {
+        for (const zelfsim::FaultRule& fault : device.faults) {
+            if (const auto reason = zelfsim::why_never_reached(device, fault)) {
+                std::fprintf(stderr, "%s: warning: the fault %s of \"%s\" never strikes: %s\n",
+                             file.c_str(), fault.key().c_str(), device.name.c_str(),
+                             reason->c_str());
+            }
+        }
+    }
+}
+
 int check(const std::string& file) {
     const BusDescription bus = zelfsim::read_bus_file(file);
     for (const DeviceDescription& device : bus.devices) {
@@ -76,6 +90,7 @@ int check(const std::string& file) {
         }
         std::printf("\n");
     }
+    warn_of_unreached_faults(file, bus);
     return kSuccess;
 }
 

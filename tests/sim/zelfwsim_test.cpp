@@ -23,6 +23,40 @@ TEST(Zelfwsim, ChecksABusFile) {
     EXPECT_EQ(bad.output, workspace.path("bad.toml") + ":3: unknown key \"name\"\n");
 }
 
+TEST(Zelfwsim, WarnsOfFaultsThatNoRunReaches) {
+    const std::string mouse =
+        "[[device]]\nname = \"m\"\nvendor = 1\nproduct = 2\n"
+        "[[device.interface]]\nkind = \"mouse\"\n";
+    const auto fault = [](const std::string& device, const std::string& rest) {
+        return "[[fault]]\ndevice = \"" + device + "\"\naction = \"stall\"\n" + rest;
+    };
+    const Workspace workspace;
+    const std::string bus = workspace.write(
+        "bus.toml", printer_bus() + mouse + fault("m", "at = \"erase\"\n") +
+                        fault("m", "at = \"string\"\nnumber = 900\n") +
+                        fault("printer", "at = \"record\"\ncomponent = 9\n") +
+                        fault("printer", "at = \"record\"\nnumber = 900\n") +
+                        fault("printer", "at = \"checksum\"\nnumber = 2\ncomponent = 0\n") +
+                        fault("printer", "at = \"erase\"\nnumber = 900\n") +
+                        fault("printer", "at = \"erase\"\n"));
+    const Outcome outcome = run("{ " + kTool + " check " + bus + " >/dev/null; }");
+    EXPECT_EQ(outcome.code, 0);
+    const std::string start = bus + ": warning: the fault ";
+    EXPECT_THAT(
+        outcome.output,
+        testing::MatchesRegex(
+            start + "record@9#1:stall of .printer. never strikes: the device has no component 9\n" +
+            start +
+            "checksum@0#2:stall of .printer. never strikes: an update sends one image for "
+            "each component, so at most 1 to this device\n" +
+            start +
+            "erase#900:stall of .printer. never strikes: an update sends one image for "
+            "each component, so at most [0-9]+ to this device\n" +
+            start +
+            "erase#1:stall of .m. never strikes: the device has no flash interface, so no "
+            "command reaches it\n"));
+}
+
 TEST(Zelfwsim, GeneratesTheFleetThatComesWithIt) {
     const Workspace workspace;
     EXPECT_EQ(run(kTool + " generate 128 | cmp - " ZELFWSIM_BUSES "/fleet-128.toml").output, "");
