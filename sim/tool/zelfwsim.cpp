@@ -6,6 +6,7 @@
 #include "tool/run.h"
 #include "tool/serve.h"
 
+#include <algorithm>
 #include <charconv>
 #include <cstdio>
 #include <exception>
@@ -40,7 +41,8 @@ constexpr const char* kHelp =
     "      --hubs                          answer for the ports of hubs, as old kernels do\n"
     "      --library DIRECTORY             the simulation's, where it is not found by itself\n"
     "      --preload FILE                  a further object to preload, may be repeated\n"
-    "  zelfwsim --help                     this text\n"
+    "  zelfwsim [COMMAND] --help           this text\n"
+    "  zelfwsim [COMMAND] --version        the version\n"
     "\n"
     "Exit codes: 0 success, 1 wrong arguments, 2 the bus file or the state cannot be used.\n"
     "run gives the command's exit code and ends by the signal that ended it, or with: 120 wrong\n"
@@ -160,11 +162,21 @@ int generate(std::string_view text) {
     return kSuccess;
 }
 
+/// Whether the option stands in front, or directly behind a command.
+bool asks_for(std::span<const char* const> arguments, std::string_view option) {
+    const auto first = arguments.first(std::min<std::size_t>(arguments.size(), 2));
+    return std::find(first.begin(), first.end(), option) != first.end();
+}
+
 int run(std::span<const char* const> arguments) {
     const std::string_view command = arguments.empty() ? "" : arguments[0];
     const std::size_t count = arguments.size();
-    if (command == "--help" || command == "-h") {
+    if (asks_for(arguments, "--help") || asks_for(arguments, "-h")) {
         std::fputs(kHelp, stdout);
+        return kSuccess;
+    }
+    if (asks_for(arguments, "--version")) {
+        std::printf("zelfwsim %s\n", ZELF_VERSION);
         return kSuccess;
     }
     if (command == "check" && count == 2) {

@@ -91,6 +91,10 @@ TEST(Zelfwsim, ShowsDevicesAsTheyAreNow) {
 TEST(Zelfwsim, TellsWhatItTakes) {
     EXPECT_EQ(run(kTool + " --help").code, 0);
     EXPECT_THAT(run(kTool + " --help").output, StartsWith("zelfwsim: the simulated bus"));
+    for (const char* command : {" ", " check ", " generate ", " show ", " serve "}) {
+        EXPECT_EQ(run(kTool + command + "--help").output, run(kTool + " -h").output) << command;
+        EXPECT_EQ(run(kTool + command + "--version").output, "zelfwsim " ZELF_VERSION "\n");
+    }
     for (const char* wrong : {"", " fly", " check", " check a b", " generate", " generate 0",
                               " generate 1001", " generate x", " show"}) {
         const Outcome result = run(kTool + wrong);
