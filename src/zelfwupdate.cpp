@@ -57,6 +57,13 @@ class RunResources {
     bool has_loader_ = false;
 };
 
+/// A console that goes away, and a file that reaches the limit for its size, cost that output: they
+/// must not end the program in mid-update.
+void ignore_lost_outputs() {
+    signal(SIGPIPE, SIG_IGN);
+    signal(SIGXFSZ, SIG_IGN);
+}
+
 void open_journals(const RunRequest& request) {
     trace = std::make_unique<Trace>(request.trace_filename, trace_mode_append, trace_backup_count);
     if (request.log_filename[0] != '\0') {
@@ -209,6 +216,7 @@ int run(int argc, char** argv) {
     if (parse_result >= 0) {
         return parse_result;
     }
+    ignore_lost_outputs();
     open_journals(request);
     RunResources resources;
     if (request.command == COMMAND_VERSION) {
@@ -230,8 +238,6 @@ int run(int argc, char** argv) {
     }
     echo_changed_timeouts();
     install_fault_report();
-    // A console that goes away in mid-update must not end the program.
-    signal(SIGPIPE, SIG_IGN);
     return run_session(request, resources);
 }
 

@@ -266,6 +266,27 @@ std::uint32_t Trace::chTime() {
     return elapsed + adjust_time;
 }
 
+void Trace::write_text_in_handler(const char* text) const {
+    if (trace_fd == nullptr) {
+        return;
+    }
+    timeval clock = {};
+    gettimeofday(&clock, nullptr);
+    const std::uint32_t milliseconds = static_cast<std::uint32_t>(clock.tv_usec / 1000);
+    const std::uint32_t now = static_cast<std::uint32_t>(clock.tv_sec) * 1000U + milliseconds;
+    traceStruct3 header = {};
+    header.length = static_cast<std::uint32_t>(strlen(text));
+    header.minorCode = trace_kind::text;
+    // `chTime` may report a step back of the clock, which takes the critical section.
+    header.clockTime = std::max(now - start_time.load(), prev_time.load()) + adjust_time.load();
+    header.tid = static_cast<std::uint32_t>(pthread_self());
+    header.pid = static_cast<std::uint32_t>(getpid());
+    header.time = static_cast<std::uint32_t>(clock.tv_sec);
+    header.component = component;
+    header.milliseconds = static_cast<std::uint16_t>(milliseconds);
+    write_whole(trace_fd, header, reinterpret_cast<const unsigned char*>(text), header.length);
+}
+
 void Trace::CloseTraceFile() {
     if (trace_fd != nullptr) {
         chEnterCritSec();

@@ -90,6 +90,9 @@ class Trace {
     /// Writes a text record of a text that is formatted already. It is interpreted a second time,
     /// without arguments: "%%" becomes "%", any other conversion stays as it is written.
     void write_formatted_text(const char* text);
+    /// Writes a text record in a signal handler that has claimed the critical section: no lock, no
+    /// allocation, the text as it stands.
+    void write_text_in_handler(const char* text) const;
 
   private:
     std::uint32_t chTime();

@@ -4,6 +4,7 @@
 #include "flash_protocol.h"
 #include "journal/output.h"
 #include "journal/zelfwtrace.h"
+#include "process/wire_silence.h"
 #include "session/zelflash.h"
 #include "settings.h"
 #include "usb/flshusbintf.h"
@@ -168,6 +169,9 @@ int ZELFLASH::write_flash(char* buffer, unsigned int length) {
     hex_display("Report written", buffer, static_cast<int>(length));
     const int rc = hiddev->Write(flash_usage::page, flash_usage::command, buffer,
                                  static_cast<unsigned short>(length));
+    if (rc == 0) {
+        note_wire_movement();
+    }
     writedebug("WriteFlash rc=%d\n", rc);
     return rc;
 }
@@ -192,6 +196,7 @@ int ZELFLASH::read_report(char* buffer, unsigned int length) {
         writelog(0, "Read Request to %04x failed, rc=%d\n", flash_usage::status, rc);
         return rc;
     }
+    note_wire_movement();
     trace_transfer(trace_kind::status_read, *device, flash_usage::status, buffer, length);
     hex_display("Status report read", buffer, static_cast<int>(length));
     return 0;
@@ -259,6 +264,7 @@ int ZELFLASH::read_data(char* buffer, unsigned int length) {
             return rc;
         }
     }
+    note_wire_movement();
     trace_transfer(trace_kind::feature_read, *hiddev, usage, buffer, length);
     hex_display("Feature report read", buffer, static_cast<int>(length));
     return 0;

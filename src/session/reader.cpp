@@ -1,5 +1,6 @@
 #include "flash_protocol.h"
 #include "journal/output.h"
+#include "process/fault_report.h"
 #include "session/exchange.h"
 #include "session/zelflash.h"
 #include "settings.h"
@@ -96,7 +97,7 @@ int ZELFLASH::start_background_thread(int timeout, int index) {
     if (use_thread_reading != 1) {
         return rc;
     }
-    const thread_table& slot = ThreadTable[index];
+    thread_table& slot = ThreadTable[index];
     writedebug("waiting for device to start (in_progress=%d)\n", slot.read_hid_in_progress);
     for (int polls = timeout / poll_for_start; polls > 0 && slot.read_hid_in_progress == 0;
          --polls) {
@@ -106,12 +107,15 @@ int ZELFLASH::start_background_thread(int timeout, int index) {
     writedebug("finished waiting for device to start (in_progress=%d)\n", in_progress);
     if (in_progress == 0) {
         use_thread_reading = 0;
+        // One that starts after this must not take the answers of direct reads.
+        slot.stopped = 1;
         writedebug("cannot use tread reading\n");
     }
     return rc;
 }
 
 void* start_read_thread(void* session) {
+    FaultStack stack;
     block_signals_of_the_main_thread();
     if (session != nullptr) {
         auto* const flash = static_cast<ZELFLASH*>(session);
@@ -135,9 +139,11 @@ void ZELFLASH::read_hid_messages(int index) {
     slot.read_hid_in_progress = 1;
     writedebug("%d: read_hid_messages started (device_closed=%d)\n", index, slot.device_closed);
     do {
-        // A read would open the handle again, in the case of a thread that starts after the close.
-        const int rc =
-            slot.device_closed == 1 ? exchange_device_closed : read_report(status, sizeof(status));
+        // A thread may start after it was stopped, or after the close: a read would take an answer
+        // that is not its own, or open the handle again.
+        const int rc = slot.stopped == 1 || slot.device_closed == 1
+                           ? exchange_device_closed
+                           : read_report(status, sizeof(status));
         writedebug("%d: read_flash returned rc=%d (stopped=%d device_closed=%d)\n", index, rc,
                    slot.stopped, slot.device_closed);
         if (slot.stopped == 1 || slot.device_closed == 1) {

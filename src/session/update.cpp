@@ -383,11 +383,12 @@ int ZELFLASH::flash_device(FILE* file, int entry, int device_ec_level, int compo
         close_device_after_use(index, 1);
         return 0;
     }
-    const SignalHold hold;
+    const SignalHold hold({row.product_id, row.serialNumber, component});
     report_size_limits(file, *hiddev->intf);
     global_reading_information = 1;
     answer_count.start();
     int rc = erase_and_send(*this, file, component, reset_needed, index);
+    SignalHold::image_is_over();
     if (rc == 0) {
         answer_count.tell_doubts();
     }
