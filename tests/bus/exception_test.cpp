@@ -1,4 +1,5 @@
-// Runs that run out of memory: an exception ends the command, not the process.
+// Runs that run out of memory, where an exception ends the command and not the process, and runs
+// that fault inside the allocator.
 #include "session/zelflash.h"
 #include "support/bus_test.h"
 #include "usb/flshusbintf.h"
@@ -43,6 +44,63 @@ TEST_F(OutOfMemory, CommandThatThrowsIsAnUnexpectedError) {
     EXPECT_THAT(result.log, EndsWith("Flash failed...exception occurred\n"));
     // The session is left as it stands.
     EXPECT_THAT(result.log, Not(HasSubstr("USB Flash ended at")));
+}
+
+namespace {
+
+class FaultInTheAllocator : public BusTest {
+  protected:
+    FaultInTheAllocator() {
+        set_bus({{.components = {{}, {.id = 1}}}});
+        settings.environment["LD_PRELOAD"] = FAULTING_ALLOCATION;
+    }
+    void fault_at_allocation_of(std::size_t size) {
+        settings.environment["FAULTING_ALLOCATION_SIZE"] = std::to_string(size);
+    }
+    /// The report stands whole on the console and in log and trace, and the run has come to its
+    /// end.
+    void expect_reported(const RunResult& result) const {
+        EXPECT_EQ(result.exit_code, 12);
+        const auto report = result.console.find("\nSegmentation Fault.. Stopping\nsi_signo:  11\n");
+        ASSERT_NE(report, std::string::npos);
+        EXPECT_THAT(result.console, EndsWith("\t    CR2: 0x102a\n"));
+        EXPECT_THAT(result.log, EndsWith(result.console.substr(report)));
+        const auto records = trace();
+        ASSERT_FALSE(records.empty());
+        EXPECT_EQ(records.back().payload, "\t    CR2: 0x102a\n");
+    }
+};
+
+}  // namespace
+
+TEST_F(FaultInTheAllocator, IsReportedAndEndsTheRun) {
+    fault_at_allocation_of(sizeof(USBINTF));
+    for (const char* level : {"0", "1", "2", "3"}) {
+        const RunResult result = run({"-L", "-n", level});
+        if (*level == '0') {
+            EXPECT_EQ(result.exit_code, 12);
+            EXPECT_THAT(result.log, EndsWith("\t    CR2: 0x102a\n"));
+        } else {
+            expect_reported(result);
+        }
+    }
+}
+
+TEST_F(FaultInTheAllocator, InMidImageIsReportedAndEndsTheRun) {
+    // The long record's size is that of nothing else.
+    const FirmwareFile file = {
+        .component = 1,
+        .further_records = {std::string("\xC8\x10\0\x05", 4) + std::string(200, 'x')}};
+    add_firmware("boot.dat", file);
+    // What the trace keeps of a record: eight bytes, and the message, which is hexadecimal here.
+    constexpr std::size_t prefix = 8;
+    fault_at_allocation_of(prefix + file.messages().end()[-2].size() / 2);
+    expect_reported(update());
+    EXPECT_THAT(commands("printer"), testing::Contains("04000100"));
+    EXPECT_EQ(image("printer", 1), "");
+    settings.environment.erase("LD_PRELOAD");
+    EXPECT_EQ(update().exit_code, 0);
+    EXPECT_EQ(image("printer", 1), file.body());
 }
 
 #endif

@@ -4,7 +4,10 @@
 
 #include <gmock/gmock.h>
 
+#include <sys/resource.h>
+
 #include <cstdlib>
+#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -87,6 +90,55 @@ TEST_F(Resources, DeviceThatIsUnpluggedUnderItsReaderLeavesNothingBehind) {
             }
         }
     }
+}
+
+namespace {
+
+/// The largest file that a run may write.
+class FileSizeLimit {
+  public:
+    explicit FileSizeLimit(rlim_t bytes) {
+        getrlimit(RLIMIT_FSIZE, &earlier_);
+        const rlimit limit = {.rlim_cur = bytes, .rlim_max = earlier_.rlim_max};
+        setrlimit(RLIMIT_FSIZE, &limit);
+    }
+    ~FileSizeLimit() { setrlimit(RLIMIT_FSIZE, &earlier_); }
+    FileSizeLimit(const FileSizeLimit&) = delete;
+    FileSizeLimit& operator=(const FileSizeLimit&) = delete;
+
+  private:
+    rlimit earlier_{};
+};
+
+}  // namespace
+
+TEST_F(Resources, JournalsThatReachTheFileSizeLimitCostNoImage) {
+    set_bus({printer()});
+    const FirmwareFile file = {.component = 1, .data_records = 300};
+    add_firmware("boot.dat", file);
+    // Enough for the simulated bus, not for what is said at this level.
+    constexpr rlim_t limit = 131072;
+    RunResult result;
+    {
+        const FileSizeLimit file_size(limit);
+        result = update({"-n", "3"});
+    }
+    EXPECT_EQ(result.signal, 0);
+    EXPECT_EQ(result.exit_code, 0);
+    EXPECT_EQ(image("printer", 1), file.body());
+    EXPECT_EQ(result.log.size(), limit);
+    EXPECT_EQ(std::filesystem::file_size(path("trace.bin")), limit);
+}
+
+TEST_F(Resources, FileSizeLimitDoesNotEndTheRunAtItsStart) {
+    RunResult result;
+    {
+        const FileSizeLimit none(0);
+        result = run({"-V"});
+    }
+    EXPECT_EQ(result.signal, 0);
+    EXPECT_EQ(result.exit_code, 0);
+    EXPECT_EQ(result.log, "");
 }
 
 #if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)

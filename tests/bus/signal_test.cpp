@@ -7,10 +7,14 @@
 
 #include <algorithm>
 #include <chrono>
+#include <filesystem>
+#include <string>
+#include <thread>
 #include <utility>
 #include <vector>
 
 using testing::ContainsRegex;
+using testing::EndsWith;
 using testing::HasSubstr;
 using testing::Not;
 
@@ -90,7 +94,8 @@ class Signal : public BusTest, public testing::WithParamInterface<int> {
 
 }  // namespace
 
-INSTANTIATE_TEST_SUITE_P(EndRequests, Signal, testing::Values(SIGINT, SIGTERM, SIGHUP));
+INSTANTIATE_TEST_SUITE_P(EndRequests, Signal,
+                         testing::Values(SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGUSR1));
 
 TEST_P(Signal, InTheMiddleOfAnImageWaitsForItsEnd) {
     const RunResult result = run_with_signal(GetParam(), 3);
@@ -144,6 +149,53 @@ TEST_F(Signal, SecondOneDoesNotCutTheImageEither) {
     const RunResult result = finish(*process);
     EXPECT_EQ(result.signal, SIGINT);
     EXPECT_EQ(count_lines(result.console, explanation), 1);
+    EXPECT_EQ(image("printer", 1), file.body());
+}
+
+TEST_F(Signal, OfEveryKindWaitsForTheImagesEnd) {
+    for (const int number : {SIGUSR2, SIGALRM, SIGSTKFLT, SIGXCPU, SIGVTALRM, SIGPROF, SIGIO,
+                             SIGPWR, SIGRTMIN, SIGRTMAX}) {
+        std::filesystem::remove_all(path("state"));
+        const RunResult result = run_with_signal(number, 3);
+        EXPECT_EQ(result.signal, number);
+        EXPECT_EQ(count_lines(result.console, explanation), 1) << number;
+        EXPECT_EQ(image("printer", 1), file.body()) << number;
+    }
+}
+
+TEST_F(Signal, ThatComesAgainInALongSilenceEndsAStuckRun) {
+    const std::string told =
+        "\nStopped while nothing moved on the wire: the image of PID: 3c35 COMP: 1 (SN='PR0001') "
+        "is incomplete. Leave the device plugged in and run the same update again\n";
+    // The erase has no time-out, and is never answered.
+    set_bus({slow_printer({{}, {.id = 1}})},
+            fault_text("printer", "command", "no-answer", "byte = 0x04\ntimes = \"always\""));
+    const auto process = start({"-U", "-p", firmware_directory(), "-1", "0"});
+    EXPECT_TRUE(process->wait_until([&] {
+        const auto sent = commands("printer");
+        return std::find(sent.begin(), sent.end(), "04000100") != sent.end();
+    }));
+    process->send_signal(SIGTERM);
+    std::this_thread::sleep_for(std::chrono::seconds(4));
+    // The process may have answered late on a busy machine: a signal each second ends it all the
+    // same, and it has ended when one can't be sent any more.
+    EXPECT_FALSE(process->wait_until([&] {
+        process->send_signal(SIGTERM);
+        std::this_thread::sleep_for(std::chrono::seconds(1));
+        return false;
+    }));
+    const RunResult result = finish(*process);
+    EXPECT_FALSE(result.timed_out);
+    EXPECT_EQ(result.signal, SIGTERM);
+    EXPECT_EQ(count_lines(result.console, explanation), 1);
+    EXPECT_THAT(result.console, EndsWith(told));
+    EXPECT_THAT(result.log, EndsWith(told));
+    const auto records = trace();
+    ASSERT_FALSE(records.empty());
+    EXPECT_EQ(records.back().payload, told);
+    // What the line advises mends the device.
+    set_bus({slow_printer({{}, {.id = 1}})});
+    EXPECT_EQ(update().exit_code, 0);
     EXPECT_EQ(image("printer", 1), file.body());
 }
 

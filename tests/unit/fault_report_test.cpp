@@ -2,6 +2,7 @@
 
 #include "journal/output.h"
 #include "journal/zelfwtrace.h"
+#include "process/signal_hold.h"
 #include "session/zelflash.h"
 #include "support/child_process.h"
 #include "support/firmware_bytes.h"
@@ -10,6 +11,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <poll.h>
 #include <sys/mman.h>
 #include <sys/ucontext.h>
 #include <unistd.h>
@@ -154,6 +156,31 @@ ChildEnd reported(siginfo_t information) {
     });
 }
 
+/// Uses up the stack, since no frame holds what it looks for.
+// NOLINTNEXTLINE(misc-no-recursion)
+int use_up_stack(const volatile char* frame_of_caller) {
+    volatile char frame[1024] = {};
+    return frame_of_caller[0] == 'x' ? 0 : use_up_stack(frame) + frame[0];
+}
+
+/// Makes standard output a pipe that is full and that nobody reads.
+void fill_console() {
+    int full[2] = {};
+    if (pipe(full) != 0) {
+        _exit(1);
+    }
+    dup2(full[1], STDOUT_FILENO);
+    for (pollfd output = {.fd = STDOUT_FILENO, .events = POLLOUT, .revents = 0};
+         poll(&output, 1, 0) == 1;) {
+        const char filling[4096] = {};
+        if (write(STDOUT_FILENO, filling, sizeof(filling)) < 0) {
+            _exit(1);
+        }
+    }
+}
+
+constexpr std::chrono::seconds longest_report(5);
+
 /// Faults of child processes with log and trace.
 class Fault : public testing::Test {
   protected:
@@ -232,7 +259,8 @@ TEST(FaultReport, IsInstalledForSegmentationFaultsWithTheirInformation) {
     ASSERT_EQ(sigaction(SIGSEGV, nullptr, &action), 0);
     EXPECT_EQ(action.sa_sigaction, sigsegv_catcher);
     EXPECT_NE(action.sa_flags & SA_SIGINFO, 0);
-    EXPECT_EQ(action.sa_flags & (SA_RESETHAND | SA_NODEFER | SA_RESTART | SA_ONSTACK), 0);
+    EXPECT_NE(action.sa_flags & SA_ONSTACK, 0);
+    EXPECT_EQ(action.sa_flags & (SA_RESETHAND | SA_NODEFER | SA_RESTART), 0);
     for (int number = 1; number < NSIG; ++number) {
         EXPECT_EQ(sigismember(&action.sa_mask, number), 0) << number;
     }
@@ -307,4 +335,118 @@ TEST_F(Fault, OfAnotherThreadIsReported) {
     });
     EXPECT_EQ(end.exit_code, segmentation_fault);
     EXPECT_THAT(log(), EndsWith("\n\t    CR2: " + as_pointer(address) + "\n"));
+}
+
+TEST_F(Fault, IsReportedThoughItsThreadHoldsEveryLock) {
+    char* const address = unmapped_address();
+    const auto start = std::chrono::steady_clock::now();
+    const ChildEnd end = run_in_child([&] {
+        open_journals();
+        install_fault_report();
+        // From another thread, lest the locks that may be taken twice are.
+        std::thread([] {
+            flockfile(stdout);
+            flockfile(hLogFile);
+            pthread_mutex_lock(&CritSectSem.serializer);
+        }).join();
+        *const_cast<volatile char*>(address) = 'x';
+    });
+    EXPECT_LT(std::chrono::steady_clock::now() - start, longest_report);
+    EXPECT_EQ(end.exit_code, segmentation_fault);
+    EXPECT_THAT(end.output, EndsWith("\n\t    CR2: " + as_pointer(address) + "\n"));
+    EXPECT_EQ(log(), end.output);
+    std::string traced;
+    for (const std::string& text : trace_texts(directory_.path("trace"))) {
+        traced += text;
+    }
+    EXPECT_EQ(traced, end.output);
+}
+
+TEST_F(Fault, IsLoggedThoughTheConsoleTakesNothing) {
+    char* const address = unmapped_address();
+    const auto start = std::chrono::steady_clock::now();
+    const ChildEnd end = run_in_child([&] {
+        open_journals();
+        install_fault_report();
+        fill_console();
+        *const_cast<volatile char*>(address) = 'x';
+    });
+    EXPECT_LT(std::chrono::steady_clock::now() - start, longest_report);
+    EXPECT_EQ(end.exit_code, segmentation_fault);
+    EXPECT_THAT(log(), EndsWith("\n\t    CR2: " + as_pointer(address) + "\n"));
+}
+
+TEST_F(Fault, IsNotHeldUpByASignalThatIsHeldBack) {
+    const auto start = std::chrono::steady_clock::now();
+    const ChildEnd end = run_in_child([&] {
+        install_fault_report();
+        const SignalHold hold({0x3C35, "PR40021", 1});
+        raise(SIGTERM);
+        raise(SIGALRM);
+        fill_console();
+        *const_cast<volatile char*>(unmapped_address()) = 'x';
+    });
+    EXPECT_LT(std::chrono::steady_clock::now() - start, longest_report);
+    EXPECT_EQ(end.exit_code, segmentation_fault);
+}
+
+TEST_F(Fault, OfAnExhaustedStackIsReported) {
+    const ChildEnd end = run_in_child([&] {
+        open_journals();
+        install_fault_report();
+        use_up_stack("");
+    });
+    EXPECT_EQ(end.exit_code, segmentation_fault);
+    EXPECT_THAT(end.output, StartsWith("\nSegmentation Fault.. Stopping\n"));
+    EXPECT_EQ(log(), end.output);
+}
+
+TEST_F(Fault, OfAReadersExhaustedStackIsReported) {
+    const ChildEnd end = run_in_child([&] {
+        open_journals();
+        install_fault_report();
+        std::thread([] {
+            FaultStack stack;
+            use_up_stack("");
+        }).join();
+    });
+    EXPECT_EQ(end.exit_code, segmentation_fault);
+    EXPECT_THAT(end.output, StartsWith("\nSegmentation Fault.. Stopping\n"));
+    EXPECT_EQ(log(), end.output);
+}
+
+TEST_F(Fault, OfManyThreadsIsReportedOnceAndWhole) {
+    const ChildEnd end = run_in_child([&] {
+        open_journals();
+        install_fault_report();
+        std::vector<std::thread> threads;
+        for (int i = 0; i < 8; ++i) {
+            threads.emplace_back([] { *const_cast<volatile char*>(unmapped_address()) = 'x'; });
+        }
+        for (std::thread& thread : threads) {
+            thread.join();
+        }
+    });
+    EXPECT_EQ(end.exit_code, segmentation_fault);
+    EXPECT_EQ(log(), end.output);
+    EXPECT_THAT(log(), StartsWith("\nSegmentation Fault.. Stopping\n"));
+    EXPECT_THAT(log(), EndsWith("\n\t    CR2: " + as_pointer(unmapped_address()) + "\n"));
+    EXPECT_EQ(log().find("Stopping", 25), std::string::npos);
+}
+
+TEST(FaultStack, IsGivenBack) {
+    stack_t before = {};
+    sigaltstack(nullptr, &before);
+    {
+        FaultStack stack;
+        stack_t during = {};
+        sigaltstack(nullptr, &during);
+        EXPECT_GE(reinterpret_cast<char*>(during.ss_sp), reinterpret_cast<char*>(&stack));
+        EXPECT_LT(reinterpret_cast<char*>(during.ss_sp), reinterpret_cast<char*>(&stack + 1));
+        EXPECT_EQ(during.ss_flags, 0);
+    }
+    stack_t after = {};
+    sigaltstack(nullptr, &after);
+    EXPECT_EQ(after.ss_sp, before.ss_sp);
+    EXPECT_EQ(after.ss_flags, before.ss_flags);
 }

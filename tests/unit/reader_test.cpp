@@ -323,6 +323,20 @@ TEST_F(Reader, ThatDoesNotComeUpIsDoneWithout) {
     EXPECT_EQ(0, query());
 }
 
+TEST_F(Reader, ThatComesUpTooLateReadsNothing) {
+    threads.hold_back();
+    EXPECT_EQ(0, set_up(50));
+    EXPECT_EQ(1, flags().stopped);
+    threads.let_go();
+    EXPECT_TRUE(threads.all_ended_within(generous));
+    EXPECT_EQ(0, log.count("Sending Read Request"));
+    EXPECT_EQ(1, debugged("4: Stopping (stopped=1, device_closed=0)"));
+    // The answer is the direct read's.
+    device.answers[wire::device_information_query] = {{0x01}};
+    EXPECT_EQ(0, query());
+    EXPECT_EQ(1, debugged("Sending Read Request to a002"));
+}
+
 TEST_F(Reader, IsNotWaitedForBelowThePollInterval) {
     threads.hold_back();
     EXPECT_EQ(0, set_up(14));
