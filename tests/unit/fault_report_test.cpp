@@ -419,6 +419,8 @@ TEST_F(Fault, OfManyThreadsIsReportedOnceAndWhole) {
     const ChildEnd end = run_in_child([&] {
         open_journals();
         install_fault_report();
+        // The report waits for the trace, and the others fault meanwhile.
+        chEnterCritSec();
         std::vector<std::thread> threads;
         for (int i = 0; i < 8; ++i) {
             threads.emplace_back([] { *const_cast<volatile char*>(unmapped_address()) = 'x'; });
