@@ -52,7 +52,7 @@ class FaultInTheAllocator : public BusTest {
   protected:
     FaultInTheAllocator() {
         set_bus({{.components = {{}, {.id = 1}}}});
-        settings.environment["LD_PRELOAD"] = FAULTING_ALLOCATION;
+        settings.preloads = {FAULTING_ALLOCATION};
     }
     void fault_at_allocation_of(std::size_t size) {
         settings.environment["FAULTING_ALLOCATION_SIZE"] = std::to_string(size);
@@ -98,7 +98,7 @@ TEST_F(FaultInTheAllocator, InMidImageIsReportedAndEndsTheRun) {
     expect_reported(update());
     EXPECT_THAT(commands("printer"), testing::Contains("04000100"));
     EXPECT_EQ(image("printer", 1), "");
-    settings.environment.erase("LD_PRELOAD");
+    settings.preloads.clear();
     EXPECT_EQ(update().exit_code, 0);
     EXPECT_EQ(image("printer", 1), file.body());
 }
