@@ -38,11 +38,11 @@ TEST_F(OutOfMemory, SessionThatCannotBeMadeIsAnUnexpectedError) {
 
 TEST_F(OutOfMemory, CommandThatThrowsIsAnUnexpectedError) {
     fail_allocations_of(sizeof(USBINTF));
+    ends.expect_open_log();  // the session is left as it stands
     const RunResult result = run({"-L"});
     EXPECT_EQ(result.exit_code, 4);
     EXPECT_EQ(result.console, "Flash failed...exception occurred\n");
     EXPECT_THAT(result.log, EndsWith("Flash failed...exception occurred\n"));
-    // The session is left as it stands.
     EXPECT_THAT(result.log, Not(HasSubstr("USB Flash ended at")));
 }
 
@@ -76,6 +76,7 @@ class FaultInTheAllocator : public BusTest {
 TEST_F(FaultInTheAllocator, IsReportedAndEndsTheRun) {
     fault_at_allocation_of(sizeof(USBINTF));
     for (const char* level : {"0", "1", "2", "3"}) {
+        ends.expect_fault_report();
         const RunResult result = run({"-L", "-n", level});
         if (*level == '0') {
             EXPECT_EQ(result.exit_code, 12);
@@ -95,6 +96,7 @@ TEST_F(FaultInTheAllocator, InMidImageIsReportedAndEndsTheRun) {
     // What the trace keeps of a record: eight bytes, and the message, which is hexadecimal here.
     constexpr std::size_t prefix = 8;
     fault_at_allocation_of(prefix + file.messages().end()[-2].size() / 2);
+    ends.expect_fault_report();
     expect_reported(update());
     EXPECT_THAT(commands("printer"), testing::Contains("04000100"));
     EXPECT_EQ(image("printer", 1), "");

@@ -48,8 +48,7 @@ TEST_F(ExitCode, UsageErrorsGive1) {
 }
 
 TEST_F(ExitCode, NoArgumentAtAllGives1) {
-    ProgramProcess process(settings, {});
-    const RunResult result = process.finish();
+    const RunResult result = run_plainly({});
     EXPECT_EQ(result.exit_code, 1);
     EXPECT_THAT(result.console, StartsWith("\nUsage: zelfwupdate -command arg ... "));
     EXPECT_THAT(result.console, Not(HasSubstr("EXAMPLE COMMANDS")));
@@ -300,6 +299,7 @@ TEST_F(ExitCode, LibraryThatDoesNotStartGives3) {
 
 TEST_F(ExitCode, SegmentationFaultGives12WithAReport) {
     set_bus({SimDevice{}}, fault_text("printer", "ec-level", "crash"));
+    ends.expect_fault_report();
     const RunResult result = run({"-L"});
     EXPECT_EQ(result.exit_code, 12);
     EXPECT_THAT(result.console, StartsWith("\nSegmentation Fault.. Stopping\nsi_signo:  11\n"));

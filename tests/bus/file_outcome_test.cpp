@@ -38,10 +38,7 @@ class FileOutcome : public BusTest {
                                 const std::string& trace) {
         arguments.insert(arguments.end(), {"-0", "3000", "-l", log, "-t", trace});
         std::filesystem::remove(path("record.tsv"));
-        ProgramProcess process(settings, arguments);
-        RunResult result = process.finish();
-        EXPECT_FALSE(result.timed_out);
-        return result;
+        return run_plainly(arguments);
     }
     void expect_updated(const RunResult& result) {
         EXPECT_EQ(result.exit_code, 0);
@@ -62,17 +59,15 @@ class DefaultJournal : public BusTest, public testing::WithParamInterface<const 
         planted_ = path("tmp/") + GetParam();
     }
     void expect_new_file() {
-        ProgramProcess process(settings, {"-V"});
-        const RunResult result = process.finish();
-        if (result.exit_code == cannot_prepare_run) {
-            GTEST_SKIP() << "no mount namespace here";
+        const RunResult result = run_plainly({"-V"});
+        if (result.exit_code == no_right_to_mount) {
+            GTEST_SKIP() << failed_preparation(result);
         }
-        EXPECT_FALSE(result.timed_out);
         EXPECT_EQ(result.exit_code, 0);
         EXPECT_EQ(read_file(path("tmp/precious")), "precious");
         struct stat about = {};
         ASSERT_EQ(lstat(planted_.c_str(), &about), 0);
-        EXPECT_TRUE(S_ISREG(about.st_mode));
+        ASSERT_TRUE(S_ISREG(about.st_mode));
         EXPECT_EQ(about.st_uid, geteuid());
         EXPECT_EQ(about.st_nlink, 1U);
         EXPECT_THAT(read_file(planted_), HasSubstr("Version 1.1.3 (i386)\n"));
@@ -229,7 +224,7 @@ TEST_F(FileOutcome, FileThatShrinksWhileItIsSentIsSentAsItWas) {
         return std::find(sent.begin(), sent.end(), first) != sent.end();
     }));
     std::filesystem::resize_file(name, 100);
-    EXPECT_EQ(finish(*process).exit_code, 0);
+    EXPECT_EQ(process->finish().exit_code, 0);
     EXPECT_EQ(image("printer", 1), large.body());
 }
 
@@ -254,7 +249,7 @@ class ReplacedFile : public FileOutcome {
             return std::find(sent.begin(), sent.end(), ec_level_query) != sent.end();
         }));
         change();
-        return finish(*process);
+        return process->finish();
     }
     void expect_untouched(const RunResult& result, const std::string& reason) {
         EXPECT_EQ(result.exit_code, 6);

@@ -51,8 +51,9 @@ class Signal : public BusTest, public testing::WithParamInterface<int> {
             const auto erase = std::find(sent.begin(), sent.end(), "04000100");
             return static_cast<std::size_t>(sent.end() - erase) > messages;
         }));
+        ends.expect_signal(signal_number);
         process->send_signal(signal_number);
-        return finish(*process);
+        return process->finish();
     }
 
     /// The image arrives whole, log and trace are closed, the result file is written.
@@ -72,11 +73,12 @@ class Signal : public BusTest, public testing::WithParamInterface<int> {
         const auto process = start({"-U", "-p", firmware_directory(), "-4", "30000"});
         EXPECT_TRUE(process->wait_until(
             [&] { return count_lines(read_file(path("console.txt")), line) > 0; }));
-        const auto before = std::chrono::steady_clock::now();
+        ends.expect_signal(GetParam());
         process->send_signal(GetParam());
-        const RunResult result = finish(*process);
-        EXPECT_LT(std::chrono::steady_clock::now() - before, std::chrono::seconds(3));
+        const RunResult result = process->finish();
         EXPECT_EQ(result.signal, GetParam());
+        // Whoever slept on would say so, or go on to the second pass.
+        EXPECT_THAT(result.console, EndsWith(line + "\n"));
         EXPECT_THAT(result.console, Not(HasSubstr(explanation)));
         EXPECT_EQ(state().resets, 1);
         EXPECT_FALSE(trace().empty());  // it holds whole records
@@ -146,7 +148,8 @@ TEST_F(Signal, SecondOneDoesNotCutTheImageEither) {
         }));
         process->send_signal(messages == 3U ? SIGINT : SIGTERM);
     }
-    const RunResult result = finish(*process);
+    ends.expect_signal(SIGINT);
+    const RunResult result = process->finish();
     EXPECT_EQ(result.signal, SIGINT);
     EXPECT_EQ(count_lines(result.console, explanation), 1);
     EXPECT_EQ(image("printer", 1), file.body());
@@ -184,8 +187,8 @@ TEST_F(Signal, ThatComesAgainInALongSilenceEndsAStuckRun) {
         std::this_thread::sleep_for(std::chrono::seconds(1));
         return false;
     }));
-    const RunResult result = finish(*process);
-    EXPECT_FALSE(result.timed_out);
+    ends.expect_signal(SIGTERM);
+    const RunResult result = process->finish();
     EXPECT_EQ(result.signal, SIGTERM);
     EXPECT_EQ(count_lines(result.console, explanation), 1);
     EXPECT_THAT(result.console, EndsWith(told));
@@ -202,8 +205,9 @@ TEST_F(Signal, ThatComesAgainInALongSilenceEndsAStuckRun) {
 TEST_F(Signal, BeforeAnyEraseEndsTheRunAtOnce) {
     const auto process = start({"-U", "-p", firmware_directory()});
     EXPECT_TRUE(process->wait_until([&] { return !commands("printer").empty(); }));
+    ends.expect_signal(SIGINT);
     process->send_signal(SIGINT);
-    const RunResult result = finish(*process);
+    const RunResult result = process->finish();
     EXPECT_EQ(result.signal, SIGINT);
     EXPECT_THAT(result.console, Not(HasSubstr(explanation)));
     EXPECT_EQ(image("printer", 1), "");
@@ -224,8 +228,9 @@ TEST_P(Signal, AtTheChecksumWaitsForItsAnswer) {
 TEST_P(Signal, WhileDevicesAreListedEndsTheRunAtOnce) {
     const auto process = start({"-L"});
     EXPECT_TRUE(process->wait_until([&] { return !commands("printer").empty(); }));
+    ends.expect_signal(GetParam());
     process->send_signal(GetParam());
-    EXPECT_EQ(finish(*process).signal, GetParam());
+    EXPECT_EQ(process->finish().signal, GetParam());
     EXPECT_FALSE(trace().empty());  // it holds whole records
     // The interface is free again.
     const RunResult next = run({"-L"});
@@ -241,8 +246,9 @@ TEST_P(Signal, AtTheResetEndsTheRunWithTheImageWhole) {
     EXPECT_TRUE(process->wait_until([&] {
         return count_lines(read_file(path("console.txt")), "Reset to be done for PID 3c35") > 0;
     }));
+    ends.expect_signal(GetParam());
     process->send_signal(GetParam());
-    const RunResult result = finish(*process);
+    const RunResult result = process->finish();
     EXPECT_EQ(result.signal, GetParam());
     EXPECT_EQ(image("printer", 0), main.body());
     EXPECT_EQ(state().resets, 1);

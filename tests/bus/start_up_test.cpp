@@ -144,6 +144,7 @@ TEST_F(StartUp, ResultFileIsWrittenForEveryCommand) {
 TEST_F(StartUp, ExceptionOfACommandEndsTheRunWithLoaderAndLogClosed) {
     settings.preloads = {FAILING_ALLOCATION, NOTED_CALLS};
     settings.environment["FAILING_ALLOCATION_SIZE"] = std::to_string(sizeof(USBINTF));
+    ends.expect_open_log();
     const RunResult result = run({"-L", "-r", path("rma")});
     EXPECT_EQ(result.exit_code, 4);
     EXPECT_EQ(result.console, "Flash failed...exception occurred\n");

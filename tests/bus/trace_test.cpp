@@ -213,8 +213,7 @@ TEST_F(TraceFile, IsAppendedToByTheNextRun) {
     run({"-L"});
     const std::size_t first = trace().size();
     std::filesystem::rename(path("trace.bin"), path("kept.bin"));
-    ProgramProcess process(settings, {"-L", "-l", path("run.log"), "-t", path("kept.bin")});
-    EXPECT_EQ(process.finish().exit_code, 0);
+    EXPECT_EQ(run_plainly({"-L", "-l", path("run.log"), "-t", path("kept.bin")}).exit_code, 0);
     const auto both = read_trace(path("kept.bin"));
     ASSERT_GT(both.size(), first);
     EXPECT_EQ(both[first].kind, trace_kind::version);

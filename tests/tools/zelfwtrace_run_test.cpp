@@ -142,8 +142,7 @@ TEST_F(ZelfwtraceRun, FileOfTwoRunsShowsBoth) {
     update_printer();
     const std::string kept = path("kept.bin");
     std::filesystem::rename(path("trace.bin"), kept);
-    ProgramProcess process(settings, {"-L", "-l", path("run.log"), "-t", kept});
-    EXPECT_EQ(process.finish().exit_code, 0);
+    EXPECT_EQ(run_plainly({"-L", "-l", path("run.log"), "-t", kept}).exit_code, 0);
     const ToolRun run = show_file("-k version", kept);
     EXPECT_EQ(run.code, 0) << run.errors;
     EXPECT_EQ(run.lines().size(), 2U);

@@ -13,6 +13,9 @@ BusTest::BusTest() {
     settings.environment["ZELFWSIM_BUS"] = path("bus.toml");
     settings.environment["ZELFWSIM_STATE"] = path("state");
     settings.environment["ZELFWSIM_RECORD"] = path("record.tsv");
+    settings.at_end = [this](const std::vector<std::string>& arguments, const RunResult& run) {
+        ends.judge(arguments, run);
+    };
     set_bus(quick_timing());
 }
 
@@ -38,16 +41,12 @@ std::unique_ptr<ProgramProcess> BusTest::start(std::vector<std::string> argument
     return std::make_unique<ProgramProcess>(settings, arguments);
 }
 
-RunResult BusTest::finish(ProgramProcess& process) {
-    RunResult result = process.finish();
-    result.log = read_file(path("run.log"));
-    EXPECT_FALSE(result.timed_out) << "console:\n" << result.console << "log:\n" << result.log;
-    return result;
+RunResult BusTest::run(std::vector<std::string> arguments) {
+    return start(std::move(arguments))->finish();
 }
 
-RunResult BusTest::run(std::vector<std::string> arguments) {
-    const auto process = start(std::move(arguments));
-    return finish(*process);
+RunResult BusTest::run_plainly(const std::vector<std::string>& arguments) {
+    return ProgramProcess(settings, arguments).finish();
 }
 
 RunResult BusTest::update(std::vector<std::string> further) {

@@ -7,6 +7,7 @@
 #include "support/device_state.h"
 #include "support/firmware_file.h"
 #include "support/program.h"
+#include "support/run_ends.h"
 #include "support/temporary_directory.h"
 #include "support/trace_file.h"
 #include "support/transfer_record.h"
@@ -38,9 +39,9 @@ class BusTest : public testing::Test {
     RunResult run(std::vector<std::string> arguments);
     /// `-U` on the firmware directory.
     RunResult update(std::vector<std::string> further = {});
+    /// Runs the program with these arguments and no others.
+    RunResult run_plainly(const std::vector<std::string>& arguments);
     std::unique_ptr<ProgramProcess> start(std::vector<std::string> arguments);
-    /// Waits for the end of a started program, and reads its log.
-    RunResult finish(ProgramProcess& process);
 
     /// Record and state of the bus after the last run.
     TransferRecord record() const { return TransferRecord(directory_.path("record.tsv")); }
@@ -55,6 +56,7 @@ class BusTest : public testing::Test {
     std::vector<std::string> history(const std::string& device = "printer") const;
 
     ProgramSettings settings;  ///< for the next run
+    RunEnds ends;              ///< judges every run; what is unusual must be expected here
     /// The program's own time-out of 100 ms for information is short on a busy machine.
     int information_timeout = 3000;
 

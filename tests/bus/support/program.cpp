@@ -12,7 +12,10 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <cerrno>
 #include <chrono>
+#include <iterator>
 #include <stdexcept>
 #include <thread>
 
@@ -76,31 +79,61 @@ void hide_devices_once() {
     static_cast<void>(hidden);
 }
 
-/// Puts the run's own directory at /tmp, for this process alone.
-bool enter_private_tmp(const std::filesystem::path& directory) {
-    return directory.empty() || (unshare(CLONE_NEWNS) == 0 &&
-                                 mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
-                                 mount(directory.c_str(), "/tmp", nullptr, MS_BIND, nullptr) == 0);
-}
+// Between fork and exec only calls that are safe there.
 
-/// Only calls that are safe between fork and exec.
-[[noreturn]] void become_program(const ProgramSettings& settings, char** arguments,
-                                 char** environment) {
-    prctl(PR_SET_PDEATHSIG, SIGKILL);
+bool redirect_streams(const ProgramSettings& settings) {
     constexpr mode_t mode = 0644;
     const int output =
         open(settings.console_file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND, mode);
     const int errors =
         open(settings.error_file.c_str(), O_WRONLY | O_CREAT | O_TRUNC | O_APPEND, mode);
     const int input = open("/dev/null", O_RDONLY);
-    const bool is_ready =
-        dup2(input, STDIN_FILENO) >= 0 && dup2(output, STDOUT_FILENO) >= 0 &&
-        dup2(errors, STDERR_FILENO) >= 0 && chdir(settings.directory.c_str()) == 0 &&
-        enter_private_tmp(settings.private_tmp) && (!settings.user || setuid(*settings.user) == 0);
-    if (is_ready) {
-        execve(settings.program.c_str(), arguments, environment);
+    return dup2(input, STDIN_FILENO) >= 0 && dup2(output, STDOUT_FILENO) >= 0 &&
+           dup2(errors, STDERR_FILENO) >= 0;
+}
+
+/// Puts the run's own directory at /tmp, for this process alone. Gives 0 or what failed.
+int enter_private_tmp(const char* directory) {
+    if (unshare(CLONE_NEWNS) == 0 &&
+        mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) == 0 &&
+        mount(directory, "/tmp", nullptr, MS_BIND, nullptr) == 0) {
+        return 0;
     }
-    _exit(cannot_prepare_run);
+    return errno == EPERM ? no_right_to_mount : no_private_tmp;
+}
+
+/// Becomes the program, or gives what failed.
+int become_program(const ProgramSettings& settings, char** arguments, char** environment) {
+    prctl(PR_SET_PDEATHSIG, SIGKILL);
+    if (!redirect_streams(settings)) {
+        return no_streams;
+    }
+    if (chdir(settings.directory.c_str()) != 0) {
+        return no_working_directory;
+    }
+    // Opened before a private /tmp, which may hide it.
+    const int program = open(settings.program.c_str(), O_PATH | O_CLOEXEC);
+    const int failure =
+        settings.private_tmp.empty() ? 0 : enter_private_tmp(settings.private_tmp.c_str());
+    if (failure != 0) {
+        return failure;
+    }
+    if (settings.user && setuid(*settings.user) != 0) {
+        return no_other_user;
+    }
+    execveat(program, "", arguments, environment, AT_EMPTY_PATH);
+    return no_program;
+}
+
+/// The file that the last `-l` names.
+std::string log_file(const std::vector<std::string>& arguments) {
+    const auto option = std::find(arguments.rbegin(), arguments.rend(), "-l");
+    return option == arguments.rend() || option == arguments.rbegin() ? "" : *std::prev(option);
+}
+
+/// A terminal, device or fifo gives nothing back.
+std::string read_regular_file(const std::filesystem::path& path) {
+    return std::filesystem::is_regular_file(path) ? read_file(path) : "";
 }
 
 }  // namespace
@@ -109,6 +142,8 @@ ProgramProcess::ProgramProcess(const ProgramSettings& settings,
                                const std::vector<std::string>& arguments)
     : console_file_(settings.console_file),
       error_file_(settings.error_file),
+      arguments_(arguments),
+      at_end_(settings.at_end),
       deadline_(now_in_seconds() + RUN_TIME_LIMIT) {
     if (!settings.simulation.empty()) {
         hide_devices_once();
@@ -123,8 +158,8 @@ ProgramProcess::ProgramProcess(const ProgramSettings& settings,
         throw std::runtime_error("no process");
     }
     if (pid_ == 0) {
-        become_program(settings, const_cast<char**>(argument_pointers.data()),
-                       const_cast<char**>(environment_pointers.data()));
+        _exit(become_program(settings, const_cast<char**>(argument_pointers.data()),
+                             const_cast<char**>(environment_pointers.data())));
     }
 }
 
@@ -172,10 +207,32 @@ RunResult ProgramProcess::finish() {
     }
     run.exit_code = WIFEXITED(wait_status_) ? WEXITSTATUS(wait_status_) : -1;
     run.signal = WIFSIGNALED(wait_status_) ? WTERMSIG(wait_status_) : 0;
-    // A terminal or device gives nothing back.
-    run.console = std::filesystem::is_regular_file(console_file_) ? read_file(console_file_) : "";
+    run.console = read_regular_file(console_file_);
     run.errors = read_file(error_file_);
+    run.log = read_regular_file(log_file(arguments_));
+    if (at_end_) {
+        at_end_(arguments_, run);
+    }
     return run;
+}
+
+std::string failed_preparation(const RunResult& run) {
+    switch (run.exit_code) {
+        case no_streams:
+            return "could not redirect its streams";
+        case no_working_directory:
+            return "could not enter its directory";
+        case no_right_to_mount:
+            return "no right to mount a private /tmp";
+        case no_private_tmp:
+            return "could not mount a private /tmp";
+        case no_other_user:
+            return "could not become another user";
+        case no_program:
+            return "could not execute the program";
+        default:
+            return "";
+    }
 }
 
 bool can_become(uid_t user) {

@@ -11,8 +11,15 @@
 #include <string>
 #include <vector>
 
-/// Exit code of a child that could not become the program.
-constexpr int cannot_prepare_run = 127;
+/// Exit codes of a child that could not become the program, which itself ends with 13 at most.
+enum FailedPreparation : int {
+    no_streams = 120,
+    no_working_directory,
+    no_right_to_mount,
+    no_private_tmp,
+    no_other_user,
+    no_program,
+};
 
 /// How one run came out.
 struct RunResult {
@@ -21,8 +28,11 @@ struct RunResult {
     bool timed_out = false;
     std::string console;  ///< standard output
     std::string errors;   ///< standard error
-    std::string log;      ///< the log file
+    std::string log;      ///< the log file that `-l` names
 };
+
+/// What kept a child from becoming the program; empty when it did.
+std::string failed_preparation(const RunResult& run);
 
 struct ProgramSettings {
     std::filesystem::path program;
@@ -36,6 +46,8 @@ struct ProgramSettings {
     std::optional<uid_t> user;                       ///< run as this user
     /// Stands at /tmp for this run; empty: the system's own.
     std::filesystem::path private_tmp;
+    /// Is shown how each run ended, with its arguments.
+    std::function<void(const std::vector<std::string>&, const RunResult&)> at_end;
 };
 
 /// The program on its way. It is killed when it outlives its time or its owner.
@@ -49,7 +61,7 @@ class ProgramProcess {
     /// Waits until `condition` holds. False when the program ended, or its time passed, before.
     bool wait_until(const std::function<bool()>& condition);
     void send_signal(int number);
-    /// Waits for the end. The log is left to the caller.
+    /// Waits for the end.
     RunResult finish();
 
   private:
@@ -57,6 +69,8 @@ class ProgramProcess {
     bool has_time_left() const;
 
     std::filesystem::path console_file_, error_file_;
+    std::vector<std::string> arguments_;
+    decltype(ProgramSettings::at_end) at_end_;
     pid_t pid_ = -1;
     int wait_status_ = 0;
     bool ended_ = false;
