@@ -73,6 +73,21 @@ word_sizes() {
     esac
 }
 
+# run_tests <name> <ctest argument ...>: runs the tests as root, and fails for a skip that nobody
+# allowed.
+run_tests() {
+    local report=$top/build/$1-tests.xml code=0
+    shift
+    as_root rm -f "$report"
+    # A reason to skip stands behind what the test says first.
+    run_as_root ctest "$@" --output-junit "$report" --test-output-size-passed 16384 || code=$?
+    # Not every argument runs tests.
+    if [[ -f $report ]]; then
+        scripts/check-skips "$report" || code=1
+    fi
+    return "$code"
+}
+
 # configure <preset> [cmake argument ...]: silent unless it fails. A build tree that came along
 # with a copied checkout is started afresh.
 configure() {

@@ -3,9 +3,26 @@
 #include <dirent.h>
 #include <dlfcn.h>
 
+#include <cstdio>
+#include <deque>
+
 namespace {
 
 bool types_hidden = false;
+bool has_given_entries = false;
+std::deque<std::string> given_entries;
+
+dirent* next_given_entry() {
+    static dirent entry;
+    if (given_entries.empty()) {
+        return nullptr;
+    }
+    entry = {};
+    entry.d_type = DT_REG;
+    std::snprintf(entry.d_name, sizeof(entry.d_name), "%s", given_entries.front().c_str());
+    given_entries.pop_front();
+    return &entry;
+}
 
 dirent* next_entry(const char* symbol, DIR* directory) {
     using Function = dirent* (*)(DIR*);
@@ -19,6 +36,11 @@ dirent* next_entry(const char* symbol, DIR* directory) {
 
 }  // namespace
 
+void directory_double_gives(const std::vector<std::string>& names) {
+    has_given_entries = !names.empty();
+    given_entries.assign(names.begin(), names.end());
+}
+
 void directory_double_hides_types(bool hide) {
     types_hidden = hide;
 }
@@ -31,5 +53,5 @@ constexpr const char real_name[] = "readdir";
 #endif
 
 extern "C" dirent* readdir(DIR* directory) {
-    return next_entry(real_name, directory);
+    return has_given_entries ? next_given_entry() : next_entry(real_name, directory);
 }
