@@ -52,11 +52,18 @@ milliseconds wait_of(const Injection& injection) {
     return milliseconds(waits_for_transfer ? transfer_timeout : information_timeout);
 }
 
-/// Takes as many as are wanted, by the seed; the rest is dropped.
+/// Enough of one target to say whether its faults strike.
+constexpr int fewest_of_a_target = 5;
+
+/// Takes as many as are wanted, by the seed, but first some of each target; the rest is dropped.
 template <typename Item>
 void choose(std::vector<Item>& items, std::size_t count, std::uint32_t seed) {
     std::mt19937 random(seed);
     std::shuffle(items.begin(), items.end(), random);
+    std::map<std::string, int> taken;
+    std::stable_partition(items.begin(), items.end(), [&taken](const Item& one) {
+        return ++taken[one.target()] <= fewest_of_a_target;
+    });
     if (count > 0 && count < items.size()) {
         items.erase(items.begin() + static_cast<std::ptrdiff_t>(count), items.end());
     }
@@ -98,8 +105,21 @@ bool Campaign::run() {
     const std::vector<Case> late = std::move(late_cases_);
     late_count_ = static_cast<int>(late.size());
     run_all(late, jobs_of_late_cases, true);
-    return std::all_of(tallies_.begin(), tallies_.end(),
-                       [](const auto& row) { return row.second.violations == 0; });
+    const bool has_struck = !report_missed();
+    return has_struck && std::all_of(tallies_.begin(), tallies_.end(),
+                                     [](const auto& row) { return row.second.violations == 0; });
+}
+
+bool Campaign::report_missed() const {
+    bool found = false;
+    for (const auto& [target, strikes] : strikes_) {
+        if (strikes.mostly_missed()) {
+            std::printf("MISSED %s: %d of %d faults did not strike\n", target.c_str(),
+                        strikes.missed, strikes.injections);
+            found = true;
+        }
+    }
+    return found;
 }
 
 bool Campaign::measure_sound_runs() {
@@ -134,6 +154,7 @@ std::vector<Campaign::Case> Campaign::all_injection_cases() const {
                     continue;
                 }
                 for (Injection& one : all_injections(record, command, goes_on, device)) {
+                    one.number += settings_.aim_past;
                     cases.push_back({std::move(one), -1});
                 }
             }
@@ -167,11 +188,21 @@ std::vector<Campaign::Case> Campaign::chosen_cases() const {
     choose(cases, settings_.count, settings_.seed);
     const std::vector<Case> kills = kill_cases();
     cases.insert(cases.end(), kills.begin(), kills.end());
-    std::vector<Case> sliced;
-    for (std::size_t i = settings_.slice; i < cases.size(); i += settings_.slices) {
-        sliced.push_back(cases[i]);
+    return slice_of(std::move(cases));
+}
+
+// All cases of a target belong to one slice, or nearly all, so that the slice can judge them.
+std::vector<Campaign::Case> Campaign::slice_of(std::vector<Case> cases) const {
+    std::stable_sort(cases.begin(), cases.end(),
+                     [](const Case& a, const Case& b) { return a.target() < b.target(); });
+    std::map<std::string, std::size_t> slice_of_target;
+    for (std::size_t i = 0; i < cases.size(); ++i) {
+        slice_of_target.try_emplace(cases[i].target(), i * settings_.slices / cases.size());
     }
-    return sliced;
+    std::erase_if(cases, [&](const Case& one) {
+        return slice_of_target.at(one.target()) != settings_.slice;
+    });
+    return cases;
 }
 
 void Campaign::run_all(const std::vector<Case>& cases, unsigned int jobs, bool is_last_chance) {
@@ -268,6 +299,9 @@ void Campaign::take(const Case& one, const Outcome& outcome, bool is_last_chance
     }
     ++tally.injections;
     tally.missed += outcome.has_struck ? 0 : 1;
+    Strikes& strikes = strikes_[one.target()];
+    ++strikes.injections;
+    strikes.missed += outcome.has_struck ? 0 : 1;
     if (!outcome.violations.empty()) {
         ++tally.violations;
         report(one, outcome);

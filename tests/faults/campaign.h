@@ -16,11 +16,12 @@ struct CampaignSettings {
     std::size_t count = 0;  ///< injections, chosen by the seed; 0: all
     std::size_t kills = 0;  ///< runs that are killed at a random moment
     std::uint32_t seed = 1;
-    std::size_t slice = 0, slices = 1;  ///< of the chosen cases, every `slices`th from `slice` on
+    std::size_t slice = 0, slices = 1;  ///< of the chosen cases, target by target
     std::string only;                   ///< injections whose text contains this
     std::string repeat;                 ///< this case alone; its files are kept when it fails
     std::string program = ZELFWUPDATE;
     unsigned int jobs = 32;
+    int aim_past = 0;  ///< injections are meant for the transfer as many behind the right one
 };
 
 /// A row of the summary.
@@ -31,11 +32,22 @@ struct Tally {
     int violations = 0;
 };
 
+/// How many faults of one target ("control/stall") struck.
+struct Strikes {
+    int injections = 0;
+    int missed = 0;
+
+    /// Too many to blame the runs, no two of which have quite the same transfers. Of fewer than
+    /// four nothing is said.
+    bool mostly_missed() const { return injections >= 4 && missed * 2 > injections; }
+};
+
 class Campaign {
   public:
     explicit Campaign(CampaignSettings settings);
 
-    /// Runs all cases and prints each violation as it is found. False when there was one.
+    /// Runs all cases and prints each violation as it is found. False when there was one, or when
+    /// the faults of a target mostly missed.
     bool run();
     void print_summary() const;
 
@@ -46,6 +58,7 @@ class Campaign {
 
         bool is_kill() const { return kill_after >= 0; }
         std::string text() const;
+        std::string target() const { return is_kill() ? "kill" : injection.target(); }
     };
     struct Outcome {
         Violations violations;
@@ -57,6 +70,7 @@ class Campaign {
     bool measure_sound_runs();
     std::vector<Case> chosen_cases() const;
     std::vector<Case> all_injection_cases() const;
+    std::vector<Case> slice_of(std::vector<Case> cases) const;
     std::vector<Case> kill_cases() const;
     void run_all(const std::vector<Case>& cases, unsigned int jobs, bool is_last_chance);
     Outcome run_case(const Case& one) const;
@@ -67,10 +81,12 @@ class Campaign {
     std::chrono::milliseconds sound_duration(const std::string& command) const;
     void take(const Case& one, const Outcome& outcome, bool is_last_chance);
     void report(const Case& one, const Outcome& outcome) const;
+    bool report_missed() const;
 
     CampaignSettings settings_;
     SoundRuns sound_;
     std::map<std::string, Tally> tallies_;
+    std::map<std::string, Strikes> strikes_;  ///< by target
     std::vector<Case> late_cases_;
     int late_count_ = 0;
 };

@@ -26,7 +26,11 @@ constexpr char usage[] =
     "  --jobs J      cases side by side (32); they mostly sleep\n"
     "  --repeat CASE this case alone, as a violation names it; keeps its files when it fails\n"
     "  --program P   another build of the program\n"
-    "Exit code 1 when there was a violation.\n";
+    "  --aim-past N  at the transfer N behind the one that an injection names, to see what is "
+    "said\n"
+    "                when faults do not strike\n"
+    "Exit code 1 when there was a violation, or when most faults of a target (event and kind)\n"
+    "did not strike.\n";
 
 /// Takes the arguments, each with a value, into the settings; false when one is wrong.
 bool parse(int argc, char** argv, CampaignSettings& settings) {
@@ -53,6 +57,8 @@ bool parse(int argc, char** argv, CampaignSettings& settings) {
             settings.repeat = value;
         } else if (name == "--program") {
             settings.program = value;
+        } else if (name == "--aim-past") {
+            settings.aim_past = static_cast<int>(number(value));
         } else if (name == "--slice" && value.find('/') != std::string::npos) {
             settings.slice = number(value);
             settings.slices = number(value.substr(value.find('/') + 1));

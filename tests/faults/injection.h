@@ -33,6 +33,8 @@ struct Injection {
     std::string fault() const;
     /// The summary's name of the fault.
     std::string family() const;
+    /// What is struck, and how: "control/stall".
+    std::string target() const { return event + "/" + kind->name; }
     /// Whether the run writes its debug lines: every other one does.
     bool has_debug_log() const { return number % 2 == 1; }
 };
