@@ -133,10 +133,20 @@ class Lexer {
     std::vector<Literal> literals_;
 };
 
-std::string trimmed(const std::string& text) {
-    const std::size_t first = text.find_first_not_of(' ');
-    return first == std::string::npos ? ""
-                                      : text.substr(first, text.find_last_not_of(' ') - first + 1);
+/// Where the part begins behind `at`, on the same line and not far off; npos when it does not.
+std::size_t find_near(const std::string& texts, const std::string& part, std::size_t at) {
+    // What a conversion prints, and what a test puts in its place.
+    constexpr std::ptrdiff_t most_literals_between = 3;
+    constexpr std::size_t longest_gap = 300;
+    const std::size_t found = texts.find(part, at);
+    if (found == std::string::npos || found - at > longest_gap) {
+        return std::string::npos;
+    }
+    const auto begin = texts.begin() + static_cast<std::ptrdiff_t>(at);
+    const auto end = texts.begin() + static_cast<std::ptrdiff_t>(found);
+    const bool is_near =
+        std::find(begin, end, '\n') == end && std::count(begin, end, '\0') <= most_literals_between;
+    return is_near ? found : std::string::npos;
 }
 
 }  // namespace
@@ -146,27 +156,43 @@ std::vector<Literal> string_literals(const std::filesystem::path& file) {
     return Lexer(file.filename().string(), text).literals();
 }
 
-std::vector<std::string> fixed_parts(const std::string& format) {
+std::vector<std::vector<std::string>> fixed_lines(const std::string& format) {
     constexpr char conversions[] = "diuoxXcspfFeEgGaA";
-    std::vector<std::string> parts(1);
+    std::vector<std::vector<std::string>> lines = {{""}};
     for (std::size_t at = 0; at < format.size(); ++at) {
         if (format.compare(at, 2, "%%") == 0) {
-            parts.back() += '%';
+            lines.back().back() += '%';
             ++at;
         } else if (format[at] == '%') {
             at = std::min(format.find_first_of(conversions, at), format.size());
-            parts.emplace_back();
-        } else if (format[at] == '\n' || format[at] == '\t') {
-            parts.emplace_back();
+            lines.back().emplace_back();
+        } else if (format[at] == '\n') {
+            lines.push_back({""});
         } else {
-            parts.back() += format[at];
+            lines.back().back() += format[at];
         }
     }
-    std::transform(parts.begin(), parts.end(), parts.begin(), trimmed);
-    std::stable_sort(parts.begin(), parts.end(), [](const std::string& a, const std::string& b) {
-        return a.size() > b.size();
-    });
-    return parts;
+    for (auto& parts : lines) {
+        std::erase(parts, "");
+    }
+    return lines;
+}
+
+bool holds_line(const std::string& texts, const std::vector<std::string>& parts) {
+    for (std::size_t first = texts.find(parts.front()); first != std::string::npos;
+         first = texts.find(parts.front(), first + 1)) {
+        std::size_t at = first;
+        const bool found = std::all_of(parts.begin(), parts.end(), [&](const std::string& part) {
+            at = find_near(texts, part, at);
+            const bool is_there = at != std::string::npos;
+            at += is_there ? part.size() : 0;
+            return is_there;
+        });
+        if (found) {
+            return true;
+        }
+    }
+    return false;
 }
 
 std::string file_text(const std::filesystem::path& file) {

@@ -16,9 +16,12 @@ struct Literal {
 /// The string literals of a C++ source, without those of preprocessor lines and static_asserts.
 std::vector<Literal> string_literals(const std::filesystem::path& file);
 
-/// The parts of a format that are printed as they stand, longest first: cut at conversions,
-/// newlines and tabs, trimmed.
-std::vector<std::string> fixed_parts(const std::string& format);
+/// The lines of a format, each as the parts that are printed as they stand: cut at conversions.
+std::vector<std::vector<std::string>> fixed_lines(const std::string& format);
+
+/// Whether a line stands somewhere in `texts`, literals with a zero byte between them: its parts
+/// one after the other, with little between them and no line's end.
+bool holds_line(const std::string& texts, const std::vector<std::string>& parts);
 
 /// The whole file.
 std::string file_text(const std::filesystem::path& file);

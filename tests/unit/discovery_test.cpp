@@ -163,6 +163,8 @@ TEST_F(Discovery, TakesAPlainList) {
     EXPECT_EQ(0, entry.component[3].build_level);
     EXPECT_EQ(0, entry.component[2].comp_id);
     EXPECT_EQ(1, empty_lines());
+    EXPECT_EQ(1, debugged("Reading data, rc=0, buffer[]=01.00.18.00 (status[0]=00 "
+                          "last_status[0]=01)"));
 }
 
 TEST_F(Discovery, SwapsThePlainListsLevelsWhenAsked) {
@@ -213,6 +215,8 @@ TEST_F(Discovery, IgnoresComponentNumbersThatHaveNoRow) {
     EXPECT_EQ(0, extended_list(15, {{20, 2, 1, 0, 9}, {200, 2, 1, 0, 9}, {7, 2, 1, 0, 9}}));
     EXPECT_EQ(1, entry.component_count);
     EXPECT_EQ(9, entry.component[7].build_level);
+    EXPECT_EQ(2, debugged("Component 20 is above 19, ignored"));
+    EXPECT_EQ(1, debugged("Component 200 is above 19, ignored"));
 }
 
 TEST_F(Discovery, EndsAListAtAnEmptyEntry) {
