@@ -61,6 +61,7 @@ TEST_F(Selection, SerialNumberFilterTakesOneDevice) {
 TEST_F(Selection, SerialNumberMustBeEqual) {
     EXPECT_EQ(listed({"-s", "PR000"}), "");
     EXPECT_EQ(listed({"-s", "pr0002"}), "");
+    EXPECT_THAT(commands("printer-2"), Not(IsEmpty()));
 }
 
 TEST_F(Selection, SeveralSerialNumberFiltersAddUp) {
@@ -120,7 +121,7 @@ TEST_F(Selection, OnlyDevicesWithAFirmwareFileGetCommandsInAnUpdate) {
 
 TEST_F(Selection, ListAsksDevicesWithoutAFirmwareFile) {
     add_firmware("scanner.dat", {.product = 0x3C36});
-    listed({});
+    EXPECT_EQ(listed({}), printer_1 + printer_2 + scanner);
     EXPECT_THAT(commands("printer-1"), Not(IsEmpty()));
 }
 

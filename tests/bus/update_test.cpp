@@ -126,7 +126,12 @@ TEST_F(Update, DeviceWithThreeComponentsIsGivenTimeAfterItsReset) {
 TEST_F(Update, DeviceWithTwoComponentsIsNotGivenExtraTime) {
     set_bus({printer_with({{}, {.id = 1}})});
     add_firmware("main.dat", {});
-    EXPECT_THAT(update({"-4", "700"}).console, Not(HasSubstr("Sleeping for")));
+    const RunResult result = update({"-4", "700"});
+    EXPECT_EQ(result.exit_code, 0);
+    EXPECT_THAT(result.console,
+                HasSubstr("Firmware update of Product ID 3c35 COMP: 0 finished, rc=0\n"
+                          "Sleeping to allow reset device to respond\n"));
+    EXPECT_EQ(state().resets, 1);
 }
 
 TEST_F(Update, SeveralDevicesAreUpdatedInOneRun) {

@@ -243,7 +243,8 @@ TEST_F(Wire, NoClosedHandleIsEverUsed) {
             fault_text("scanner", "record", "unplug", "number = 4"));
     add_firmware("boot.dat", {.component = 1});
     add_firmware("scanner.dat", {.product = 0x3C36});
-    update({"-a"});
+    EXPECT_EQ(update({"-a"}).exit_code, 0);
+    EXPECT_EQ(record().of_kind("scanner", "fault").size(), 1U);
     for (const Transfer& one : record().all()) {
         EXPECT_NE(one.kind, "misuse") << one.device << " " << one.setup;
     }

@@ -241,8 +241,13 @@ TEST_F(CommandLineAsRoot, AUsbLibraryThatLacksFunctionsExitsWithThree) {
 }
 
 TEST_F(CommandLineAsRoot, TimeoutsAreEchoedOnlyOnceTheLibraryIsBound) {
-    run({"-L", "-n", "1", "-0", "1"}, {usb(incomplete_usb)});
-    EXPECT_THAT(log(), Not(HasSubstr("Information response timeout")));
+    const std::vector<std::string> arguments = {"-L", "-n", "1", "-0", "1"};
+    const std::string echo = "Information response timeout: 1 milliseconds\n";
+    EXPECT_EQ(run(arguments, {usb(incomplete_usb)}).exit_code, 3);
+    EXPECT_THAT(log(), EndsWith("\nCould not load HID libraries (rc=3)\n"));
+    EXPECT_THAT(log(), Not(HasSubstr(echo)));
+    EXPECT_EQ(run(arguments).exit_code, 5);
+    EXPECT_THAT(log(), HasSubstr(echo));
 }
 
 TEST_F(CommandLineAsRoot, GettingAComponentNeedsAnOutputFile) {

@@ -339,4 +339,7 @@ TEST_F(FirmwareDisplay, ComponentLineNeedsARowOfTheTable) {
     session_->show_component_information(&entry, -1);
     session_->show_component_information(&entry, max_components);
     EXPECT_EQ(capture.take().log, "");
+    OutputCapture of_the_last_row;
+    session_->show_component_information(&entry, max_components - 1);
+    EXPECT_THAT(of_the_last_row.take().log, HasSubstr("    Component: ID: "));
 }

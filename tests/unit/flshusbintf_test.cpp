@@ -946,19 +946,40 @@ TEST_F(UsbInterface, LearnsNoReportsWithoutAReportDescriptor) {
     EXPECT_EQ(log.count("Report Counts"), 0);
 }
 
-TEST_F(UsbInterface, DropsThe97thReportOfAKind) {
+namespace {
+
+/// A main item that makes reports, and the count of those that it makes.
+struct KindOfReport {
+    const char* name;
+    uint8_t prefix;
+    int USBINTF::*count;
+};
+
+class ReportTableOf : public UsbInterface, public testing::WithParamInterface<KindOfReport> {};
+
+}  // namespace
+
+INSTANTIATE_TEST_SUITE_P(Each, ReportTableOf,
+                         testing::Values(KindOfReport{"Inputs", 0x80, &USBINTF::InputReportCount},
+                                         KindOfReport{"Outputs", 0x90, &USBINTF::OutputReportCount},
+                                         KindOfReport{"Features", 0xB0,
+                                                      &USBINTF::FeatureReportCount}),
+                         [](const auto& given) { return given.param.name; });
+
+TEST_P(ReportTableOf, DropsThe97th) {
     FakeUsbDevice& device = flash_device();
     std::vector<Bytes> parts{item(0x74, {8}), item(0x94, {1})};
     for (int i = 0; i < 3; ++i) {
-        parts.insert(parts.end(), {item(0x18, {1}), item(0x28, {32}), item(0x80, {2})});
+        parts.insert(parts.end(),
+                     {item(0x18, {1}), item(0x28, {32}), item(GetParam().prefix, {2})});
     }
     device.report_descriptor = join(parts);
     // The same reports twice: 96 and 96 again.
     device.configurations[0].interfaces[0][0].extra = {12,   0x21, 0x11, 1,    0,  2,
                                                        0x22, 22,   0,    0x22, 22, 0};
-    device.report_descriptor.resize(22);
+    ASSERT_EQ(device.report_descriptor.size(), 22U);
     claim(device);
-    EXPECT_EQ(intf().InputReportCount, 96);
+    EXPECT_EQ(intf().*GetParam().count, 96);
     EXPECT_EQ(log.count("    ReportID:"), 96);
 }
 

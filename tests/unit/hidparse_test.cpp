@@ -158,18 +158,47 @@ TEST(HidParser, DropsThe33rdSingleUsage) {
     EXPECT_EQ(parse(join(parts))->InputReportIndex, 32);
 }
 
-TEST(HidParser, DropsTheRecordsBeyond96OfAKind) {
+TEST(HidParser, DropsTheRecordsBeyond96OfEachKind) {
+    struct Kind {
+        uint8_t prefix;
+        int32_t HidParser::*count;
+        HidReport* (HidParser::*get)(int);
+    };
+    const Kind kinds[] = {
+        {input, &HidParser::InputReportIndex, &HidParser::GetInputReport},
+        {output, &HidParser::OutputReportIndex, &HidParser::GetOutputReport},
+        {feature, &HidParser::FeatureReportIndex, &HidParser::GetFeatureReport},
+    };
+    for (const Kind& kind : kinds) {
+        SCOPED_TRACE(static_cast<int>(kind.prefix));
+        std::vector<Bytes> parts{layout(8, 1)};
+        for (int i = 0; i < 3; ++i) {
+            parts.insert(parts.end(), {item(usage_minimum, {1}), item(usage_maximum, {32}),
+                                       item(kind.prefix, {2})});
+        }
+        parts.insert(parts.end(), {item(usage, {97}), item(kind.prefix, {2})});
+        const auto parser = parse(join(parts));
+        EXPECT_EQ((*parser).*kind.count, 96);
+        EXPECT_EQ(parser->UsageIndex, 96);
+        const HidReport* const last = (*parser.*kind.get)(95);
+        ASSERT_NE(last, nullptr);
+        EXPECT_EQ(last->Usage, 32);
+        EXPECT_EQ((*parser.*kind.get)(96), nullptr);
+    }
+}
+
+TEST(HidParser, CountsTheRecordsOfEachKindByThemselves) {
     std::vector<Bytes> parts{layout(8, 1)};
-    for (int i = 0; i < 4; ++i) {
-        parts.push_back(item(usage_minimum, {1}));
-        parts.push_back(item(usage_maximum, {32}));
-        parts.push_back(item(output, {2}));
+    for (const uint8_t prefix : {input, output, feature, input, output, feature, input, output,
+                                 feature, input, output, feature}) {
+        parts.insert(parts.end(),
+                     {item(usage_minimum, {1}), item(usage_maximum, {32}), item(prefix, {2})});
     }
     const auto parser = parse(join(parts));
+    EXPECT_EQ(parser->InputReportIndex, 96);
     EXPECT_EQ(parser->OutputReportIndex, 96);
+    EXPECT_EQ(parser->FeatureReportIndex, 96);
     EXPECT_EQ(parser->UsageIndex, 96);
-    EXPECT_NE(parser->GetOutputReport(95), nullptr);
-    EXPECT_EQ(parser->GetOutputReport(96), nullptr);
 }
 
 TEST(HidParser, IgnoresFourBytesOfAllOnesWhateverTheItem) {
@@ -352,6 +381,7 @@ TEST(HidParser, ParsesEveryCutOfADescriptor) {
         EXPECT_LE(parser->OutputReportIndex, 1);
         EXPECT_LE(parser->FeatureReportIndex, 2);
     }
+    EXPECT_EQ(parse(whole)->FeatureReportIndex, 2);
 }
 
 }  // namespace

@@ -103,6 +103,8 @@ TEST_F(Progress, OfNothingShowsNothing) {
         session_->send_count = transfers;
         EXPECT_EQ(shown({0, 1, 2}), "");
     }
+    session_->send_count = 2;
+    EXPECT_NE(shown({1}), "");
 }
 
 TEST_F(Progress, OfAHugeCountDoesNotOverflow) {
