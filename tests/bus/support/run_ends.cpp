@@ -26,8 +26,7 @@ std::string description(const std::vector<std::string>& arguments, const RunResu
 bool is_closed(const std::string& log) {
     const auto started = log.rfind("USB Flash Started at ");
     return started == std::string::npos ||
-           (log.find("USB Flash ended at ", started) != std::string::npos &&
-            log.ends_with("==\n"));
+           (log.find("USB Flash ended at ", started) != std::string::npos && log.ends_with("==\n"));
 }
 
 }  // namespace
