@@ -95,6 +95,13 @@ int answer(const DeviceNode& node, unsigned long request, void* argument) {
     return (*ports)[0] + 1;
 }
 
+int ioctl_any(int descriptor, unsigned long request, void* argument) {
+    static const auto real = next<int (*)(int, unsigned long, ...)>("ioctl");
+    const unsigned node = node_of(descriptor);
+    return node == 0 ? real(descriptor, request, argument)
+                     : answer({node / 256, node % 256}, request, argument);
+}
+
 /// The mode argument is there only when a file may be created.
 bool has_mode(int flags) {
     return (flags & O_CREAT) != 0 || (flags & O_TMPFILE) == O_TMPFILE;
@@ -148,14 +155,21 @@ ZELF_VISIBLE int close(int descriptor) {
 }
 
 ZELF_VISIBLE int ioctl(int descriptor, unsigned long request, ...) {
-    static const auto real = next<int (*)(int, unsigned long, ...)>("ioctl");
     va_list arguments;
     va_start(arguments, request);
     void* argument = va_arg(arguments, void*);
     va_end(arguments);
-    const unsigned node = node_of(descriptor);
-    return node == 0 ? real(descriptor, request, argument)
-                     : answer({node / 256, node % 256}, request, argument);
+    return ioctl_any(descriptor, request, argument);
+}
+
+// What a 32-bit program with 64-bit times calls.
+// NOLINTNEXTLINE(bugprone-reserved-identifier)
+ZELF_VISIBLE int __ioctl_time64(int descriptor, unsigned long request, ...) {
+    va_list arguments;
+    va_start(arguments, request);
+    void* argument = va_arg(arguments, void*);
+    va_end(arguments);
+    return ioctl_any(descriptor, request, argument);
 }
 
 }  // extern "C"

@@ -4,7 +4,6 @@
 #include "journal/private_file.h"
 
 #include <sys/time.h>
-#include <sys/timeb.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
@@ -33,13 +32,17 @@ std::atomic<std::uint32_t> adjust_time{0};
 /// 1 while the message about a backward step is written: its own stamp must not report again.
 std::atomic<bool> reporting_step_back{false};
 
-timeb read_timeb() {
-    timeb now = {};
-#pragma GCC diagnostic push
-#pragma GCC diagnostic ignored "-Wdeprecated-declarations"
-    ftime(&now);
-#pragma GCC diagnostic pop
-    return now;
+struct Moment {
+    std::uint16_t milliseconds;  ///< of the second
+    int minutes_west;            ///< of Greenwich
+};
+
+/// What `ftime` tells. It is not called itself: a 32-bit C library's knows no 64-bit times.
+Moment read_moment() {
+    timeval now = {};
+    struct timezone zone = {};
+    gettimeofday(&now, &zone);
+    return {static_cast<std::uint16_t>(now.tv_usec / 1000), zone.tz_minuteswest};
 }
 
 /// Writes a record by one call, so that a signal that ends the process leaves whole records.
@@ -182,7 +185,7 @@ void Trace::CreateBackupCopies() {
 }
 
 traceStruct3 Trace::make_header(std::uint32_t minorCode, std::uint32_t length) {
-    const timeb now = read_timeb();
+    const Moment now = read_moment();
     traceStruct3 header = {};
     header.length = length;
     header.minorCode = minorCode;
@@ -191,10 +194,10 @@ traceStruct3 Trace::make_header(std::uint32_t minorCode, std::uint32_t length) {
     header.pid = static_cast<std::uint32_t>(getpid());
     header.time = static_cast<std::uint32_t>(::time(nullptr));
     header.component = component;
-    header.milliseconds = now.millitm;
+    header.milliseconds = now.milliseconds;
     if (minorCode == trace_kind::version) {
         // Minutes divided by the seconds of an hour: 0 in every real time zone.
-        header.component = static_cast<std::uint8_t>(now.timezone / 3600);
+        header.component = static_cast<std::uint8_t>(now.minutes_west / 3600);
     }
     return header;
 }

@@ -1,7 +1,6 @@
 #include "support/clock_double.h"
 
 #include <sys/time.h>
-#include <sys/timeb.h>
 
 #include <atomic>
 #include <ctime>
@@ -26,7 +25,8 @@ void clock_double_says_zone(std::int16_t minutes) {
     zone = minutes;
 }
 
-extern "C" int gettimeofday(timeval* time, void* /*time_zone*/) noexcept {
+// Where times have 64 bits on a 32-bit system, the system's header gives this another name.
+extern "C" int gettimeofday(timeval* time, void* time_zone) noexcept {
     const std::int64_t milliseconds = standing_at;
     if (milliseconds == running) {
         timespec now = {};
@@ -36,12 +36,8 @@ extern "C" int gettimeofday(timeval* time, void* /*time_zone*/) noexcept {
         *time = {static_cast<time_t>(milliseconds / 1000),
                  static_cast<suseconds_t>(milliseconds % 1000 * 1000)};
     }
-    return 0;
-}
-
-extern "C" int ftime(timeb* time) {
-    timeval now = {};
-    gettimeofday(&now, nullptr);
-    *time = {now.tv_sec, static_cast<unsigned short>(now.tv_usec / 1000), zone, 0};
+    if (time_zone != nullptr) {
+        *static_cast<struct timezone*>(time_zone) = {zone, 0};
+    }
     return 0;
 }

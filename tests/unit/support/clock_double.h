@@ -1,6 +1,6 @@
 /// \file
 /// Stands in front of the system's time of day, so that a clock can be set back in a test, and of
-/// the milliseconds and the time zone that `ftime` gives.
+/// the time zone that comes with it.
 #pragma once
 
 #include <cstdint>
@@ -9,5 +9,5 @@
 void clock_double_stands_at(std::int64_t milliseconds);
 /// The time of day is the system's again.
 void clock_double_runs();
-/// The minutes west of Greenwich that `ftime` gives; 0 at first.
+/// The minutes west of Greenwich; 0 at first.
 void clock_double_says_zone(std::int16_t minutes);
