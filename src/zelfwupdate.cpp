@@ -1,4 +1,5 @@
 #include "command_line/options.h"
+#include "command_line/output_files.h"
 #include "command_line/usage.h"
 #include "exit_code.h"
 #include "firmware/firmware_search.h"
@@ -12,14 +13,17 @@
 
 #include <ltdl.h>
 
+#include <fcntl.h>
 #include <signal.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <cstdio>
 #include <cstdlib>
+#include <cstring>
 #include <memory>
-#include <string>
 
 namespace {
 
@@ -31,6 +35,17 @@ constexpr int highest_level_from_environment = 1000000;
 // The trace file is appended to, and would keep three copies if it were rotated.
 constexpr int trace_mode_append = 0;
 constexpr int trace_backup_count = 3;
+
+/// A file of ours that got one of the first three numbers would be written to as console.
+void open_standard_descriptors() {
+    int descriptor = 0;
+    while (descriptor >= 0 && descriptor <= STDERR_FILENO) {
+        descriptor = open("/dev/null", O_RDWR);
+    }
+    if (descriptor > STDERR_FILENO) {
+        close(descriptor);
+    }
+}
 
 /// Closes log and trace and, once it is up, the module loader on every way out of `main`.
 class RunResources {
@@ -71,6 +86,20 @@ void open_journals(const RunRequest& request) {
     }
 }
 
+/// A result of an earlier run must not be taken for that of this one, which may end without. Of a
+/// link only what it leads to.
+void remove_old_result(const char* name) {
+    struct stat about = {};
+    if (name[0] == '\0' || lstat(name, &about) != 0) {
+        return;
+    }
+    if (S_ISREG(about.st_mode)) {
+        unlink(name);
+    } else if (S_ISLNK(about.st_mode) && stat(name, &about) == 0 && S_ISREG(about.st_mode)) {
+        [[maybe_unused]] const int rc = truncate(name, 0);
+    }
+}
+
 void apply_level_from_environment() {
     if (OutputLevel != default_output_level) {
         return;
@@ -87,14 +116,13 @@ void apply_level_from_environment() {
 }
 
 void log_command_line(int argc, char** argv) {
-    std::string line = "Command line: ";
-    for (int i = 0; i < argc; ++i) {
-        line += ' ';
-        line += argv[i];
+    std::array<char, 2000> line = {"Command line: "};
+    std::size_t length = strlen(line.data());
+    for (int i = 0; i < argc && length + 1 < line.size(); ++i) {
+        const int added = snprintf(&line[length], line.size() - length, " %s", argv[i]);
+        length += added > 0 ? static_cast<std::size_t>(added) : 0;
     }
-    constexpr std::size_t longest_line = 1999;
-    line.resize(std::min(line.size(), longest_line));
-    writelog(0, "%s\n", line.c_str());
+    writelog(0, "%s\n", line.data());
 }
 
 int bind_usb_library(RunResources& resources) {
@@ -209,20 +237,13 @@ int run_session(const RunRequest& request, RunResources& resources) {
     leave_to_reader(std::move(session), resources, rc);
 }
 
-int run(int argc, char** argv) {
-    RunRequest request;
-    reset_options();
-    const int parse_result = parse_options(argc, argv, request);
-    if (parse_result >= 0) {
-        return parse_result;
-    }
-    ignore_lost_outputs();
+int run_request(int argc, char** argv, const RunRequest& request, RunResources& resources) {
     open_journals(request);
-    RunResources resources;
     if (request.command == COMMAND_VERSION) {
         show_version(1);
         return EXIT_OK;
     }
+    remove_old_result(request.rma_filename);
     show_version(0);
     if (background_read == 0) {
         writelog(0, "Timeout read disabled\n");
@@ -239,6 +260,28 @@ int run(int argc, char** argv) {
     echo_changed_timeouts();
     install_fault_report();
     return run_session(request, resources);
+}
+
+int run(int argc, char** argv) {
+    open_standard_descriptors();
+    own_console_buffer();
+    RunRequest request;
+    reset_options();
+    int result = parse_options(argc, argv, request);
+    if (result < 0) {
+        result = refuse_shared_files(request);
+    }
+    if (result >= 0) {
+        return result;
+    }
+    ignore_lost_outputs();
+    RunResources resources;
+    try {
+        return run_request(argc, argv, request, resources);
+    } catch (...) {
+        writelog(1, "The run could not be set up...exception occurred\n");
+        return EXIT_UNEXPECTED_ERROR;
+    }
 }
 
 }  // namespace

@@ -7,29 +7,26 @@
 
 #include <dirent.h>
 #include <fcntl.h>
+#include <poll.h>
 #include <sys/stat.h>
-#include <unistd.h>
 
 #include <algorithm>
-#include <chrono>
+#include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <memory>
 #include <string>
-#include <thread>
+#include <utility>
 
 FlashFile files[max_list_entries];
 int numberOfusbFlashFiles = 0;
 
 namespace {
 
-using namespace std::chrono_literals;
-
 constexpr int directory_unreadable = 7;
 
-// A fifo that nobody opens for writing counts as empty.
-constexpr auto longest_wait_for_writer = 2000ms;
-constexpr auto poll_for_writer = 10ms;
+/// A pipe from which nothing comes for so many milliseconds has ended.
+constexpr int longest_silence = 2000;
 
 /// Longest name that fits a row of `fwfilename`.
 constexpr std::size_t max_name_length = sizeof fwfilename[0] - 1;
@@ -69,41 +66,51 @@ bool add_candidate(const std::string& name) {
     return true;
 }
 
-/// Waits for a pipe, which does not block, to have a writer or something to read.
-void wait_for_writer(FILE* pipe) {
-    for (auto waited = 0ms; waited < longest_wait_for_writer; waited += poll_for_writer) {
-        const int character = fgetc(pipe);
-        const bool is_read = character != EOF && ungetc(character, pipe) == character;
-        if (is_read || ferror(pipe) != 0) {
-            break;  // an error says that there is a writer and nothing to read yet
-        }
-        clearerr(pipe);
-        std::this_thread::sleep_for(poll_for_writer);
-    }
-    clearerr(pipe);
-}
-
 /// A configuration file is a file, or a pipe from another program; never a directory or device.
-FileHandle open_config_file(const char* path) {
-    const int descriptor = open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC);
-    struct stat status = {};
-    FileHandle file;
-    if (descriptor >= 0 && fstat(descriptor, &status) == 0 &&
-        (S_ISREG(status.st_mode) || S_ISFIFO(status.st_mode))) {
-        file.reset(fdopen(descriptor, "r"));
-    }
-    if (file == nullptr) {
-        if (descriptor >= 0) {
-            close(descriptor);
+class ConfigFile {
+  public:
+    explicit ConfigFile(const char* path) : path_(path) {
+        FileDescriptor file(open(path, O_RDONLY | O_NONBLOCK | O_NOCTTY | O_CLOEXEC));
+        struct stat status = {};
+        if (file.is_open() && fstat(file.get(), &status) == 0 &&
+            (S_ISREG(status.st_mode) || S_ISFIFO(status.st_mode))) {
+            stream_ = stream_of(std::move(file), "r");
+            // A pipe that nobody has opened for writing yet reads as one that has ended.
+            has_ended_ = stream_ == nullptr || (S_ISFIFO(status.st_mode) && !wait_for_writer());
         }
-        return nullptr;
     }
-    if (S_ISFIFO(status.st_mode)) {
-        wait_for_writer(file.get());
-        fcntl(descriptor, F_SETFL, 0);
+    bool is_open() const { return stream_ != nullptr; }
+    /// EOF at the end.
+    int next_character() {
+        while (!has_ended_) {
+            errno = 0;
+            const int character = fgetc(stream_.get());
+            if (character != EOF) {
+                return character;
+            }
+            has_ended_ = errno != EAGAIN || !wait_for_writer();
+            clearerr(stream_.get());
+        }
+        return EOF;
     }
-    return file;
-}
+
+  private:
+    /// False, with a line, when the writer of a pipe neither writes nor closes it for so long that
+    /// it counts as ended.
+    bool wait_for_writer() {
+        pollfd pipe = {fileno(stream_.get()), POLLIN, 0};
+        if (poll(&pipe, 1, longest_silence) > 0) {
+            return true;
+        }
+        writelog(1, "Nothing came from '%s' for %d seconds, it counts as ended\n", path_,
+                 longest_silence / 1000);
+        return false;
+    }
+
+    const char* path_;
+    FileHandle stream_;
+    bool has_ended_ = true;
+};
 
 struct ConfigLine {
     std::string text;       ///< without its newline, at most one character more than a name
@@ -111,14 +118,14 @@ struct ConfigLine {
 };
 
 /// Reads one line of any length; false at the end of the file.
-bool read_config_line(FILE* file, ConfigLine& line) {
+bool read_config_line(ConfigFile& file, ConfigLine& line) {
     line.text.clear();
     line.has_zero = false;
-    int character = fgetc(file);
+    int character = file.next_character();
     if (character == EOF) {
         return false;
     }
-    for (; character != EOF && character != '\n'; character = fgetc(file)) {
+    for (; character != EOF && character != '\n'; character = file.next_character()) {
         line.has_zero = line.has_zero || character == 0;
         if (line.text.size() <= max_name_length) {
             line.text.push_back(static_cast<char>(character));
@@ -209,13 +216,13 @@ int search_firmware_files() {
 
 void read_config_file(const char* path) {
     numberOffwfilenames = 0;
-    const FileHandle file = open_config_file(path);
-    if (file == nullptr) {
+    ConfigFile file(path);
+    if (!file.is_open()) {
         return;
     }
     writelog(Verbose, " Reading '%s' for flash configuration\n", path);
     ConfigLine line;
-    for (int number = 1; read_config_line(file.get(), line); ++number) {
+    for (int number = 1; read_config_line(file, line); ++number) {
         if (!line.text.empty() && line.text.front() == '#') {
             continue;
         }
@@ -277,6 +284,7 @@ bool force_marker_exists(const char* firmware_name) {
 void delete_force_marker(const char* firmware_name) {
     const std::string marker = force_marker_name(firmware_name);
     if (remove(marker.c_str()) != 0) {
-        writedebug("could not delete '%s'\n", marker.c_str());
+        writelog(1, "Could not delete '%s', the next run forces this update again\n",
+                 marker.c_str());
     }
 }

@@ -1,16 +1,17 @@
 #include "journal/output.h"
 
 #include "journal/file_handle.h"
-#include "journal/private_file.h"
 #include "journal/zelfwtrace.h"
 
 #include <unistd.h>
 
 #include <algorithm>
+#include <array>
 #include <chrono>
 #include <cstdarg>
 #include <cstring>
 #include <mutex>
+#include <utility>
 
 int OutputLevel = 1;
 int Verbose = 0;
@@ -23,6 +24,8 @@ constexpr std::size_t debug_message_size = 41960;
 /// First level at which debug messages are written.
 constexpr int debug_level = 3;
 constexpr std::chrono::seconds longest_wait_for_writer{1};
+/// Log and console have buffers of their own, so that no message needs memory.
+constexpr std::size_t stream_buffer_size = 4096;
 
 /// Keeps `hLogFile` open while a thread writes to it. Recursive: a fault report may be written by
 /// a thread that faulted inside a writer.
@@ -176,11 +179,32 @@ void writedebug(const char* szFormat, ...) {
 
 void ShowMessage(const char* /*szFormat*/, ...) {}
 
+void own_console_buffer() {
+    static std::array<char, stream_buffer_size> buffer;
+    setvbuf(stdout, buffer.data(), isatty(STDOUT_FILENO) != 0 ? _IOLBF : _IOFBF, buffer.size());
+}
+
 void open_log_file(const char* name) {
-    FILE* stream = strcmp(name, default_log_filename) == 0 ? open_private_file(name, false)
-                                                           : open_for_writing(name, false);
-    const LogFileLock lock(log_file_in_use);
-    hLogFile = stream;
+    static std::array<char, stream_buffer_size> buffer;
+    FileDescriptor file =
+        strcmp(name, default_log_filename) == 0 ? open_private_file(name) : open_for_append(name);
+    const bool is_alone = !file.is_open() || claim_alone(file);
+    if (file.is_open()) {
+        if (is_alone) {
+            cut_to_nothing(file);
+        }
+        share(file);
+    }
+    {
+        const LogFileLock lock(log_file_in_use);
+        hLogFile = stream_of(std::move(file), "ab").release();
+        if (hLogFile != nullptr) {
+            setvbuf(hLogFile, buffer.data(), _IOFBF, buffer.size());
+        }
+    }
+    if (!is_alone) {
+        writelog(0, "Another run writes to this log, which is not started anew\n");
+    }
 }
 
 void close_log_file() {

@@ -33,8 +33,11 @@ void writedebug(const char* szFormat, ...) __attribute__((format(printf, 1, 2)))
 /// A message box request; there are none on this platform.
 void ShowMessage(const char* szFormat, ...) __attribute__((format(printf, 1, 2)));
 
-/// Opens `name` with mode "w" as the log file. A failure leaves `hLogFile` null and is not
-/// reported.
+/// Gives standard output a buffer, before anything is written to it.
+void own_console_buffer();
+
+/// Opens `name` as the log file and starts it anew. When another run writes to it, it is appended
+/// to, with a line that says so. A failure leaves `hLogFile` null and is not reported.
 void open_log_file(const char* name);
 
 /// Closes the log file, if it is open, and clears `hLogFile`. Waits at most a second for a writer

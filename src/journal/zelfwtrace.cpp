@@ -1,8 +1,9 @@
 #include "journal/zelfwtrace.h"
 
 #include "journal/file_handle.h"
-#include "journal/private_file.h"
+#include "journal/trace_tail.h"
 
+#include <sys/stat.h>
 #include <sys/time.h>
 #include <sys/uio.h>
 #include <unistd.h>
@@ -10,10 +11,12 @@
 #include <algorithm>
 #include <array>
 #include <atomic>
+#include <cerrno>
 #include <cstdarg>
 #include <cstring>
 #include <ctime>
-#include <vector>
+#include <span>
+#include <utility>
 
 mutexSem CritSectSem;
 std::unique_ptr<Trace> trace;
@@ -45,26 +48,61 @@ Moment read_moment() {
     return {static_cast<std::uint16_t>(now.tv_usec / 1000), zone.tz_minuteswest};
 }
 
-/// Writes a record by one call, so that a signal that ends the process leaves whole records.
-void write_whole(FILE* file, traceStruct3 header, const unsigned char* data, std::size_t length) {
-    const std::array parts = {iovec{&header, sizeof(header)},
-                              iovec{const_cast<unsigned char*>(data), length}};
-    // A journal that can't be written is done without.
-    [[maybe_unused]] const ssize_t written =
-        writev(fileno(file), parts.data(), static_cast<int>(parts.size()));
+/// Takes back what was written last: half a record would hide all behind it from every reader.
+void take_back(int file, std::size_t count) {
+    const off_t end = lseek(file, 0, SEEK_CUR);
+    struct stat about = {};
+    if (count > 0 && end > 0 && fstat(file, &about) == 0 && about.st_size == end) {
+        [[maybe_unused]] const int rc = ftruncate(file, end - static_cast<off_t>(count));
+    }
 }
 
-/// Interprets a text as a format without arguments.
-std::vector<char> reinterpret_without_arguments(const char* text) {
-    std::vector<char> result;
-    result.reserve(strlen(text) + 1);
-    for (const char* at = text; *at != '\0'; ++at) {
-        result.push_back(*at);
+/// What of the parts is behind their first `count` bytes.
+std::span<iovec> behind(std::span<iovec> parts, std::size_t count) {
+    while (!parts.empty() && count >= parts.front().iov_len) {
+        count -= parts.front().iov_len;
+        parts = parts.subspan(1);
+    }
+    if (!parts.empty()) {
+        parts.front().iov_base = static_cast<char*>(parts.front().iov_base) + count;
+        parts.front().iov_len -= count;
+    }
+    return parts;
+}
+
+/// Writes a record, by one call unless the system takes less, so that a signal that ends the
+/// process leaves whole records. A journal that can't be written is done without.
+void write_whole(int file, std::span<iovec> parts) {
+    std::size_t written = 0;
+    while (!parts.empty()) {
+        const ssize_t count = writev(file, parts.data(), static_cast<int>(parts.size()));
+        if (count > 0) {
+            written += static_cast<std::size_t>(count);
+            parts = behind(parts, static_cast<std::size_t>(count));
+        } else if (count == 0 || errno != EINTR) {
+            take_back(file, written);
+            return;
+        }
+    }
+}
+
+iovec part(const void* data, std::size_t length) {
+    return {const_cast<void*>(data), length};
+}
+
+using TraceText = std::array<char, max_trace_text>;
+
+/// Interprets a text as a format without arguments; what does not fit is cut. Gives the length.
+std::size_t reinterpret_without_arguments(const char* text, TraceText& result) {
+    std::size_t length = 0;
+    for (const char* at = text; *at != '\0' && length < result.size(); ++at) {
+        result[length] = *at;
+        ++length;
         if (at[0] == '%' && at[1] == '%') {
             ++at;
         }
     }
-    return result;
+    return length;
 }
 
 }  // namespace
@@ -151,16 +189,30 @@ Trace::~Trace() {
 }
 
 void Trace::OpenTraceFile() {
+    std::size_t removed = 0;
     if (trace_fd == nullptr && trace_filename[0] != '\0') {
-        const bool append = trace_mode == 0;
-        trace_fd = strcmp(trace_filename, default_trace_filename) == 0
-                       ? open_private_file(trace_filename, append)
-                       : open_for_writing(trace_filename, append);
+        FileDescriptor file = strcmp(trace_filename, default_trace_filename) == 0
+                                  ? open_private_file(trace_filename)
+                                  : open_for_append(trace_filename);
+        if (file.is_open() && claim_alone(file)) {
+            if (trace_mode == 0) {
+                removed = remove_half_record(file);
+            } else {
+                cut_to_nothing(file);
+            }
+        }
+        if (file.is_open()) {
+            share(file);
+        }
+        trace_fd = stream_of(std::move(file), "ab").release();
         if (trace_fd != nullptr) {
             setvbuf(trace_fd, nullptr, _IONBF, 0);
         }
     }
     WriteTraceVersion();
+    if (trace_fd != nullptr && removed > 0) {
+        tprintf("The last record was cut short, %zu bytes of it were removed\n", removed);
+    }
 }
 
 void Trace::CreateBackupCopies() {
@@ -207,41 +259,51 @@ void Trace::WriteTraceVersion() {
         return;
     }
     const traceStruct3 header = make_header(trace_kind::version, version_record_length);
+    std::array parts = {part(&header, sizeof(header))};
     chEnterCritSec();
-    fwrite(&header, sizeof(header), 1, trace_fd);
+    write_whole(fileno(trace_fd), parts);
     chExitCritSec();
 }
 
 void Trace::WriteTraceData(unsigned long minorCode, const unsigned char* buffer,
                            unsigned long length) {
+    WriteTraceData(minorCode, {}, {buffer, length});
+}
+
+void Trace::WriteTraceData(unsigned long minorCode, std::span<const unsigned char> prefix,
+                           std::span<const unsigned char> data) {
     if (trace_fd == nullptr) {
         return;
     }
     const traceStruct3 header =
-        make_header(static_cast<std::uint32_t>(minorCode), static_cast<std::uint32_t>(length));
+        make_header(static_cast<std::uint32_t>(minorCode),
+                    static_cast<std::uint32_t>(prefix.size() + data.size()));
+    std::array parts = {part(&header, sizeof(header)), part(prefix.data(), prefix.size()),
+                        part(data.data(), data.size())};
     chEnterCritSec();
-    write_whole(trace_fd, header, buffer, length);
+    write_whole(fileno(trace_fd), parts);
     chExitCritSec();
 }
 
 void Trace::tprintf(const char* fmt, ...) {
-    char OutBuffer[max_trace_text];
+    TraceText OutBuffer;
     va_list arguments;
     va_start(arguments, fmt);
-    vsnprintf(OutBuffer, sizeof(OutBuffer), fmt, arguments);
+    vsnprintf(OutBuffer.data(), OutBuffer.size(), fmt, arguments);
     va_end(arguments);
-    WriteTraceData(trace_kind::text, reinterpret_cast<const unsigned char*>(OutBuffer),
-                   strlen(OutBuffer));
+    write_text(OutBuffer.data(), strlen(OutBuffer.data()));
 }
 
 void Trace::write_formatted_text(const char* text) {
-    std::size_t length = strlen(text);
-    std::vector<char> result;
-    if (strchr(text, '%') != nullptr) {
-        result = reinterpret_without_arguments(text);
-        text = result.data();
-        length = result.size();
+    if (strchr(text, '%') == nullptr) {
+        write_text(text, strlen(text));
+        return;
     }
+    TraceText result;
+    write_text(result.data(), reinterpret_without_arguments(text, result));
+}
+
+void Trace::write_text(const char* text, std::size_t length) {
     WriteTraceData(trace_kind::text, reinterpret_cast<const unsigned char*>(text),
                    std::min(length, max_trace_text - 1));
 }

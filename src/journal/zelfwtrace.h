@@ -8,6 +8,7 @@
 #include <cstdint>
 #include <cstdio>
 #include <memory>
+#include <span>
 
 /// A directory for everybody: this one name is opened with `open_private_file`.
 constexpr char default_trace_filename[] = "/tmp/zelfwtrace.log";
@@ -85,6 +86,9 @@ class Trace {
 
     /// Writes one record of kind `minorCode` with `length` bytes of payload.
     void WriteTraceData(unsigned long minorCode, const unsigned char* buffer, unsigned long length);
+    /// As one record whose payload is `prefix` and `data`.
+    void WriteTraceData(unsigned long minorCode, std::span<const unsigned char> prefix,
+                        std::span<const unsigned char> data);
     /// Writes a text record; the text is cut at 41959 bytes.
     void tprintf(const char* fmt, ...) __attribute__((format(printf, 2, 3)));
     /// Writes a text record of a text that is formatted already. It is interpreted a second time,
@@ -100,6 +104,7 @@ class Trace {
     void CreateBackupCopies();
     void WriteTraceVersion();
     void CloseTraceFile();
+    void write_text(const char* text, std::size_t length);
     traceStruct3 make_header(std::uint32_t minorCode, std::uint32_t length);
 
     FILE* trace_fd;

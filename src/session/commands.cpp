@@ -255,7 +255,7 @@ int ZELFLASH::get_device_data_for_component(int component, const char* path) {
 
 int ZELFLASH::read_component_data(int component, const char* path, int product_id, int ec_level,
                                   int index) {
-    FileHandle output(open_for_writing(path, false));
+    FileHandle output(open_for_writing(path));
     if (output == nullptr) {
         writedebug("Could not open '%s' for writing\n", path);
         return -1;
@@ -269,7 +269,9 @@ int ZELFLASH::read_component_data(int component, const char* path, int product_i
     if (rc != 0) {
         return rc;
     }
-    if (fflush(output.get()) != 0 || ferror(output.get()) != 0) {
+    const bool had_error = ferror(output.get()) != 0;
+    // Some file systems say only now that there was no room.
+    if (fclose(output.release()) != 0 || had_error) {
         writelog(1, "Could not write all data to '%s'\n", path);
         return -1;
     }

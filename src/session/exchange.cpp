@@ -13,10 +13,9 @@
 #include <sys/select.h>
 
 #include <algorithm>
+#include <array>
 #include <cerrno>
 #include <cstring>
-#include <memory>
-#include <new>
 
 namespace {
 
@@ -78,24 +77,17 @@ void print_progress(const char* text) {
 }
 
 /// Journals a transfer: product ID and usage, high bytes first, four zero bytes, the bytes
-/// themselves. Without memory the journal does without the record.
+/// themselves.
 void trace_transfer(std::uint32_t kind, const HIDDEVICE2& device, unsigned short usage,
                     const char* data, unsigned int length) {
     if (trace == nullptr) {
         return;
     }
-    const std::size_t size = trace_prefix_size + length;
-    const std::unique_ptr<unsigned char[]> record(new (std::nothrow) unsigned char[size]());
-    if (record == nullptr) {
-        return;
-    }
     const int product = device.intf != nullptr ? device.intf->GetProductID() : device.ProductID;
-    record[0] = static_cast<unsigned char>(product >> 8);
-    record[1] = static_cast<unsigned char>(product & 0xFF);
-    record[2] = static_cast<unsigned char>(usage >> 8);
-    record[3] = static_cast<unsigned char>(usage & 0xFF);
-    std::copy_n(data, length, record.get() + trace_prefix_size);
-    trace->WriteTraceData(kind, record.get(), size);
+    const std::array<unsigned char, trace_prefix_size> prefix = {
+        static_cast<unsigned char>(product >> 8), static_cast<unsigned char>(product & 0xFF),
+        static_cast<unsigned char>(usage >> 8), static_cast<unsigned char>(usage & 0xFF)};
+    trace->WriteTraceData(kind, prefix, {reinterpret_cast<const unsigned char*>(data), length});
 }
 
 /// A report that came earlier must not count as the answer to what is sent now.

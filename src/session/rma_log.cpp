@@ -50,7 +50,7 @@ class RmaRows {
 }  // namespace
 
 void ZELFLASH::write_rma_log(const char* path) {
-    const FileHandle file(open_for_writing(path, false));
+    const FileHandle file(open_for_writing(path));
     if (file == nullptr) {
         return;
     }
