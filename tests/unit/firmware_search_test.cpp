@@ -7,6 +7,7 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -423,14 +424,48 @@ TEST_F(FirmwareSearch, ConfigurationMayComeThroughAPipe) {
 TEST_F(FirmwareSearch, ConfigurationOfAPipeNobodyWritesToIsEmpty) {
     const std::string path = directory_.path("pipe.cfg");
     ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
-    read_config_file(path.c_str());
+    const WrittenOutput output = output_of([&path] { read_config_file(path.c_str()); });
     EXPECT_THAT(candidates(), IsEmpty());
+    EXPECT_THAT(output.console, testing::HasSubstr("Nothing came from '" + path +
+                                                   "' for 2 seconds, it counts as ended\n"));
 }
 
-TEST_F(FirmwareSearch, MarkerThatCannotBeDeletedIsADebugLine) {
-    OutputLevel = 3;
+TEST_F(FirmwareSearch, ConfigurationOfAPipeEndsWhereItsWriterFallsSilent) {
+    const std::string path = directory_.path("pipe.cfg");
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    for (const std::string written : {"", "a.dat\nb.dat"}) {
+        // Open to the end, and silent.
+        const int writer = open(path.c_str(), O_RDWR | O_NONBLOCK | O_CLOEXEC);
+        ASSERT_GE(writer, 0);
+        ASSERT_EQ(write(writer, written.data(), written.size()),
+                  static_cast<ssize_t>(written.size()));
+        const WrittenOutput output = output_of([&path] { read_config_file(path.c_str()); });
+        close(writer);
+        if (written.empty()) {
+            EXPECT_THAT(candidates(), IsEmpty());
+        } else {
+            EXPECT_THAT(candidates(), ElementsAre("a.dat", "b.dat"));
+        }
+        EXPECT_THAT(output.log, testing::HasSubstr("Nothing came from '" + path +
+                                                   "' for 2 seconds, it counts as ended\n"));
+    }
+}
+
+TEST_F(FirmwareSearch, ConfigurationOfAPipeThatIsClosedAtOnceIsEmptyWithoutALine) {
+    const std::string path = directory_.path("pipe.cfg");
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    std::thread writer([&path] { const std::ofstream file(path); });
+    const WrittenOutput output = output_of([&path] { read_config_file(path.c_str()); });
+    writer.join();
+    EXPECT_THAT(candidates(), IsEmpty());
+    EXPECT_THAT(output.log, testing::Not(testing::HasSubstr("Nothing came")));
+}
+
+TEST_F(FirmwareSearch, MarkerThatCannotBeDeletedIsNamedOnTheConsole) {
     const WrittenOutput output =
         output_of([this] { delete_force_marker(directory_.path("none.dat").c_str()); });
-    EXPECT_EQ(output.log, "3:could not delete '" + directory_.path("none.dat.force") + "'\n");
-    EXPECT_EQ(output.console, "");
+    const std::string line = "Could not delete '" + directory_.path("none.dat.force") +
+                             "', the next run forces this update again\n";
+    EXPECT_EQ(output.console, line);
+    EXPECT_EQ(output.log, line);
 }

@@ -17,11 +17,14 @@
 #include <unistd.h>
 
 #include <atomic>
+#include <chrono>
 #include <filesystem>
 #include <memory>
 #include <string>
 #include <thread>
 #include <vector>
+
+using namespace std::chrono_literals;
 
 namespace {
 
@@ -412,4 +415,75 @@ TEST(LogFile, TheDefaultNameIsNeverALink) {
     EXPECT_EQ(end.exit_code, 0);
     EXPECT_EQ(end.output, "x\nfile");
     EXPECT_EQ(read_whole_file(target), "old");
+}
+
+TEST(LogFile, OfAnotherRunIsAppendedToAndSaysSo) {
+    const TemporaryDirectory directory;
+    const std::string name = directory.path("log");
+    open_log_file(name.c_str());
+    writelog(0, "first\n");
+    const std::string note = "Another run writes to this log, which is not started anew\n";
+    FILE* const ours = hLogFile;
+    hLogFile = nullptr;
+    open_log_file(name.c_str());
+    writelog(0, "second\n");
+    close_log_file();
+    hLogFile = ours;
+    writelog(0, "first again\n");
+    close_log_file();
+    EXPECT_EQ(read_whole_file(name), "first\n" + note + "second\nfirst again\n");
+    open_log_file(name.c_str());
+    close_log_file();
+    EXPECT_EQ(read_whole_file(name), "");
+}
+
+TEST(LogFile, ThatIsCutUnderARunHasNoHole) {
+    const TemporaryDirectory directory;
+    const std::string name = directory.path("log");
+    open_log_file(name.c_str());
+    writelog(0, "first\n");
+    std::filesystem::resize_file(name, 0);
+    writelog(0, "second\n");
+    close_log_file();
+    EXPECT_EQ(read_whole_file(name), "second\n");
+}
+
+TEST(LogFile, WhoseReaderHasStoppedHoldsOneWriterAndTheOthersForABoundedTime) {
+    const TemporaryDirectory directory;
+    const std::string name = directory.path("log");
+    ASSERT_EQ(mkfifo(name.c_str(), 0600), 0);
+    const int reader = open(name.c_str(), O_RDONLY | O_NONBLOCK | O_CLOEXEC);
+    open_log_file(name.c_str());
+    ASSERT_NE(hLogFile, nullptr);
+    std::atomic<int> written{0};
+    std::atomic<bool> over{false};
+    std::thread stuck([&] {
+        while (!over) {
+            writelog(0, "%s", std::string(4000, 'x').c_str());
+            ++written;
+        }
+    });
+    // The pipe is full when no more is written for a while.
+    for (int before = -1; before != written; std::this_thread::sleep_for(300ms)) {
+        before = written;
+    }
+    std::atomic<bool> came_back{false};
+    std::thread other([&] {
+        writelog(0, "left out");
+        close_log_file();
+        came_back = true;
+    });
+    for (int i = 0; i < 1000 && !came_back; ++i) {
+        std::this_thread::sleep_for(20ms);
+    }
+    EXPECT_TRUE(came_back);
+    EXPECT_NE(hLogFile, nullptr);
+    over = true;
+    std::string rest(1 << 20, ' ');
+    while (read(reader, rest.data(), rest.size()) > 0 || !came_back) {
+    }
+    stuck.join();
+    other.join();
+    close_log_file();
+    close(reader);
 }

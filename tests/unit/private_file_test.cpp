@@ -1,9 +1,8 @@
-#include "journal/private_file.h"
-
 #include "journal/file_handle.h"
 #include "support/child_process.h"
 #include "support/firmware_bytes.h"
 
+#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <fcntl.h>
@@ -12,14 +11,16 @@
 #include <sys/un.h>
 #include <unistd.h>
 
+#include <algorithm>
+#include <atomic>
 #include <cstdio>
 #include <filesystem>
 #include <string>
+#include <thread>
+#include <vector>
 
 namespace {
 
-constexpr bool append = true;
-constexpr bool start_anew = false;
 constexpr int was_opened = 10;
 constexpr int was_not_opened = 11;
 constexpr uid_t somebody_else = 65533;
@@ -34,16 +35,22 @@ class PrivateFile : public testing::Test {
     bool exists() const { return std::filesystem::exists(std::filesystem::symlink_status(path())); }
 
     /// Opens the file, writes to it, and tells whether it could.
-    static bool write_to(const std::string& path, bool appending = start_anew,
-                         const std::string& text = "new") {
-        const FileHandle file(open_private_file(path.c_str(), appending));
-        if (file == nullptr) {
-            return false;
-        }
-        std::fprintf(file.get(), "%s", text.c_str());
-        return true;
+    static bool write_to(const std::string& path, const std::string& text = "new") {
+        const FileDescriptor file = open_private_file(path.c_str());
+        return file.is_open() && ::write(file.get(), text.data(), text.size()) > 0;
     }
-    bool write(bool appending = start_anew) const { return write_to(path(), appending); }
+    bool write() const { return write_to(path()); }
+    /// Other names in the directory than those.
+    std::vector<std::string> other_names(const std::vector<std::string>& known) const {
+        std::vector<std::string> names;
+        for (const auto& entry : std::filesystem::directory_iterator(directory_.path())) {
+            const std::string name = entry.path().filename();
+            if (std::find(known.begin(), known.end(), name) == known.end()) {
+                names.push_back(name);
+            }
+        }
+        return names;
+    }
     bool write_as_ordinary_user() const {
         const ChildEnd end =
             run_as_ordinary_user([this] { _exit(write() ? was_opened : was_not_opened); });
@@ -84,32 +91,25 @@ TEST_F(PrivateFile, IsMadeWhenThereIsNone) {
     EXPECT_EQ(about.st_mode & 07777U, 0644U);
 }
 
-TEST_F(PrivateFile, StartsAnew) {
-    directory_.write("journal", "a longer text of an earlier run");
+TEST_F(PrivateFile, IsAppendedTo) {
     EXPECT_TRUE(write());
-    EXPECT_EQ(content(), "new");
-}
-
-TEST_F(PrivateFile, IsAppendedToWhenAskedTo) {
-    EXPECT_TRUE(write(append));
-    EXPECT_TRUE(write(append));
+    EXPECT_TRUE(write());
     EXPECT_EQ(content(), "newnew");
 }
 
 TEST_F(PrivateFile, AppendsBehindWhatOthersWriteMeanwhile) {
-    const FileHandle file(open_private_file(path().c_str(), append));
-    ASSERT_NE(file, nullptr);
+    const FileDescriptor file = open_private_file(path().c_str());
+    ASSERT_TRUE(file.is_open());
     directory_.write("journal", "written by another run, ");
-    std::fprintf(file.get(), "ours");
-    std::fflush(file.get());
+    EXPECT_EQ(::write(file.get(), "ours", 4), 4);
     EXPECT_EQ(content(), "written by another run, ours");
 }
 
 TEST_F(PrivateFile, IsNotInheritedByPrograms) {
-    const FileHandle file(open_private_file(path().c_str(), append));
-    ASSERT_NE(file, nullptr);
-    EXPECT_EQ(fcntl(fileno(file.get()), F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
-    EXPECT_EQ(fcntl(fileno(file.get()), F_GETFL) & O_NONBLOCK, 0);
+    const FileDescriptor file = open_private_file(path().c_str());
+    ASSERT_TRUE(file.is_open());
+    EXPECT_EQ(fcntl(file.get(), F_GETFD) & FD_CLOEXEC, FD_CLOEXEC);
+    EXPECT_EQ(fcntl(file.get(), F_GETFL) & O_NONBLOCK, 0);
 }
 
 TEST_F(PrivateFile, IsNoneWhereNoneCanBeMade) {
@@ -117,22 +117,57 @@ TEST_F(PrivateFile, IsNoneWhereNoneCanBeMade) {
     EXPECT_FALSE(write_to(""));
 }
 
-TEST_F(PrivateFile, IsNeverADirectory) {
+TEST_F(PrivateFile, LeavesNothingBeside) {
+    EXPECT_TRUE(write());
+    EXPECT_THAT(other_names({"journal"}), testing::IsEmpty());
+}
+
+TEST_F(PrivateFileAsRoot, MovesADirectoryOutOfTheWay) {
     std::filesystem::create_directory(path());
-    EXPECT_FALSE(write());
-    EXPECT_FALSE(write(append));
+    directory_.write("journal/theirs", "theirs");
+    EXPECT_TRUE(write());
+    expect_new_file_of_our_own();
+    const std::vector<std::string> moved = other_names({"journal"});
+    ASSERT_EQ(moved.size(), 1U);
+    EXPECT_EQ(read_whole_file(directory_.path(moved[0] + "/theirs")), "theirs");
+}
+
+TEST_F(PrivateFileAsRoot, IsWonAgainstSomebodyWhoMakesAndRemovesTheNameAllTheTime) {
+    std::atomic<bool> over{false};
+    const std::string name = path();
+    std::thread rival([&] {
+        while (!over) {
+            static_cast<void>(symlink("/dev/null", name.c_str()));
+            struct stat about = {};
+            // In a sticky directory somebody else could not remove our file.
+            if (lstat(name.c_str(), &about) == 0 && S_ISLNK(about.st_mode)) {
+                static_cast<void>(unlink(name.c_str()));
+            }
+        }
+    });
+    int lost = 0;
+    for (int i = 0; i < 300; ++i) {
+        lost += write() ? 0 : 1;
+    }
+    over = true;
+    rival.join();
+    EXPECT_EQ(lost, 0);
+    EXPECT_THAT(other_names({"journal"}), testing::IsEmpty());
+}
+
+TEST_F(PrivateFileAsRoot, GivesAnOrdinaryUserNoDirectory) {
+    std::filesystem::create_directory(path());
+    EXPECT_FALSE(write_as_ordinary_user());
     EXPECT_TRUE(std::filesystem::is_directory(path()));
+    EXPECT_THAT(other_names({"journal"}), testing::IsEmpty());
 }
 
 TEST_F(PrivateFileAsRoot, ReplacesAPlantedLink) {
-    for (const bool appending : {start_anew, append}) {
-        const std::string target = directory_.write("target", "precious");
-        std::filesystem::create_symlink(target, path());
-        EXPECT_TRUE(write(appending));
-        expect_new_file_of_our_own();
-        EXPECT_EQ(read_whole_file(target), "precious");
-        std::filesystem::remove(path());
-    }
+    const std::string target = directory_.write("target", "precious");
+    std::filesystem::create_symlink(target, path());
+    EXPECT_TRUE(write());
+    expect_new_file_of_our_own();
+    EXPECT_EQ(read_whole_file(target), "precious");
 }
 
 TEST_F(PrivateFileAsRoot, ReplacesALinkToNothing) {
@@ -147,7 +182,7 @@ TEST_F(PrivateFileAsRoot, ReplacesAFileOfSomebodyElse) {
     ASSERT_EQ(chown(path().c_str(), somebody_else, somebody_else), 0);
     const FileHandle theirs(fopen(path().c_str(), "r"));
     ASSERT_NE(theirs, nullptr);
-    EXPECT_TRUE(write(append));
+    EXPECT_TRUE(write());
     expect_new_file_of_our_own();
     char text[16] = {};
     ASSERT_NE(fgets(text, sizeof(text), theirs.get()), nullptr);
@@ -197,7 +232,7 @@ TEST_F(PrivateFileAsRoot, GivesAnOrdinaryUserTheirOwn) {
     ASSERT_EQ(lstat(path().c_str(), &about), 0);
     EXPECT_EQ(about.st_uid, ordinary_user);
     EXPECT_TRUE(write_as_ordinary_user());
-    EXPECT_EQ(content(), "new");
+    EXPECT_EQ(content(), "newnew");
 }
 
 TEST_F(PrivateFileAsRoot, GivesAnOrdinaryUserNoLink) {

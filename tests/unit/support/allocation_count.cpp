@@ -1,0 +1,69 @@
+#include "support/allocation_count.h"
+
+#include <cstddef>
+
+namespace {
+
+thread_local bool is_watched = false;
+thread_local int allocations = 0;
+
+}  // namespace
+
+AllocationCount::AllocationCount() {
+    allocations = 0;
+    is_watched = true;
+}
+
+AllocationCount::~AllocationCount() {
+    is_watched = false;
+}
+
+int AllocationCount::count() const {
+    return allocations;
+}
+
+#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+
+bool AllocationCount::is_possible() {
+    return false;
+}
+
+#else
+
+bool AllocationCount::is_possible() {
+    return true;
+}
+
+namespace {
+
+void note() {
+    allocations += is_watched ? 1 : 0;
+}
+
+}  // namespace
+
+extern "C" {
+
+// NOLINTBEGIN(bugprone-reserved-identifier): the C library's own names
+void* __libc_malloc(std::size_t size);
+void* __libc_calloc(std::size_t count, std::size_t size);
+void* __libc_realloc(void* memory, std::size_t size);
+// NOLINTEND(bugprone-reserved-identifier)
+
+void* malloc(std::size_t size) {
+    note();
+    return __libc_malloc(size);
+}
+
+void* calloc(std::size_t count, std::size_t size) {
+    note();
+    return __libc_calloc(count, size);
+}
+
+void* realloc(void* memory, std::size_t size) {
+    note();
+    return __libc_realloc(memory, size);
+}
+}
+
+#endif
