@@ -1,6 +1,7 @@
 #include "common/file_access.h"
 
 #include <fcntl.h>
+#include <sys/stat.h>
 #include <unistd.h>
 
 #include <cerrno>
@@ -116,6 +117,29 @@ void replace_file(const std::string& file, ByteView bytes, Durable durable) {
 void replace_file(const std::string& file, std::string_view text, Durable durable) {
     replace_file(file, ByteView(reinterpret_cast<const std::uint8_t*>(text.data()), text.size()),
                  durable);
+}
+
+bool exists(const std::string& path) {
+    return access(path.c_str(), F_OK) == 0;
+}
+
+bool is_directory(const std::string& path) {
+    struct stat about = {};
+    return stat(path.c_str(), &about) == 0 && S_ISDIR(about.st_mode);
+}
+
+void create_directories(const std::string& path) {
+    constexpr mode_t directory_mode = 0777;
+    for (std::size_t end = path.find('/', 1);; end = path.find('/', end + 1)) {
+        const std::string part = path.substr(0, end);
+        const int error = mkdir(part.c_str(), directory_mode) == 0 ? 0 : errno;
+        if (error != 0 && !is_directory(part)) {
+            throw FileError(path, 0, std::strerror(error));
+        }
+        if (end == std::string::npos) {
+            return;
+        }
+    }
 }
 
 Bytes read_bytes_of(const std::string& file) {

@@ -45,6 +45,13 @@ enum class Durable { no, yes };
 void replace_file(const std::string& file, ByteView bytes, Durable durable = Durable::no);
 void replace_file(const std::string& file, std::string_view text, Durable durable = Durable::no);
 
+// As std::filesystem's, whose times have 32 bits in the C++ library of a 32-bit system: there it
+// finds no file that is dated after January 2038.
+bool exists(const std::string& path);
+bool is_directory(const std::string& path);
+/// With all above it. Throws FileError.
+void create_directories(const std::string& path);
+
 /// The whole file; empty when there is none.
 Bytes read_bytes_of(const std::string& file);
 

@@ -1,4 +1,5 @@
 // The command line tool of the simulated bus.
+#include "common/file_access.h"
 #include "model/bus_file/bus_file.h"
 #include "model/bus_file/fault_reach.h"
 #include "model/bus_file/fleet.h"
@@ -10,7 +11,6 @@
 #include <charconv>
 #include <cstdio>
 #include <exception>
-#include <filesystem>
 #include <span>
 #include <string>
 #include <string_view>
@@ -142,7 +142,7 @@ void show_device(const BusDescription& bus, const DeviceDescription& device,
 
 int show(const std::string& file, const std::string& state) {
     const BusDescription bus = zelfsim::read_bus_file(file);
-    if (!state.empty() && !std::filesystem::is_directory(state)) {
+    if (!state.empty() && !zelf::is_directory(state)) {
         throw zelfsim::FileError(state, 0, "not a directory");
     }
     for (const DeviceDescription& device : bus.devices) {

@@ -2,6 +2,7 @@
 // that fault inside the allocator.
 #include "session/zelflash.h"
 #include "support/bus_test.h"
+#include "support/trace_object.h"
 #include "usb/flshusbintf.h"
 
 #include <gmock/gmock.h>
@@ -34,6 +35,14 @@ TEST_F(OutOfMemory, SessionThatCannotBeMadeIsAnUnexpectedError) {
     EXPECT_EQ(result.exit_code, 4);
     EXPECT_EQ(result.console, "Flash interface load failed...exception occurred\n");
     EXPECT_THAT(result.log, EndsWith("Flash interface load failed...exception occurred\n"));
+}
+
+TEST_F(OutOfMemory, JournalsThatCannotBeSetUpAreAnUnexpectedError) {
+    fail_allocations_of(trace_object_size());
+    const RunResult result = run({"-L"});
+    EXPECT_EQ(result.exit_code, 4);
+    EXPECT_EQ(result.signal, 0);
+    EXPECT_EQ(result.console, "The run could not be set up...exception occurred\n");
 }
 
 TEST_F(OutOfMemory, CommandThatThrowsIsAnUnexpectedError) {

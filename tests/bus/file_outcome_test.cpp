@@ -3,6 +3,7 @@
 
 #include <gmock/gmock.h>
 
+#include <fcntl.h>
 #include <sys/stat.h>
 #include <unistd.h>
 
@@ -21,6 +22,13 @@ namespace {
 constexpr char full_disk[] = "/dev/full";
 /// Exit code of an update that no firmware file takes part in.
 constexpr int no_device_with_a_file = 5;
+
+/// Dates a file 1 January 2040: 32 bits do not hold that.
+void date_late(const std::string& path) {
+    constexpr long long late = 2208988800;
+    const timespec times[] = {{static_cast<time_t>(late), 0}, {static_cast<time_t>(late), 0}};
+    ASSERT_EQ(utimensat(AT_FDCWD, path.c_str(), times, AT_SYMLINK_NOFOLLOW), 0);
+}
 
 class FileOutcome : public BusTest {
   protected:
@@ -108,6 +116,128 @@ TEST_P(DefaultJournal, TakesThePlaceOfAForeignFile) {
         GTEST_SKIP() << "needs the super-user";
     }
     expect_new_file();
+}
+
+TEST_P(DefaultJournal, TakesThePlaceOfADirectory) {
+    std::filesystem::create_directory(planted_);
+    write_file(planted_ + "/kept", "theirs");
+    expect_new_file();
+    int kept = 0;
+    for (const auto& entry : std::filesystem::directory_iterator(path("tmp"))) {
+        kept += std::filesystem::exists(entry.path() / "kept") ? 1 : 0;
+    }
+    EXPECT_EQ(kept, 1);
+}
+
+TEST_P(DefaultJournal, OfALateDateIsKept) {
+    write_file(planted_, "earlier run\n");
+    date_late(planted_);
+    const int kept = open(planted_.c_str(), O_RDONLY | O_CLOEXEC);
+    expect_new_file();
+    std::string text(4096, ' ');
+    const ssize_t size = pread(kept, text.data(), text.size(), 0);
+    close(kept);
+    ASSERT_GT(size, 0);
+    EXPECT_THAT(text.substr(0, static_cast<std::size_t>(size)), HasSubstr("Version 1.1.3 (i386)"));
+}
+
+TEST_F(FileOutcome, FilesOfALateDateAreFilesLikeAnyOther) {
+    date_late(add_firmware("boot.dat", file));
+    write_file(path("zelflash.cfg"), firmware_path("boot.dat") + "\n");
+    date_late(path("zelflash.cfg"));
+    date_late(path("bus.toml"));
+    EXPECT_THAT(run({"-S", "-p", firmware_directory()}).console, HasSubstr("boot.dat"));
+    EXPECT_THAT(run({"-D", firmware_path("boot.dat")}).console, Not(HasSubstr("No flash file")));
+    expect_updated(run({"-C", path("zelflash.cfg")}));
+}
+
+TEST_F(FileOutcome, StateOfTheBusMayHaveALateDate) {
+    add_firmware("boot.dat", file);
+    expect_updated(update());
+    date_late(path("state"));
+    for (const auto& entry : std::filesystem::recursive_directory_iterator(path("state"))) {
+        date_late(entry.path());
+    }
+    EXPECT_THAT(run({"-L"}).console, HasSubstr(list_line(0x3C35, 1, "01.05", "PR0001")));
+}
+
+TEST_F(FileOutcome, ASecondRunAppendsToTheLogOfTheFirst) {
+    // Long enough for the second run to come in between.
+    add_firmware("boot.dat", {.component = 1, .data_records = 2000});
+    const auto first = start({"-U", "-p", firmware_directory()});
+    EXPECT_TRUE(first->wait_until(
+        [&] { return read_file(path("run.log")).find("%10") != std::string::npos; }));
+    ProgramProcess second(settings, {"-V", "-l", path("run.log"), "-t", "0"});
+    EXPECT_EQ(second.finish().exit_code, 0);
+    const RunResult result = finish(*first);
+    EXPECT_EQ(result.exit_code, 0);
+    EXPECT_EQ(result.log.find('\0'), std::string::npos);
+    EXPECT_THAT(result.log, HasSubstr("Command line:  zelfwupdate"));
+    EXPECT_THAT(result.log,
+                HasSubstr("Another run writes to this log, which is not started anew\n"));
+    EXPECT_THAT(result.log, HasSubstr("Updated 1 device\n"));
+    EXPECT_THAT(run({"-V"}).log, Not(HasSubstr("Updated 1 device")));
+}
+
+TEST_F(FileOutcome, OneFileForTwoPurposesIsRefused) {
+    write_file(path("one"), "precious");
+    std::filesystem::create_symlink(path("one"), path("link"));
+    const std::vector<std::vector<std::string>> refused = {
+        {"-l", path("one"), "-t", path("one")},    {"-l", path("one"), "-r", path("link")},
+        {"-t", path("new"), "-w", path("./new")},  {"-r", "new", "-w", path("new")},
+        {"-l", path("one"), "-w", path("./link")}, {"-t", path("one"), "-r", path("one")},
+    };
+    for (std::vector<std::string> arguments : refused) {
+        const std::string expected = std::string("zelfwupdate: options ") + arguments[0] + " and " +
+                                     arguments[2] + ": both name the file '" + arguments[3] + "'\n";
+        arguments.insert(arguments.begin(), {"-l", "0", "-t", "0", "-G", "1"});
+        ProgramProcess process(settings, arguments);
+        const RunResult result = process.finish();
+        EXPECT_EQ(result.exit_code, 1) << expected;
+        EXPECT_EQ(result.errors, expected);
+        EXPECT_EQ(result.console, "");
+        EXPECT_EQ(read_file(path("one")), "precious");
+        EXPECT_FALSE(std::filesystem::exists(path("new")));
+    }
+}
+
+TEST_F(FileOutcome, WhatKeepsNothingMayBeNamedTwice) {
+    add_firmware("boot.dat", file);
+    expect_updated(run_with_journals({"-U", "-p", firmware_directory(), "-r", "/dev/null"},
+                                     "/dev/null", "/dev/null"));
+}
+
+TEST_F(FileOutcome, ResultOfAnEarlierRunDoesNotOutlastTheNext) {
+    write_file(path("rma"), "0 \nPID 3c35 EC level: 0001.05: Firmware updated \n");
+    settings.environment["LTDL_LIBRARY_PATH"] = PARTIAL_LIBRARY_DIRECTORY;
+    EXPECT_EQ(run({"-L", "-r", path("rma")}).exit_code, 3);
+    EXPECT_FALSE(std::filesystem::exists(path("rma")));
+    write_file(path("rma"), "0 \n");
+    std::filesystem::create_symlink(path("rma"), path("link"));
+    EXPECT_EQ(run({"-L", "-r", path("link")}).exit_code, 3);
+    EXPECT_TRUE(std::filesystem::is_symlink(path("link")));
+    EXPECT_EQ(read_file(path("rma")), "");
+}
+
+TEST_F(FileOutcome, VersionLeavesAResultAlone) {
+    write_file(path("rma"), "0 \n");
+    EXPECT_EQ(run({"-V", "-r", path("rma")}).exit_code, 0);
+    EXPECT_EQ(read_file(path("rma")), "0 \n");
+}
+
+TEST_F(FileOutcome, RunWithoutStandardDescriptorsKeepsItsFilesApart) {
+    add_firmware("boot.dat", file);
+    const std::string program = settings.program;
+    settings.program = "/bin/sh";
+    ProgramProcess process(settings, {"-c", "exec \"$0\" \"$@\" <&- >&- 2>&-", program, "-U", "-p",
+                                      firmware_directory(), "-0", "3000", "-l", path("run.log"),
+                                      "-t", path("trace.bin"), "-r", path("rma")});
+    EXPECT_EQ(process.finish().exit_code, 0);
+    EXPECT_EQ(image("printer", 1), file.body());
+    const std::string log = read_file(path("run.log"));
+    EXPECT_EQ(count_lines(log, "Updated 1 device"), 1) << log;
+    EXPECT_FALSE(trace().empty());
+    EXPECT_EQ(read_file(path("rma")).find("0 \nPID 3c35"), 0U);
 }
 
 TEST_F(FileOutcome, JournalsAndResultOnAFullDiskDoNotHarmAnUpdate) {

@@ -5,7 +5,6 @@
 
 #include <algorithm>
 #include <array>
-#include <filesystem>
 #include <string_view>
 #include <utility>
 
@@ -26,7 +25,7 @@ std::uint8_t after(std::uint8_t address) {
 }  // namespace
 
 AddressPool::AddressPool(std::string file) : file_(std::move(file)) {
-    if (!std::filesystem::exists(file_)) {
+    if (!zelf::exists(file_)) {
         return;
     }
     const toml::table parsed = zelf::parse_toml_file(file_);
@@ -43,7 +42,7 @@ AddressPool::AddressPool(std::string file) : file_(std::move(file)) {
 void AddressPool::take(std::uint8_t bus, std::uint8_t address) {
     OneBus& one = buses_[bus];
     one.used.insert(address);
-    if (file_.empty() || !std::filesystem::exists(file_)) {
+    if (file_.empty() || !zelf::exists(file_)) {
         one.next = std::max(one.next, after(address));
     }
 }

@@ -1,5 +1,6 @@
 #include "model/device/bus.h"
 
+#include "common/file_access.h"
 #include "model/bus_file/bus_file.h"
 
 #include <fcntl.h>
@@ -9,8 +10,6 @@
 #include <cerrno>
 #include <cstdlib>
 #include <cstring>
-#include <filesystem>
-#include <system_error>
 #include <thread>
 #include <tuple>
 #include <utility>
@@ -32,11 +31,7 @@ zelf::FileDescriptor lock_state(const std::string& state) {
     if (state.empty()) {
         return {};
     }
-    std::error_code error;
-    std::filesystem::create_directories(state, error);
-    if (error) {
-        throw FileError(state, 0, error.message());
-    }
+    zelf::create_directories(state);
     const std::string name = state + "/lock";
     zelf::FileDescriptor handle(open(name.c_str(), O_RDWR | O_CREAT | O_CLOEXEC, 0644));
     if (!handle.is_open()) {

@@ -32,15 +32,11 @@ std::size_t whole_records(const Bytes& bytes) {
 }  // namespace
 
 void DeviceStore::make_directory() {
-    std::error_code error;
-    std::filesystem::create_directories(directory_, error);
-    if (error) {
-        throw FileError(directory_, 0, error.message());
-    }
+    zelf::create_directories(directory_);
 }
 
 void DeviceStore::load(DeviceState& state) const {
-    if (persistent() && std::filesystem::exists(path(kState))) {
+    if (persistent() && zelf::exists(path(kState))) {
         read_state(path(kState), state);
     }
 }
