@@ -87,12 +87,10 @@ using Name = std::array<char, PATH_MAX>;
 /// A name beside `path` that nobody can guess.
 bool make_name_beside(const char* path, Name& name) {
     std::uint64_t number = 0;
-    if (getrandom(&number, sizeof(number), GRND_NONBLOCK) != sizeof(number)) {
-        return false;
-    }
+    const bool is_random = getrandom(&number, sizeof(number), GRND_NONBLOCK) == sizeof(number);
     const int length = snprintf(name.data(), name.size(), "%s.%016llx", path,
                                 static_cast<unsigned long long>(number));
-    return length > 0 && static_cast<std::size_t>(length) < name.size();
+    return is_random && length > 0 && static_cast<std::size_t>(length) < name.size();
 }
 
 /// A directory is no place for a file: out of the way with it, and nothing in it is lost.
@@ -108,10 +106,9 @@ void move_directory_aside(const char* path) {
 /// again does not win.
 FileDescriptor replace_by_our_own(const char* path) {
     Name beside = {};
-    if (!make_name_beside(path, beside)) {
-        return FileDescriptor();
-    }
-    FileDescriptor file(open(beside.data(), private_flags | O_CREAT | O_EXCL, file_mode));
+    FileDescriptor file(make_name_beside(path, beside)
+                            ? open(beside.data(), private_flags | O_CREAT | O_EXCL, file_mode)
+                            : -1);
     if (!file.is_open()) {
         return file;
     }
