@@ -188,8 +188,9 @@ TEST_F(FileOutcome, OneFileForTwoPurposesIsRefused) {
         {"-l", path("one"), "-w", path("./link")}, {"-t", path("one"), "-r", path("one")},
     };
     for (std::vector<std::string> arguments : refused) {
-        const std::string expected = std::string("zelfwupdate: options ") + arguments[0] + " and " +
-                                     arguments[2] + ": both name the file '" + arguments[3] + "'\n";
+        const std::string expected = std::string("zelfwupdate: options -") + arguments[0][1] +
+                                     " and " + arguments[2] + ": both name the file '" +
+                                     arguments[3] + "'\n";
         arguments.insert(arguments.begin(), {"-l", "0", "-t", "0", "-G", "1"});
         ProgramProcess process(settings, arguments);
         const RunResult result = process.finish();

@@ -14,7 +14,7 @@ int __wrap_select(int count, fd_set* readable, fd_set* writable, fd_set* excepti
         return __real_select(count, readable, writable, exceptional, timeout);
     }
     if (on_sleep != nullptr) {
-        on_sleep(timeout->tv_sec * 1000 + timeout->tv_usec / 1000);
+        on_sleep(static_cast<long>(timeout->tv_sec * 1000 + timeout->tv_usec / 1000));
     }
     return 0;
 }

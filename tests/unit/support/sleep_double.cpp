@@ -43,7 +43,7 @@ int __wrap_select(int count, fd_set* readable, fd_set* writable, fd_set* excepti
     if (!is_watched || count != 0 || timeout == nullptr) {
         return __real_select(count, readable, writable, exceptional, timeout);
     }
-    const long milliseconds = timeout->tv_sec * 1000 + timeout->tv_usec / 1000;
+    const auto milliseconds = static_cast<long>(timeout->tv_sec * 1000 + timeout->tv_usec / 1000);
     const int rc = milliseconds >= skipped_from
                        ? 0
                        : __real_select(count, readable, writable, exceptional, timeout);
