@@ -210,7 +210,7 @@ TEST_F(FileOutcome, WhatKeepsNothingMayBeNamedTwice) {
 
 TEST_F(FileOutcome, ResultOfAnEarlierRunDoesNotOutlastTheNext) {
     write_file(path("rma"), "0 \nPID 3c35 EC level: 0001.05: Firmware updated \n");
-    settings.environment["LTDL_LIBRARY_PATH"] = PARTIAL_LIBRARY_DIRECTORY;
+    settings.library = PARTIAL_LIBRARY_DIRECTORY "/libusb-1.0.so";
     EXPECT_EQ(run({"-L", "-r", path("rma")}).exit_code, 3);
     EXPECT_FALSE(std::filesystem::exists(path("rma")));
     write_file(path("rma"), "0 \n");
