@@ -25,6 +25,15 @@ struct Outcome {
     bool crash = false;
 };
 
+/// What is left to do once the world is unlocked.
+int conclude(const Outcome& outcome, const std::optional<zelfsim::SentSignal>& signal) {
+    if (outcome.crash) {
+        crash();
+    }
+    zelfsim::usb::send_signal(signal);
+    return outcome.code;
+}
+
 Outcome outcome_of(HostFault fault) {
     switch (fault) {
         case HostFault::refused:
@@ -48,6 +57,7 @@ int on_handle(libusb_device_handle* raw, const char* kind, const std::string& ar
               const Body& body) {
     return guarded<int>(LIBUSB_ERROR_OTHER, [&]() -> int {
         Outcome outcome;
+        std::optional<zelfsim::SentSignal> signal;
         {
             World& world = World::instance();
             const std::lock_guard lock(world.mutex);
@@ -57,12 +67,10 @@ int on_handle(libusb_device_handle* raw, const char* kind, const std::string& ar
             }
             outcome = body(world, *handle, *handle->device->peripheral);
             zelfsim::usb::record(*handle, kind, argument, {}, outcome.code);
+            signal = handle->device->peripheral->take_signal();
             world.changed.notify_all();
         }
-        if (outcome.crash) {
-            crash();
-        }
-        return outcome.code;
+        return conclude(outcome, signal);
     });
 }
 
@@ -173,16 +181,17 @@ extern "C" {
 int libusb_open(libusb_device* device, libusb_device_handle** handle) {
     return guarded<int>(LIBUSB_ERROR_OTHER, [&]() -> int {
         Outcome outcome;
+        std::optional<zelfsim::SentSignal> signal;
         {
             World& world = World::instance();
             const std::lock_guard lock(world.mutex);
             outcome = open_device(world, device, handle);
+            if (const auto found = world.find(device)) {
+                signal = found->peripheral->take_signal();
+            }
             world.changed.notify_all();
         }
-        if (outcome.crash) {
-            crash();
-        }
-        return outcome.code;
+        return conclude(outcome, signal);
     });
 }
 

@@ -2,9 +2,12 @@
 
 #include "model/device/descriptors.h"
 
+#include <unistd.h>
+
 #include <algorithm>
 #include <csignal>
 #include <cstdlib>
+#include <thread>
 #include <utility>
 
 namespace zelfsim::usb {
@@ -197,6 +200,17 @@ int code_of(Completion completion) {
             break;
     }
     return LIBUSB_ERROR_IO;
+}
+
+void send_signal(const std::optional<SentSignal>& signal) {
+    if (signal && signal->delay > Duration{0}) {
+        std::thread([later = *signal] {
+            std::this_thread::sleep_for(later.delay);
+            kill(getpid(), later.number);
+        }).detach();
+    } else if (signal) {
+        kill(getpid(), signal->number);
+    }
 }
 
 #if defined(__clang__)

@@ -99,6 +99,10 @@ void record(const libusb_device_handle& handle, std::string_view kind, std::stri
 /// libusb's code for how a transfer ended; `Completion::crash` has none.
 int code_of(Completion completion);
 
+/// Sends the process what a fault at this transfer asked for. Not with the world locked: a handler
+/// may run here.
+void send_signal(const std::optional<SentSignal>& signal);
+
 /// A real memory fault in the calling thread.
 [[noreturn]] void crash();
 

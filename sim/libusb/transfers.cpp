@@ -91,6 +91,7 @@ int control(libusb_device_handle* raw, const Setup& setup, unsigned char* data, 
     World& world = World::instance();
     Reply reply;
     HandlePointer handle;
+    std::optional<zelfsim::SentSignal> signal;
     {
         const std::lock_guard lock(world.mutex);
         handle = world.find(raw, "control");
@@ -106,11 +107,13 @@ int control(libusb_device_handle* raw, const Setup& setup, unsigned char* data, 
             const ByteView out = in ? ByteView{} : ByteView(data, setup.length);
             reply = handle->device->peripheral->control(setup, out, patience_of(timeout), begin);
         }
+        signal = handle->device->peripheral->take_signal();
         world.changed.notify_all();
     }
     if (reply.completion == Completion::crash) {
         zelfsim::usb::crash();
     }
+    zelfsim::usb::send_signal(signal);
     wait_out(reply, timeout);
     int result = zelfsim::usb::code_of(reply.completion);
     if (result == LIBUSB_SUCCESS) {
@@ -163,8 +166,10 @@ Reply write_endpoint(World& world, std::unique_lock<std::mutex>& lock, libusb_de
     }
     Reply reply = handle.device->peripheral->interrupt_out(endpoint, data, patience_of(timeout),
                                                            zelfsim::now());
+    const auto signal = handle.device->peripheral->take_signal();
     world.changed.notify_all();
     lock.unlock();
+    zelfsim::usb::send_signal(signal);
     if (reply.completion != Completion::crash) {
         wait_out(reply, timeout);
     }
@@ -207,7 +212,9 @@ int transfer(libusb_device_handle* raw, const char* kind, unsigned char endpoint
     }
     zelfsim::usb::record(*handle, kind, endpoint_text(endpoint, static_cast<std::size_t>(length)),
                          in ? ByteView(reply.data) : out, result);
+    const auto signal = handle->device->peripheral->take_signal();
     lock.unlock();
+    zelfsim::usb::send_signal(signal);
     if (reply.completion == Completion::crash) {
         zelfsim::usb::crash();
     }

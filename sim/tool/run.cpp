@@ -7,6 +7,7 @@
 #include "run/program_file.h"
 #include "run/simulations.h"
 #include "run/stage.h"
+#include "run/virtual_time.h"
 
 #include <sys/wait.h>
 #include <unistd.h>
@@ -18,6 +19,7 @@
 #include <filesystem>
 #include <map>
 #include <optional>
+#include <set>
 #include <stdexcept>
 #include <string>
 #include <string_view>
@@ -39,10 +41,12 @@ constexpr int kNotSimulated = zelfsim::guard::kRefusedExit;
 struct RunOptions {
     std::map<std::string, std::string> environment;  ///< of the bus
     std::string library;                ///< directory of the simulation, empty to look for it
-    std::vector<std::string> features;  ///< objects beside the simulation that are preloaded, too
+    std::set<std::string> features;     ///< objects beside the simulation that are preloaded, too
     std::vector<std::string> preloads;  ///< objects of the user's
     std::string bus;
     std::vector<std::string> command;
+    bool virtual_time = false;
+    std::map<std::string, std::string> time_settings;  ///< that go only with virtual time
 };
 
 /// Why no command was started, and the exit code that tells it.
@@ -61,10 +65,14 @@ std::string absolute(const std::string& file) {
 
 /// Takes an option without an argument; false when there is none of that name.
 bool take_switch(std::string_view name, RunOptions& options) {
-    if (name != "--hubs") {
+    if (name == "--virtual") {
+        options.virtual_time = true;
+        options.features.insert(zelfsim::kTimeFile);
+    } else if (name == "--hubs") {
+        options.features.insert(zelfsim::kHubsFile);
+    } else {
         return false;
     }
-    options.features.emplace_back(zelfsim::kHubsFile);
     return true;
 }
 
@@ -78,6 +86,8 @@ bool take_option(std::string_view name, const std::string& value, RunOptions& op
         options.library = absolute(value);
     } else if (name == "--preload") {
         options.preloads.push_back(absolute(value));
+    } else if (const char* variable = zelfsim::virtual_time_variable(name)) {
+        options.time_settings[variable] = value;
     } else {
         return false;
     }
@@ -97,6 +107,10 @@ RunOptions parse(std::span<const char* const> arguments) {
     }
     if (arguments.size() < at + 3 || std::string_view(arguments[at + 1]) != "--") {
         throw RunError(kWrongArguments, "run takes a bus file, --, and a command");
+    }
+    if (!options.virtual_time && !options.time_settings.empty()) {
+        throw RunError(kWrongArguments,
+                       "--seed, --from-epoch, --limit, --steps and --set-clock go with --virtual");
     }
     options.bus = absolute(arguments[at]);
     options.environment["ZELFWSIM_BUS"] = options.bus;
@@ -165,6 +179,11 @@ bool equip(zelfsim::Stage& stage, WordSize size, const std::string& program,
     const std::string library = library_for(size, place, program, options);
     if (place.empty() || library.empty()) {
         return false;
+    }
+    for (const std::string& feature : options.features) {
+        if (!std::filesystem::exists(place + "/" + feature)) {
+            return false;
+        }
     }
     stage.set_library(size, library);
     stage.preload(size, place + "/" + zelfsim::kGuardFile);
@@ -252,6 +271,9 @@ int run_guarded(const RunOptions& options) {
     const std::string program = find_program(options);
     zelfsim::Stage stage;
     equip_all(stage, program, options);
+    if (options.virtual_time) {
+        zelfsim::begin_virtual_time(options.time_settings);
+    }
     zelfsim::Command command{program, options.command, stage.environment(), !shut_devices_out()};
     command.environment.insert(options.environment.begin(), options.environment.end());
     const int status = zelfsim::run_command(command);

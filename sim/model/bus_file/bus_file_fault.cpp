@@ -47,6 +47,15 @@ Bytes read_bytes(const zelf::TomlTable& table) {
     return bytes;
 }
 
+int read_signal(zelf::TomlTable& table) {
+    const std::string name = table.required_text("signal", kLongestWord);
+    const auto number = signal_number(name);
+    if (!number) {
+        table.fail("signal", "unknown signal \"" + name + "\"");
+    }
+    return *number;
+}
+
 void refuse_unless(bool allowed, const zelf::TomlTable& table, std::string_view key,
                    const std::string& where) {
     if (!allowed && table.has(key)) {
@@ -60,7 +69,10 @@ void refuse_misplaced(const zelf::TomlTable& table, FaultEvent at, FaultAction a
     refuse_unless(at == FaultEvent::command, table, "byte", "at = \"command\"");
     refuse_unless(at == FaultEvent::record || at == FaultEvent::checksum, table, "component",
                   "at = \"record\" or \"checksum\"");
-    refuse_unless(unplug || action == FaultAction::late, table, "ms", "\"late\" and \"unplug\"");
+    const bool signal = action == FaultAction::signal;
+    refuse_unless(unplug || signal || action == FaultAction::late, table, "ms",
+                  "\"late\", \"unplug\" and \"signal\"");
+    refuse_unless(signal, table, "signal", "action = \"signal\"");
     refuse_unless(unplug, table, "replug_ms", "\"unplug\"");
     refuse_unless(action == FaultAction::answer || action == FaultAction::data, table, "bytes",
                   "\"answer\" and \"data\"");
@@ -113,6 +125,9 @@ FaultRule read_fault(const zelf::TomlTable& table) {
         table.integer("length", 0, static_cast<std::int64_t>(kMostBytes)).value_or(1));
     if (rule.action == FaultAction::answer || rule.action == FaultAction::data) {
         rule.bytes = read_bytes(table);
+    }
+    if (rule.action == FaultAction::signal) {
+        rule.signal = read_signal(table);
     }
     return rule;
 }

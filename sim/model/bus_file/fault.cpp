@@ -2,6 +2,7 @@
 
 #include <algorithm>
 #include <array>
+#include <csignal>
 #include <cstdio>
 #include <utility>
 
@@ -73,7 +74,20 @@ constexpr std::array kActions{
     ActionName{FaultAction::data, "data", kData},
     ActionName{FaultAction::refuse, "refuse", kOpen},
     ActionName{FaultAction::busy, "busy", kClaim},
+    ActionName{FaultAction::signal, "signal", kTransfer | kOpen | kClaim},
 };
+
+constexpr std::array<std::pair<std::string_view, int>, 9> kSignals{{
+    {"SIGHUP", SIGHUP},
+    {"SIGINT", SIGINT},
+    {"SIGQUIT", SIGQUIT},
+    {"SIGKILL", SIGKILL},
+    {"SIGUSR1", SIGUSR1},
+    {"SIGUSR2", SIGUSR2},
+    {"SIGPIPE", SIGPIPE},
+    {"SIGALRM", SIGALRM},
+    {"SIGTERM", SIGTERM},
+}};
 
 const EventName& row(FaultEvent event) {
     return *std::find_if(kEvents.begin(), kEvents.end(),
@@ -138,6 +152,15 @@ std::string fault_action_names(FaultEvent event) {
         }
     }
     return names;
+}
+
+std::optional<int> signal_number(std::string_view name) {
+    for (const auto& [known, number] : kSignals) {
+        if (known == name) {
+            return number;
+        }
+    }
+    return std::nullopt;
 }
 
 bool fits(FaultEvent event, FaultAction action) {

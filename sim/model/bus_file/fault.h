@@ -60,6 +60,7 @@ enum class FaultAction {
     data,
     refuse,
     busy,
+    signal,
 };
 
 struct FaultRule {
@@ -73,6 +74,7 @@ struct FaultRule {
     std::optional<Duration> replug;
     Bytes bytes;
     std::size_t length = 1;
+    int signal = 0;  ///< that the process is sent
 
     /// Names the rule among its device's: "record#10:unplug".
     std::string key() const;
@@ -85,6 +87,9 @@ std::optional<FaultAction> fault_action(std::string_view name);
 /// All events as a bus file names them, and all actions that can happen at one, as a list to read.
 std::string fault_event_names();
 std::string fault_action_names(FaultEvent event);
+
+/// The number of a signal, as in "SIGTERM".
+std::optional<int> signal_number(std::string_view name);
 
 /// Whether `action` can happen at `event`.
 bool fits(FaultEvent event, FaultAction action);

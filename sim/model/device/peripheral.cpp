@@ -118,6 +118,9 @@ const FaultRule* Peripheral::strike(std::span<const FaultEvent> events,
             store_.save(state_);
         }
         log_.write(description_.name, state_.address, "fault", rule->key(), {}, 0);
+        if (rule->action == FaultAction::signal) {
+            signal_ = SentSignal{rule->signal, rule->delay};
+        }
     }
     return rule;
 }
@@ -190,9 +193,8 @@ std::optional<Reply> Peripheral::interrupt_in(std::uint8_t endpoint, std::size_t
         }
         if (rule->action == FaultAction::answer) {
             reply.data = rule->bytes;
-        } else if (rule->action != FaultAction::unplug) {
-            reply.data.resize(
-                rule->action == FaultAction::empty ? 0 : std::min(rule->length, reply.data.size()));
+        } else if (const auto cut = cut_by(rule)) {
+            reply.data.resize(std::min(*cut, reply.data.size()));
         }
     }
     if (reply.data.size() > length) {

@@ -20,6 +20,7 @@
 #include <set>
 #include <span>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace zelfsim {
@@ -44,6 +45,12 @@ struct Reply {
 
 /// The bytes a fault leaves of a transfer; none when it does not shorten it.
 std::optional<std::size_t> cut_by(const FaultRule* rule);
+
+/// A signal that a fault sends to the process.
+struct SentSignal {
+    int number = 0;
+    Duration delay{0};
+};
 
 /// What becomes of opening, claiming or detaching.
 enum class HostFault { none, refused, busy, unplugged, crash };
@@ -80,6 +87,9 @@ class Peripheral {
 
     /// Faults of opening, claiming and detaching.
     HostFault host_fault(FaultEvent event, TimePoint time);
+
+    /// The signal of the fault that struck last, once. Whoever moves the transfers sends it.
+    std::optional<SentSignal> take_signal() { return std::exchange(signal_, std::nullopt); }
 
     /// Whether a kernel driver holds the interface.
     bool driver_bound(std::uint8_t interface) const;
@@ -153,6 +163,7 @@ class Peripheral {
     Bytes last_status_;
     TimePoint busy_until_{};
     std::set<std::uint8_t> halted_;
+    std::optional<SentSignal> signal_;
 };
 
 }  // namespace zelfsim
