@@ -16,11 +16,14 @@ struct Option {
     const char* variable;
 };
 
-constexpr std::array kOptions = {
-    Option{"--seed", "ZELFWSIM_TIME_SEED"},      Option{"--from-epoch", "ZELFWSIM_TIME_EPOCH"},
-    Option{"--limit", "ZELFWSIM_TIME_LIMIT"},    Option{"--steps", "ZELFWSIM_TIME_STEPS"},
-    Option{"--set-clock", "ZELFWSIM_TIME_STEP"},
-};
+constexpr std::array<Option, 6> kOptions{{
+    {"--seed", "ZELFWSIM_TIME_SEED"},
+    {"--from-epoch", "ZELFWSIM_TIME_EPOCH"},
+    {"--limit", "ZELFWSIM_TIME_LIMIT"},
+    {"--steps", "ZELFWSIM_TIME_STEPS"},
+    {"--busy", "ZELFWSIM_TIME_BUSY"},
+    {"--set-clock", "ZELFWSIM_TIME_STEP"},
+}};
 
 }  // namespace
 

@@ -1,5 +1,6 @@
 #include "time/scheduler.h"
 
+#include "time/busy_watch.h"
 #include "time/kernel_call.h"
 #include "time/verdict.h"
 
@@ -49,6 +50,11 @@ bool is_ignored(int signal) {
              (signal == SIGCHLD || signal == SIGURG || signal == SIGWINCH || signal == SIGCONT)));
 }
 
+/// For a program that never calls anything. Another object may have called something before.
+__attribute__((constructor)) void begin_virtual_time() {
+    Scheduler::instance();
+}
+
 }  // namespace
 
 Scheduler& Scheduler::instance() {
@@ -67,6 +73,7 @@ Scheduler::Scheduler() : settings_(Settings::from_environment()), chance_(settin
     main.handle = pthread_self();
     main.id = static_cast<int>(kernel(SYS_gettid));
     current = &main;
+    watch_processor_time(settings_.longest_busy, [] { instance().look_for_busy_thread(); });
 }
 
 Thread* Scheduler::self() {
@@ -92,6 +99,7 @@ void Scheduler::count_step(const Place& place) {
     last_steps_[next_step_] = {current->number, place};
     next_step_ = (next_step_ + 1) % kRemembered;
     ++steps_of_turn_;
+    all_steps_.store(all_steps_ + 1);
     if (++steps_ > settings_.most_steps) {
         end_livelocked(std::to_string(settings_.most_steps) + " calls and nobody waited");
     }
@@ -345,6 +353,15 @@ std::string Scheduler::describe(const Thread& thread) const {
                 place_of(thread.start.caller);
     }
     return text + "\n";
+}
+
+/// In a signal handler, in any thread.
+void Scheduler::look_for_busy_thread() {
+    const std::uint32_t steps = all_steps_;
+    if (steps == std::exchange(steps_at_last_look_, steps)) {
+        end_livelocked("no call for " + std::to_string(settings_.longest_busy) +
+                       " seconds of processor time");
+    }
 }
 
 void Scheduler::end_deadlocked() {

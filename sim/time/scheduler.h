@@ -104,6 +104,7 @@ class Scheduler {
     void deliver_signals(Thread& thread);
     void count_step(const Place& place);
 
+    void look_for_busy_thread();
     [[noreturn]] void end_deadlocked();
     [[noreturn]] void end_livelocked(const std::string& reason);
     std::string describe(const Thread& thread) const;
@@ -123,6 +124,8 @@ class Scheduler {
     std::uint64_t turns_ = 0;
     std::uint64_t steps_ = 0;          // since the clock jumped
     std::uint64_t steps_of_turn_ = 0;  // since the thread's turn began
+    std::atomic<std::uint32_t> all_steps_{0};
+    std::uint32_t steps_at_last_look_ = 0;
     std::array<Step, kRemembered> last_steps_;
     std::size_t next_step_ = 0;
     Thread* ending_ = nullptr;  // has passed its turn on, and is on its way out

@@ -20,6 +20,7 @@ struct Settings {
     std::optional<Instant> epoch;   ///< what the wall clock shows at the start
     Instant limit = 0;              ///< the longest run
     std::uint64_t most_steps = 0;   ///< at one standstill of the clock
+    long longest_busy = 0;          ///< seconds of processor time without a call, about
     std::optional<ClockStep> step;  ///< of the wall clock
 
     /// Ends the process with a line on standard error when a variable cannot be read.

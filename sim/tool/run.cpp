@@ -110,7 +110,8 @@ RunOptions parse(std::span<const char* const> arguments) {
     }
     if (!options.virtual_time && !options.time_settings.empty()) {
         throw RunError(kWrongArguments,
-                       "--seed, --from-epoch, --limit, --steps and --set-clock go with --virtual");
+                       "--seed, --from-epoch, --limit, --steps, --busy and --set-clock go with "
+                       "--virtual");
     }
     options.bus = absolute(arguments[at]);
     options.environment["ZELFWSIM_BUS"] = options.bus;
