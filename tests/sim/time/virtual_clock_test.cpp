@@ -22,8 +22,8 @@ constexpr int kRefused = 118;
 class VirtualTime : public testing::TestWithParam<const char*> {
   protected:
     Outcome query(const std::string& command, const std::string& settings = "") const {
-        return run("timeout 60 env LD_PRELOAD=" ZELFWSIM_TIME " " + settings + " " + GetParam() + " " +
-                   command);
+        return run("timeout 60 env LD_PRELOAD=" ZELFWSIM_TIME " " + settings + " " + GetParam() +
+                   " " + command);
     }
 
     const Workspace workspace_;
