@@ -41,6 +41,16 @@ constexpr const char* kHelp =
     "      --hubs                          answer for the ports of hubs, as old kernels do\n"
     "      --library DIRECTORY             the simulation's, where it is not found by itself\n"
     "      --preload FILE                  a further object to preload, may be repeated\n"
+    "      --virtual                       under a clock and a scheduler of our own: no wait lasts,\n"
+    "                                      and the same arguments give the same run\n"
+    "      --seed N                        which of all orders of threads; 0 if not given, the\n"
+    "                                      plain one\n"
+    "      --from-epoch SECONDS            what the wall clock shows at first, since 1970\n"
+    "      --set-clock SECONDS@MS          after so many milliseconds set it by so much\n"
+    "      --limit SECONDS                 the longest run, 3600 if not given\n"
+    "      --steps N                       the most calls without a wait, 1000000 if not given\n"
+    "      --busy SECONDS                  the longest without a call, 20 if not given; these\n"
+    "                                      are seconds of the processor\n"
     "  zelfwsim [COMMAND] --help           this text\n"
     "  zelfwsim [COMMAND] --version        the version\n"
     "\n"
@@ -48,7 +58,8 @@ constexpr const char* kHelp =
     "run gives the command's exit code and ends by the signal that ended it, or with: 120 wrong\n"
     "arguments, 121 the bus file cannot be used, 122 no simulation for the command, 123 the\n"
     "command cannot be started, 124 attached devices cannot be hidden, 125 the command did not\n"
-    "get the simulation.\n";
+    "get the simulation. In virtual time a run may end with: 116 deadlock, 117 livelock, 118 a\n"
+    "call that virtual time does not know.\n";
 
 using zelfsim::BusDescription;
 using zelfsim::ComponentDescription;

@@ -281,7 +281,7 @@ TEST(ToolPages, ExplainEveryCommandOptionAndExitCodeOfZelfwsim) {
         }
     }
     std::set<std::string> offered = all_matches(help, R"(\n  zelfwsim (?:\[COMMAND\] )?([a-z-]+))");
-    offered.merge(all_matches(help, R"(\n +(--[a-z]+))"));
+    offered.merge(all_matches(help, R"(\n +(--[a-z-]+))"));
     offered.merge(all_matches(help.substr(help.find("Exit codes")), R"(([0-9]+) )"));
     EXPECT_THAT(offered, IsSupersetOf({"check", "serve", "run", "--attach", "--state", "--help",
                                        "0", "2", "125"}));
