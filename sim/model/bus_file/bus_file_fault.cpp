@@ -11,9 +11,9 @@ namespace {
 constexpr std::size_t kLongestWord = 32;
 constexpr std::size_t kMostBytes = 1024;
 
-constexpr std::array<std::string_view, 11> kFaultKeys{"device",    "at",     "number", "byte",
+constexpr std::array<std::string_view, 12> kFaultKeys{"device",    "at",     "number", "byte",
                                                       "component", "action", "times",  "ms",
-                                                      "replug_ms", "bytes",  "length"};
+                                                      "replug_ms", "bytes",  "length", "signal"};
 
 int hex_digit(char character) {
     constexpr std::string_view kDigits = "0123456789abcdef";
@@ -47,7 +47,7 @@ Bytes read_bytes(const zelf::TomlTable& table) {
     return bytes;
 }
 
-int read_signal(zelf::TomlTable& table) {
+int read_signal(const zelf::TomlTable& table) {
     const std::string name = table.required_text("signal", kLongestWord);
     const auto number = signal_number(name);
     if (!number) {
