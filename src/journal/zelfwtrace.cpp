@@ -349,7 +349,8 @@ void Trace::write_text_in_handler(const char* text) const {
     header.time = static_cast<std::uint32_t>(clock.tv_sec);
     header.component = component;
     header.milliseconds = static_cast<std::uint16_t>(milliseconds);
-    write_whole(trace_fd, header, reinterpret_cast<const unsigned char*>(text), header.length);
+    std::array parts = {part(&header, sizeof(header)), part(text, header.length)};
+    write_whole(fileno(trace_fd), parts);
 }
 
 void Trace::CloseTraceFile() {
