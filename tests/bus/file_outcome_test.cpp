@@ -169,7 +169,7 @@ TEST_F(FileOutcome, ASecondRunAppendsToTheLogOfTheFirst) {
         [&] { return read_file(path("run.log")).find("%10") != std::string::npos; }));
     ProgramProcess second(settings, {"-V", "-l", path("run.log"), "-t", "0"});
     EXPECT_EQ(second.finish().exit_code, 0);
-    const RunResult result = finish(*first);
+    const RunResult result = first->finish();
     EXPECT_EQ(result.exit_code, 0);
     EXPECT_EQ(result.log.find('\0'), std::string::npos);
     EXPECT_THAT(result.log, HasSubstr("Command line:  zelfwupdate"));
@@ -187,6 +187,8 @@ TEST_F(FileOutcome, OneFileForTwoPurposesIsRefused) {
         {"-t", path("new"), "-w", path("./new")},  {"-r", "new", "-w", path("new")},
         {"-l", path("one"), "-w", path("./link")}, {"-t", path("one"), "-r", path("one")},
     };
+    EXPECT_EQ(run_plainly({"-V", "-l", path("one"), "-t", path("one")}).errors,
+              "zelfwupdate: options -l and -t: both name the file '" + path("one") + "'\n");
     for (std::vector<std::string> arguments : refused) {
         const std::string expected = std::string("zelfwupdate: options -") + arguments[0][1] +
                                      " and " + arguments[2] + ": both name the file '" +
