@@ -102,9 +102,9 @@ TEST_F(FaultInTheAllocator, InMidImageIsReportedAndEndsTheRun) {
         .component = 1,
         .further_records = {std::string("\xC8\x10\0\x05", 4) + std::string(200, 'x')}};
     add_firmware("boot.dat", file);
-    // What the trace keeps of a record: eight bytes, and the message, which is hexadecimal here.
-    constexpr std::size_t prefix = 8;
-    fault_at_allocation_of(prefix + file.messages().end()[-2].size() / 2);
+    // The device keeps the record, from its length byte on; the message is hexadecimal here.
+    constexpr std::size_t head = 4;
+    fault_at_allocation_of(file.messages().end()[-2].size() / 2 - head);
     ends.expect_fault_report();
     expect_reported(update());
     EXPECT_THAT(commands("printer"), testing::Contains("04000100"));

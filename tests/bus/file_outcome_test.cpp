@@ -163,10 +163,11 @@ TEST_F(FileOutcome, StateOfTheBusMayHaveALateDate) {
 
 TEST_F(FileOutcome, ASecondRunAppendsToTheLogOfTheFirst) {
     // Long enough for the second run to come in between.
-    add_firmware("boot.dat", {.component = 1, .data_records = 2000});
+    add_firmware("boot.dat", {.component = 1, .data_records = 300});
     const auto first = start({"-U", "-p", firmware_directory()});
     EXPECT_TRUE(first->wait_until(
         [&] { return read_file(path("run.log")).find("%10") != std::string::npos; }));
+    ends.expect_open_log();  // of the first run, which goes on
     ProgramProcess second(settings, {"-V", "-l", path("run.log"), "-t", "0"});
     EXPECT_EQ(second.finish().exit_code, 0);
     const RunResult result = first->finish();

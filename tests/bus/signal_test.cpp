@@ -155,16 +155,18 @@ TEST_F(Signal, SecondOneDoesNotCutTheImageEither) {
     EXPECT_EQ(image("printer", 1), file.body());
 }
 
-TEST_F(Signal, OfEveryKindWaitsForTheImagesEnd) {
-    for (const int number : {SIGUSR2, SIGALRM, SIGSTKFLT, SIGXCPU, SIGVTALRM, SIGPROF, SIGIO,
-                             SIGPWR, SIGRTMIN, SIGRTMAX}) {
-        std::filesystem::remove_all(path("state"));
-        const RunResult result = run_with_signal(number, 3);
-        EXPECT_EQ(result.signal, number);
-        EXPECT_EQ(count_lines(result.console, explanation), 1) << number;
-        EXPECT_EQ(image("printer", 1), file.body()) << number;
-    }
+class SignalOfEveryKind : public Signal {};
+
+TEST_P(SignalOfEveryKind, WaitsForTheImagesEnd) {
+    const RunResult result = run_with_signal(GetParam(), 3);
+    EXPECT_EQ(result.signal, GetParam());
+    EXPECT_EQ(count_lines(result.console, explanation), 1);
+    EXPECT_EQ(image("printer", 1), file.body());
 }
+
+INSTANTIATE_TEST_SUITE_P(Kinds, SignalOfEveryKind,
+                         testing::Values(SIGUSR2, SIGALRM, SIGSTKFLT, SIGXCPU, SIGVTALRM, SIGPROF,
+                                         SIGIO, SIGPWR, SIGRTMIN, SIGRTMAX));
 
 TEST_F(Signal, ThatComesAgainInALongSilenceEndsAStuckRun) {
     const std::string told =
