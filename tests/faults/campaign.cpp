@@ -1,5 +1,6 @@
 #include "campaign.h"
 
+#include "strike.h"
 #include "support/bus_text.h"
 
 #include <algorithm>
@@ -72,9 +73,23 @@ void choose(std::vector<Item>& items, std::size_t count, std::uint32_t seed) {
 }  // namespace
 
 std::string Campaign::Case::text() const {
-    return is_kill()
-               ? std::string(injection.goes_on ? "kill-a/" : "kill/") + std::to_string(kill_after)
-               : injection.text();
+    std::string text;
+    if (is_kill()) {
+        text = std::string(injection.goes_on ? "kill-a/" : "kill/") + std::to_string(kill_after);
+    } else if (sets_clock()) {
+        text = "clock/" + schedule.clock_step;
+    } else {
+        text = injection.text();
+    }
+    return schedule.seed == 0 ? text : text + "#" + std::to_string(schedule.seed);
+}
+
+std::string Campaign::Case::target() const {
+    return is_kill() ? "kill" : sets_clock() ? "clock" : injection.target();
+}
+
+std::string Campaign::Case::family() const {
+    return is_kill() ? "kill -9" : sets_clock() ? "clock set" : injection.family();
 }
 
 Campaign::Campaign(CampaignSettings settings) : settings_(std::move(settings)) {}
@@ -87,18 +102,12 @@ bool Campaign::run() {
     if (settings_.repeat.empty()) {
         cases = chosen_cases();
     } else {
-        Case one;
-        const bool goes_on = settings_.repeat.starts_with("kill-a/");
-        if (settings_.repeat.starts_with("kill/") || goes_on) {
-            one.kill_after = std::stoi(settings_.repeat.substr(goes_on ? 7 : 5));
-            one.injection.goes_on = goes_on;
-        } else if (const auto injection = parse_injection(settings_.repeat)) {
-            one.injection = *injection;
-        } else {
+        const auto one = parse_case(settings_.repeat);
+        if (!one) {
             std::fprintf(stderr, "No such case: %s\n", settings_.repeat.c_str());
             return false;
         }
-        cases.push_back(one);
+        cases.push_back(*one);
     }
     run_all(cases, settings_.jobs, false);
     // What was too slow among many is judged by a run among few.
@@ -122,6 +131,31 @@ bool Campaign::report_missed() const {
     return found;
 }
 
+std::optional<Campaign::Case> Campaign::parse_case(const std::string& text) const {
+    Case one;
+    const std::size_t seed_mark = text.find('#');
+    const std::string name = text.substr(0, seed_mark);
+    if (seed_mark != std::string::npos) {
+        one.schedule.seed = static_cast<std::uint32_t>(std::stoul(text.substr(seed_mark + 1)));
+    }
+    const bool goes_on = name.starts_with("kill-a/");
+    if (name.starts_with("clock/")) {
+        one.schedule.clock_step = name.substr(6);
+    } else if (name.starts_with("kill/") || goes_on) {
+        one.kill_after = std::stoi(name.substr(goes_on ? 7 : 5));
+        one.injection.goes_on = goes_on;
+    } else if (const auto injection = parse_injection(name)) {
+        one.injection = *injection;
+    } else {
+        return std::nullopt;
+    }
+    return one;
+}
+
+std::optional<Schedule> Campaign::schedule_of(const Case& one) const {
+    return settings_.virtual_time ? std::optional(one.schedule) : std::nullopt;
+}
+
 bool Campaign::measure_sound_runs() {
     std::mutex mutex;
     bool is_sound = true;
@@ -130,7 +164,7 @@ bool Campaign::measure_sound_runs() {
     }
     in_parallel(std::size(commands) * 2, 8, [&](std::size_t i) {
         const std::string command = commands[i / 2];
-        Workplace place(settings_.program);
+        Workplace place(settings_.program, schedule_of({}));
         constexpr milliseconds longest{120000};
         SoundRun& sound = sound_[command][i % 2];
         sound.run = place.run(command, false, "", i % 2 == 1, longest);
@@ -153,9 +187,10 @@ std::vector<Campaign::Case> Campaign::all_injection_cases() const {
                 if (goes_on && std::string(command) != "update") {
                     continue;
                 }
-                for (Injection& one : all_injections(record, command, goes_on, device)) {
+                for (Injection& one :
+                     all_injections(record, command, goes_on, device, settings_.family)) {
                     one.number += settings_.aim_past;
-                    cases.push_back({std::move(one), -1});
+                    cases.push_back({std::move(one)});
                 }
             }
         }
@@ -177,10 +212,28 @@ std::vector<Campaign::Case> Campaign::kill_cases() const {
     return cases;
 }
 
+/// The wall clock goes back and forth by hours and by seconds, every 50 ms of an update.
+std::vector<Campaign::Case> Campaign::clock_cases() const {
+    std::vector<Case> cases;
+    for (long moment = 0; moment < sound_duration("update").count(); moment += 50) {
+        for (const char* step : {"-7200", "7200", "-3", "3"}) {
+            Case one;
+            one.schedule.clock_step = std::string(step) + "@" + std::to_string(moment);
+            cases.push_back(one);
+        }
+    }
+    return cases;
+}
+
 std::vector<Campaign::Case> Campaign::chosen_cases() const {
     std::vector<Case> cases;
     if (settings_.count > 0 || settings_.kills == 0) {
-        cases = all_injection_cases();
+        for (Case one : settings_.family == Family::clock ? clock_cases() : all_injection_cases()) {
+            for (std::uint32_t schedule = 0; schedule < settings_.schedules; ++schedule) {
+                one.schedule.seed = schedule;
+                cases.push_back(one);
+            }
+        }
     }
     std::erase_if(cases, [this](const Case& one) {
         return one.text().find(settings_.only) == std::string::npos;
@@ -220,8 +273,17 @@ void Campaign::run_all(const std::vector<Case>& cases, unsigned int jobs, bool i
 }
 
 Campaign::Outcome Campaign::run_case(const Case& one) const {
-    Workplace place(settings_.program);
-    Outcome outcome = one.is_kill() ? run_kill(one, place) : run_injection(one, place);
+    Workplace place(settings_.program, schedule_of(one));
+    Outcome outcome;
+    if (one.is_kill()) {
+        outcome = run_kill(one, place);
+    } else if (one.sets_clock()) {
+        outcome = run_with_set_clock(one, place);
+    } else if (one.injection.kind->belongs_to != Family::faults) {
+        outcome = run_signalled(one, place);
+    } else {
+        outcome = run_injection(one, place);
+    }
     if (!settings_.repeat.empty() && !outcome.violations.empty()) {
         const std::string kept = "fault-campaign";
         std::filesystem::remove_all(kept);
@@ -269,8 +331,37 @@ Campaign::Outcome Campaign::run_kill(const Case& one, Workplace& place) const {
     return outcome;
 }
 
+Campaign::Outcome Campaign::run_signalled(const Case& one, Workplace& place) const {
+    const Injection& injection = one.injection;
+    Outcome outcome;
+    const Run run = place.run(injection.command, injection.goes_on, injection.fault(),
+                              injection.has_debug_log(), bound_of(injection) + until_hang);
+    ++outcome.runs;
+    if (injection.kind->belongs_to == Family::kills) {
+        outcome.has_struck = run.end.signal == SIGKILL;
+        outcome.violations = judge_killed(place);
+    } else {
+        outcome.has_struck = find_strike(run.record, injection).has_struck;
+        outcome.violations = judge_signalled(run, place, outcome.has_struck);
+    }
+    recover(place, outcome);
+    return outcome;
+}
+
+Campaign::Outcome Campaign::run_with_set_clock(const Case& one, Workplace& place) const {
+    Outcome outcome;
+    const milliseconds bound = sound_duration("update") + grace;
+    const Run run = place.run("update", false, "", one.schedule.seed % 2 == 1, bound + until_hang);
+    ++outcome.runs;
+    outcome.violations = judge_sound(run, place, "update");
+    if (run.end.duration > bound) {
+        outcome.violations.push_back("took " + std::to_string(run.end.duration.count()) + " ms");
+    }
+    return outcome;
+}
+
 void Campaign::recover(Workplace& place, Outcome& outcome) const {
-    std::this_thread::sleep_for(return_time);
+    place.pass(return_time);
     const Prospect prospect = foresee(place);
     const milliseconds longest = sound_duration("update") + grace + until_hang;
     const auto take_violations = [&outcome](const char* step, const Violations& violations) {
@@ -282,7 +373,7 @@ void Campaign::recover(Workplace& place, Outcome& outcome) const {
     ++outcome.runs;
     take_violations("recovery: ", judge_recovery(plain, place, prospect));
     if (prospect.needs_force) {
-        std::this_thread::sleep_for(return_time);
+        place.pass(return_time);
         const Run forced = place.run("force", false, "", false, longest);
         ++outcome.runs;
         take_violations("recovery by force: ", judge_ending(forced));
@@ -291,9 +382,10 @@ void Campaign::recover(Workplace& place, Outcome& outcome) const {
 }
 
 void Campaign::take(const Case& one, const Outcome& outcome, bool is_last_chance) {
-    Tally& tally = tallies_[one.is_kill() ? "kill -9" : one.injection.family()];
+    Tally& tally = tallies_[one.family()];
     tally.runs += outcome.runs;
-    if (outcome.is_late && !is_last_chance) {
+    // In virtual time it would be as late again.
+    if (outcome.is_late && !is_last_chance && !settings_.virtual_time) {
         late_cases_.push_back(one);
         return;
     }
@@ -312,7 +404,8 @@ void Campaign::report(const Case& one, const Outcome& outcome) const {
     for (const std::string& violation : outcome.violations) {
         std::printf("VIOLATION %s: %s\n", one.text().c_str(), violation.c_str());
     }
-    std::printf("  repeat: %s --repeat %s\n", FAULT_CAMPAIGN, one.text().c_str());
+    std::printf("  repeat: %s%s --repeat '%s'\n", FAULT_CAMPAIGN,
+                settings_.virtual_time ? " --virtual" : "", one.text().c_str());
     std::fflush(stdout);
 }
 

@@ -9,6 +9,7 @@
 #include <cstddef>
 #include <cstdint>
 #include <map>
+#include <optional>
 #include <string>
 #include <vector>
 
@@ -22,6 +23,9 @@ struct CampaignSettings {
     std::string program = ZELFWUPDATE;
     unsigned int jobs = 32;
     int aim_past = 0;  ///< injections are meant for the transfer as many behind the right one
+    bool virtual_time = false;
+    Family family = Family::faults;
+    std::uint32_t schedules = 1;  ///< of each case, in virtual time
 };
 
 /// A row of the summary.
@@ -55,10 +59,13 @@ class Campaign {
     struct Case {
         Injection injection{};
         int kill_after = -1;  ///< milliseconds; the case is a kill when not negative
+        Schedule schedule{};  ///< in virtual time
 
         bool is_kill() const { return kill_after >= 0; }
+        bool sets_clock() const { return !schedule.clock_step.empty(); }
+        std::string family() const;
         std::string text() const;
-        std::string target() const { return is_kill() ? "kill" : injection.target(); }
+        std::string target() const;
     };
     struct Outcome {
         Violations violations;
@@ -76,6 +83,11 @@ class Campaign {
     Outcome run_case(const Case& one) const;
     Outcome run_injection(const Case& one, Workplace& place) const;
     Outcome run_kill(const Case& one, Workplace& place) const;
+    Outcome run_signalled(const Case& one, Workplace& place) const;
+    Outcome run_with_set_clock(const Case& one, Workplace& place) const;
+    std::optional<Case> parse_case(const std::string& text) const;
+    std::vector<Case> clock_cases() const;
+    std::optional<Schedule> schedule_of(const Case& one) const;
     void recover(Workplace& place, Outcome& outcome) const;
     std::chrono::milliseconds bound_of(const Injection& injection) const;
     std::chrono::milliseconds sound_duration(const std::string& command) const;

@@ -26,11 +26,19 @@ constexpr char usage[] =
     "  --jobs J      cases side by side (32); they mostly sleep\n"
     "  --repeat CASE this case alone, as a violation names it; keeps its files when it fails\n"
     "  --program P   another build of the program\n"
+    "  --virtual     in virtual time: no wait lasts, and a case is one run, exactly. Use few jobs\n"
+    "  --schedules N each case under as many orders of the threads (1: the plain one)\n"
+    "  --family F    faults (if not given), kills, signals (both at each transfer), or clock\n"
     "  --aim-past N  at the transfer N behind the one that an injection names, to see what is "
     "said\n"
     "                when faults do not strike\n"
     "Exit code 1 when there was a violation, or when most faults of a target (event and kind)\n"
     "did not strike.\n";
+
+const std::map<std::string, Family> families = {{"faults", Family::faults},
+                                                {"kills", Family::kills},
+                                                {"signals", Family::signals},
+                                                {"clock", Family::clock}};
 
 /// Takes the arguments, each with a value, into the settings; false when one is wrong.
 bool parse(int argc, char** argv, CampaignSettings& settings) {
@@ -39,6 +47,11 @@ bool parse(int argc, char** argv, CampaignSettings& settings) {
     };
     for (int i = 1; i < argc; i += 2) {
         const std::string name = argv[i];
+        if (name == "--virtual") {
+            settings.virtual_time = true;
+            --i;
+            continue;
+        }
         if (i + 1 == argc) {
             return false;
         }
@@ -59,6 +72,10 @@ bool parse(int argc, char** argv, CampaignSettings& settings) {
             settings.program = value;
         } else if (name == "--aim-past") {
             settings.aim_past = static_cast<int>(number(value));
+        } else if (name == "--schedules") {
+            settings.schedules = static_cast<std::uint32_t>(number(value));
+        } else if (name == "--family" && families.contains(value)) {
+            settings.family = families.at(value);
         } else if (name == "--slice" && value.find('/') != std::string::npos) {
             settings.slice = number(value);
             settings.slices = number(value.substr(value.find('/') + 1));
@@ -66,7 +83,9 @@ bool parse(int argc, char** argv, CampaignSettings& settings) {
             return false;
         }
     }
-    return settings.jobs > 0 && settings.slice < settings.slices;
+    const bool needs_virtual_time = settings.schedules > 1 || settings.family == Family::clock;
+    return settings.jobs > 0 && settings.slice < settings.slices &&
+           (settings.virtual_time || !needs_virtual_time);
 }
 
 }  // namespace
@@ -80,6 +99,9 @@ int main(int argc, char** argv) {
     try {
         if (geteuid() == 0) {
             zelfsim::hide_devices_if_any();
+        }
+        if (settings.virtual_time) {
+            fix_addresses();
         }
         const auto begin = std::chrono::steady_clock::now();
         Campaign campaign(settings);

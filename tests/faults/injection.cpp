@@ -33,6 +33,10 @@ constexpr std::array kinds = {
     FaultKind{"no-answer", "no answer", "no-answer", ""},
     FaultKind{"busy", "claim busy", "busy", ""},
     FaultKind{"refuse", "refused", "refuse", ""},
+    FaultKind{"kill", "kill -9 at transfer", "signal", "signal = \"SIGKILL\"\n", Family::kills},
+    FaultKind{"term", "signal", "signal", "signal = \"SIGTERM\"\n", Family::signals},
+    FaultKind{"interrupt", "signal", "signal", "signal = \"SIGINT\"\n", Family::signals},
+    FaultKind{"hang-up", "signal", "signal", "signal = \"SIGHUP\"\n", Family::signals},
 };
 
 /// Names of kinds that an event can take.
@@ -45,12 +49,12 @@ const std::vector<EventKinds>& event_kinds() {
     static const std::vector<EventKinds> table = {
         {"control",
          {"unplug", "unplug-soon", "replug", "stall", "timeout", "io-error", "overflow", "short",
-          "empty"}},
+          "empty", "kill", "term", "interrupt", "hang-up"}},
         {"get-descriptor", {"garbage", "plausible-garbage"}},
         {"get-feature", {"garbage", "plausible-garbage"}},
         {"interrupt",
          {"unplug", "replug", "stall", "timeout", "io-error", "overflow", "short", "empty",
-          "garbage", "plausible-garbage"}},
+          "garbage", "plausible-garbage", "kill", "term", "interrupt", "hang-up"}},
         {"command",
          {"reject", "operation-error", "garbage", "plausible-garbage", "late", "too-late",
           "no-answer"}},
@@ -175,12 +179,15 @@ std::optional<Injection> parse_injection(const std::string& text) {
 }
 
 std::vector<Injection> all_injections(const TransferRecord& record, const std::string& command,
-                                      bool goes_on, const std::string& device) {
+                                      bool goes_on, const std::string& device, Family kind_of_all) {
     std::vector<Injection> all;
     for (const EventKinds& row : event_kinds()) {
         const int count = count_events(record, device, row.event);
         for (int number = 1; number <= count; ++number) {
             for (const char* kind : row.kinds) {
+                if (find_fault_kind(kind)->belongs_to != kind_of_all) {
+                    continue;
+                }
                 all.push_back({.command = command,
                                .goes_on = goes_on,
                                .device = device,

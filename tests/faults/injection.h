@@ -8,12 +8,21 @@
 #include <string>
 #include <vector>
 
+/// What a campaign does to its runs.
+enum class Family {
+    faults,   ///< of a device or its bus
+    kills,    ///< an end without warning
+    signals,  ///< a request to end
+    clock,    ///< the wall clock is set in mid-run
+};
+
 /// A kind of fault, in the words of the bus file.
 struct FaultKind {
     const char* name;    ///< in an injection's text
     const char* family;  ///< the row of the summary
     const char* action;
     const char* keys;  ///< further lines of the fault
+    Family belongs_to = Family::faults;
 };
 
 /// Null for an unknown name.
@@ -42,6 +51,7 @@ struct Injection {
 /// None for a text that names no injection.
 std::optional<Injection> parse_injection(const std::string& text);
 
-/// All faults that can strike the device in a run that was recorded without any.
+/// All of the family that can strike the device in a run that was recorded without any.
 std::vector<Injection> all_injections(const TransferRecord& record, const std::string& command,
-                                      bool goes_on, const std::string& device);
+                                      bool goes_on, const std::string& device,
+                                      Family kind_of_all = Family::faults);

@@ -126,6 +126,27 @@ Violations judge_killed(const Workplace& place) {
     return found;
 }
 
+Violations judge_signalled(const Run& run, const Workplace& place, bool has_struck) {
+    Violations found = judge_killed(place);
+    const bool by_signal =
+        run.end.signal == SIGTERM || run.end.signal == SIGINT || run.end.signal == SIGHUP;
+    if (run.end.killed) {
+        found.emplace_back("hangs");
+    } else if (has_struck && !by_signal) {
+        found.push_back("exit code " + std::to_string(run.end.exit_code) + ", signal " +
+                        std::to_string(run.end.signal) + " after a signal");
+    }
+    if (!run.errors.empty()) {
+        found.push_back("standard error: " + run.errors.substr(0, 2000));
+    }
+    for (const Target& target : targets()) {
+        if (place.is_broken(target)) {
+            found.push_back(std::string(target.device) + " was left with half an image");
+        }
+    }
+    return found;
+}
+
 Prospect foresee(const Workplace& place) {
     Prospect prospect;
     for (const Target& target : targets()) {

@@ -4,6 +4,7 @@
 #include "support/bus_text.h"
 
 #include <algorithm>
+#include <thread>
 #include <utility>
 
 namespace {
@@ -69,7 +70,8 @@ std::string device_of(int product) {
     return "";
 }
 
-Workplace::Workplace(std::string program) : program_(std::move(program)) {
+Workplace::Workplace(std::string program, std::optional<Schedule> schedule)
+    : program_(std::move(program)), schedule_(std::move(schedule)) {
     std::filesystem::create_directory(directory_.path("firmware"));
     for (const Target& target : targets()) {
         const std::string name = std::string("firmware/") + target.file_name;
@@ -126,19 +128,39 @@ Run Workplace::run(const std::string& command, bool goes_on, const std::string& 
                               .output_file = journal("console.txt"),
                               .error_file = journal("errors.txt"),
                               .longest = longest};
-    for (const auto& [name, value] : zelfsim::guarded_environment(SIMULATION_DIRECTORY)) {
+    std::vector<std::string> preloads;
+    if (schedule_) {
+        preloads.emplace_back(TIME_OBJECT);
+        for (const std::string& setting : settings_of(*schedule_)) {
+            settings.environment.push_back(setting);
+        }
+    }
+    for (const auto& [name, value] :
+         zelfsim::guarded_environment(SIMULATION_DIRECTORY, "", preloads)) {
         settings.environment.push_back(std::string(name).append("=").append(value));
     }
     const auto options = arguments(command, goes_on, with_debug_log);
     settings.command.insert(settings.command.end(), options.begin(), options.end());
     Run run;
+    const auto begin = read_virtual_clock(path("state"));
     run.end = run_child(settings);
+    if (schedule_) {
+        run.end.duration = read_virtual_clock(path("state")) - begin;
+    }
     run.console = read_file(journal("console.txt"));
     run.errors = read_file(journal("errors.txt"));
     run.log = read_file(journal("log.txt"));
     run.results = read_file(journal("results.txt"));
     run.record = TransferRecord(journal("record.tsv"));
     return run;
+}
+
+void Workplace::pass(std::chrono::milliseconds length) const {
+    if (schedule_) {
+        pass_virtual_time(path("state"), length);
+    } else {
+        std::this_thread::sleep_for(length);
+    }
 }
 
 std::optional<DeviceState> Workplace::state(const std::string& device) const {

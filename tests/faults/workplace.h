@@ -7,6 +7,7 @@
 #include "support/firmware_file.h"
 #include "support/temporary_directory.h"
 #include "support/transfer_record.h"
+#include "virtual_time.h"
 
 #include <chrono>
 #include <optional>
@@ -47,11 +48,15 @@ struct Run {
 class Workplace {
   public:
     /// With no state yet, all firmware files, and the marker.
-    explicit Workplace(std::string program);
+    /// Without a schedule the runs are in real time.
+    explicit Workplace(std::string program, std::optional<Schedule> schedule = std::nullopt);
 
     /// `command` is "update", "list", "reset", "read" or "force"; `fault` is text for the bus file.
     Run run(const std::string& command, bool goes_on, const std::string& fault, bool with_debug_log,
             std::chrono::milliseconds longest);
+
+    /// Lets time pass between two runs.
+    void pass(std::chrono::milliseconds length) const;
 
     /// None when the device has never had anything to remember.
     std::optional<DeviceState> state(const std::string& device) const;
@@ -74,6 +79,7 @@ class Workplace {
     }
 
     std::string program_;
+    std::optional<Schedule> schedule_;
     TemporaryDirectory directory_;
     int runs_ = 0;
 };
