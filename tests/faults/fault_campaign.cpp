@@ -9,11 +9,13 @@
 #include <cstdio>
 #include <cstdlib>
 #include <exception>
+#include <filesystem>
 #include <map>
 #include <string>
 
 namespace {
 
+constexpr const char* memory_directory = "/dev/shm";
 constexpr int exit_wrong_arguments = 2;
 
 constexpr char usage[] =
@@ -102,6 +104,10 @@ int main(int argc, char** argv) {
         }
         if (settings.virtual_time) {
             fix_addresses();
+            // Most of a case would be the disk's. Where the caller names no place, memory will do.
+            if (std::filesystem::is_directory(memory_directory)) {
+                setenv("TMPDIR", memory_directory, 0);
+            }
         }
         const auto begin = std::chrono::steady_clock::now();
         Campaign campaign(settings);
