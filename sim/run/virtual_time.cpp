@@ -16,9 +16,10 @@ struct Option {
     const char* variable;
 };
 
-constexpr std::array<Option, 6> kOptions{{
+constexpr std::array<Option, 7> kOptions{{
     {"--seed", "ZELFWSIM_TIME_SEED"},
     {"--from-epoch", "ZELFWSIM_TIME_EPOCH"},
+    {"--hold-up", "ZELFWSIM_TIME_HOLD_UP"},
     {"--limit", "ZELFWSIM_TIME_LIMIT"},
     {"--steps", "ZELFWSIM_TIME_STEPS"},
     {"--busy", "ZELFWSIM_TIME_BUSY"},

@@ -21,9 +21,10 @@ namespace {
 
 /// How seldom a thread is put off where it could have gone on, in a run with a seed.
 constexpr std::uint64_t kSwitchOneIn = 4;
-/// How seldom a thread that can go on is late, and by how much at most.
-constexpr std::uint64_t kLateOneIn = 16;
-constexpr Instant kLongestLateness = 20 * kMillisecond;
+/// How seldom a thread that could go on is held up, as on a busy machine, and for how long at most.
+constexpr std::uint64_t kHeldUpOneIn = 16;
+constexpr Instant kLongestHoldUp = 20 * kMillisecond;
+constexpr std::uint64_t kHeldUpLongOneIn = 1024;
 /// In the plain order a thread that never waits gives way after so many calls.
 constexpr std::uint64_t kLongestTurn = 1000;
 
@@ -152,6 +153,22 @@ void Scheduler::make_ready(Thread& thread, Wake wake) {
     thread.ready_since = ++turns_;
     thread.wake = wake;
     thread.deadline.reset();
+    if (settings_.seed != 0) {
+        hold_up(thread);
+    }
+}
+
+void Scheduler::hold_up(Thread& thread) {
+    Instant longest = 0;
+    if (chance_.one_in(kHeldUpOneIn)) {
+        longest = std::min(kLongestHoldUp, settings_.longest_hold_up);
+    } else if (chance_.one_in(kHeldUpLongOneIn)) {
+        longest = settings_.longest_hold_up;
+    }
+    if (longest > 0) {
+        thread.held_until =
+            clock_.now() + static_cast<Instant>(chance_.below(static_cast<std::uint64_t>(longest)));
+    }
 }
 
 void Scheduler::tell_all(const void* awaited) {
@@ -193,9 +210,14 @@ void Scheduler::expire() {
 std::optional<Instant> Scheduler::next_event() {
     std::optional<Instant> next;
     for (const auto& thread : threads_) {
-        if (thread->state == Thread::State::blocked && thread->deadline) {
-            const Instant due = clock_.due(*thread->deadline);
-            next = std::min(next.value_or(due), due);
+        std::optional<Instant> due;
+        if (thread->state == Thread::State::ready) {
+            due = thread->held_until;
+        } else if (thread->state == Thread::State::blocked && thread->deadline) {
+            due = clock_.due(*thread->deadline);
+        }
+        if (due) {
+            next = std::min(next.value_or(*due), *due);
         }
     }
     if (next && settings_.step) {
@@ -219,7 +241,7 @@ Thread* Scheduler::choose() {
     std::uint64_t ready = 0;
     Thread* chosen = nullptr;
     for (const auto& thread : threads_) {
-        if (thread->state != Thread::State::ready) {
+        if (thread->state != Thread::State::ready || thread->held_until > clock_.now()) {
             continue;
         }
         ++ready;
@@ -232,12 +254,6 @@ Thread* Scheduler::choose() {
 }
 
 Thread& Scheduler::choose_or_jump() {
-    if (settings_.seed != 0 && chance_.one_in(kLateOneIn)) {
-        const auto next = next_event();
-        if (next && *next <= clock_.now() + kLongestLateness) {
-            jump_to(*next);
-        }
-    }
     while (true) {
         if (Thread* chosen = choose()) {
             return *chosen;

@@ -39,6 +39,7 @@ struct Thread {
     std::atomic<std::uint32_t> turn{0};
     State state = State::ready;
     std::uint64_t ready_since = 0;
+    Instant held_until = 0;  ///< when ready, it goes on no earlier
     const void* awaited = nullptr;
     std::optional<Deadline> deadline;
     Wake wake = Wake::told;
@@ -93,6 +94,7 @@ class Scheduler {
     Scheduler();
 
     void make_ready(Thread& thread, Wake wake);
+    void hold_up(Thread& thread);
     void expire();
     /// The next one among the threads that can go on; null when there is none.
     Thread* choose();

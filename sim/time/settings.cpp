@@ -11,6 +11,8 @@ namespace {
 
 constexpr long long kLongest = 4'000'000'000;
 constexpr long long kDefaultLimit = 3600;
+constexpr long long kDefaultHoldUp = 20;
+constexpr long long kLongestHoldUp = 60000;
 constexpr long long kDefaultBusy = 20;
 constexpr long long kDefaultSteps = 1'000'000;
 
@@ -71,6 +73,8 @@ Settings Settings::from_environment() {
     settings.limit = number("ZELFWSIM_TIME_LIMIT", 1, kLongest).value_or(kDefaultLimit) * kSecond;
     settings.most_steps = static_cast<std::uint64_t>(
         number("ZELFWSIM_TIME_STEPS", 1, kLongest).value_or(kDefaultSteps));
+    settings.longest_hold_up =
+        number("ZELFWSIM_TIME_HOLD_UP", 0, kLongestHoldUp).value_or(kDefaultHoldUp) * kMillisecond;
     settings.longest_busy =
         static_cast<long>(number("ZELFWSIM_TIME_BUSY", 1, kDefaultLimit).value_or(kDefaultBusy));
     settings.step = clock_step("ZELFWSIM_TIME_STEP");

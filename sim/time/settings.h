@@ -19,6 +19,7 @@ struct Settings {
     std::uint64_t seed = 0;         ///< 0: the plain order
     std::optional<Instant> epoch;   ///< what the wall clock shows at the start
     Instant limit = 0;              ///< the longest run
+    Instant longest_hold_up = 0;    ///< of a thread that could go on, with a seed
     std::uint64_t most_steps = 0;   ///< at one standstill of the clock
     long longest_busy = 0;          ///< seconds of processor time without a call, about
     std::optional<ClockStep> step;  ///< of the wall clock

@@ -109,9 +109,10 @@ RunOptions parse(std::span<const char* const> arguments) {
         throw RunError(kWrongArguments, "run takes a bus file, --, and a command");
     }
     if (!options.virtual_time && !options.time_settings.empty()) {
-        throw RunError(kWrongArguments,
-                       "--seed, --from-epoch, --limit, --steps, --busy and --set-clock go with "
-                       "--virtual");
+        throw RunError(
+            kWrongArguments,
+            "--seed, --from-epoch, --hold-up, --limit, --steps, --busy and --set-clock go with "
+            "--virtual");
     }
     options.bus = absolute(arguments[at]);
     options.environment["ZELFWSIM_BUS"] = options.bus;

@@ -298,13 +298,16 @@ milliseconds Campaign::sound_duration(const std::string& command) const {
     return std::max(runs[0].run.end.duration, runs[1].run.end.duration);
 }
 
-milliseconds Campaign::bound_of(const Injection& injection) const {
-    return sound_duration(injection.command) + wait_of(injection) + grace;
+milliseconds Campaign::bound_of(const Case& one) const {
+    const milliseconds sound = sound_duration(one.injection.command);
+    // Where threads are held up a run takes longer.
+    const milliseconds held_up = one.schedule.seed != 0 ? sound : milliseconds(0);
+    return sound + wait_of(one.injection) + grace + held_up;
 }
 
 Campaign::Outcome Campaign::run_injection(const Case& one, Workplace& place) const {
     const Injection& injection = one.injection;
-    const milliseconds bound = bound_of(injection);
+    const milliseconds bound = bound_of(one);
     Outcome outcome;
     const Run run = place.run(injection.command, injection.goes_on, injection.fault(),
                               injection.has_debug_log(), bound + until_hang);
@@ -335,7 +338,7 @@ Campaign::Outcome Campaign::run_signalled(const Case& one, Workplace& place) con
     const Injection& injection = one.injection;
     Outcome outcome;
     const Run run = place.run(injection.command, injection.goes_on, injection.fault(),
-                              injection.has_debug_log(), bound_of(injection) + until_hang);
+                              injection.has_debug_log(), bound_of(one) + until_hang);
     ++outcome.runs;
     if (injection.kind->belongs_to == Family::kills) {
         outcome.has_struck = run.end.signal == SIGKILL;
@@ -350,7 +353,7 @@ Campaign::Outcome Campaign::run_signalled(const Case& one, Workplace& place) con
 
 Campaign::Outcome Campaign::run_with_set_clock(const Case& one, Workplace& place) const {
     Outcome outcome;
-    const milliseconds bound = sound_duration("update") + grace;
+    const milliseconds bound = 2 * sound_duration("update") + grace;
     const Run run = place.run("update", false, "", one.schedule.seed % 2 == 1, bound + until_hang);
     ++outcome.runs;
     outcome.violations = judge_sound(run, place, "update");

@@ -89,7 +89,7 @@ class Campaign {
     std::vector<Case> clock_cases() const;
     std::optional<Schedule> schedule_of(const Case& one) const;
     void recover(Workplace& place, Outcome& outcome) const;
-    std::chrono::milliseconds bound_of(const Injection& injection) const;
+    std::chrono::milliseconds bound_of(const Case& one) const;
     std::chrono::milliseconds sound_duration(const std::string& command) const;
     void take(const Case& one, const Outcome& outcome, bool is_last_chance);
     void report(const Case& one, const Outcome& outcome) const;
