@@ -79,16 +79,22 @@ std::string Campaign::Case::text() const {
     } else if (sets_clock()) {
         text = "clock/" + schedule.clock_step;
     } else {
-        text = injection.text();
+        text = injection.text() + (second ? "+" + second->text() : "");
     }
     return schedule.seed == 0 ? text : text + "#" + std::to_string(schedule.seed);
 }
 
 std::string Campaign::Case::target() const {
+    if (second) {
+        return "pairs";
+    }
     return is_kill() ? "kill" : sets_clock() ? "clock" : injection.target();
 }
 
 std::string Campaign::Case::family() const {
+    if (second) {
+        return "two faults";
+    }
     return is_kill() ? "kill -9" : sets_clock() ? "clock set" : injection.family();
 }
 
@@ -144,8 +150,12 @@ std::optional<Campaign::Case> Campaign::parse_case(const std::string& text) cons
     } else if (name.starts_with("kill/") || goes_on) {
         one.kill_after = std::stoi(name.substr(goes_on ? 7 : 5));
         one.injection.goes_on = goes_on;
-    } else if (const auto injection = parse_injection(name)) {
+    } else if (const auto injection = parse_injection(name.substr(0, name.find('+')))) {
         one.injection = *injection;
+        if (name.find('+') != std::string::npos) {
+            one.second = parse_injection(name.substr(name.find('+') + 1));
+            return one.second ? std::optional(one) : std::nullopt;
+        }
     } else {
         return std::nullopt;
     }
@@ -180,6 +190,7 @@ bool Campaign::measure_sound_runs() {
 
 std::vector<Campaign::Case> Campaign::all_injection_cases() const {
     std::vector<Case> cases;
+    const Family family = settings_.family == Family::pairs ? Family::faults : settings_.family;
     for (const char* command : commands) {
         const TransferRecord& record = sound_.at(command)[0].run.record;
         for (const char* device : {"printer", "scanner"}) {
@@ -187,8 +198,7 @@ std::vector<Campaign::Case> Campaign::all_injection_cases() const {
                 if (goes_on && std::string(command) != "update") {
                     continue;
                 }
-                for (Injection& one :
-                     all_injections(record, command, goes_on, device, settings_.family)) {
+                for (Injection& one : all_injections(record, command, goes_on, device, family)) {
                     one.number += settings_.aim_past;
                     cases.push_back({std::move(one)});
                 }
@@ -225,10 +235,49 @@ std::vector<Campaign::Case> Campaign::clock_cases() const {
     return cases;
 }
 
+/// Each fault of an update with one that strikes the same device at one of the next transfers.
+/// Which one is drawn.
+std::vector<Campaign::Case> Campaign::pair_cases() const {
+    constexpr int nearest = 12;
+    std::vector<Case> cases = all_injection_cases();
+    std::erase_if(cases, [](const Case& one) { return one.injection.command != "update"; });
+    std::map<std::string, std::vector<Injection>> by_device;
+    for (const Case& one : cases) {
+        by_device[one.injection.device].push_back(one.injection);
+    }
+    std::mt19937 random(settings_.seed);
+    for (Case& one : cases) {
+        const Injection& first = one.injection;
+        std::vector<const Injection*> near;
+        for (const Injection& other : by_device.at(first.device)) {
+            if (other.event == first.event && other.goes_on == first.goes_on &&
+                other.number > first.number && other.number <= first.number + nearest) {
+                near.push_back(&other);
+            }
+        }
+        if (!near.empty()) {
+            one.second = *near[random() % near.size()];
+        }
+    }
+    std::erase_if(cases, [](const Case& one) { return !one.second; });
+    return cases;
+}
+
+std::vector<Campaign::Case> Campaign::family_cases() const {
+    switch (settings_.family) {
+        case Family::clock:
+            return clock_cases();
+        case Family::pairs:
+            return pair_cases();
+        default:
+            return all_injection_cases();
+    }
+}
+
 std::vector<Campaign::Case> Campaign::chosen_cases() const {
     std::vector<Case> cases;
     if (settings_.count > 0 || settings_.kills == 0) {
-        for (Case one : settings_.family == Family::clock ? clock_cases() : all_injection_cases()) {
+        for (Case one : family_cases()) {
             for (std::uint32_t schedule = 0; schedule < settings_.schedules; ++schedule) {
                 one.schedule.seed = schedule;
                 cases.push_back(one);
@@ -261,15 +310,48 @@ std::vector<Campaign::Case> Campaign::slice_of(std::vector<Case> cases) const {
 void Campaign::run_all(const std::vector<Case>& cases, unsigned int jobs, bool is_last_chance) {
     std::mutex mutex;
     in_parallel(cases.size(), jobs, [&](std::size_t i) {
-        Outcome outcome;
-        try {
-            outcome = run_case(cases[i]);
-        } catch (const std::exception& failure) {
-            outcome.violations.emplace_back(failure.what());
+        Case one = cases[i];
+        Outcome outcome = try_case(one);
+        if (settings_.shrink && !outcome.violations.empty()) {
+            one = shrink(one);
+            outcome = try_case(one);
         }
         const std::lock_guard lock(mutex);
-        take(cases[i], outcome, is_last_chance);
+        take(one, outcome, is_last_chance);
     });
+}
+
+Campaign::Outcome Campaign::try_case(const Case& one) const {
+    try {
+        return run_case(one);
+    } catch (const std::exception& failure) {
+        Outcome outcome;
+        outcome.violations.emplace_back(failure.what());
+        return outcome;
+    }
+}
+
+// One of two faults, or the plain order of threads: the first simpler case that is a violation,
+// too, is shrunk further.
+Campaign::Case Campaign::shrink(const Case& one) const {
+    std::vector<Case> simpler;
+    if (one.second) {
+        for (const Injection& alone : {one.injection, *one.second}) {
+            simpler.push_back(one);
+            simpler.back().injection = alone;
+            simpler.back().second.reset();
+        }
+    }
+    if (one.schedule.seed != 0) {
+        simpler.push_back(one);
+        simpler.back().schedule.seed = 0;
+    }
+    for (const Case& candidate : simpler) {
+        if (!try_case(candidate).violations.empty()) {
+            return shrink(candidate);
+        }
+    }
+    return one;
 }
 
 Campaign::Outcome Campaign::run_case(const Case& one) const {
@@ -277,6 +359,8 @@ Campaign::Outcome Campaign::run_case(const Case& one) const {
     Outcome outcome;
     if (one.is_kill()) {
         outcome = run_kill(one, place);
+    } else if (one.second) {
+        outcome = run_pair(one, place);
     } else if (one.sets_clock()) {
         outcome = run_with_set_clock(one, place);
     } else if (one.injection.kind->belongs_to != Family::faults) {
@@ -346,6 +430,22 @@ Campaign::Outcome Campaign::run_signalled(const Case& one, Workplace& place) con
     } else {
         outcome.has_struck = find_strike(run.record, injection).has_struck;
         outcome.violations = judge_signalled(run, place, outcome.has_struck);
+    }
+    recover(place, outcome);
+    return outcome;
+}
+
+Campaign::Outcome Campaign::run_pair(const Case& one, Workplace& place) const {
+    Outcome outcome;
+    const milliseconds bound = bound_of(one) + wait_of(*one.second);
+    const Run run = place.run(one.injection.command, one.injection.goes_on,
+                              one.injection.fault() + one.second->fault(),
+                              one.injection.has_debug_log(), bound + until_hang);
+    ++outcome.runs;
+    outcome.has_struck = run.record.of_kind(one.injection.device, "fault").size() == 2;
+    outcome.violations = judge_pair(run, place, one.injection, *one.second);
+    if (!run.end.killed && run.end.duration > bound) {
+        outcome.violations.push_back("took " + std::to_string(run.end.duration.count()) + " ms");
     }
     recover(place, outcome);
     return outcome;

@@ -26,6 +26,7 @@ struct CampaignSettings {
     bool virtual_time = false;
     Family family = Family::faults;
     std::uint32_t schedules = 1;  ///< of each case, in virtual time
+    bool shrink = false;          ///< take from a violation what it does not need
 };
 
 /// A row of the summary.
@@ -59,6 +60,7 @@ class Campaign {
     struct Case {
         Injection injection{};
         int kill_after = -1;  ///< milliseconds; the case is a kill when not negative
+        std::optional<Injection> second{};
         Schedule schedule{};  ///< in virtual time
 
         bool is_kill() const { return kill_after >= 0; }
@@ -84,9 +86,14 @@ class Campaign {
     Outcome run_injection(const Case& one, Workplace& place) const;
     Outcome run_kill(const Case& one, Workplace& place) const;
     Outcome run_signalled(const Case& one, Workplace& place) const;
+    Outcome run_pair(const Case& one, Workplace& place) const;
     Outcome run_with_set_clock(const Case& one, Workplace& place) const;
     std::optional<Case> parse_case(const std::string& text) const;
     std::vector<Case> clock_cases() const;
+    std::vector<Case> pair_cases() const;
+    std::vector<Case> family_cases() const;
+    Case shrink(const Case& one) const;
+    Outcome try_case(const Case& one) const;
     std::optional<Schedule> schedule_of(const Case& one) const;
     void recover(Workplace& place, Outcome& outcome) const;
     std::chrono::milliseconds bound_of(const Case& one) const;

@@ -30,7 +30,10 @@ constexpr char usage[] =
     "  --program P   another build of the program\n"
     "  --virtual     in virtual time: no wait lasts, and a case is one run, exactly. Use few jobs\n"
     "  --schedules N each case under as many orders of the threads (1: the plain one)\n"
-    "  --family F    faults (if not given), kills, signals (both at each transfer), or clock\n"
+    "  --family F    faults (if not given), kills, signals (both at each transfer), clock, or "
+    "pairs\n"
+    "                (of faults of one device)\n"
+    "  --shrink      take from a case with a violation what it does not need for one\n"
     "  --aim-past N  at the transfer N behind the one that an injection names, to see what is "
     "said\n"
     "                when faults do not strike\n"
@@ -40,7 +43,8 @@ constexpr char usage[] =
 const std::map<std::string, Family> families = {{"faults", Family::faults},
                                                 {"kills", Family::kills},
                                                 {"signals", Family::signals},
-                                                {"clock", Family::clock}};
+                                                {"clock", Family::clock},
+                                                {"pairs", Family::pairs}};
 
 /// Takes the arguments, each with a value, into the settings; false when one is wrong.
 bool parse(int argc, char** argv, CampaignSettings& settings) {
@@ -51,6 +55,11 @@ bool parse(int argc, char** argv, CampaignSettings& settings) {
         const std::string name = argv[i];
         if (name == "--virtual") {
             settings.virtual_time = true;
+            --i;
+            continue;
+        }
+        if (name == "--shrink") {
+            settings.shrink = true;
             --i;
             continue;
         }
@@ -87,7 +96,7 @@ bool parse(int argc, char** argv, CampaignSettings& settings) {
     }
     const bool needs_virtual_time = settings.schedules > 1 || settings.family == Family::clock;
     return settings.jobs > 0 && settings.slice < settings.slices &&
-           (settings.virtual_time || !needs_virtual_time);
+           (settings.virtual_time ? settings.kills == 0 : !needs_virtual_time);
 }
 
 }  // namespace

@@ -14,6 +14,7 @@ enum class Family {
     kills,    ///< an end without warning
     signals,  ///< a request to end
     clock,    ///< the wall clock is set in mid-run
+    pairs,    ///< two faults of one device, the second one soon after the first
 };
 
 /// A kind of fault, in the words of the bus file.

@@ -29,6 +29,12 @@ Violations judge_bystander(const Run& run, const Workplace& place, const std::st
     return found;
 }
 
+/// Whether the program is told that the device took what it did not take.
+bool may_lie(const Injection& injection) {
+    const std::string action = injection.kind->action;
+    return action == "answer" || action == "short" || action == "empty";
+}
+
 }  // namespace
 
 void append(Violations& all, const Violations& more) {
@@ -122,6 +128,32 @@ Violations judge_killed(const Workplace& place) {
     }
     if (place.has_image(bystander, 0)) {
         found.emplace_back("the device without a file was sent an image");
+    }
+    return found;
+}
+
+Violations judge_pair(const Run& run, const Workplace& place, const Injection& first,
+                      const Injection& second) {
+    Violations found = judge_ending(run);
+    append(found, judge_bystander(run, place, "update"));
+    const Journal journal = read_journal(run.log);
+    for (const Target& target : targets()) {
+        // One that was left alone counts as updated.
+        if (place.holds_image(target) || !has_sent_image(run.record, target)) {
+            continue;
+        }
+        const Claim* claim =
+            journal.find(static_cast<int>(target.file.product), target.file.component);
+        const bool lied_to = target.device == first.device && (may_lie(first) || may_lie(second));
+        if (claim != nullptr && claim->rc == 0 && !lied_to) {
+            found.push_back(std::string(target.device) + " counts as updated, and is not");
+        }
+        if (target.is_forced && !place.has_marker() && !lied_to) {
+            found.emplace_back("the marker is gone, and its update has not succeeded");
+        }
+        if (target.device != first.device) {
+            found.push_back(std::string(target.device) + " was not struck, and is not updated");
+        }
     }
     return found;
 }

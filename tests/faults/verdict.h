@@ -31,6 +31,9 @@ Violations judge(const Run& run, const Workplace& place, const Injection& inject
 Violations judge_sound(const Run& run, const Workplace& place, const std::string& command);
 /// Over what a killed run left behind.
 Violations judge_killed(const Workplace& place);
+/// Over an update that two faults struck: what holds whatever they did.
+Violations judge_pair(const Run& run, const Workplace& place, const Injection& first,
+                      const Injection& second);
 /// Over a run that was sent a signal: no image is cut in half, and it ends by the signal.
 Violations judge_signalled(const Run& run, const Workplace& place, bool has_struck);
 

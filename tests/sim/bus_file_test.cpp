@@ -118,6 +118,14 @@ INSTANTIATE_TEST_SUITE_P(
                 ":10: \"stall\" cannot happen at \"open\", only \"unplug\", \"crash\", \"refuse\""},
         Mistake{kMouse + "[[fault]]\ndevice = \"m\"\nat = \"open\"\naction = \"refuse\"\nms = 3\n",
                 ":11: \"ms\" goes only with"},
+        Mistake{kMouse + "[[fault]]\ndevice = \"m\"\nat = \"open\"\naction = \"signal\"\n",
+                ":7: \"signal\" is missing"},
+        Mistake{kMouse + "[[fault]]\ndevice = \"m\"\nat = \"open\"\naction = \"signal\"\n"
+                         "signal = \"SIGSEGV\"\n",
+                ":11: unknown signal \"SIGSEGV\""},
+        Mistake{kMouse + "[[fault]]\ndevice = \"m\"\nat = \"open\"\naction = \"refuse\"\n"
+                         "signal = \"SIGTERM\"\n",
+                ":11: \"signal\" goes only with action = \"signal\""},
         Mistake{
             kMouse +
                 "[[fault]]\ndevice = \"m\"\nat = \"string\"\naction = \"answer\"\nbytes = \"0\"\n",

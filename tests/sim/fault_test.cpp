@@ -4,6 +4,8 @@
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
+#include <csignal>
+
 namespace {
 
 using testing::ElementsAre;
@@ -97,6 +99,27 @@ TEST(Fault, LooksAtTheComponentOfTheImage) {
     EXPECT_EQ(bench.send_record({0x00, 0, 0, 1})[0], 0x01);
     bench.erase();
     EXPECT_EQ(bench.send_record({0xFF, 0, 0, 1})[0], 0x80);
+}
+
+TEST(Fault, SendsASignalOnceAndLetsTheTransferGoOn) {
+    Bench bench(
+        with_fault("at = \"device-info\"\naction = \"signal\"\nsignal = \"SIGTERM\"\n"
+                   "ms = 5\n"));
+    EXPECT_FALSE(bench.printer().take_signal());
+    EXPECT_EQ(bench.ask(kDeviceInfo)[0], 0x09);
+    const auto signal = bench.printer().take_signal();
+    ASSERT_TRUE(signal);
+    EXPECT_EQ(signal->number, SIGTERM);
+    EXPECT_EQ(signal->delay, std::chrono::milliseconds(5));
+    EXPECT_FALSE(bench.printer().take_signal());
+    EXPECT_EQ(bench.ask(kDeviceInfo)[0], 0x09);
+    EXPECT_FALSE(bench.printer().take_signal());
+}
+
+TEST(Fault, SendsASignalWithTheReportThatIsRead) {
+    Bench bench(with_fault("at = \"interrupt\"\naction = \"signal\"\nsignal = \"SIGINT\"\n"));
+    EXPECT_EQ(bench.ask(kDeviceInfo)[0], 0x09);
+    EXPECT_TRUE(bench.printer().take_signal());
 }
 
 TEST(Fault, LooksAtTheFirstByteOfACommand) {
