@@ -25,8 +25,8 @@
 
 namespace {
 
-using std::chrono::seconds;
 using std::chrono::milliseconds;
+using std::chrono::seconds;
 using std::chrono::steady_clock;
 
 long long seconds_of(clockid_t clock) {
