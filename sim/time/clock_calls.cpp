@@ -92,25 +92,6 @@ Seconds get_seconds(const char* name, Seconds* seconds, const void* caller) {
     return now;
 }
 
-/// As the C library's, with its seconds in either width.
-template <typename Seconds>
-struct Timeb {
-    Seconds time;
-    unsigned short millitm;
-    short timezone;
-    short dstflag;
-};
-
-template <typename Seconds>
-int get_timeb(const char* name, Timeb<Seconds>* now, const void* caller) {
-    const Call call(name, nullptr, caller);
-    const Instant instant = look(call, ClockKind::wall);
-    now->millitm = static_cast<unsigned short>(instant % kSecond / kMillisecond);
-    now->timezone = 0;
-    now->dstflag = 0;
-    return failure(put_seconds(instant, now->time));
-}
-
 }  // namespace
 
 }  // namespace zelfsim::virtual_time
@@ -135,8 +116,13 @@ ZELF_EXPORTED time_t time(time_t* seconds) noexcept {
     return get_seconds("time", seconds, ZELF_CALLER);
 }
 
+// There is none for 64-bit time on 32-bit processors.
 ZELF_EXPORTED int ftime(timeb* now) {
-    return get_timeb("ftime", reinterpret_cast<Timeb<time_t>*>(now), ZELF_CALLER);
+    const Call call("ftime", nullptr, ZELF_CALLER);
+    const Instant instant = look(call, ClockKind::wall);
+    *now = {};
+    now->millitm = static_cast<unsigned short>(instant % kSecond / kMillisecond);
+    return failure(put_seconds(instant, now->time));
 }
 
 ZELF_EXPORTED int timespec_get(timespec* spec, int base) noexcept {
@@ -167,10 +153,6 @@ ZELF_EXPORTED int __gettimeofday64(Timeval64* value, void* zone) {
 
 ZELF_EXPORTED std::int64_t __time64(std::int64_t* seconds) {
     return get_seconds("time", seconds, ZELF_CALLER);
-}
-
-ZELF_EXPORTED int __ftime64(Timeb<std::int64_t>* now) {
-    return get_timeb("ftime", now, ZELF_CALLER);
 }
 
 ZELF_EXPORTED int __timespec_get64(Timespec64* spec, int base) {

@@ -12,11 +12,13 @@ Function next(const char* name) {
     return reinterpret_cast<Function>(dlsym(RTLD_NEXT, name));
 }
 
+/// The C library's own function for calls of the kernel.
+long (*real_syscall())(long, ...);
+
 /// A call of the kernel that passes this object by.
 template <typename... Arguments>
 long kernel(long number, Arguments... arguments) {
-    static const auto real = next<long (*)(long, ...)>("syscall");
-    return real(number, arguments...);
+    return real_syscall()(number, arguments...);
 }
 
 }  // namespace zelfsim::virtual_time

@@ -39,10 +39,15 @@ int show_clocks() {
     timeval day{};
     gettimeofday(&day, nullptr);
     timeb old{};
+    // The C library has none for 64-bit time on 32-bit processors.
+    if (sizeof(time_t) == sizeof(long)) {
 #pragma GCC diagnostic push
 #pragma GCC diagnostic ignored "-Wdeprecated-declarations"
-    ftime(&old);
+        ftime(&old);
 #pragma GCC diagnostic pop
+    } else {
+        old.time = std::time(nullptr);
+    }
     std::printf("time %lld\ngettimeofday %lld\nftime %lld\nrealtime %lld\nmonotonic %lld\n",
                 static_cast<long long>(std::time(nullptr)), static_cast<long long>(day.tv_sec),
                 static_cast<long long>(old.time), seconds_of(CLOCK_REALTIME),
