@@ -51,7 +51,7 @@ int read_signal(const zelf::TomlTable& table) {
     const std::string name = table.required_text("signal", kLongestWord);
     const auto number = signal_number(name);
     if (!number) {
-        table.fail("signal", "unknown signal \"" + name + "\"");
+        table.fail("signal", "unknown signal \"" + name + "\"; the signals are " + signal_names());
     }
     return *number;
 }

@@ -154,6 +154,14 @@ std::string fault_action_names(FaultEvent event) {
     return names;
 }
 
+std::string signal_names() {
+    std::string names;
+    for (const auto& [name, number] : kSignals) {
+        add_name(names, name);
+    }
+    return names;
+}
+
 std::optional<int> signal_number(std::string_view name) {
     for (const auto& [known, number] : kSignals) {
         if (known == name) {

@@ -90,6 +90,7 @@ std::string fault_action_names(FaultEvent event);
 
 /// The number of a signal, as in "SIGTERM".
 std::optional<int> signal_number(std::string_view name);
+std::string signal_names();
 
 /// Whether `action` can happen at `event`.
 bool fits(FaultEvent event, FaultAction action);
