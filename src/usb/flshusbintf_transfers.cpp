@@ -33,6 +33,7 @@ Buffer allocate(int size) {
 
 // The flag between the reader's read and the writer's poll is plain and takes no lock: a poll that
 // misses it sees it ten milliseconds later.
+// These two are the place that the thread sanitizer's suppression names (tests/tsan.supp).
 void store_interrupt_response(int& flag, int value) {
     flag = value;
 }
