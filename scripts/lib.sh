@@ -79,8 +79,9 @@ run_tests() {
     local report=$top/build/$1-tests.xml code=0
     shift
     as_root rm -f "$report"
-    # A reason to skip stands behind what the test says first.
-    run_as_root ctest "$@" --output-junit "$report" --test-output-size-passed 16384 || code=$?
+    # A reason to skip stands behind what the test says first, and many tests may share a process.
+    run_as_root ctest "$@" --output-junit "$report" --test-output-size-passed 1048576 \
+        --test-output-size-failed 1048576 || code=$?
     # Not every argument runs tests.
     if [[ -f $report ]]; then
         scripts/check-skips "$report" || code=1

@@ -13,7 +13,7 @@ using testing::EndsWith;
 using testing::HasSubstr;
 using testing::Not;
 
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+#ifndef ZELF_PROGRAM_IS_SANITIZED
 
 namespace {
 

@@ -151,7 +151,7 @@ TEST_F(Resources, FileSizeLimitDoesNotEndTheRunAtItsStart) {
     EXPECT_EQ(result.log, "");
 }
 
-#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+#ifndef ZELF_PROGRAM_IS_SANITIZED
 
 namespace {
 
