@@ -11,8 +11,8 @@ namespace zelf {
 
 namespace {
 
-constexpr int first_year_of_tm = 1900;
-constexpr std::int64_t milliseconds_of_a_second = 1000;
+constexpr int kFirstYearOfTm = 1900;
+constexpr std::int64_t kMillisecondsOfASecond = 1000;
 
 struct Fields {
     int year, month, day, hour, minute, second;
@@ -41,7 +41,7 @@ std::optional<Fields> local_fields(std::int64_t seconds) {
     if (localtime_r(&time, &local) == nullptr) {
         return std::nullopt;
     }
-    return Fields{local.tm_year + first_year_of_tm,
+    return Fields{local.tm_year + kFirstYearOfTm,
                   local.tm_mon + 1,
                   local.tm_mday,
                   local.tm_hour,
@@ -67,7 +67,7 @@ std::optional<std::int64_t> seconds_of(const Fields& at, TimeZone zone) {
         return time.time_since_epoch().count();
     }
     std::tm local = {};
-    local.tm_year = at.year - first_year_of_tm;
+    local.tm_year = at.year - kFirstYearOfTm;
     local.tm_mon = at.month - 1;
     local.tm_mday = at.day;
     local.tm_hour = at.hour;
@@ -91,8 +91,8 @@ int number_or_zero(const std::string& digits) {
 }  // namespace
 
 std::string time_text(std::int64_t milliseconds, TimeZone zone) {
-    const std::int64_t seconds = milliseconds / milliseconds_of_a_second;
-    const auto rest = static_cast<int>(milliseconds % milliseconds_of_a_second);
+    const std::int64_t seconds = milliseconds / kMillisecondsOfASecond;
+    const auto rest = static_cast<int>(milliseconds % kMillisecondsOfASecond);
     const auto fields =
         zone == TimeZone::utc ? std::optional(utc_fields(seconds)) : local_fields(seconds);
     return fields ? fields_text(*fields, " ", rest)
@@ -100,8 +100,8 @@ std::string time_text(std::int64_t milliseconds, TimeZone zone) {
 }
 
 std::string iso_time_text(std::int64_t milliseconds) {
-    return fields_text(utc_fields(milliseconds / milliseconds_of_a_second), "T",
-                       static_cast<int>(milliseconds % milliseconds_of_a_second)) +
+    return fields_text(utc_fields(milliseconds / kMillisecondsOfASecond), "T",
+                       static_cast<int>(milliseconds % kMillisecondsOfASecond)) +
            "Z";
 }
 
@@ -111,7 +111,7 @@ std::optional<std::int64_t> parse_time(const std::string& text, TimeZone zone) {
         R"((\d{4})-(\d\d)-(\d\d)(?:[ T](\d\d):(\d\d)(?::(\d\d)(?:\.(\d{1,3}))?)?)?)");
     std::smatch parts;
     if (std::regex_match(text, parts, since_epoch)) {
-        return std::stoll(parts[1].str()) * milliseconds_of_a_second + fraction(parts[2].str());
+        return std::stoll(parts[1].str()) * kMillisecondsOfASecond + fraction(parts[2].str());
     }
     if (!std::regex_match(text, parts, date_and_time)) {
         return std::nullopt;
@@ -124,7 +124,7 @@ std::optional<std::int64_t> parse_time(const std::string& text, TimeZone zone) {
     if (!seconds) {
         return std::nullopt;
     }
-    return *seconds * milliseconds_of_a_second + fraction(parts[7].str());
+    return *seconds * kMillisecondsOfASecond + fraction(parts[7].str());
 }
 
 }  // namespace zelf
