@@ -1,4 +1,5 @@
-// Every command with every exit code that it can give.
+// Every command with every exit code that it can give. Those of usage errors and of refused users
+// are in tests/unit/command_line_test.cpp.
 #include "support/bus_test.h"
 
 #include <gmock/gmock.h>
@@ -11,23 +12,7 @@ using testing::StartsWith;
 
 namespace {
 
-constexpr uid_t nobody = 65534;
-
-class ExitCode : public BusTest {
-  protected:
-    /// False, and the test to be skipped, where no child can be an ordinary user.
-    bool run_as_ordinary_user() {
-        if (!can_become(nobody)) {
-            return false;
-        }
-        // Reachable for everybody, wherever the build tree lies.
-        std::filesystem::copy_file(settings.program, path("zelfwupdate"));
-        settings.program = path("zelfwupdate");
-        std::filesystem::permissions(path(""), std::filesystem::perms::all);
-        settings.user = nobody;
-        return true;
-    }
-};
+class ExitCode : public BusTest {};
 
 SimDevice two_components() {
     SimDevice device;
@@ -36,37 +21,6 @@ SimDevice two_components() {
 }
 
 }  // namespace
-
-TEST_F(ExitCode, UsageErrorsGive1) {
-    for (const auto& arguments : std::vector<std::vector<std::string>>{
-             {"-f"}, {"-U", "-L"}, {"-p", "-x", "-U"}, {"-o", "7"}, {"-n", "4"}, {"-Z"}}) {
-        const RunResult result = run(arguments);
-        EXPECT_EQ(result.exit_code, 1);
-        EXPECT_THAT(result.console, StartsWith("\nUsage: zelfwupdate -command arg ... "));
-    }
-    EXPECT_THAT(record().all(), IsEmpty());
-}
-
-TEST_F(ExitCode, NoArgumentAtAllGives1) {
-    const RunResult result = run_plainly({});
-    EXPECT_EQ(result.exit_code, 1);
-    EXPECT_THAT(result.console, StartsWith("\nUsage: zelfwupdate -command arg ... "));
-    EXPECT_THAT(result.console, Not(HasSubstr("EXAMPLE COMMANDS")));
-}
-
-TEST_F(ExitCode, HelpGives1) {
-    const RunResult result = run({"-?"});
-    EXPECT_EQ(result.exit_code, 1);
-    EXPECT_THAT(result.console, StartsWith("\nUsage: zelfwupdate -command arg ... "));
-    EXPECT_THAT(result.console, HasSubstr("\nEXAMPLE COMMANDS\n"));
-}
-
-TEST_F(ExitCode, ExplanationOfAnExitCodeGives1) {
-    EXPECT_EQ(run({"-E", "6"}).console, "Exit Code 6:  No devices updated\n");
-    const RunResult result = run({"-E", "-1"});
-    EXPECT_EQ(result.exit_code, 1);
-    EXPECT_EQ(result.console, "Exit Code -1:  Unrecognized exit code, valid range 0-13\n");
-}
 
 TEST_F(ExitCode, VersionGives0AndOpensNoBus) {
     settings.library = PARTIAL_LIBRARY_DIRECTORY "/libusb-1.0.so";
@@ -217,6 +171,7 @@ TEST_F(ExitCode, ReadingWithoutAnOutputFileGives0) {
     const RunResult result = run({"-G", "1"});
     EXPECT_EQ(result.exit_code, 0);
     EXPECT_EQ(result.console, "No output file specified\n");
+    EXPECT_THAT(result.log, HasSubstr("\nNo output file specified\n"));
     EXPECT_THAT(commands("printer"), IsEmpty());
 }
 
@@ -248,46 +203,6 @@ TEST_F(ExitCode, DisplayingAFirmwareFileGives0) {
     EXPECT_THAT(result.console, StartsWith("ProductID:  3c35\nEC Level:   01.05\nFlash Data:\n"));
     EXPECT_EQ(run({"-D", path("nothing.dat")}).console,
               "No flash file: " + path("nothing.dat") + "\n");
-}
-
-TEST_F(ExitCode, DeviceCommandsOfAnOrdinaryUserGive2) {
-    if (!run_as_ordinary_user()) {
-        GTEST_SKIP() << "no child can be an ordinary user here";
-    }
-    set_bus({SimDevice{}});
-    const std::string file = add_firmware("main.dat", {});
-    for (const auto& arguments : std::vector<std::vector<std::string>>{{"-L"},
-                                                                       {"-U"},
-                                                                       {"-R"},
-                                                                       {"-S"},
-                                                                       {"-F", file},
-                                                                       {"-C", file},
-                                                                       {"-D", file},
-                                                                       {"-G", "1"}}) {
-        const RunResult result = run(arguments);
-        EXPECT_EQ(result.exit_code, 2);
-        EXPECT_EQ(result.console, "Must be 'root' to update firmware devices\n");
-    }
-    EXPECT_THAT(record().all(), IsEmpty());
-}
-
-TEST_F(ExitCode, OrdinaryUserMayAskForVersionAndExplanations) {
-    if (!run_as_ordinary_user()) {
-        GTEST_SKIP() << "no child can be an ordinary user here";
-    }
-    EXPECT_EQ(run({"-V"}).exit_code, 0);
-    EXPECT_EQ(run({"-E", "2"}).console, "Exit Code 2:  Must be 'root' user on Linux\n");
-    EXPECT_EQ(run({"-f"}).exit_code, 1);
-}
-
-TEST_F(ExitCode, LibraryThatLacksAFunctionGives3) {
-    set_bus({SimDevice{}});
-    settings.library = PARTIAL_LIBRARY_DIRECTORY "/libusb-1.0.so";
-    const RunResult result = run({"-L"});
-    EXPECT_EQ(result.exit_code, 3);
-    EXPECT_EQ(result.console,
-              "Failed finding symbol 'libusb_exit'\n"
-              "Could not load HID libraries (rc=3)\n");
 }
 
 TEST_F(ExitCode, LibraryThatDoesNotStartGives3) {

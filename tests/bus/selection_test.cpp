@@ -14,9 +14,9 @@ constexpr char erase[] = "04000100";
 constexpr char reset[] = "04000040";
 
 /// Two printers and a scanner.
-class Selection : public BusTest {
+class SelectedDevices : public BusTest {
   protected:
-    Selection() {
+    SelectedDevices() {
         set_bus({{.name = "printer-1", .product = 0x3C35, .serial = "PR0001"},
                  {.name = "printer-2", .product = 0x3C35, .serial = "PR0002"},
                  {.name = "scanner", .product = 0x3C36, .serial = "SC0001"}});
@@ -38,47 +38,32 @@ class Selection : public BusTest {
 
 }  // namespace
 
-TEST_F(Selection, AllDevicesAreListedWithoutAFilter) {
-    EXPECT_EQ(listed({}), printer_1 + printer_2 + scanner);
-}
-
-TEST_F(Selection, ProductFilterTakesEveryDeviceOfTheProduct) {
-    EXPECT_EQ(listed({"-d", "3c35"}), printer_1 + printer_2);
-}
-
-TEST_F(Selection, ProductFilterReadsHexadecimalInEitherCase) {
-    EXPECT_EQ(listed({"-d", "3C36"}), scanner);
-}
-
-TEST_F(Selection, SeveralProductFiltersAddUp) {
-    EXPECT_EQ(listed({"-d", "3c36", "-d", "3c35"}), printer_1 + printer_2 + scanner);
-}
-
-TEST_F(Selection, SerialNumberFilterTakesOneDevice) {
-    EXPECT_EQ(listed({"-s", "PR0002"}), printer_2);
-}
-
-TEST_F(Selection, SerialNumberMustBeEqual) {
-    EXPECT_EQ(listed({"-s", "PR000"}), "");
-    EXPECT_EQ(listed({"-s", "pr0002"}), "");
+TEST_F(SelectedDevices, AreThoseThatProductAndSerialNumberFiltersLetPass) {
+    const struct {
+        std::vector<std::string> filter;
+        std::string devices;
+    } rows[] = {
+        {{}, printer_1 + printer_2 + scanner},
+        {{"-d", "3c35"}, printer_1 + printer_2},
+        {{"-d", "3C36"}, scanner},
+        {{"-d", "3c36", "-d", "3c35"}, printer_1 + printer_2 + scanner},
+        {{"-d", "0"}, ""},
+        {{"-d", "0", "-d", "3c36"}, scanner},
+        {{"-s", "PR0002"}, printer_2},
+        {{"-s", "PR000"}, ""},
+        {{"-s", "SC0001", "-s", "PR0001"}, printer_1 + scanner},
+        {{"-d", "3c35", "-s", "PR0001"}, printer_1},
+        {{"-d", "3c36", "-s", "PR0001"}, ""},
+        {{"-s", "pr0002"}, ""},
+    };
+    for (const auto& row : rows) {
+        EXPECT_EQ(listed(row.filter), row.devices) << testing::PrintToString(row.filter);
+    }
+    // The ones that are left out are asked all the same.
     EXPECT_THAT(commands("printer-2"), Not(IsEmpty()));
 }
 
-TEST_F(Selection, SeveralSerialNumberFiltersAddUp) {
-    EXPECT_EQ(listed({"-s", "SC0001", "-s", "PR0001"}), printer_1 + scanner);
-}
-
-TEST_F(Selection, ProductAndSerialNumberMustBothMatch) {
-    EXPECT_EQ(listed({"-d", "3c35", "-s", "PR0001"}), printer_1);
-    EXPECT_EQ(listed({"-d", "3c36", "-s", "PR0001"}), "");
-}
-
-TEST_F(Selection, ProductFilterZeroSelectsNothing) {
-    EXPECT_EQ(listed({"-d", "0"}), "");
-    EXPECT_EQ(listed({"-d", "0", "-d", "3c36"}), scanner);
-}
-
-TEST_F(Selection, UpdateLeavesDevicesAloneThatTheFilterLeavesOut) {
+TEST_F(SelectedDevices, UpdateLeavesDevicesAloneThatTheFilterLeavesOut) {
     const FirmwareFile file;
     add_firmware("main.dat", file);
     const RunResult result = update({"-s", "PR0002"});
@@ -89,7 +74,7 @@ TEST_F(Selection, UpdateLeavesDevicesAloneThatTheFilterLeavesOut) {
     EXPECT_EQ(image("printer-1", 0), "");
 }
 
-TEST_F(Selection, UpdateWithAFilterThatNothingPassesUpdatesNothing) {
+TEST_F(SelectedDevices, UpdateWithAFilterThatNothingPassesUpdatesNothing) {
     add_firmware("main.dat", {});
     for (const auto& filter : std::vector<std::vector<std::string>>{
              {"-s", "nobody"}, {"-d", "3c99"}, {"-d", "0"}, {"-d", "3c36", "-s", "PR0001"}}) {
@@ -100,7 +85,7 @@ TEST_F(Selection, UpdateWithAFilterThatNothingPassesUpdatesNothing) {
     }
 }
 
-TEST_F(Selection, ResetTakesTheFilter) {
+TEST_F(SelectedDevices, ResetTakesTheFilter) {
     const RunResult result = run({"-R", "-d", "3c36"});
     EXPECT_EQ(result.exit_code, 0);
     EXPECT_EQ(result.console,
@@ -111,7 +96,7 @@ TEST_F(Selection, ResetTakesTheFilter) {
     EXPECT_THAT(commands("scanner"), Contains(reset));
 }
 
-TEST_F(Selection, OnlyDevicesWithAFirmwareFileGetCommandsInAnUpdate) {
+TEST_F(SelectedDevices, OnlyDevicesWithAFirmwareFileGetCommandsInAnUpdate) {
     add_firmware("scanner.dat", {.product = 0x3C36, .level = "0101"});
     EXPECT_EQ(update().exit_code, 6);
     EXPECT_THAT(commands("printer-1"), IsEmpty());
@@ -119,13 +104,13 @@ TEST_F(Selection, OnlyDevicesWithAFirmwareFileGetCommandsInAnUpdate) {
     EXPECT_THAT(commands("scanner"), Not(IsEmpty()));
 }
 
-TEST_F(Selection, ListAsksDevicesWithoutAFirmwareFile) {
+TEST_F(SelectedDevices, ListAsksDevicesWithoutAFirmwareFile) {
     add_firmware("scanner.dat", {.product = 0x3C36});
     EXPECT_EQ(listed({}), printer_1 + printer_2 + scanner);
     EXPECT_THAT(commands("printer-1"), Not(IsEmpty()));
 }
 
-TEST_F(Selection, ThreeVendorsAreSupported) {
+TEST_F(SelectedDevices, ThreeVendorsAreSupported) {
     set_bus({{.name = "one", .serial = "ONE", .vendor = 0x7A01},
              {.name = "two", .serial = "TWO", .vendor = 0x7A02},
              {.name = "three", .serial = "THREE", .vendor = 0x7A03},
@@ -136,12 +121,12 @@ TEST_F(Selection, ThreeVendorsAreSupported) {
     EXPECT_THAT(commands("four"), IsEmpty());
 }
 
-TEST_F(Selection, OtherVendorsAreSupportedOnRequest) {
+TEST_F(SelectedDevices, OtherVendorsAreSupportedOnRequest) {
     set_bus({{.name = "four", .serial = "FOUR", .vendor = 0x0ABC}});
     EXPECT_EQ(listed({"-o", "5"}), list_line(0x3C35, 0, "01.02", "FOUR") + "\n");
 }
 
-TEST_F(Selection, ExcludedProductsGetNoCommandAndShowTheirUsbVersion) {
+TEST_F(SelectedDevices, ExcludedProductsGetNoCommandAndShowTheirUsbVersion) {
     for (const unsigned int product : {0x3C75U, 0x3C76U, 0x3C77U, 0x3C78U, 0x3C79U}) {
         set_bus({{.product = product, .device_keys = "bcd = 0x0307"}});
         EXPECT_EQ(listed({}), list_line(product, 0, "03.07", "PR0001") + "\n");
@@ -149,7 +134,7 @@ TEST_F(Selection, ExcludedProductsGetNoCommandAndShowTheirUsbVersion) {
     }
 }
 
-TEST_F(Selection, NeighboursOfTheExcludedProductsGetCommands) {
+TEST_F(SelectedDevices, NeighboursOfTheExcludedProductsGetCommands) {
     for (const unsigned int product : {0x3C74U, 0x3C7AU}) {
         set_bus({{.product = product}});
         EXPECT_EQ(listed({}), list_line(product, 0, "01.02", "PR0001") + "\n");
@@ -157,7 +142,7 @@ TEST_F(Selection, NeighboursOfTheExcludedProductsGetCommands) {
     }
 }
 
-TEST_F(Selection, OrdinaryDevicesBesideAreLeftAlone) {
+TEST_F(SelectedDevices, OrdinaryDevicesBesideAreLeftAlone) {
     set_bus(bus_text({SimDevice{}}) +
             "[[device]]\nname = \"mouse\"\nvendor = 0x7A01\nproduct = 0x0001\n"
             "[[device.interface]]\nkind = \"mouse\"\n"
@@ -171,7 +156,7 @@ TEST_F(Selection, OrdinaryDevicesBesideAreLeftAlone) {
     }
 }
 
-TEST_F(Selection, DeviceWithoutSerialNumberIsListed) {
+TEST_F(SelectedDevices, DeviceWithoutSerialNumberIsListed) {
     SimDevice device;
     device.serial = "";
     set_bus({device});
@@ -179,7 +164,7 @@ TEST_F(Selection, DeviceWithoutSerialNumberIsListed) {
               list_line(0x3C35, 0, "01.02", "NO SERIAL NUMBER") + "\n");
 }
 
-TEST_F(Selection, ListShowsTypesAndBuildLevels) {
+TEST_F(SelectedDevices, ListShowsTypesAndBuildLevels) {
     SimDevice device;
     device.components = {{.level = "01.02", .build = 0x1A},
                          {.id = 1, .level = "02.10", .type = "configuration"},
@@ -193,7 +178,7 @@ TEST_F(Selection, ListShowsTypesAndBuildLevels) {
               "PID: 3c35  COMP: 03  TYPE: UNK  EC: 04.01    (SN='PR0001')\n");
 }
 
-TEST_F(Selection, PlainListsBytesAreSwappedOnRequest) {
+TEST_F(SelectedDevices, PlainListsBytesAreSwappedOnRequest) {
     SimDevice device;
     device.components = {{.level = "01.02"}, {.id = 1, .level = "03.04"}};
     device.interface_keys = "list = \"plain\"";
@@ -202,7 +187,7 @@ TEST_F(Selection, PlainListsBytesAreSwappedOnRequest) {
                                        list_line(0x3C35, 1, "04.03", "PR0001") + "\n");
 }
 
-TEST_F(Selection, DeviceThatAnswersNoQueryIsListedWithItsUsbVersion) {
+TEST_F(SelectedDevices, DeviceThatAnswersNoQueryIsListedWithItsUsbVersion) {
     SimDevice device;
     device.device_keys = "bcd = 0x0209";
     device.interface_keys = "list = \"none\"\ndevice_info = false\nec_level = false";
@@ -210,7 +195,7 @@ TEST_F(Selection, DeviceThatAnswersNoQueryIsListedWithItsUsbVersion) {
     EXPECT_EQ(listed({}), list_line(0x3C35, 0, "02.09", "PR0001") + "\n");
 }
 
-TEST_F(Selection, DeviceWithoutListsShowsItsLevelAndComponentOneAsConfiguration) {
+TEST_F(SelectedDevices, DeviceWithoutListsShowsItsLevelAndComponentOneAsConfiguration) {
     SimDevice device;
     device.components = {{.level = "01.02"}, {.id = 1, .level = "03.04"}};
     device.interface_keys = "list = \"none\"";
@@ -219,25 +204,25 @@ TEST_F(Selection, DeviceWithoutListsShowsItsLevelAndComponentOneAsConfiguration)
               printer_1 + "PID: 3c35  COMP: 01  TYPE: CFG  EC: 03.04    (SN='PR0001')\n");
 }
 
-TEST_F(Selection, DeviceThatCannotBeOpenedIsLeftOut) {
+TEST_F(SelectedDevices, DeviceThatCannotBeOpenedIsLeftOut) {
     set_bus({SimDevice{}, {.name = "scanner", .product = 0x3C36, .serial = "SC0001"}},
             fault_text("printer", "open", "refuse", "times = \"always\""));
     EXPECT_EQ(listed({}), scanner);
 }
 
-TEST_F(Selection, DeviceWhoseInterfaceIsBusyIsLeftOut) {
+TEST_F(SelectedDevices, DeviceWhoseInterfaceIsBusyIsLeftOut) {
     set_bus({SimDevice{}, {.name = "scanner", .product = 0x3C36, .serial = "SC0001"}},
             fault_text("printer", "claim", "busy", "times = \"always\""));
     EXPECT_EQ(listed({}), scanner);
 }
 
-TEST_F(Selection, DeviceWhoseDriverStaysIsLeftOut) {
+TEST_F(SelectedDevices, DeviceWhoseDriverStaysIsLeftOut) {
     set_bus({SimDevice{}, {.name = "scanner", .product = 0x3C36, .serial = "SC0001"}},
             fault_text("printer", "detach", "refuse", "times = \"always\""));
     EXPECT_EQ(listed({}), scanner);
 }
 
-TEST_F(Selection, DeviceThatRefusesTheProbeIsLeftOut) {
+TEST_F(SelectedDevices, DeviceThatRefusesTheProbeIsLeftOut) {
     set_bus({SimDevice{}, {.name = "scanner", .product = 0x3C36, .serial = "SC0001"}},
             fault_text("printer", "set-report", "stall"));
     EXPECT_EQ(listed({}), scanner);

@@ -63,8 +63,13 @@ class StartUp : public BusTest {
 }  // namespace
 
 TEST_F(StartUp, UsageErrorsAndExplanationsSetNothingUp) {
-    for (const Calls& arguments :
-         std::vector<Calls>{{"-f"}, {"-U", "-L"}, {"-?"}, {"-o", "?"}, {"-E", "1"}, {"-p", "-x"}}) {
+    for (const Calls& arguments : std::vector<Calls>{{"-f"},
+                                                     {"-U", "-L"},
+                                                     {"-?"},
+                                                     {"-o", "?"},
+                                                     {"-E", "1"},
+                                                     {"-p", "-x"},
+                                                     {"-p", "-x", "-U"}}) {
         EXPECT_EQ(run_anew(arguments).exit_code, 1);
         EXPECT_THAT(calls(), IsEmpty());
         EXPECT_FALSE(std::filesystem::exists(path("run.log")));
@@ -80,7 +85,8 @@ TEST_F(StartUp, VersionNeedsTraceAndLogOnly) {
 
 TEST_F(StartUp, OrdinaryUserIsRefusedBeforeTheLibraryIsLookedFor) {
     settings.environment["NOTED_USER"] = "1000";
-    for (const Calls& arguments : std::vector<Calls>{{"-L"}, {"-S"}, {"-D", "a.dat"}}) {
+    for (const Calls& arguments : std::vector<Calls>{
+             {"-L"}, {"-U"}, {"-R"}, {"-S"}, {"-F", "a.dat"}, {"-D", "a.dat"}, {"-G", "1"}}) {
         const RunResult result = run_anew(arguments);
         EXPECT_EQ(result.exit_code, 2);
         EXPECT_EQ(result.console, "Must be 'root' to update firmware devices\n");

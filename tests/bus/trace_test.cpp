@@ -13,7 +13,7 @@ using testing::Not;
 
 namespace {
 
-class TraceFile : public BusTest {
+class TraceOfARun : public BusTest {
   protected:
     /// The payloads of one kind in hexadecimal.
     std::vector<std::string> payloads(std::uint32_t kind) const {
@@ -28,7 +28,7 @@ class TraceFile : public BusTest {
     std::string text() const {
         std::string all;
         for (const TraceRecord& record : trace()) {
-            all += record.kind == trace_kind::text ? record.payload : "";
+            all += record.kind == record_kind::text ? record.payload : "";
         }
         return all;
     }
@@ -41,9 +41,9 @@ class TraceFile : public BusTest {
             if (marks.empty() ? record.payload != first : marks.back() == last) {
                 continue;
             }
-            if (record.kind == trace_kind::written) {
+            if (record.kind == record_kind::written) {
                 marks.push_back(to_hex(record.payload));
-            } else if (record.kind == trace_kind::status) {
+            } else if (record.kind == record_kind::status) {
                 EXPECT_EQ(to_hex(record.payload).substr(0, 16), "3c35a00200000000");
                 EXPECT_EQ(record.payload.size(), 16U);
                 marks.emplace_back("status");
@@ -69,15 +69,15 @@ class TraceFile : public BusTest {
 
 }  // namespace
 
-TEST_F(TraceFile, BeginsWithTheVersionRecord) {
+TEST_F(TraceOfARun, BeginsWithTheVersionRecord) {
     update_boot();
     const std::vector<TraceRecord> records = trace();
     ASSERT_FALSE(records.empty());
-    EXPECT_EQ(records[0].kind, trace_kind::version);
+    EXPECT_EQ(records[0].kind, record_kind::version);
     EXPECT_EQ(records[0].length, 16U);
     EXPECT_EQ(records[0].component, 0);
     for (std::size_t i = 1; i < records.size(); ++i) {
-        EXPECT_NE(records[i].kind, trace_kind::version);
+        EXPECT_NE(records[i].kind, record_kind::version);
         EXPECT_EQ(records[i].component, 'e');
         EXPECT_EQ(records[i].reserved, 0);
         EXPECT_EQ(records[i].length, records[i].payload.size());
@@ -85,13 +85,13 @@ TEST_F(TraceFile, BeginsWithTheVersionRecord) {
     }
 }
 
-TEST_F(TraceFile, EveryCommandIsARecordWithProductAndUsage) {
+TEST_F(TraceOfARun, EveryCommandIsARecordWithProductAndUsage) {
     update_boot();
-    EXPECT_THAT(payloads(trace_kind::written),
+    EXPECT_THAT(payloads(record_kind::written),
                 ElementsAreArray(with_prefix("3c35a00100000000", commands("printer"))));
 }
 
-TEST_F(TraceFile, EveryStatusReportIsARecordWithProductAndUsage) {
+TEST_F(TraceOfARun, EveryStatusReportIsARecordWithProductAndUsage) {
     update_boot();
     std::vector<std::string> reports;
     for (const Transfer& one : record().of_kind("printer", "interrupt")) {
@@ -100,15 +100,15 @@ TEST_F(TraceFile, EveryStatusReportIsARecordWithProductAndUsage) {
         }
     }
     ASSERT_GT(reports.size(), 8U);
-    EXPECT_THAT(payloads(trace_kind::status),
+    EXPECT_THAT(payloads(record_kind::status),
                 ElementsAreArray(with_prefix("3c35a00200000000", reports)));
 }
 
-TEST_F(TraceFile, DataAnswerIsARecordOfTheBytesAskedFor) {
+TEST_F(TraceOfARun, DataAnswerIsARecordOfTheBytesAskedFor) {
     SimDevice device;
     set_bus({device});
     run({"-L"});
-    const auto answers = payloads(trace_kind::feature);
+    const auto answers = payloads(record_kind::feature);
     ASSERT_EQ(answers.size(), 1U);
     EXPECT_EQ(answers[0].size(), 2U * (8 + 255));
     EXPECT_EQ(answers[0].substr(0, 16), "3c35a00300000000");
@@ -116,25 +116,25 @@ TEST_F(TraceFile, DataAnswerIsARecordOfTheBytesAskedFor) {
     EXPECT_EQ(answers[0].substr(16, 22), "010005ff00020002010200");
 }
 
-TEST_F(TraceFile, FallbackUsageIsNamed) {
+TEST_F(TraceOfARun, FallbackUsageIsNamed) {
     SimDevice device;
     device.interface_keys = "feature_usage = 0x1603";
     set_bus({device});
     run({"-L"});
-    const auto answers = payloads(trace_kind::feature);
+    const auto answers = payloads(record_kind::feature);
     ASSERT_EQ(answers.size(), 1U);
     EXPECT_EQ(answers[0].substr(0, 16), "3c35160300000000");
 }
 
-TEST_F(TraceFile, TransfersStandInTheOrderInWhichTheyHappened) {
+TEST_F(TraceOfARun, TransfersStandInTheOrderInWhichTheyHappened) {
     update_boot();
     std::vector<std::uint32_t> kinds;
     for (const TraceRecord& record : trace()) {
-        if (record.kind != trace_kind::version && record.kind != trace_kind::text) {
+        if (record.kind != record_kind::version && record.kind != record_kind::text) {
             kinds.push_back(record.kind);
         }
     }
-    const auto w = trace_kind::written, s = trace_kind::status, f = trace_kind::feature;
+    const auto w = record_kind::written, s = record_kind::status, f = record_kind::feature;
     EXPECT_THAT(kinds, ElementsAreArray({
                            w, s,              // the probe, answered to the reader that starts later
                            w, s,              // device information
@@ -149,7 +149,7 @@ TEST_F(TraceFile, TransfersStandInTheOrderInWhichTheyHappened) {
                        }));
 }
 
-TEST_F(TraceFile, TextsAndTransfersOfAWholeUpdateStandInOneSequence) {
+TEST_F(TraceOfARun, TextsAndTransfersOfAWholeUpdateStandInOneSequence) {
     const FirmwareFile file = {.data_records = 3};
     set_bus({SimDevice{}});
     add_firmware("main.dat", file);
@@ -180,7 +180,7 @@ TEST_F(TraceFile, TextsAndTransfersOfAWholeUpdateStandInOneSequence) {
     EXPECT_THAT(sequence, ElementsAreArray(expected));
 }
 
-TEST_F(TraceFile, TextsAreThoseOfTheLog) {
+TEST_F(TraceOfARun, TextsAreThoseOfTheLog) {
     update_boot();
     const std::string log = read_file(path("run.log"));
     EXPECT_THAT(text(), HasSubstr("Version 1.1.3 (i386)\n"));
@@ -191,7 +191,7 @@ TEST_F(TraceFile, TextsAreThoseOfTheLog) {
     EXPECT_THAT(text(), Not(HasSubstr(" complete\n")));
 }
 
-TEST_F(TraceFile, StampsNameTheProcessAndNeverDecreasePerThread) {
+TEST_F(TraceOfARun, StampsNameTheProcessAndNeverDecreasePerThread) {
     const auto before = static_cast<std::uint32_t>(time(nullptr));
     update_boot();
     const auto after = static_cast<std::uint32_t>(time(nullptr));
@@ -208,7 +208,7 @@ TEST_F(TraceFile, StampsNameTheProcessAndNeverDecreasePerThread) {
     EXPECT_GE(last_clock.size(), 2U);
 }
 
-TEST_F(TraceFile, IsAppendedToByTheNextRun) {
+TEST_F(TraceOfARun, IsAppendedToByTheNextRun) {
     set_bus({SimDevice{}});
     run({"-L"});
     const std::size_t first = trace().size();
@@ -216,5 +216,5 @@ TEST_F(TraceFile, IsAppendedToByTheNextRun) {
     EXPECT_EQ(run_plainly({"-L", "-l", path("run.log"), "-t", path("kept.bin")}).exit_code, 0);
     const auto both = read_trace(path("kept.bin"));
     ASSERT_GT(both.size(), first);
-    EXPECT_EQ(both[first].kind, trace_kind::version);
+    EXPECT_EQ(both[first].kind, record_kind::version);
 }

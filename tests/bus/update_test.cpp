@@ -12,7 +12,7 @@ using testing::Not;
 
 namespace {
 
-class Update : public BusTest {};
+class WholeUpdate : public BusTest {};
 
 SimDevice printer_with(const std::vector<SimComponent>& components) {
     SimDevice device;
@@ -43,7 +43,7 @@ double pause_after_reset(const TransferRecord& record, const std::string& device
 
 }  // namespace
 
-TEST_F(Update, MainComponentRunsItsNewImageAfterTheReset) {
+TEST_F(WholeUpdate, MainComponentRunsItsNewImageAfterTheReset) {
     const FirmwareFile file = {.build = 2};
     set_bus({SimDevice{}});
     add_firmware("main.dat", file);
@@ -58,7 +58,7 @@ TEST_F(Update, MainComponentRunsItsNewImageAfterTheReset) {
     EXPECT_THAT(history(), ElementsAre("ok"));
 }
 
-TEST_F(Update, OtherComponentsNeedNoReset) {
+TEST_F(WholeUpdate, OtherComponentsNeedNoReset) {
     const FirmwareFile file = {.component = 1};
     set_bus({printer_with({{}, {.id = 1}})});
     add_firmware("boot.dat", file);
@@ -68,7 +68,7 @@ TEST_F(Update, OtherComponentsNeedNoReset) {
     EXPECT_EQ(state().resets, 0);
 }
 
-TEST_F(Update, SecondPassFindsTheDeviceAtItsNewAddress) {
+TEST_F(WholeUpdate, SecondPassFindsTheDeviceAtItsNewAddress) {
     set_bus({printer_with({{}, {.id = 1}})});
     const FirmwareFile main = {}, boot = {.component = 1};
     add_firmware("main.dat", main);
@@ -89,7 +89,7 @@ TEST_F(Update, SecondPassFindsTheDeviceAtItsNewAddress) {
     EXPECT_NE(erase_addresses[0], erase_addresses[1]);
 }
 
-TEST_F(Update, FourSecondsPassBetweenResetAndSecondPass) {
+TEST_F(WholeUpdate, FourSecondsPassBetweenResetAndSecondPass) {
     set_bus({SimDevice{}});
     add_firmware("main.dat", {});
     EXPECT_THAT(update().console,
@@ -97,7 +97,7 @@ TEST_F(Update, FourSecondsPassBetweenResetAndSecondPass) {
     EXPECT_GE(pause_after_reset(record(), "printer"), 4000);
 }
 
-TEST_F(Update, AllComponentsUpToNineteenAreVisited) {
+TEST_F(WholeUpdate, AllComponentsUpToNineteenAreVisited) {
     set_bus({printer_with({{}, {.id = 1}, {.id = 7}, {.id = 14, .type = "font"}})});
     const FirmwareFile seven = {.component = 7}, fourteen = {.component = 14, .type = 3};
     add_firmware("seven.dat", seven);
@@ -110,7 +110,7 @@ TEST_F(Update, AllComponentsUpToNineteenAreVisited) {
     EXPECT_EQ(image("printer", 1), "");
 }
 
-TEST_F(Update, DeviceWithThreeComponentsIsGivenTimeAfterItsReset) {
+TEST_F(WholeUpdate, DeviceWithThreeComponentsIsGivenTimeAfterItsReset) {
     set_bus({printer_with({{}, {.id = 1}, {.id = 2}})});
     add_firmware("main.dat", {});
     const RunResult result = update({"-4", "700"});
@@ -123,7 +123,7 @@ TEST_F(Update, DeviceWithThreeComponentsIsGivenTimeAfterItsReset) {
     EXPECT_GE(pause_after_reset(record(), "printer"), 4700);
 }
 
-TEST_F(Update, DeviceWithTwoComponentsIsNotGivenExtraTime) {
+TEST_F(WholeUpdate, DeviceWithTwoComponentsIsNotGivenExtraTime) {
     set_bus({printer_with({{}, {.id = 1}})});
     add_firmware("main.dat", {});
     const RunResult result = update({"-4", "700"});
@@ -134,7 +134,7 @@ TEST_F(Update, DeviceWithTwoComponentsIsNotGivenExtraTime) {
     EXPECT_EQ(state().resets, 1);
 }
 
-TEST_F(Update, SeveralDevicesAreUpdatedInOneRun) {
+TEST_F(WholeUpdate, SeveralDevicesAreUpdatedInOneRun) {
     SimDevice second = scanner();
     second.components = {{.level = "02.00"}};
     set_bus({SimDevice{}, second});
@@ -148,7 +148,7 @@ TEST_F(Update, SeveralDevicesAreUpdatedInOneRun) {
     EXPECT_EQ(image("scanner", 0), for_scanner.body());
 }
 
-TEST_F(Update, SecondRunFindsNothingToDo) {
+TEST_F(WholeUpdate, SecondRunFindsNothingToDo) {
     set_bus({SimDevice{}});
     add_firmware("main.dat", {});
     EXPECT_EQ(update().exit_code, 0);
@@ -161,7 +161,7 @@ TEST_F(Update, SecondRunFindsNothingToDo) {
     EXPECT_EQ(state().updates, 1);
 }
 
-TEST_F(Update, ListShowsTheNewLevels) {
+TEST_F(WholeUpdate, ListShowsTheNewLevels) {
     set_bus({printer_with({{}, {.id = 1}})});
     add_firmware("boot.dat", {.level = "0109", .component = 1});
     EXPECT_EQ(update().exit_code, 0);
@@ -169,7 +169,7 @@ TEST_F(Update, ListShowsTheNewLevels) {
                                        list_line(0x3C35, 1, "01.09", "PR0001") + "\n");
 }
 
-TEST_F(Update, LargeImageArrivesByteForByte) {
+TEST_F(WholeUpdate, LargeImageArrivesByteForByte) {
     const FirmwareFile file = {.component = 1, .data_records = 300};
     set_bus({printer_with({{}, {.id = 1}})});
     add_firmware("boot.dat", file);
@@ -177,7 +177,7 @@ TEST_F(Update, LargeImageArrivesByteForByte) {
     EXPECT_EQ(image("printer", 1), file.body());
 }
 
-TEST_F(Update, PlainListDeviceIsUpdated) {
+TEST_F(WholeUpdate, PlainListDeviceIsUpdated) {
     SimDevice device = printer_with({{}, {.id = 1}});
     device.interface_keys = "list = \"plain\"";
     set_bus({device});
@@ -187,7 +187,7 @@ TEST_F(Update, PlainListDeviceIsUpdated) {
     EXPECT_EQ(image("printer", 1), file.body());
 }
 
-TEST_F(Update, DeviceWithoutListsIsUpdated) {
+TEST_F(WholeUpdate, DeviceWithoutListsIsUpdated) {
     SimDevice device = printer_with({{}, {.id = 1, .type = "configuration"}});
     device.interface_keys = "list = \"none\"";
     set_bus({device});
@@ -197,7 +197,7 @@ TEST_F(Update, DeviceWithoutListsIsUpdated) {
     EXPECT_EQ(image("printer", 1), file.body());
 }
 
-TEST_F(Update, NamedFilesAloneAreUsed) {
+TEST_F(WholeUpdate, NamedFilesAloneAreUsed) {
     set_bus({printer_with({{}, {.id = 1}, {.id = 2}})});
     const FirmwareFile one = {.component = 1};
     add_firmware("one.dat", one);
@@ -207,7 +207,7 @@ TEST_F(Update, NamedFilesAloneAreUsed) {
     EXPECT_EQ(image("printer", 2), "");
 }
 
-TEST_F(Update, NamedFilesAreTakenFromThePath) {
+TEST_F(WholeUpdate, NamedFilesAreTakenFromThePath) {
     set_bus({printer_with({{}, {.id = 1}})});
     const FirmwareFile file = {.component = 1};
     add_firmware("boot.dat", file);
@@ -215,7 +215,7 @@ TEST_F(Update, NamedFilesAreTakenFromThePath) {
     EXPECT_EQ(image("printer", 1), file.body());
 }
 
-TEST_F(Update, ConfigurationFileNamesTheFiles) {
+TEST_F(WholeUpdate, ConfigurationFileNamesTheFiles) {
     set_bus({printer_with({{}, {.id = 1}, {.id = 2}})});
     const FirmwareFile two = {.component = 2};
     add_firmware("one.dat", {.component = 1});
@@ -227,7 +227,7 @@ TEST_F(Update, ConfigurationFileNamesTheFiles) {
     EXPECT_EQ(image("printer", 1), "");
 }
 
-TEST_F(Update, FirmwareOfTheWorkingDirectoryIsUsedWithoutAPath) {
+TEST_F(WholeUpdate, FirmwareOfTheWorkingDirectoryIsUsedWithoutAPath) {
     set_bus({printer_with({{}, {.id = 1}})});
     const FirmwareFile file = {.component = 1};
     add_firmware("boot.dat", file);
@@ -238,7 +238,7 @@ TEST_F(Update, FirmwareOfTheWorkingDirectoryIsUsedWithoutAPath) {
     EXPECT_EQ(image("printer", 1), file.body());
 }
 
-TEST_F(Update, ResultFileTellsWhatHappenedToEachDevice) {
+TEST_F(WholeUpdate, ResultFileTellsWhatHappenedToEachDevice) {
     SimDevice device = printer_with({{}, {.id = 1}});
     SimDevice second = scanner();
     second.components = {{}, {.id = 1, .level = "01.05"}};
@@ -252,7 +252,7 @@ TEST_F(Update, ResultFileTellsWhatHappenedToEachDevice) {
               "\n");
 }
 
-TEST_F(Update, ResultFileOfASelectionNamesTheProductIdsAsTyped) {
+TEST_F(WholeUpdate, ResultFileOfASelectionNamesTheProductIdsAsTyped) {
     set_bus({printer_with({{}, {.id = 1}})});
     add_firmware("boot.dat", {.component = 1});
     EXPECT_EQ(update({"-r", path("rma.txt"), "-d", "3C35", "-d", "3c99"}).exit_code, 0);

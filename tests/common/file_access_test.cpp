@@ -32,8 +32,10 @@ std::string text_of(const std::filesystem::path& file) {
 class ReplaceFile : public testing::TestWithParam<zelf::Durable> {
   protected:
     TemporaryDirectory directory_;
-    std::filesystem::path file_ = std::filesystem::path(directory_.path()) / "file";
+    std::filesystem::path file_ = directory_.path("file");
 };
+
+}  // namespace
 
 TEST_P(ReplaceFile, MakesTheFileAndReplacesItWhole) {
     zelf::replace_file(file_, "a long first text", GetParam());
@@ -68,5 +70,3 @@ TEST_P(ReplaceFile, RefusesADirectoryThatIsNotThere) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Both, ReplaceFile, testing::Values(zelf::Durable::no, zelf::Durable::yes));
-
-}  // namespace

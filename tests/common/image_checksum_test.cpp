@@ -18,6 +18,8 @@ std::uint16_t checksum(std::uint16_t product, const std::vector<Record>& records
     return sum.value();
 }
 
+}  // namespace
+
 TEST(ImageChecksum, BeginsWithTheProductIdInLowerCase) {
     // CRC-16/CCITT-FALSE of "3c35" and of "00af", from another implementation.
     EXPECT_EQ(checksum(0x3C35, {}), 0xC7FE);
@@ -53,5 +55,3 @@ TEST(ImageChecksum, RefusesRecordsThatNoFileCanHold) {
     EXPECT_EQ(sum.value(), before);
     EXPECT_TRUE(sum.add_record(Record(258, 0)));
 }
-
-}  // namespace

@@ -12,6 +12,8 @@ struct Character {
     char32_t code;
 };
 
+}  // namespace
+
 TEST(Utf8, MeasuresAndReadsTheCharacterInFront) {
     for (const Character& character :
          {Character{"a\xC3\xA4", 1, U'a'}, Character{"\xC3\xA4x", 2, U'\u00E4'},
@@ -30,5 +32,3 @@ TEST(Utf8, FindsNoCharacterInWhatIsMalformed) {
         EXPECT_EQ(zelf::character_length(text), 0U) << testing::PrintToString(text);
     }
 }
-
-}  // namespace

@@ -96,7 +96,7 @@ std::vector<std::string> Workplace::arguments(const std::string& command, bool g
         all.insert(all.end(), more);
     };
     if (command == "update" || command == "force") {
-        add({"-U", "-p", directory_.path("firmware").string()});
+        add({"-U", "-p", directory_.path("firmware")});
         if (command == "force") {
             add({"-f"});
         }
@@ -105,7 +105,7 @@ std::vector<std::string> Workplace::arguments(const std::string& command, bool g
     } else if (command == "reset") {
         add({"-R"});
     } else {
-        add({"-G", "1", "-d", "3c35", "-w", directory_.path("read.dat").string()});
+        add({"-G", "1", "-d", "3c35", "-w", directory_.path("read.dat")});
     }
     if (goes_on) {
         add({"-a"});

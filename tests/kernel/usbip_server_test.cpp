@@ -308,6 +308,8 @@ Octets twice(const Octets& bytes) {
     return both;
 }
 
+}  // namespace
+
 INSTANTIATE_TEST_SUITE_P(
     All, UsbIpServerNonsense,
     testing::Values(Nonsense{"UnknownOperation", false, {0x01, 0x11, 0x80, 0x09, 0, 0, 0, 0}},
@@ -318,8 +320,6 @@ INSTANTIATE_TEST_SUITE_P(
                              urb_header(1, 1, true, 0, 4, set_report(4))},
                     Nonsense{"ASequenceNumberInUse", true, twice(urb_header(1, 1, true, 1, 64))}),
     [](const auto& shown) { return std::string(shown.param.name); });
-
-}  // namespace
 
 TEST(KernelPorts, AreTheFreeOnesOfEveryController) {
     const TemporaryDirectory directory;

@@ -1,6 +1,7 @@
 // The completion offers what the program takes: it is sourced and called as bash does it.
 #include "option_table.h"
-#include "program.h"
+#include "support/child_process.h"
+#include "support/files.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -61,12 +62,12 @@ class Completion : public testing::Test {
                                      "((${#COMPREPLY[@]} == 0)) ||"
                                      " printf '%s\\n' \"${COMPREPLY[@]}\"",
                                      program});
-        const ProgramOutput output = run_program(words, surroundings);
-        EXPECT_EQ(output.code, 0) << output.text;
-        return lines_of(output.text);
+        const ChildEnd output = run_command(words, surroundings);
+        EXPECT_EQ(output.exit_code, 0) << output.output;
+        return lines_of(output.output);
     }
 
-    ProgramSurroundings surroundings;
+    ProgramRun surroundings;
 
   private:
     std::filesystem::path directory_ =
@@ -78,7 +79,7 @@ std::vector<std::string> numbers_taken(const std::string& option) {
     std::vector<std::string> numbers;
     for (int number = 0; number <= 100; ++number) {
         const std::string text = std::to_string(number);
-        if (run_program({ZELFWUPDATE, "-l", "0", "-t", "0", option, text, "-V"}).code == 0) {
+        if (run_command({ZELFWUPDATE, "-l", "0", "-t", "0", option, text, "-V"}).exit_code == 0) {
             numbers.push_back(text);
         }
     }
@@ -88,10 +89,10 @@ std::vector<std::string> numbers_taken(const std::string& option) {
 }  // namespace
 
 TEST_F(Completion, IsThatOfTheProgramsOptionTable) {
-    const ProgramOutput output = run_program(
+    const ChildEnd output = run_command(
         {"bash", "--norc", "-c", "source completion/zelfwupdate; echo \"$_zelfwupdate_options\""},
         surroundings);
-    EXPECT_EQ(output.text, option_string() + "\n");
+    EXPECT_EQ(output.output, option_string() + "\n");
 }
 
 TEST_F(Completion, OffersEveryOption) {
@@ -117,7 +118,7 @@ TEST_F(Completion, OffersTheExitCodesThatTheProgramExplains) {
     std::vector<std::string> codes;
     for (int code = 0; code < 100; ++code) {
         const std::string number = std::to_string(code);
-        if (run_program({ZELFWUPDATE, "-E", number}).text.find("Unrecognized") ==
+        if (run_command({ZELFWUPDATE, "-E", number}).output.find("Unrecognized") ==
             std::string::npos) {
             codes.push_back(number);
         }
@@ -132,7 +133,7 @@ TEST_F(Completion, OffersTheOutputLevelsThatTheProgramTakes) {
 
 TEST_F(Completion, OffersTheMiscellaneousSwitchesThatTheProgramExplains) {
     std::vector<std::string> switches;
-    for (const std::string& line : lines_of(run_program({ZELFWUPDATE, "-o", "?"}).text)) {
+    for (const std::string& line : lines_of(run_command({ZELFWUPDATE, "-o", "?"}).output)) {
         if (!line.empty() && line.front() >= '0' && line.front() <= '9') {
             switches.push_back(line.substr(0, line.find(' ')));
         }
@@ -182,7 +183,7 @@ TEST_F(Completion, OffersNothingForATimeOut) {
 }
 
 TEST_F(Completion, OffersRootTheProductsAndSerialNumbersOfAttachedDevices) {
-    if (!is_root()) {
+    if (!is_super_user()) {
         GTEST_SKIP() << "needs root";
     }
     attach("1-1", "7a01", "3c35", "PR40021");
@@ -197,7 +198,7 @@ TEST_F(Completion, OffersRootTheProductsAndSerialNumbersOfAttachedDevices) {
 }
 
 TEST_F(Completion, OffersAnOrdinaryUserNoAttachedDevices) {
-    if (!is_root()) {
+    if (!is_super_user()) {
         GTEST_SKIP() << "only root can become an ordinary user";
     }
     attach("1-1", "7a01", "3c35", "PR40021");
@@ -208,7 +209,7 @@ TEST_F(Completion, OffersAnOrdinaryUserNoAttachedDevices) {
 }
 
 TEST_F(Completion, NeverRunsWhatADeviceOrFileIsCalled) {
-    if (!is_root()) {
+    if (!is_super_user()) {
         GTEST_SKIP() << "needs root";
     }
     attach("1-1", "7a01", "3c35", "$(touch ran)`touch ran`;touch ran\x1b[2J");
@@ -235,7 +236,7 @@ TEST_F(Completion, OffersZelfwfileItsCommandsAndTheirFiles) {
 
 TEST_F(Completion, OffersZelfwtraceTheOptionsOfItsHelp) {
     std::vector<std::string> options;
-    for (const std::string& line : lines_of(run_program({ZELFWTRACE, "--help"}).text)) {
+    for (const std::string& line : lines_of(run_command({ZELFWTRACE, "--help"}).output)) {
         const std::regex option(R"(^ {2,6}(?:(-[a-z]), )?(--[a-z]+).*)");
         std::smatch parts;
         if (std::regex_match(line, parts, option)) {

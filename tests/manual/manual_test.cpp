@@ -3,9 +3,10 @@
 #include "journal/zelfwtrace.h"
 #include "option_table.h"
 #include "page.h"
-#include "program.h"
 #include "session/zelflash.h"
 #include "settings.h"
+#include "support/child_process.h"
+#include "support/files.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -50,9 +51,9 @@ std::string entry_text(const std::vector<PageEntry>& entries, const std::string&
 }
 
 /// The program without its journals, so that nothing in /tmp is touched.
-ProgramOutput zelfwupdate(std::vector<std::string> arguments) {
+ChildEnd zelfwupdate(std::vector<std::string> arguments) {
     arguments.insert(arguments.begin(), {ZELFWUPDATE, "-l", "0", "-t", "0"});
-    return run_program(arguments);
+    return run_command(arguments);
 }
 
 /// The texts of the exit codes, as -E tells them.
@@ -60,7 +61,7 @@ std::vector<std::string> exit_code_texts() {
     std::vector<std::string> texts;
     for (int code = 0; code < 100; ++code) {
         const std::string number = std::to_string(code);
-        const std::string line = zelfwupdate({"-E", number}).text;
+        const std::string line = zelfwupdate({"-E", number}).output;
         const std::string start = "Exit Code " + number + ":  ";
         if (line.rfind(start, 0) != 0 || line.find("Unrecognized") != std::string::npos) {
             break;
@@ -153,7 +154,7 @@ TEST(Manual, ExplainsEveryMiscellaneousSwitchThatTheProgramTakes) {
     }
     std::set<std::string> taken;
     for (int number = 0; number <= 110; ++number) {
-        if (zelfwupdate({"-o", std::to_string(number), "-V"}).code == 0) {
+        if (zelfwupdate({"-o", std::to_string(number), "-V"}).exit_code == 0) {
             taken.insert("*" + std::to_string(number) + "*");
         }
     }
@@ -164,7 +165,7 @@ TEST(Manual, ExplainsEveryOutputLevelThatTheProgramTakes) {
     const std::string text = entry_text(option_entries(), "*-n* _level_");
     for (int level = 0; level <= 9; ++level) {
         const std::string number = std::to_string(level);
-        const bool is_taken = zelfwupdate({"-n", number, "-V"}).code == 0;
+        const bool is_taken = zelfwupdate({"-n", number, "-V"}).exit_code == 0;
         EXPECT_EQ(text.find(" " + number + ": ") != std::string::npos, is_taken) << level;
     }
 }
@@ -224,7 +225,7 @@ TEST(ToolPages, ExplainEveryOptionOfTheHelpAndNoOther) {
                 explained.merge(all_matches(entry.term, R"(\*(--?[a-z]*)\*)"));
             }
         }
-        const std::string help = run_program({tool.program, "--help"}).text;
+        const std::string help = run_command({tool.program, "--help"}).output;
         std::set<std::string> offered = all_matches(help, R"(
  {2,6}(-[a-z]), -)");
         offered.merge(all_matches(help, R"(
@@ -240,14 +241,14 @@ TEST(ToolPages, ExplainEveryExitStatusOfTheHelp) {
         for (const PageEntry& entry : Page(tool.page).entries("EXIT STATUS")) {
             statuses.insert(entry.term.substr(1, entry.term.size() - 2));
         }
-        const std::string help = run_program({tool.program, "--help"}).text;
+        const std::string help = run_command({tool.program, "--help"}).output;
         EXPECT_EQ(statuses, all_matches(help, R"(\n  ([0-9])  [a-z])")) << tool.page;
         EXPECT_THAT(statuses, IsSupersetOf({"0", "1", "2"})) << tool.page;
     }
 }
 
 TEST(ToolPages, ExplainEveryCommandOfZelfwfile) {
-    const std::string help = run_program({ZELFWFILE, "--help"}).text;
+    const std::string help = run_command({ZELFWFILE, "--help"}).output;
     const std::set<std::string> commands = all_matches(help, R"(\n  zelfwfile ([a-z]+) )");
     EXPECT_THAT(commands, IsSupersetOf({"make", "check"}));
     for (const std::string& command : commands) {
@@ -256,7 +257,7 @@ TEST(ToolPages, ExplainEveryCommandOfZelfwfile) {
 }
 
 TEST(ToolPages, ExplainEveryCommandOfZelfwtrace) {
-    const std::string help = run_program({ZELFWTRACE, "--help"}).text;
+    const std::string help = run_command({ZELFWTRACE, "--help"}).output;
     const std::set<std::string> commands = all_matches(help, R"(\n  zelfwtrace ([a-z]+) )");
     EXPECT_THAT(commands, testing::ElementsAre("pcap", "show", "summary"));
     for (const std::string& command : commands) {
@@ -273,7 +274,7 @@ TEST(ToolPages, ExplainEveryKindOfRecord) {
 
 TEST(ToolPages, ExplainEveryCommandOptionAndExitCodeOfZelfwsim) {
     const Page page("zelfwsim.1.scd");
-    const std::string help = run_program({ZELFWSIM, "--help"}).text;
+    const std::string help = run_command({ZELFWSIM, "--help"}).output;
     std::set<std::string> explained;
     for (const char* heading : {"COMMANDS", "OPTIONS OF RUN", "OPTIONS", "EXIT STATUS"}) {
         for (const PageEntry& entry : page.entries(heading)) {
@@ -373,13 +374,13 @@ TEST(Pages, AreFormattedWithoutAWarning) {
     for (const auto& file : page_files()) {
         const std::string made =
             testing::TempDir() + "/" + std::to_string(getpid()) + "." + file.stem().string();
-        const ProgramOutput scdoc =
-            run_program({"sh", "-c", "scdoc < \"$0\" > \"$1\"", file.string(), made});
-        EXPECT_EQ(scdoc.code, 0) << file << ": " << scdoc.text;
-        const ProgramOutput man = run_program(
+        const ChildEnd scdoc =
+            run_command({"sh", "-c", "scdoc < \"$0\" > \"$1\"", file.string(), made});
+        EXPECT_EQ(scdoc.exit_code, 0) << file << ": " << scdoc.output;
+        const ChildEnd man = run_command(
             {"sh", "-c", "LC_ALL=C.UTF-8 man --warnings -l \"$0\" 2>&1 >/dev/null", made});
-        EXPECT_EQ(man.code, 0) << file;
-        EXPECT_EQ(man.text, "") << file;
+        EXPECT_EQ(man.exit_code, 0) << file;
+        EXPECT_EQ(man.output, "") << file;
         std::filesystem::remove(made);
     }
 }

@@ -1,6 +1,6 @@
 #include "page.h"
 
-#include "program.h"
+#include "support/files.h"
 
 #include <algorithm>
 #include <fstream>

@@ -94,6 +94,8 @@ std::vector<Message> messages() {
     return result;
 }
 
+}  // namespace
+
 TEST(Messages, AreExpectedLineByLineByATestOrExplained) {
     const std::string tests = tests_texts();
     const std::vector<Message> all = messages();
@@ -135,5 +137,3 @@ TEST(Messages, AreFoundWithTheirPartsInOrderOnOneLine) {
     EXPECT_FALSE(holds_line(" bytes of Read ", parts));
     EXPECT_FALSE(holds_line("Read \0\0\0\0 of \0 bytes"s, parts));
 }
-
-}  // namespace

@@ -56,6 +56,8 @@ class BlockingRead : public testing::Test {
     steady_clock::time_point ended;
 };
 
+}  // namespace
+
 TEST_F(BlockingRead, EndsWithData) {
     begin();
     block();
@@ -138,10 +140,10 @@ TEST_F(BlockingRead, DoesNotHoldUpOtherThreads) {
     workspace.use_bus(printer_bus("driver = false\n"));
     const UsbContext shared;
     std::atomic<int> good{0};
-    constexpr int thread_count = 4;
+    constexpr int kThreadCount = 4;
     std::vector<std::thread> threads;
-    threads.reserve(thread_count);
-    for (int number = 0; number < thread_count; ++number) {
+    threads.reserve(kThreadCount);
+    for (int number = 0; number < kThreadCount; ++number) {
         threads.emplace_back([&] {
             const UsbContext own;
             for (int round = 0; round < 20; ++round) {
@@ -159,5 +161,3 @@ TEST_F(BlockingRead, DoesNotHoldUpOtherThreads) {
     }
     EXPECT_EQ(good, 80);
 }
-
-}  // namespace

@@ -31,6 +31,8 @@ std::string refusal(const std::string& text) {
     return "taken";
 }
 
+}  // namespace
+
 TEST(BusFile, HangsDevicesOnTheFreePortsOfAnImpliedRootHub) {
     const auto bus = read(printer_bus());
     ASSERT_EQ(bus.devices.size(), 2U);
@@ -53,15 +55,11 @@ TEST(BusFile, TakesTimesFromTheDeviceAndElseFromTheBus) {
     EXPECT_EQ(bus.devices[1].timing.reset, std::chrono::milliseconds(1500));
 }
 
-TEST(BusFile, ReadsTheBusesThatComeWithIt) {
+TEST(BusFile, ReadsTheBusThatComesWithIt) {
     EXPECT_EQ(zelfsim::read_bus_file(ZELFWSIM_BUSES "/demo.toml").devices.size(), 7U);
-    const auto fleet = zelfsim::read_bus_file(ZELFWSIM_BUSES "/fleet-128.toml");
-    int flash = 0;
-    for (const auto& device : fleet.devices) {
-        flash += device.flash ? 1 : 0;
-    }
-    EXPECT_EQ(flash, 128);
 }
+
+namespace {
 
 const std::string kMouse =
     "[[device]]\nname = \"m\"\nvendor = 1\nproduct = 2\n[[device.interface]]\nkind = \"mouse\"\n";
@@ -76,6 +74,8 @@ void PrintTo(const Mistake& mistake, std::ostream* out) {
 }
 
 class BusFileMistake : public testing::TestWithParam<Mistake> {};
+
+}  // namespace
 
 TEST_P(BusFileMistake, IsRefusedWithLineAndReason) {
     EXPECT_THAT(refusal(GetParam().text), testing::StartsWith(GetParam().message));
@@ -194,5 +194,3 @@ TEST(BusFile, RefusesWhatIsNoFile) {
     EXPECT_THROW(zelfsim::read_bus_file("/does/not/exist.toml"), FileError);
     EXPECT_THROW(zelfsim::read_bus_file("/tmp"), FileError);
 }
-
-}  // namespace

@@ -39,6 +39,8 @@ id = 0
 level = "01.07"
 )";
 
+}  // namespace
+
 TEST(Descriptors, DescribeTheDevice) {
     EXPECT_THAT(zelfsim::device_descriptor(device_of(kKeyboard), 0x0107),
                 ElementsAre(18, 1, 0x10, 0x01, 0, 0, 0, 64, 0x01, 0x7A, 0x02, 0x3C, 0x07, 0x01, 1,
@@ -90,10 +92,14 @@ TEST(Descriptors, GiveStringsInEnglishOnly) {
     EXPECT_FALSE(zelfsim::string_descriptor(device, 255, 0x0409));
 }
 
+namespace {
+
 /// How the device answers a request from the host.
 zelfsim::Reply request(Bench& bench, Request setup, const Bytes& out = {}) {
     return bench.printer().control(setup, out, std::chrono::seconds(1), bench.time());
 }
+
+}  // namespace
 
 TEST(Requests, GiveDescriptorsCutToTheLengthAskedFor) {
     Bench bench;
@@ -134,5 +140,3 @@ TEST(Requests, StallTheDataReportUnderAnotherUsage) {
     EXPECT_NE(std::search(report.begin(), report.end(), usage.begin(), usage.end()), report.end());
     EXPECT_EQ(request(bench, {0xA1, 1, 0x0300, 0, 261}).data.size(), 261U);
 }
-
-}  // namespace

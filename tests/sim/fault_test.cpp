@@ -32,6 +32,8 @@ void PrintTo(const TransferFault& fault, std::ostream* out) {
 
 class FaultAtTransfer : public testing::TestWithParam<TransferFault> {};
 
+}  // namespace
+
 TEST_P(FaultAtTransfer, EndsTheCommandsTransferAndIsNotCarriedOut) {
     Bench bench(
         with_fault(std::string("at = \"erase\"\naction = \"") + GetParam().action + "\"\n"));
@@ -226,12 +228,10 @@ TEST(Fault, IsRecorded) {
     bench.send_record({0x10, 0, 0, 1});
     const auto lines = read_record(bench.workspace().record());
     ASSERT_EQ(count_kind(lines, "fault"), 1);
-    for (const RecordLine& line : lines) {
+    for (const Transfer& line : lines) {
         if (line.kind == "fault") {
             EXPECT_EQ(line.setup, "record#1:reject");
             EXPECT_EQ(line.device, "printer");
         }
     }
 }
-
-}  // namespace

@@ -32,6 +32,8 @@ int first(const Bytes& status) {
     return status.empty() ? -1 : status[0];
 }
 
+}  // namespace
+
 TEST(FlashInterface, AnswersTheLevelQueryWithPresentAndPreviousLevels) {
     Bench bench(printer_bus("previous_level = \"01.01\"\nprevious_build = 9\n"));
     EXPECT_THAT(bench.ask(kLevelOrStop), ElementsAre(0x05, 0x02, 0x01, 0x01, 0x01, 3, 9, 0));
@@ -207,6 +209,8 @@ TEST(FlashInterface, KeepsTheLevelWhenAnImageCarriesNone) {
               "02.10.00");
 }
 
+namespace {
+
 struct LevelRecord {
     const char* name;
     Bytes record;
@@ -218,6 +222,8 @@ void PrintTo(const LevelRecord& record, std::ostream* out) {
 }
 
 class FlashInterfaceLevel : public testing::TestWithParam<LevelRecord> {};
+
+}  // namespace
 
 TEST_P(FlashInterfaceLevel, IsTakenFromTheImage) {
     Bench bench;
@@ -355,5 +361,3 @@ TEST(FlashInterface, FailsTheResetCommandWhenToldSo) {
     Bench bench(printer_bus("reset_answer = \"gone\"\n"));
     EXPECT_EQ(bench.send({0x04, 0x00, 0x00, 0x40}), Completion::no_device);
 }
-
-}  // namespace

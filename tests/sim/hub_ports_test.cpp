@@ -56,6 +56,8 @@ class HubPorts : public testing::Test {
     Workspace workspace;
 };
 
+}  // namespace
+
 TEST_F(HubPorts, AreAnsweredForTheHubsOfTheBusFile) {
     EXPECT_EQ(query("/proc/bus/usb/003/001"), "3: 0 2\n");
     EXPECT_EQ(query("/proc/bus/usb/003/002"), "5: 0 0 3 0\n");
@@ -92,5 +94,3 @@ TEST(DeviceNode, IsReadFromItsPath) {
     }
     EXPECT_FALSE(zelfsim::parse_node(nullptr));
 }
-
-}  // namespace

@@ -71,6 +71,8 @@ class RunAsRoot : public Run {
     }
 };
 
+}  // namespace
+
 TEST_F(RunAsRoot, ListsTheDevicesOfTheBusFile) {
     const Outcome result = on_bus(kList);
     EXPECT_EQ(result.code, 0);
@@ -296,5 +298,3 @@ TEST_F(Run, LeavesNothingBehind) {
     EXPECT_EQ(report.filename(), "report");
     EXPECT_FALSE(std::filesystem::exists(report.parent_path()));
 }
-
-}  // namespace

@@ -12,6 +12,8 @@ using testing::HasSubstr;
 using zelfsim::Bytes;
 using zelfsim::FlashPhase;
 
+}  // namespace
+
 TEST(State, KeepsLevelsAndImages) {
     Bench bench;
     const Image image = make_image(1, {3, 1, 7});
@@ -155,5 +157,3 @@ TEST(State, ForgetsAUpdateOfAComponentThatTheBusFileNoLongerHas) {
     EXPECT_EQ(bench.printer().state().phase, FlashPhase::idle);
     EXPECT_EQ(bench.erase()[0], 0x01);
 }
-
-}  // namespace

@@ -18,7 +18,7 @@ using testing::EndsWith;
 using testing::HasSubstr;
 
 constexpr int kPrinter = 0x3C35;
-constexpr int generous = 30000;  // milliseconds
+constexpr int kGenerous = 30000;  // milliseconds
 const std::vector<unsigned char> kDeviceInfo{0x03, 0x00, 0x00, 0x00, 0x01};
 const std::vector<unsigned char> kReset{0x04, 0x00, 0x00, 0x40};
 
@@ -33,6 +33,8 @@ class Usb : public testing::Test {
 std::string with_fault(const std::string& fault) {
     return printer_bus("", "\n[[fault]]\ndevice = \"printer\"\n" + fault);
 }
+
+}  // namespace
 
 TEST_F(Usb, HasAllTheFunctionsThatAreBound) {
     for (const char* name : kUsbFunctions) {
@@ -200,7 +202,7 @@ TEST_F(Usb, BindsTheDriverAgainAfterAReset) {
     EXPECT_EQ(context.count(), 1) << "the root hub alone";
     EXPECT_EQ(send_command(handle, kDeviceInfo), LIBUSB_ERROR_NO_DEVICE);
     EXPECT_EQ(usb.claim_interface(handle, 0), LIBUSB_ERROR_NO_DEVICE);
-    for (int waited = 0; context.count() < 2 && waited < generous; waited += 20) {
+    for (int waited = 0; context.count() < 2 && waited < kGenerous; waited += 20) {
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
     EXPECT_EQ(context.count(), 2);
@@ -247,7 +249,7 @@ TEST_F(Usb, TimesOutWhenTheDeviceIsBusy) {
     libusb_device_handle* handle = context.open(kPrinter);
     EXPECT_EQ(send_command(handle, {0x04, 0x00, 0x01, 0x00}), 4);
     EXPECT_EQ(send_command(handle, kDeviceInfo, 50), LIBUSB_ERROR_TIMEOUT);
-    EXPECT_EQ(send_command(handle, kDeviceInfo, generous), 5);
+    EXPECT_EQ(send_command(handle, kDeviceInfo, kGenerous), 5);
     usb.close(handle);
 }
 
@@ -264,7 +266,7 @@ TEST_F(Usb, RecordsEveryTransferWithItsBytes) {
     }
     std::vector<std::string> kinds;
     double time = 0;
-    for (const RecordLine& line : read_record(workspace.record())) {
+    for (const Transfer& line : read_record(workspace.record())) {
         kinds.push_back(line.kind);
         EXPECT_GE(line.time, time);
         time = line.time;
@@ -311,7 +313,11 @@ TEST_F(Usb, RefusesToDetachWhenTheFaultSaysSo) {
     usb.close(handle);
 }
 
+namespace {
+
 using UsbDeathTest = Usb;
+
+}  // namespace
 
 TEST_F(UsbDeathTest, CrashesForRealWhenTheFaultSaysSo) {
     use(with_fault("at = \"string\"\naction = \"crash\"\n"));
@@ -422,5 +428,3 @@ TEST_F(Usb, HandlesEventsAsWithNothingPending) {
     EXPECT_EQ(usb.handle_events_timeout(context.get(), &wait), 0);
     EXPECT_EQ(usb.get_next_timeout(context.get(), &wait), 0);
 }
-
-}  // namespace

@@ -13,6 +13,8 @@ using testing::StartsWith;
 
 const std::string kTool = ZELFWSIM_TOOL;
 
+}  // namespace
+
 TEST(Zelfwsim, ChecksABusFile) {
     const Outcome good = run(kTool + " check " ZELFWSIM_BUSES "/demo.toml");
     EXPECT_EQ(good.code, 0);
@@ -57,21 +59,23 @@ TEST(Zelfwsim, WarnsOfFaultsThatNoRunReaches) {
             "command reaches it\n"));
 }
 
-TEST(Zelfwsim, GeneratesTheFleetThatComesWithIt) {
-    const Workspace workspace;
-    EXPECT_EQ(run(kTool + " generate 128 | cmp - " ZELFWSIM_BUSES "/fleet-128.toml").output, "");
+TEST(Zelfwsim, GeneratesTheSameBusEveryTime) {
+    EXPECT_EQ(run(kTool + " generate 4 | cmp - " ZELFWSIM_GOLDEN "/fleet-4.toml").output, "");
 }
 
 TEST(Zelfwsim, GeneratesBusesOfEverySize) {
     const Workspace workspace;
-    for (const unsigned count : {1U, 7U, 8U, 96U, 97U, zelfsim::kLargestFleet}) {
+    for (const unsigned count : {1U, 7U, 8U, 96U, 97U, 128U, zelfsim::kLargestFleet}) {
         const auto bus =
             zelfsim::read_bus_file(workspace.write("fleet.toml", zelfsim::fleet(count)));
         unsigned devices = 0;
+        unsigned flash = 0;
         for (const auto& device : bus.devices) {
             devices += device.is_hub ? 0 : 1;
+            flash += device.flash ? 1 : 0;
         }
         EXPECT_EQ(devices, count);
+        EXPECT_EQ(flash, count);
     }
 }
 
@@ -102,5 +106,3 @@ TEST(Zelfwsim, TellsWhatItTakes) {
         EXPECT_THAT(result.output, HasSubstr("Try: zelfwsim --help")) << wrong;
     }
 }
-
-}  // namespace

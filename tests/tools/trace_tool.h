@@ -3,30 +3,17 @@
 #pragma once
 
 #include "support/temporary_directory.h"
+#include "tool_run.h"
 
 #include <gtest/gtest.h>
 
 #include <string>
 #include <vector>
 
-struct ToolRun {
-    int code = -1;  ///< -1 when a signal ended it
-    std::string output;
-    std::string errors;
-
-    std::vector<std::string> lines() const;
-};
-
-/// A word that a shell takes as it is.
-std::string quoted(const std::string& word);
-
-/// Runs a command line of a shell.
-ToolRun run_shell(const std::string& command, const TemporaryDirectory& directory);
-
 /// A directory with one trace file in it.
 class TraceToolTest : public testing::Test {
   protected:
-    std::string path(const std::string& name) const { return directory_.path(name).string(); }
+    std::string path(const std::string& name) const { return directory_.path(name); }
     void set_trace(const std::string& bytes) { write_file(path("trace.bin"), bytes); }
 
     /// Runs zelfwtrace with these words of a shell.

@@ -1,4 +1,6 @@
 #include "support/firmware_bytes.h"
+#include "support/temporary_directory.h"
+#include "tool_run.h"
 #include "zelfwfile/firmware_check.h"
 #include "zelfwfile/firmware_description.h"
 #include "zelfwfile/firmware_image.h"
@@ -7,7 +9,6 @@
 #include <gtest/gtest.h>
 
 #include <sys/stat.h>
-#include <sys/wait.h>
 
 #include <cctype>
 #include <cstdio>
@@ -34,29 +35,9 @@ control = "random"
 hex = ["00 11 22", "334455", "6F"]
 )";
 
-struct ProgramResult {
-    int code = -1;
-    std::string output;  ///< standard output and standard error
-};
-
-std::string quoted(const std::string& text) {
-    return "'" + text + "'";
-}
-
-/// Runs the built program with these words of a shell.
-ProgramResult zelfwfile(const std::string& arguments) {
-    ProgramResult result;
-    FILE* pipe = popen((quoted(ZELFWFILE) + " " + arguments + " 2>&1").c_str(), "r");
-    if (pipe == nullptr) {
-        return result;
-    }
-    char buffer[4096];
-    for (std::size_t size = 0; (size = fread(buffer, 1, sizeof buffer, pipe)) > 0;) {
-        result.output.append(buffer, size);
-    }
-    const int status = pclose(pipe);
-    result.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return result;
+/// Runs the built program with these words of a shell, both outputs in one.
+ToolRun zelfwfile(const std::string& arguments) {
+    return run_tool(quoted(ZELFWFILE) + " " + arguments + " 2>&1");
 }
 
 class Zelfwfile : public testing::Test {
@@ -361,22 +342,22 @@ TEST_F(Zelfwfile, FileCutAnywhereIsNotWhole) {
 TEST_F(Zelfwfile, ProgramMakesAndChecksAFile) {
     const std::string path = description(small);
     const std::string out = directory_.path("out.dat");
-    const ProgramResult made_result = zelfwfile("make " + quoted(path) + " -o " + quoted(out));
+    const ToolRun made_result = zelfwfile("make " + quoted(path) + " -o " + quoted(out));
     EXPECT_EQ(made_result.code, 0) << made_result.output;
     EXPECT_EQ(made_result.output, "");
-    EXPECT_EQ(read_whole_file(out), made(small));
-    const ProgramResult checked = zelfwfile("check " + quoted(out));
+    EXPECT_EQ(read_file(out), made(small));
+    const ToolRun checked = zelfwfile("check " + quoted(out));
     EXPECT_EQ(checked.code, 0);
     EXPECT_EQ(checked.output,
               out + ": OK: product 3c02, component 2, level 01.05, 6 records, 3 of them data\n");
     EXPECT_EQ(zelfwfile("make " + quoted(path)).code, 0);
-    EXPECT_EQ(read_whole_file(directory_.path("image.dat")), made(small));
+    EXPECT_EQ(read_file(directory_.path("image.dat")), made(small));
 }
 
 TEST_F(Zelfwfile, ProgramChecksEveryFileAndFailsForOne) {
     const std::string good = directory_.write("good.dat", made(small));
     const std::string bad = directory_.write("bad.dat", "3c0");
-    const ProgramResult result = zelfwfile("check " + quoted(bad) + " " + quoted(good));
+    const ToolRun result = zelfwfile("check " + quoted(bad) + " " + quoted(good));
     EXPECT_EQ(result.code, 1);
     EXPECT_THAT(result.output,
                 StartsWith(bad + ": offset 3: the file ends inside the header\n" + good + ": OK"));
@@ -385,21 +366,21 @@ TEST_F(Zelfwfile, ProgramChecksEveryFileAndFailsForOne) {
 TEST_F(Zelfwfile, FailedMakeLeavesTheOldFileAndNothingElse) {
     const std::string path = description("product = 1\nlevel = \"01.05\"\n[data]\nhex = [\"0\"]\n");
     const std::string out = directory_.write("out.dat", "old");
-    const ProgramResult result = zelfwfile("make " + quoted(path) + " -o " + quoted(out));
+    const ToolRun result = zelfwfile("make " + quoted(path) + " -o " + quoted(out));
     EXPECT_EQ(result.code, 1);
     EXPECT_THAT(result.output, StartsWith(path + ":4: record 1 of \"hex\""));
-    EXPECT_EQ(read_whole_file(out), "old");
+    EXPECT_EQ(read_file(out), "old");
     EXPECT_EQ(directory_listing().size(), 2U);
 }
 
 TEST_F(Zelfwfile, FailedWriteLeavesNothingBehind) {
     const std::string path = description(small);
     std::filesystem::create_directory(directory_.path("out.dat"));
-    const ProgramResult directory =
+    const ToolRun directory =
         zelfwfile("make " + quoted(path) + " -o " + quoted(directory_.path("out.dat")));
     EXPECT_EQ(directory.code, 1);
     EXPECT_EQ(directory.output, directory_.path("out.dat") + ": is no regular file\n");
-    const ProgramResult missing =
+    const ToolRun missing =
         zelfwfile("make " + quoted(path) + " -o " + quoted(directory_.path("no/out.dat")));
     EXPECT_EQ(missing.code, 1);
     EXPECT_EQ(missing.output, directory_.path("no/out.dat") + ": No such file or directory\n");
@@ -411,17 +392,11 @@ TEST_F(Zelfwfile, FailedWriteLeavesNothingBehind) {
 TEST_F(Zelfwfile, FullDiskIsReportedAndLeavesNothingBehind) {
     const std::string path = description(with_data("pattern = 4000\nrecord_size = 255\n"));
     // A file size limit stands for the full disk.
-    FILE* pipe = popen(("trap '' XFSZ; ulimit -f 8; " + quoted(ZELFWFILE) + " make " +
-                        quoted(path) + " -o " + quoted(directory_.path("out.dat")) + " 2>&1")
-                           .c_str(),
-                       "r");
-    ASSERT_NE(pipe, nullptr);
-    char line[512] = "";
-    const bool has_line = fgets(line, sizeof line, pipe) != nullptr;
-    const int status = pclose(pipe);
-    EXPECT_TRUE(has_line);
-    EXPECT_EQ(line, directory_.path("out.dat") + ": File too large\n");
-    EXPECT_EQ(WEXITSTATUS(status), 1);
+    const ToolRun run = run_tool("trap '' XFSZ; ulimit -f 8; " + quoted(ZELFWFILE) + " make " +
+                                 quoted(path) + " -o " + quoted(directory_.path("out.dat")));
+    EXPECT_EQ(run.errors, directory_.path("out.dat") + ": File too large\n");
+    EXPECT_EQ(run.output, "");
+    EXPECT_EQ(run.code, 1);
     EXPECT_THAT(directory_listing(), ElementsAre("image.toml"));
 }
 
@@ -448,7 +423,7 @@ TEST_F(Zelfwfile, WronglyWrittenKeyIsToldWithTheNearestOne) {
 }
 
 TEST_F(Zelfwfile, MissingDescriptionIsNamed) {
-    const ProgramResult result = zelfwfile("make " + quoted(directory_.path("none.toml")));
+    const ToolRun result = zelfwfile("make " + quoted(directory_.path("none.toml")));
     EXPECT_EQ(result.code, 1);
     EXPECT_EQ(result.output, directory_.path("none.toml") + ": No such file or directory\n");
 }
@@ -468,7 +443,7 @@ TEST_F(Zelfwfile, WrongArgumentsAreNamedAndEndWithTwo) {
         {"check -x a.dat", "unknown option '-x'"},
     };
     for (const auto& [arguments, reason] : cases) {
-        const ProgramResult result = zelfwfile(arguments);
+        const ToolRun result = zelfwfile(arguments);
         EXPECT_EQ(result.code, 2) << arguments;
         EXPECT_EQ(result.output, "zelfwfile: " + reason + "\nTry 'zelfwfile --help'.\n");
     }
@@ -479,14 +454,14 @@ TEST_F(Zelfwfile, ArgumentsBehindTwoDashesAreNames) {
 }
 
 TEST_F(Zelfwfile, HelpAndVersionAreGivenOnRequest) {
-    const ProgramResult help = zelfwfile("--help");
+    const ToolRun help = zelfwfile("--help");
     EXPECT_EQ(help.code, 0);
     for (const char* word : {"make", "check", "--output", "--version", "record_size", "checksum",
                              "EXIT STATUS", "inline-version-text"}) {
         EXPECT_THAT(help.output, HasSubstr(word));
     }
     EXPECT_EQ(zelfwfile("-h").output, help.output);
-    const ProgramResult version = zelfwfile("--version");
+    const ToolRun version = zelfwfile("--version");
     EXPECT_EQ(version.code, 0);
     EXPECT_EQ(version.output, "zelfwfile " ZELF_VERSION "\n");
     for (const std::string command : {"make", "check"}) {

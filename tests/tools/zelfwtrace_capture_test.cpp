@@ -27,9 +27,8 @@ class ZelfwtraceCapture : public TraceToolTest {
     }
     /// Runs tshark on the capture with a configuration of its own.
     ToolRun tshark(const std::string& arguments) const {
-        return run_shell("WIRESHARK_CONFIG_DIR=" + quoted(path("")) + " tshark -r " +
-                             quoted(capture()) + " " + arguments,
-                         directory_);
+        return run_tool("WIRESHARK_CONFIG_DIR=" + quoted(path("")) + " tshark -r " +
+                        quoted(capture()) + " " + arguments);
     }
     /// The fields of every packet that passes the filter, joined by blanks; empty ones too.
     std::vector<std::string> packets(const std::string& filter,
@@ -47,7 +46,7 @@ class ZelfwtraceCapture : public TraceToolTest {
 class ZelfwtraceInWireshark : public ZelfwtraceCapture {
   protected:
     void SetUp() override {
-        if (run_shell("command -v tshark", directory_).code != 0) {
+        if (run_tool("command -v tshark").code != 0) {
             GTEST_SKIP() << "tshark is not installed";
         }
     }
@@ -255,22 +254,19 @@ TEST_F(ZelfwtraceInWireshark, FiltersHoldForTheCapture) {
 }
 
 TEST_F(ZelfwtraceRunInWireshark, TransfersAreThoseOfTheBus) {
-    if (run_shell("command -v tshark", scratch_).code != 0) {
+    if (run_tool("command -v tshark").code != 0) {
         GTEST_SKIP() << "tshark is not installed";
     }
     set_bus({SimDevice{}});
     add_firmware("main.dat", {.data_records = 3});
     EXPECT_EQ(update().exit_code, 0);
-    const ToolRun written =
-        run_shell(quoted(ZELFWTRACE) + " pcap -o " + quoted(path("run.pcapng")) + " " +
-                      quoted(path("trace.bin")),
-                  scratch_);
+    const ToolRun written = run_tool(quoted(ZELFWTRACE) + " pcap -o " + quoted(path("run.pcapng")) +
+                                     " " + quoted(path("trace.bin")));
     EXPECT_EQ(written.code, 0) << written.errors;
     const auto fields = [this](const std::string& filter, const std::string& field) {
-        return run_shell("WIRESHARK_CONFIG_DIR=" + quoted(scratch_.path().string()) +
-                             " tshark -r " + quoted(path("run.pcapng")) + " -Y " + quoted(filter) +
-                             " -T fields -e " + field,
-                         scratch_)
+        return run_tool("WIRESHARK_CONFIG_DIR=" + quoted(scratch_.path()) + " tshark -r " +
+                        quoted(path("run.pcapng")) + " -Y " + quoted(filter) + " -T fields -e " +
+                        field)
             .lines();
     };
     EXPECT_THAT(fields("usbhid.setup.bRequest == 9", "usb.data_fragment"),

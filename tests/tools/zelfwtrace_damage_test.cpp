@@ -248,7 +248,7 @@ TEST_F(ZelfwtraceDamage, LargeFileTakesLittleMemory) {
     // In kilobytes, of all that the process may map; a sanitizer maps more than any machine has.
     const std::string limit = std::string(ZELF_SANITIZED).empty() ? "ulimit -v 40000; " : "";
     const ToolRun run =
-        run_shell(limit + quoted(ZELFWTRACE) + " summary " + quoted(path("trace.bin")), directory_);
+        run_tool(limit + quoted(ZELFWTRACE) + " summary " + quoted(path("trace.bin")));
     EXPECT_EQ(run.code, 0) << run.errors;
     EXPECT_EQ(run.output, "0 runs, 1600 texts, 0 devices\n");
 }

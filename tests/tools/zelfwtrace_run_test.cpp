@@ -18,7 +18,7 @@ class ZelfwtraceRun : public BusTest {
   protected:
     ToolRun show(const std::string& options) const { return show_file(options, path("trace.bin")); }
     ToolRun show_file(const std::string& options, const std::string& file) const {
-        return run_shell(quoted(ZELFWTRACE) + " " + options + " " + quoted(file), scratch_);
+        return run_tool(quoted(ZELFWTRACE) + " " + options + " " + quoted(file));
     }
     std::vector<json> objects(const std::string& options) const {
         const ToolRun run = show(options + " --json");
@@ -96,7 +96,7 @@ TEST_F(ZelfwtraceRun, TextsAreThoseOfTheTrace) {
     update_printer();
     std::vector<std::string> expected, texts;
     for (const TraceRecord& one : trace()) {
-        if (one.kind == trace_kind::text) {
+        if (one.kind == record_kind::text) {
             expected.push_back(one.payload);
         }
     }

@@ -251,7 +251,7 @@ TEST_F(Zelfwtrace, BytesAreShownOnDemand) {
 TEST_F(Zelfwtrace, LocalTimesFollowTheTimeZone) {
     set_trace(TraceBytes().version().bytes());
     const ToolRun local =
-        run_shell("TZ=UTC-3 " + quoted(ZELFWTRACE) + " " + quoted(path("trace.bin")), directory_);
+        run_tool("TZ=UTC-3 " + quoted(ZELFWTRACE) + " " + quoted(path("trace.bin")));
     EXPECT_THAT(local.output, StartsWith("2023-11-15 01:13:20.005 "));
 }
 
@@ -269,8 +269,8 @@ TEST_F(Zelfwtrace, EmptyFileHasNoRecords) {
 
 TEST_F(Zelfwtrace, PipeIsReadOnceAndNamesNoTotals) {
     set_trace(image().bytes());
-    const ToolRun run = run_shell(
-        "cat " + quoted(path("trace.bin")) + " | " + quoted(ZELFWTRACE) + " -", directory_);
+    const ToolRun run =
+        run_tool("cat " + quoted(path("trace.bin")) + " | " + quoted(ZELFWTRACE) + " -");
     EXPECT_EQ(run.code, 0);
     EXPECT_THAT(words_of(run.lines()),
                 AllOf(testing::SizeIs(10),
@@ -279,8 +279,7 @@ TEST_F(Zelfwtrace, PipeIsReadOnceAndNamesNoTotals) {
 
 TEST_F(Zelfwtrace, RedirectedInputIsReadTwice) {
     set_trace(image().bytes());
-    const ToolRun run =
-        run_shell(quoted(ZELFWTRACE) + " - < " + quoted(path("trace.bin")), directory_);
+    const ToolRun run = run_tool(quoted(ZELFWTRACE) + " - < " + quoted(path("trace.bin")));
     EXPECT_THAT(words_of(run.lines()), Contains(HasSubstr("record 2 of 2 ")));
 }
 
@@ -494,8 +493,8 @@ TEST_F(Zelfwtrace, ShowsWithoutACommandToo) {
 
 TEST_F(Zelfwtrace, FileThatHasACommandsNameIsNamedBehindTheCommand) {
     write_file(path("summary"), TraceBytes().version().bytes());
-    const ToolRun run = run_shell(
-        "cd " + quoted(path("")) + " && " + quoted(ZELFWTRACE) + " show summary", directory_);
+    const ToolRun run =
+        run_tool("cd " + quoted(path("")) + " && " + quoted(ZELFWTRACE) + " show summary");
     EXPECT_EQ(run.code, 0) << run.errors;
     EXPECT_THAT(run.output, HasSubstr("a run begins"));
 }
@@ -529,16 +528,15 @@ TEST_F(Zelfwtrace, HelpAndVersionNeedNoFile) {
 
 TEST_F(Zelfwtrace, FileWhoseNameBeginsWithADashIsNamedBehindTwo) {
     write_file(path("-j"), TraceBytes().version().bytes());
-    const ToolRun run =
-        run_shell("cd " + quoted(path("")) + " && " + quoted(ZELFWTRACE) + " -- -j", directory_);
+    const ToolRun run = run_tool("cd " + quoted(path("")) + " && " + quoted(ZELFWTRACE) + " -- -j");
     EXPECT_EQ(run.code, 0);
     EXPECT_THAT(run.output, HasSubstr("a run begins"));
 }
 
 TEST_F(Zelfwtrace, OutputThatCannotBeWrittenIsAFailure) {
     set_trace(image().bytes());
-    const ToolRun run = run_shell(
-        quoted(ZELFWTRACE) + " " + quoted(path("trace.bin")) + " > /dev/full", directory_);
+    const ToolRun run =
+        run_tool(quoted(ZELFWTRACE) + " " + quoted(path("trace.bin")) + " > /dev/full");
     EXPECT_EQ(run.code, 1);
     EXPECT_THAT(run.errors, HasSubstr("zelfwtrace: standard output: No space left on device"));
 }

@@ -26,17 +26,19 @@ class AnswerCountTest : public testing::Test {
     AnswerCount count;
 };
 
+}  // namespace
+
 TEST_F(AnswerCountTest, DoubtsNothingWhenEachMessageHasItsAnswer) {
     count.start();
     exchange(7);
-    EXPECT_EQ("", doubts());
+    EXPECT_EQ(doubts(), "");
 }
 
 TEST_F(AnswerCountTest, DoubtsNothingWhileAnAnswerIsToCome) {
     count.start();
     exchange(7);
     count.message_sent();
-    EXPECT_EQ("", doubts());
+    EXPECT_EQ(doubts(), "");
 }
 
 TEST_F(AnswerCountTest, CountsWhatCouldNotBeRead) {
@@ -44,19 +46,19 @@ TEST_F(AnswerCountTest, CountsWhatCouldNotBeRead) {
     exchange(1);
     count.message_sent();
     count.read_failed();
-    EXPECT_EQ("The result is uncertain: 1 status report could not be read\n", doubts());
+    EXPECT_EQ(doubts(), "The result is uncertain: 1 status report could not be read\n");
     count.read_failed();
-    EXPECT_NE(std::string::npos, doubts().find("uncertain: 2 status reports could not be read\n"));
+    EXPECT_NE(doubts().find("uncertain: 2 status reports could not be read\n"), std::string::npos);
 }
 
 TEST_F(AnswerCountTest, CountsWhatCameTooMany) {
     count.start();
     exchange(2);
     count.report_taken();
-    EXPECT_EQ("The result is uncertain: 1 status report more than messages sent\n", doubts());
+    EXPECT_EQ(doubts(), "The result is uncertain: 1 status report more than messages sent\n");
     count.report_taken();
-    EXPECT_NE(std::string::npos,
-              doubts().find("uncertain: 2 status reports more than messages sent\n"));
+    EXPECT_NE(doubts().find("uncertain: 2 status reports more than messages sent\n"),
+              std::string::npos);
 }
 
 TEST_F(AnswerCountTest, AMissingAnswerDoesNotMakeUpForOneTooMany) {
@@ -65,7 +67,7 @@ TEST_F(AnswerCountTest, AMissingAnswerDoesNotMakeUpForOneTooMany) {
     count.report_taken();
     count.message_sent();
     exchange(3);
-    EXPECT_EQ("The result is uncertain: 1 status report more than messages sent\n", doubts());
+    EXPECT_EQ(doubts(), "The result is uncertain: 1 status report more than messages sent\n");
 }
 
 TEST_F(AnswerCountTest, WhatCameBeforeTheFirstMessageDoesNotCount) {
@@ -74,7 +76,7 @@ TEST_F(AnswerCountTest, WhatCameBeforeTheFirstMessageDoesNotCount) {
     count.report_taken();
     count.read_failed();
     exchange(3);
-    EXPECT_EQ("", doubts());
+    EXPECT_EQ(doubts(), "");
 }
 
 TEST_F(AnswerCountTest, EachImageBeginsAnew) {
@@ -84,7 +86,5 @@ TEST_F(AnswerCountTest, EachImageBeginsAnew) {
     count.read_failed();
     count.start();
     exchange(3);
-    EXPECT_EQ("", doubts());
+    EXPECT_EQ(doubts(), "");
 }
-
-}  // namespace

@@ -5,6 +5,7 @@
 #include "support/failing_new.h"
 #include "support/firmware_bytes.h"
 #include "support/flash_test.h"
+#include "support/temporary_directory.h"
 #include "usb/zelflshenum.h"
 #include "usb/zelflshhid.h"
 
@@ -50,7 +51,7 @@ class Commands : public FlashTest {
             if (flash->fe[row].flashStatus == NOFLASHATTEMPT) {
                 rows.push_back(row);
             } else {
-                EXPECT_EQ(NOFLASHALLOWED, flash->fe[row].flashStatus);
+                EXPECT_EQ(flash->fe[row].flashStatus, NOFLASHALLOWED);
             }
         }
         return rows;
@@ -100,43 +101,45 @@ class Selection : public Commands {
     }
 };
 
+}  // namespace
+
 TEST_F(Selection, TakesAllWithoutAFilter) {
     flash->fe[1].flashStatus = DEVICE_SELECTED;
-    EXPECT_EQ((std::vector<int>{0, 1, 2}), select());
-    EXPECT_EQ(1, debugged("Found 3 devices to check for updating"));
+    EXPECT_EQ(select(), (std::vector<int>{0, 1, 2}));
+    EXPECT_EQ(debugged("Found 3 devices to check for updating"), 1);
     select_devices = 1;
-    EXPECT_EQ((std::vector<int>{0, 1, 2}), select());
+    EXPECT_EQ(select(), (std::vector<int>{0, 1, 2}));
 }
 
 TEST_F(Selection, IgnoresTheListsUnlessAFilterWasGiven) {
     want_product("4124");
     select_devices = 0;
-    EXPECT_EQ((std::vector<int>{0, 1, 2}), select());
-    EXPECT_EQ(nullptr, device_list[0].fe);
+    EXPECT_EQ(select(), (std::vector<int>{0, 1, 2}));
+    EXPECT_EQ(device_list[0].fe, nullptr);
 }
 
 TEST_F(Selection, CountsOneDeviceWithoutAPlural) {
     flash->numberOfFlashEntries = 1;
     select();
-    EXPECT_EQ(1, debugged("Found 1 device to check for updating"));
+    EXPECT_EQ(debugged("Found 1 device to check for updating"), 1);
     flash->numberOfFlashEntries = 0;
     select();
-    EXPECT_EQ(1, debugged("Found 0 device to check for updating"));
+    EXPECT_EQ(debugged("Found 0 device to check for updating"), 1);
 }
 
 TEST_F(Selection, TakesTheRowsOfAProduct) {
     want_product("4123");
-    EXPECT_EQ((std::vector<int>{0, 2}), select());
+    EXPECT_EQ(select(), (std::vector<int>{0, 2}));
     // The last row taken.
-    EXPECT_EQ(&flash->fe[2], device_list[0].fe);
-    EXPECT_EQ(1, debugged("Found 2 devices to check for updating"));
+    EXPECT_EQ(device_list[0].fe, &flash->fe[2]);
+    EXPECT_EQ(debugged("Found 2 devices to check for updating"), 1);
 }
 
 TEST_F(Selection, TakesTheRowsOfSeveralProducts) {
     want_product("0x4124");
     want_product("4123");
-    EXPECT_EQ((std::vector<int>{0, 1, 2}), select());
-    EXPECT_EQ(&flash->fe[1], device_list[0].fe);
+    EXPECT_EQ(select(), (std::vector<int>{0, 1, 2}));
+    EXPECT_EQ(device_list[0].fe, &flash->fe[1]);
 }
 
 TEST_F(Selection, AProductOfZeroSelectsNothing) {
@@ -145,47 +148,47 @@ TEST_F(Selection, AProductOfZeroSelectsNothing) {
         NumberOfDeviceListEntries = 0;
         device_list[0].fe = &flash->fe[0];
         want_product(text);
-        EXPECT_EQ((std::vector<int>{}), select()) << text;
-        EXPECT_EQ(nullptr, device_list[0].fe);
+        EXPECT_EQ(select(), (std::vector<int>{})) << text;
+        EXPECT_EQ(device_list[0].fe, nullptr);
     }
 }
 
 TEST_F(Selection, AnEntryThatMatchesNothingSelectsNothing) {
     want_product("9999");
     want_product("FFFFFFFFFFFF4123");
-    EXPECT_EQ((std::vector<int>{}), select());
-    EXPECT_EQ(nullptr, device_list[0].fe);
-    EXPECT_EQ(1, debugged("Found 0 device to check for updating"));
+    EXPECT_EQ(select(), (std::vector<int>{}));
+    EXPECT_EQ(device_list[0].fe, nullptr);
+    EXPECT_EQ(debugged("Found 0 device to check for updating"), 1);
 }
 
 TEST_F(Selection, TakesTheRowsOfASerialNumber) {
     want_serial("C");
     want_serial("B");
-    EXPECT_EQ((std::vector<int>{1, 2}), select());
-    EXPECT_EQ(&flash->fe[2], serial_no_list[0].fe);
-    EXPECT_EQ(&flash->fe[1], serial_no_list[1].fe);
+    EXPECT_EQ(select(), (std::vector<int>{1, 2}));
+    EXPECT_EQ(serial_no_list[0].fe, &flash->fe[2]);
+    EXPECT_EQ(serial_no_list[1].fe, &flash->fe[1]);
 }
 
 TEST_F(Selection, ASerialNumberMustBeTheSame) {
     want_serial("c");
     want_serial("CC");
     want_serial("");
-    EXPECT_EQ((std::vector<int>{}), select());
+    EXPECT_EQ(select(), (std::vector<int>{}));
 }
 
 TEST_F(Selection, ProductAndSerialNumberMustBothMatch) {
     want_product("4123");
     want_serial("C");
     want_serial("B");
-    EXPECT_EQ((std::vector<int>{2}), select());
-    EXPECT_EQ(&flash->fe[2], device_list[0].fe);
-    EXPECT_EQ(nullptr, serial_no_list[0].fe);
+    EXPECT_EQ(select(), (std::vector<int>{2}));
+    EXPECT_EQ(device_list[0].fe, &flash->fe[2]);
+    EXPECT_EQ(serial_no_list[0].fe, nullptr);
 }
 
 TEST_F(Selection, AProductOfZeroLeavesTheSerialNumbersUnused) {
     want_product("0");
     want_serial("B");
-    EXPECT_EQ((std::vector<int>{}), select());
+    EXPECT_EQ(select(), (std::vector<int>{}));
 }
 
 // Enumeration.
@@ -197,52 +200,52 @@ TEST_F(Commands, OpensOnlySupportedInterfaces) {
     hid.VendorID = 0x7AFF;
     hid.ProductID = silent_product;
     hid.Usage = 0xA000;
-    EXPECT_EQ(0, flash->open_hid_device(&hid));
+    EXPECT_EQ(flash->open_hid_device(&hid), 0);
     EXPECT_TRUE(usb.calls().empty());
     oem_vendor = 1;
     hid.Usage = 0xA001;
-    EXPECT_EQ(0, flash->open_hid_device(&hid));
+    EXPECT_EQ(flash->open_hid_device(&hid), 0);
     EXPECT_TRUE(usb.calls().empty());
     hid.Usage = 0xA000;
-    EXPECT_EQ(1, flash->open_hid_device(&hid));
-    EXPECT_EQ(nullptr, flash->hiddev);
-    EXPECT_EQ(device.path(), flash->fe[0].DevicePath);
-    EXPECT_EQ(0, flash->open_hid_device(nullptr));
+    EXPECT_EQ(flash->open_hid_device(&hid), 1);
+    EXPECT_EQ(flash->hiddev, nullptr);
+    EXPECT_EQ(flash->fe[0].DevicePath, device.path());
+    EXPECT_EQ(flash->open_hid_device(nullptr), 0);
 }
 
 TEST_F(Commands, LeavesInterfacesOutThatDoNotOpen) {
     FlashPeripheral& device = bus.add(silent_product);
     device.usb().open_rc = LIBUSB_ERROR_ACCESS;
     bus.add(silent_product + 1);
-    EXPECT_EQ(1, flash->build_flash_table());
-    EXPECT_EQ(silent_product + 1, flash->fe[0].product_id);
-    EXPECT_EQ(nullptr, flash->hiddev);
-    EXPECT_EQ(0, usb.live_handles);
-    EXPECT_EQ(0, usb.live_contexts);
+    EXPECT_EQ(flash->build_flash_table(), 1);
+    EXPECT_EQ(flash->fe[0].product_id, silent_product + 1);
+    EXPECT_EQ(flash->hiddev, nullptr);
+    EXPECT_EQ(usb.live_handles, 0);
+    EXPECT_EQ(usb.live_contexts, 0);
 }
 
 TEST_F(Commands, FindsNothingWithoutAListOfDevices) {
     usb.list_rc = LIBUSB_ERROR_NO_MEM;
-    EXPECT_EQ(0, flash->build_flash_table());
+    EXPECT_EQ(flash->build_flash_table(), 0);
 }
 
 TEST_F(Commands, PointsTheFiltersAtTheNewTable) {
     FlashPeripheral& device = bus.add(silent_product);
     want_product("3C75");
     flash->build_flash_table();
-    EXPECT_EQ(&flash->fe[0], device_list[0].fe);
+    EXPECT_EQ(device_list[0].fe, &flash->fe[0]);
     device.usb().descriptor.idProduct = silent_product + 1;
     flash->build_flash_table();
-    EXPECT_EQ(nullptr, device_list[0].fe);
-    EXPECT_EQ(NOFLASHALLOWED, flash->fe[0].flashStatus);
+    EXPECT_EQ(device_list[0].fe, nullptr);
+    EXPECT_EQ(flash->fe[0].flashStatus, NOFLASHALLOWED);
 }
 
 // List.
 
 TEST_F(Commands, ListsNoDevice) {
-    EXPECT_EQ("No devices found\n",
-              console_of(1, 0, [this] { EXPECT_EQ(5, flash->list_attached_devices()); }));
-    EXPECT_EQ(1, logged("Listing 0 devices:"));
+    EXPECT_EQ(console_of(1, 0, [this] { EXPECT_EQ(flash->list_attached_devices(), 5); }),
+              "No devices found\n");
+    EXPECT_EQ(logged("Listing 0 devices:"), 1);
 }
 
 TEST_F(Commands, ListsComponentsWithTheirLevels) {
@@ -254,75 +257,74 @@ TEST_F(Commands, ListsComponentsWithTheirLevels) {
                                                               {3, 0x07, 0x04, 0x08, 0},
                                                               {18, 0xFE, 0xFF, 0x00, 0}});
     const std::string shown =
-        console_of(1, 0, [this] { EXPECT_EQ(0, flash->list_attached_devices()); });
-    EXPECT_EQ(
-        "PID: 4123  COMP: 00  TYPE: FW   EC: 01.02.0a (SN='SN-9')\n"
-        "PID: 4123  COMP: 01  TYPE: CFG  EC: 04.05    (SN='SN-9')\n"
-        "PID: 4123  COMP: 02  TYPE: FNT  EC: 04.06    (SN='SN-9')\n"
-        "PID: 4123  COMP: 03  TYPE: UNK  EC: 04.07    (SN='SN-9')\n"
-        "PID: 4123  COMP: 12  TYPE: UNK  EC: ff.fe    (SN='SN-9')\n",
-        shown);
-    EXPECT_NE(std::string::npos, log.text().find("\n\nListing 1 devices:\n"));
+        console_of(1, 0, [this] { EXPECT_EQ(flash->list_attached_devices(), 0); });
+    EXPECT_EQ(shown,
+              "PID: 4123  COMP: 00  TYPE: FW   EC: 01.02.0a (SN='SN-9')\n"
+              "PID: 4123  COMP: 01  TYPE: CFG  EC: 04.05    (SN='SN-9')\n"
+              "PID: 4123  COMP: 02  TYPE: FNT  EC: 04.06    (SN='SN-9')\n"
+              "PID: 4123  COMP: 03  TYPE: UNK  EC: 04.07    (SN='SN-9')\n"
+              "PID: 4123  COMP: 12  TYPE: UNK  EC: ff.fe    (SN='SN-9')\n");
+    EXPECT_NE(log.text().find("\n\nListing 1 devices:\n"), std::string::npos);
 }
 
 TEST_F(Commands, ListsSelectedDevicesOnly) {
     bus.add(silent_product, 0x7A01, "A");
     bus.add(silent_product, 0x7A01, "B");
     want_serial("B");
-    EXPECT_EQ("PID: 3c75  COMP: 00  TYPE: FW   EC: 01.23    (SN='B')\n",
-              console_of(1, 0, [this] { EXPECT_EQ(0, flash->list_attached_devices()); }));
+    EXPECT_EQ(console_of(1, 0, [this] { EXPECT_EQ(flash->list_attached_devices(), 0); }),
+              "PID: 3c75  COMP: 00  TYPE: FW   EC: 01.23    (SN='B')\n");
     want_serial("C");
     NumberOfSerialNoListEntries = 1;
     std::strcpy(serial_no_list[0].serial_number, "C");
-    EXPECT_EQ("", console_of(1, 0, [this] { EXPECT_EQ(0, flash->list_attached_devices()); }));
+    EXPECT_EQ(console_of(1, 0, [this] { EXPECT_EQ(flash->list_attached_devices(), 0); }), "");
 }
 
 // Update.
 
 TEST_F(Commands, UpdatesNothingWithoutDevices) {
-    EXPECT_EQ("No devices found\n",
-              console_of(1, 0, [this] { EXPECT_EQ(5, flash->flash_all_devices()); }));
+    EXPECT_EQ(console_of(1, 0, [this] { EXPECT_EQ(flash->flash_all_devices(), 5); }),
+              "No devices found\n");
 }
 
 TEST_F(Commands, UpdatesMainComponentsFirstAndThenTheOthers) {
     FlashPeripheral& device = add_updatable();
     add_file(product, 0, 0x0109, image());
     add_file(product, 1, 0x0109, image(1));
-    EXPECT_EQ(0, flash->flash_all_devices());
-    EXPECT_EQ(2, device.count(wire::erase));
-    EXPECT_EQ(1, device.count(wire::reset));
-    EXPECT_EQ(1, sleeps.count(4000));
+    EXPECT_EQ(flash->flash_all_devices(), 0);
+    EXPECT_EQ(device.count(wire::erase), 2);
+    EXPECT_EQ(device.count(wire::reset), 1);
+    EXPECT_EQ(sleeps.count(4000), 1);
     const std::string text = log.text();
     const size_t sleeping = text.find("Sleeping to allow reset device to respond\n");
-    ASSERT_NE(std::string::npos, sleeping);
-    EXPECT_NE(std::string::npos, text.find("Sleeping finished\n", sleeping));
+    ASSERT_NE(sleeping, std::string::npos);
+    EXPECT_NE(text.find("Sleeping finished\n", sleeping), std::string::npos);
     EXPECT_LT(text.find("Starting firmware update of Product ID 4123 COMP: 0"), sleeping);
     EXPECT_GT(text.find("Starting firmware update of Product ID 4123 COMP: 1"), sleeping);
     // Rows are found anew behind the reset.
     EXPECT_GT(text.find("Finding available Flash Devices", sleeping), sleeping);
-    EXPECT_EQ(2, log.count("Finding available Flash Devices\n"));
-    EXPECT_EQ(1, logged("Updated 2 devices"));
-    EXPECT_EQ(0, usb.live_handles);
-    EXPECT_EQ(0, threads.unreclaimed());
+    EXPECT_EQ(log.count("Finding available Flash Devices\n"), 2);
+    EXPECT_EQ(logged("Updated 2 devices"), 1);
+    EXPECT_EQ(usb.live_handles, 0);
+    EXPECT_EQ(threads.unreclaimed(), 0);
 }
 
 TEST_F(Commands, DoesNotSleepWithoutAReset) {
     add_updatable();
     add_file(product, 1, 0x0109, image(1));
-    EXPECT_EQ(0, flash->flash_all_devices());
-    EXPECT_EQ(0, sleeps.count(4000));
-    EXPECT_EQ(1, log.count("Finding available Flash Devices\n"));
-    EXPECT_EQ(1, logged("Updated 1 device"));
+    EXPECT_EQ(flash->flash_all_devices(), 0);
+    EXPECT_EQ(sleeps.count(4000), 0);
+    EXPECT_EQ(log.count("Finding available Flash Devices\n"), 1);
+    EXPECT_EQ(logged("Updated 1 device"), 1);
 }
 
 TEST_F(Commands, ChecksForUpdatesWithoutSendingAny) {
     FlashPeripheral& device = add_updatable();
     check_for_update_only = 1;
     add_file(product, 0, 0x0109, image());
-    EXPECT_EQ(0, flash->flash_all_devices());
-    EXPECT_EQ(0, device.count(wire::erase));
-    EXPECT_EQ(1, sleeps.count(4000));
-    EXPECT_EQ(1, logged("Updated 1 device"));
+    EXPECT_EQ(flash->flash_all_devices(), 0);
+    EXPECT_EQ(device.count(wire::erase), 0);
+    EXPECT_EQ(sleeps.count(4000), 1);
+    EXPECT_EQ(logged("Updated 1 device"), 1);
 }
 
 TEST_F(Commands, TellsOfTheSleepAndTheCountOnTheConsole) {
@@ -330,38 +332,39 @@ TEST_F(Commands, TellsOfTheSleepAndTheCountOnTheConsole) {
     check_for_update_only = 1;
     add_file(product, 0, 0x0109, image());
     const std::string shown =
-        console_of(1, 0, [this] { EXPECT_EQ(0, flash->flash_all_devices()); });
+        console_of(1, 0, [this] { EXPECT_EQ(flash->flash_all_devices(), 0); });
     const std::string end =
         "Sleeping to allow reset device to respond\nSleeping finished\nUpdated 1 device\n";
-    EXPECT_EQ(shown.size() - end.size(), shown.find(end)) << shown;
+    EXPECT_EQ(shown.find(end), shown.size() - end.size()) << shown;
 }
 
 TEST_F(Commands, TellsOfBadFilesOnTheConsole) {
     add_updatable();
     add_file(product, 1, 0x0109, bad_image(1));
     const std::string shown =
-        console_of(1, 0, [this] { EXPECT_EQ(6, flash->flash_all_devices()); });
-    EXPECT_NE(std::string::npos, shown.find("Error -14 flashing devices\nFirmware update file "
-                                            "bad\nNo devices updated\n"));
+        console_of(1, 0, [this] { EXPECT_EQ(flash->flash_all_devices(), 6); });
+    EXPECT_NE(shown.find("Error -14 flashing devices\nFirmware update file "
+                         "bad\nNo devices updated\n"),
+              std::string::npos);
 }
 
 TEST_F(Commands, ReportsThatNothingWasUpdated) {
     FlashPeripheral& device = add_updatable();
     add_file(product, 0, 0x0102, image());
-    EXPECT_EQ(6, flash->flash_all_devices());
-    EXPECT_EQ(0, device.count(wire::erase));
-    EXPECT_EQ(1, logged("No devices updated"));
-    EXPECT_EQ(0, log.count("Error "));
+    EXPECT_EQ(flash->flash_all_devices(), 6);
+    EXPECT_EQ(device.count(wire::erase), 0);
+    EXPECT_EQ(logged("No devices updated"), 1);
+    EXPECT_EQ(log.count("Error "), 0);
 }
 
 TEST_F(Commands, UpdatesNothingThatIsNotSelected) {
     FlashPeripheral& device = add_updatable();
     add_file(product, 0, 0x0109, image());
     want_serial("elsewhere");
-    EXPECT_EQ(6, flash->flash_all_devices());
-    EXPECT_EQ(0, device.count(wire::erase));
-    EXPECT_EQ(1, logged("No devices updated"));
-    EXPECT_EQ(NOFLASHALLOWED, flash->fe[0].flashStatus);
+    EXPECT_EQ(flash->flash_all_devices(), 6);
+    EXPECT_EQ(device.count(wire::erase), 0);
+    EXPECT_EQ(logged("No devices updated"), 1);
+    EXPECT_EQ(flash->fe[0].flashStatus, NOFLASHALLOWED);
 }
 
 TEST_F(Commands, EndsAfterAFailedFirstPass) {
@@ -369,12 +372,12 @@ TEST_F(Commands, EndsAfterAFailedFirstPass) {
     device.answers[wire::erase] = {{0x40}};
     add_file(product, 0, 0x0109, image());
     add_file(product, 1, 0x0109, image(1));
-    EXPECT_EQ(6, flash->flash_all_devices());
-    EXPECT_EQ(1, device.count(wire::erase));
-    EXPECT_EQ(0, sleeps.count(4000));
-    EXPECT_EQ(1, logged("Error -2 flashing devices"));
-    EXPECT_EQ(0, log.count("Device disconnected"));
-    EXPECT_EQ(1, logged("No devices updated"));
+    EXPECT_EQ(flash->flash_all_devices(), 6);
+    EXPECT_EQ(device.count(wire::erase), 1);
+    EXPECT_EQ(sleeps.count(4000), 0);
+    EXPECT_EQ(logged("Error -2 flashing devices"), 1);
+    EXPECT_EQ(log.count("Device disconnected"), 0);
+    EXPECT_EQ(logged("No devices updated"), 1);
 }
 
 TEST_F(Commands, TellsThatTheDeviceIsGone) {
@@ -386,18 +389,18 @@ TEST_F(Commands, TellsThatTheDeviceIsGone) {
     };
     add_file(product, 0, 0x0109, image());
     const std::string shown =
-        console_of(1, 0, [this] { EXPECT_EQ(6, flash->flash_all_devices()); });
-    EXPECT_NE(std::string::npos,
-              shown.find("Error -5 flashing devices\nDevice disconnected\nNo devices updated\n"));
+        console_of(1, 0, [this] { EXPECT_EQ(flash->flash_all_devices(), 6); });
+    EXPECT_NE(shown.find("Error -5 flashing devices\nDevice disconnected\nNo devices updated\n"),
+              std::string::npos);
 }
 
 TEST_F(Commands, TellsThatTheFileIsBad) {
     add_updatable();
     add_file(product, 1, 0x0109, bad_image(1));
-    EXPECT_EQ(6, flash->flash_all_devices());
-    EXPECT_EQ(1, logged("Error -14 flashing devices"));
-    EXPECT_EQ(1, logged("Firmware update file bad"));
-    EXPECT_EQ(1, logged("No devices updated"));
+    EXPECT_EQ(flash->flash_all_devices(), 6);
+    EXPECT_EQ(logged("Error -14 flashing devices"), 1);
+    EXPECT_EQ(logged("Firmware update file bad"), 1);
+    EXPECT_EQ(logged("No devices updated"), 1);
 }
 
 TEST_F(Commands, KeepsTheFirstPassesUpdatesInTheResult) {
@@ -409,10 +412,10 @@ TEST_F(Commands, KeepsTheFirstPassesUpdatesInTheResult) {
             device.next_write_results = {LIBUSB_ERROR_NO_DEVICE};
         }
     };
-    EXPECT_EQ(0, flash->flash_all_devices());
-    EXPECT_EQ(1, logged("Error -5 flashing devices"));
-    EXPECT_EQ(1, logged("Device disconnected"));
-    EXPECT_EQ(1, logged("Updated 1 device"));
+    EXPECT_EQ(flash->flash_all_devices(), 0);
+    EXPECT_EQ(logged("Error -5 flashing devices"), 1);
+    EXPECT_EQ(logged("Device disconnected"), 1);
+    EXPECT_EQ(logged("Updated 1 device"), 1);
 }
 
 TEST_F(Commands, SuccessesBehindAFailureChangeTheErrorThatIsTold) {
@@ -428,25 +431,25 @@ TEST_F(Commands, SuccessesBehindAFailureChangeTheErrorThatIsTold) {
     }
     second.data[wire::component_list_query] = list_answer(36, components);
     add_file(product, 1, 0x0109, bad_image(1));
-    const auto update = [this] { EXPECT_EQ(6, flash->flash_all_devices()); };
+    const auto update = [this] { EXPECT_EQ(flash->flash_all_devices(), 6); };
     // Minus 14 for the corrupted file, plus 8, is the code of a failed reset.
     const std::string shown = console_of(1, 0, update);
-    EXPECT_NE(std::string::npos,
-              shown.find("Error -6 flashing devices\nDevice reset failed\nNo devices updated\n"));
-    EXPECT_EQ(8, second.count(wire::erase));
+    EXPECT_NE(shown.find("Error -6 flashing devices\nDevice reset failed\nNo devices updated\n"),
+              std::string::npos);
+    EXPECT_EQ(second.count(wire::erase), 8);
     // One success more, and it is that of a device that is gone.
     add_file(product + 1, 9, 0x0109, image(9, "41240109"));
-    EXPECT_NE(std::string::npos,
-              console_of(1, 0, update)
-                  .find("Error -5 flashing devices\nDevice disconnected\nNo devices updated\n"));
-    EXPECT_EQ(17, second.count(wire::erase));
+    EXPECT_NE(console_of(1, 0, update)
+                  .find("Error -5 flashing devices\nDevice disconnected\nNo devices updated\n"),
+              std::string::npos);
+    EXPECT_EQ(second.count(wire::erase), 17);
 }
 
 // Reset.
 
 TEST_F(Commands, ResetsNothingWithoutDevices) {
-    EXPECT_EQ(5, flash->reset_devices());
-    EXPECT_EQ(1, logged("No devices found"));
+    EXPECT_EQ(flash->reset_devices(), 5);
+    EXPECT_EQ(logged("No devices found"), 1);
 }
 
 TEST_F(Commands, ResetsTheSelectedDevices) {
@@ -455,39 +458,38 @@ TEST_F(Commands, ResetsTheSelectedDevices) {
     FlashPeripheral& third = bus.add(silent_product, 0x7A01, "C");
     want_serial("A");
     want_serial("C");
-    const std::string shown = console_of(1, 0, [this] { EXPECT_EQ(0, flash->reset_devices()); });
-    EXPECT_EQ(
-        "Resetting device PID:3c75 SN='A'\n"
-        "Device PID:3c75 reset successfully\n"
-        "Resetting device PID:3c75 SN='C'\n"
-        "Device PID:3c75 reset successfully\n"
-        "Reset successful on 2 devices\n",
-        shown);
-    EXPECT_EQ(1, first.count(wire::reset));
+    const std::string shown = console_of(1, 0, [this] { EXPECT_EQ(flash->reset_devices(), 0); });
+    EXPECT_EQ(shown,
+              "Resetting device PID:3c75 SN='A'\n"
+              "Device PID:3c75 reset successfully\n"
+              "Resetting device PID:3c75 SN='C'\n"
+              "Device PID:3c75 reset successfully\n"
+              "Reset successful on 2 devices\n");
+    EXPECT_EQ(first.count(wire::reset), 1);
     EXPECT_TRUE(second.commands().empty());
-    EXPECT_EQ(1, third.count(wire::reset));
-    EXPECT_EQ(FLASHRESETSUCCESS, flash->fe[0].flashStatus);
-    EXPECT_EQ(NOFLASHALLOWED, flash->fe[1].flashStatus);
-    EXPECT_EQ(FLASHRESETSUCCESS, flash->fe[2].flashStatus);
-    EXPECT_EQ(2, flash->CurrentIndex);
-    EXPECT_EQ(0, global_reading_information);
-    EXPECT_EQ(0, usb.live_handles);
+    EXPECT_EQ(third.count(wire::reset), 1);
+    EXPECT_EQ(flash->fe[0].flashStatus, FLASHRESETSUCCESS);
+    EXPECT_EQ(flash->fe[1].flashStatus, NOFLASHALLOWED);
+    EXPECT_EQ(flash->fe[2].flashStatus, FLASHRESETSUCCESS);
+    EXPECT_EQ(flash->CurrentIndex, 2);
+    EXPECT_EQ(global_reading_information, 0);
+    EXPECT_EQ(usb.live_handles, 0);
 }
 
 TEST_F(Commands, CountsADeviceThatDropsOffAsReset) {
     FlashPeripheral& device = bus.add(silent_product);
     device.next_write_results = {LIBUSB_ERROR_NO_DEVICE};
-    EXPECT_EQ(0, flash->reset_devices());
-    EXPECT_EQ(1, logged("Reset successful on 1 device"));
+    EXPECT_EQ(flash->reset_devices(), 0);
+    EXPECT_EQ(logged("Reset successful on 1 device"), 1);
 }
 
 TEST_F(Commands, SaysThatNoDeviceIsSelected) {
     bus.add(silent_product);
     want_serial("elsewhere");
-    EXPECT_EQ(5, flash->reset_devices());
-    EXPECT_EQ(1, logged("No devices selected"));
-    EXPECT_EQ(5, flash->get_device_data_for_component(0, directory.path("out").c_str()));
-    EXPECT_EQ(2, logged("No devices selected"));
+    EXPECT_EQ(flash->reset_devices(), 5);
+    EXPECT_EQ(logged("No devices selected"), 1);
+    EXPECT_EQ(flash->get_device_data_for_component(0, directory.path("out").c_str()), 5);
+    EXPECT_EQ(logged("No devices selected"), 2);
 }
 
 TEST_F(Commands, ADeviceThatThereIsNoMemoryForIsAFailedReset) {
@@ -495,19 +497,18 @@ TEST_F(Commands, ADeviceThatThereIsNoMemoryForIsAFailedReset) {
         fail_nothrow_new(command == wire::stop);
     };
     FlashPeripheral& second = bus.add(silent_product + 1, 0x7A01, "B");
-    const std::string shown = console_of(1, 0, [this] { EXPECT_EQ(8, flash->reset_devices()); });
+    const std::string shown = console_of(1, 0, [this] { EXPECT_EQ(flash->reset_devices(), 8); });
     fail_nothrow_new(false);
-    EXPECT_EQ(
-        "Resetting device PID:3c75 SN='A'\n"
-        "Device PID:3c75 reset successfully\n"
-        "Device PID:3c76 reset failed, rc=5\n"
-        "Reset successful on 1 device\n"
-        "Reset failed on 1 device\n",
-        shown);
+    EXPECT_EQ(shown,
+              "Resetting device PID:3c75 SN='A'\n"
+              "Device PID:3c75 reset successfully\n"
+              "Device PID:3c76 reset failed, rc=5\n"
+              "Reset successful on 1 device\n"
+              "Reset failed on 1 device\n");
     EXPECT_TRUE(second.commands().empty());
-    EXPECT_EQ(FLASHRESETSUCCESS, flash->fe[0].flashStatus);
-    EXPECT_EQ(FLASHRESETERROR, flash->fe[1].flashStatus);
-    EXPECT_EQ(1, flash->CurrentIndex);
+    EXPECT_EQ(flash->fe[0].flashStatus, FLASHRESETSUCCESS);
+    EXPECT_EQ(flash->fe[1].flashStatus, FLASHRESETERROR);
+    EXPECT_EQ(flash->CurrentIndex, 1);
 }
 
 TEST_F(Commands, WithoutAnAttemptNoDeviceWasSelected) {
@@ -516,24 +517,26 @@ TEST_F(Commands, WithoutAnAttemptNoDeviceWasSelected) {
         stops += command == wire::stop ? 1 : 0;
         fail_nothrow_new(stops == 2);
     };
-    const std::string shown = console_of(1, 0, [this] { EXPECT_EQ(5, flash->reset_devices()); });
+    const std::string shown = console_of(1, 0, [this] { EXPECT_EQ(flash->reset_devices(), 5); });
     fail_nothrow_new(false);
-    EXPECT_EQ("Device PID:4123 reset failed, rc=5\nNo devices selected\n", shown);
-    EXPECT_EQ(FLASHRESETERROR, flash->fe[0].flashStatus);
+    EXPECT_EQ(shown, "Device PID:4123 reset failed, rc=5\nNo devices selected\n");
+    EXPECT_EQ(flash->fe[0].flashStatus, FLASHRESETERROR);
 }
 
 TEST_F(Commands, EndsTheResetAtADeviceThatCantBeOpened) {
     bus.add(silent_product, 0x7A01, "A");
     FlashPeripheral& second = bus.add(silent_product, 0x7A01, "B");
     background_read = 0;
-    EXPECT_EQ("", console_of(1, 0, [this] { EXPECT_EQ(0, flash->reset_devices()); }));
+    EXPECT_EQ(console_of(1, 0, [this] { EXPECT_EQ(flash->reset_devices(), 0); }), "");
     EXPECT_TRUE(second.commands().empty());
-    EXPECT_EQ(0, log.count("Resetting"));
-    EXPECT_EQ(NOFLASHATTEMPT, flash->fe[0].flashStatus);
-    EXPECT_EQ(NOFLASHATTEMPT, flash->fe[1].flashStatus);
-    EXPECT_EQ(nullptr, flash->hiddev);
-    EXPECT_EQ(0, usb.live_handles);
+    EXPECT_EQ(log.count("Resetting"), 0);
+    EXPECT_EQ(flash->fe[0].flashStatus, NOFLASHATTEMPT);
+    EXPECT_EQ(flash->fe[1].flashStatus, NOFLASHATTEMPT);
+    EXPECT_EQ(flash->hiddev, nullptr);
+    EXPECT_EQ(usb.live_handles, 0);
 }
+
+namespace {
 
 // Reading a component.
 
@@ -542,76 +545,78 @@ class ComponentRead : public Commands {
     int read(int component = 2) {
         return flash->get_device_data_for_component(component, output.c_str());
     }
-    std::string content() const { return read_whole_file(output); }
+    std::string content() const { return read_file(output); }
 
     const std::string output = directory.path("component.dat");
     FlashPeripheral& device = bus.add(silent_product, 0x7A01, "A");
 };
 
+}  // namespace
+
 TEST_F(ComponentRead, NeedsADevice) {
     device.usb().open_rc = LIBUSB_ERROR_ACCESS;
-    EXPECT_EQ(5, read());
-    EXPECT_EQ(1, logged("No devices found"));
-    EXPECT_EQ(nullptr, flash->hiddev);
+    EXPECT_EQ(read(), 5);
+    EXPECT_EQ(logged("No devices found"), 1);
+    EXPECT_EQ(flash->hiddev, nullptr);
 }
 
 TEST_F(ComponentRead, AnEmptyTableClosesTheDeviceThatIsOpen) {
     open_directly(device, 9);
     usb.list_rc = LIBUSB_ERROR_NO_MEM;
-    EXPECT_EQ(5, read());
-    EXPECT_EQ(nullptr, flash->hiddev);
-    EXPECT_EQ(0, usb.live_handles);
+    EXPECT_EQ(read(), 5);
+    EXPECT_EQ(flash->hiddev, nullptr);
+    EXPECT_EQ(usb.live_handles, 0);
 }
 
 TEST_F(ComponentRead, EndsAtADeviceThatCantBeOpened) {
     FlashPeripheral& second = bus.add(silent_product, 0x7A01, "B");
     background_read = 0;
-    EXPECT_EQ("", console_of(1, 0, [this] { EXPECT_EQ(0, read()); }));
+    EXPECT_EQ(console_of(1, 0, [this] { EXPECT_EQ(read(), 0); }), "");
     EXPECT_TRUE(second.commands().empty());
     EXPECT_FALSE(std::filesystem::exists(output));
-    EXPECT_EQ(NOFLASHATTEMPT, flash->fe[0].flashStatus);
+    EXPECT_EQ(flash->fe[0].flashStatus, NOFLASHATTEMPT);
 }
 
 TEST_F(ComponentRead, ADeviceThatThereIsNoMemoryForIsAFailedRead) {
     bus.add(silent_product + 1, 0x7A01, "B");
     device.next_features = {{0, {0x01}}};
     device.on_command = [](const Bytes& command) { fail_nothrow_new(command == wire::stop); };
-    EXPECT_EQ(8, read());
+    EXPECT_EQ(read(), 8);
     fail_nothrow_new(false);
-    EXPECT_EQ(1, logged("Device PID:3c76 Component:2 read failed, rc=5"));
-    EXPECT_EQ(FLASHRESETERROR, flash->fe[1].flashStatus);
+    EXPECT_EQ(logged("Device PID:3c76 Component:2 read failed, rc=5"), 1);
+    EXPECT_EQ(flash->fe[1].flashStatus, FLASHRESETERROR);
 }
 
 TEST_F(ComponentRead, TakesTheTimeOutForInformation) {
     information_timeout = 45;
     device.other_answer = {};
-    EXPECT_EQ(8, read());
-    EXPECT_EQ(1, debugged("wait_for_message(timeout=45, length=8), loop_count=3, sleep_time=15, "
-                          "status_ready=0, device_closed=0"));
-    EXPECT_EQ(1, logged("Device PID:3c75 Component:2 read failed, rc=7"));
+    EXPECT_EQ(read(), 8);
+    EXPECT_EQ(debugged("wait_for_message(timeout=45, length=8), loop_count=3, sleep_time=15, "
+                       "status_ready=0, device_closed=0"),
+              1);
+    EXPECT_EQ(logged("Device PID:3c75 Component:2 read failed, rc=7"), 1);
 }
 
 TEST_F(ComponentRead, WritesHeaderAndEndOfAnEmptyComponent) {
     device.next_features = {{0, {0x01, 0x00, 0x00, 0xC0, 0xC1, 0xEE}}};
-    const std::string shown = console_of(1, 0, [this] { EXPECT_EQ(0, read()); });
-    EXPECT_EQ(std::string("3c750000\x00\xC0\xC1", 11), content());
-    EXPECT_EQ(
-        "Reading data from device PID:3c75 Component:2 SN='A'\n"
-        "Device PID:3c75 Component:2 read successfully\n",
-        shown);
-    EXPECT_EQ(1, device.count({0x06, 0x00, 0x21, 0x00, 0xFF, 0x20, 0x00, 0x00}));
-    EXPECT_EQ(FLASHRESETSUCCESS, flash->fe[0].flashStatus);
-    EXPECT_EQ(0, global_reading_information);
+    const std::string shown = console_of(1, 0, [this] { EXPECT_EQ(read(), 0); });
+    EXPECT_EQ(content(), std::string("3c750000\x00\xC0\xC1", 11));
+    EXPECT_EQ(shown,
+              "Reading data from device PID:3c75 Component:2 SN='A'\n"
+              "Device PID:3c75 Component:2 read successfully\n");
+    EXPECT_EQ(device.count({0x06, 0x00, 0x21, 0x00, 0xFF, 0x20, 0x00, 0x00}), 1);
+    EXPECT_EQ(flash->fe[0].flashStatus, FLASHRESETSUCCESS);
+    EXPECT_EQ(global_reading_information, 0);
 }
 
 TEST_F(ComponentRead, TellsItsStepsAndReliesOnTheReaderThatRuns) {
     device.next_features = {{0, {0x01, 0x00, 0x00, 0xC0}}};
-    EXPECT_EQ(0, read());
-    EXPECT_EQ(1, debugged("Read all records from 0x3c75"));
-    EXPECT_EQ(1, debugged("Reading data, rc=0, buffer[]=01.00.00.c0"));
-    EXPECT_EQ(1, debugged("Data transfer finished"));
-    EXPECT_EQ(1, debugged("Read successful on 1 device"));
-    EXPECT_EQ(1, threads.created());
+    EXPECT_EQ(read(), 0);
+    EXPECT_EQ(debugged("Read all records from 0x3c75"), 1);
+    EXPECT_EQ(debugged("Reading data, rc=0, buffer[]=01.00.00.c0"), 1);
+    EXPECT_EQ(debugged("Data transfer finished"), 1);
+    EXPECT_EQ(debugged("Read successful on 1 device"), 1);
+    EXPECT_EQ(threads.created(), 1);
 }
 
 TEST_F(ComponentRead, WritesTheRecordsAsTheyCome) {
@@ -619,94 +624,93 @@ TEST_F(ComponentRead, WritesTheRecordsAsTheyCome) {
     device.next_features = {{0, {0x00, 0x00, 0x02, 0x10, 0x00, 0x01, 0xAA, 0xBB, 0xEE}},
                             {0, longest},
                             {0, {0x01, 0x00, 0x00, 0xC0, 0xC1}}};
-    EXPECT_EQ(0, read(0));
-    EXPECT_EQ(std::string("3c750123") + std::string("\x02\x10\x00\x01\xAA\xBB", 6) +
-                  std::string("\xFF\x10\x00\x02", 4) + std::string(255, 0x5A) +
-                  std::string("\x00\xC0\xC1", 3),
-              content());
-    EXPECT_EQ(1, device.count({0x06, 0x00, 0x21, 0x00, 0xFF, 0x00, 0x00, 0x00}));
+    EXPECT_EQ(read(0), 0);
+    EXPECT_EQ(content(), std::string("3c750123") + std::string("\x02\x10\x00\x01\xAA\xBB", 6) +
+                             std::string("\xFF\x10\x00\x02", 4) + std::string(255, 0x5A) +
+                             std::string("\x00\xC0\xC1", 3));
+    EXPECT_EQ(device.count({0x06, 0x00, 0x21, 0x00, 0xFF, 0x00, 0x00, 0x00}), 1);
 }
 
 TEST_F(ComponentRead, TheLastBlockMayHoldARecord) {
     device.next_features = {{0, {0x01, 0x00, 0x01, 0x10, 0x00, 0x01, 0xAA, 0xEE}}};
-    EXPECT_EQ(0, read());
-    EXPECT_EQ(std::string("3c750000\x01\x10\x00\x01\xAA", 13), content());
+    EXPECT_EQ(read(), 0);
+    EXPECT_EQ(content(), std::string("3c750000\x01\x10\x00\x01\xAA", 13));
 }
 
 TEST_F(ComponentRead, NothingOfAnEarlierBlockIsWrittenAgain) {
     device.next_features = {{0, {0x00, 0x00, 0x02, 0x10, 0x00, 0x01, 0xAA, 0xBB}},
                             {0, {0x00, 0x00, 0x02}},
                             {0, {0x01}}};
-    EXPECT_EQ(0, read());
+    EXPECT_EQ(read(), 0);
     EXPECT_EQ(
-        std::string("3c750000\x02\x10\x00\x01\xAA\xBB\x02\x00\x00\x00\x00\x00\x00\x00\x00", 23),
-        content());
+        content(),
+        std::string("3c750000\x02\x10\x00\x01\xAA\xBB\x02\x00\x00\x00\x00\x00\x00\x00\x00", 23));
 }
 
 TEST_F(ComponentRead, AComponentWithoutARowHasLevelZero) {
     device.next_features = {{0, {0x01}}, {0, {0x01}}};
-    EXPECT_EQ(0, read(20));
-    EXPECT_EQ("3c750000", content().substr(0, 8));
-    EXPECT_EQ(0, read(255));
-    EXPECT_EQ("3c750000", content().substr(0, 8));
+    EXPECT_EQ(read(20), 0);
+    EXPECT_EQ(content().substr(0, 8), "3c750000");
+    EXPECT_EQ(read(255), 0);
+    EXPECT_EQ(content().substr(0, 8), "3c750000");
 }
 
 TEST_F(ComponentRead, FailsWhenTheDataDoesNotEnd) {
     OutputLevel = 1;
     device.data[{0x06, 0x00, 0x21, 0x00, 0xFF, 0x20, 0x00, 0x00}] = {0x00, 0x00, 0x00, 0x20};
-    EXPECT_EQ(8, read());
-    EXPECT_EQ(1, logged("The device does not end its data after 65536 blocks"));
-    EXPECT_EQ(1, logged("Device PID:3c75 Component:2 read failed, rc=3"));
+    EXPECT_EQ(read(), 8);
+    EXPECT_EQ(logged("The device does not end its data after 65536 blocks"), 1);
+    EXPECT_EQ(logged("Device PID:3c75 Component:2 read failed, rc=3"), 1);
 }
 
 TEST_F(ComponentRead, FailsWhenTheDataFails) {
     device.next_features = {{0, {0x00, 0x00, 0x01, 0x10, 0x00, 0x01, 0xAA}}};
-    EXPECT_EQ(8, read());
-    EXPECT_EQ(1, logged("Reading data failed, rc=12"));
-    EXPECT_EQ(1, logged("Device PID:3c75 Component:2 read failed, rc=12"));
-    EXPECT_EQ(1, debugged("Read failed on 1 device"));
-    EXPECT_EQ(FLASHRESETERROR, flash->fe[0].flashStatus);
+    EXPECT_EQ(read(), 8);
+    EXPECT_EQ(logged("Reading data failed, rc=12"), 1);
+    EXPECT_EQ(logged("Device PID:3c75 Component:2 read failed, rc=12"), 1);
+    EXPECT_EQ(debugged("Read failed on 1 device"), 1);
+    EXPECT_EQ(flash->fe[0].flashStatus, FLASHRESETERROR);
 }
 
 TEST_F(ComponentRead, TellsOfFailedDataWhenVerbose) {
     const std::string start = "Reading data from device PID:3c75 Component:2 SN='A'\n";
     const std::string end = "Device PID:3c75 Component:2 read failed, rc=12\n";
-    const auto failing = [this] { EXPECT_EQ(8, read()); };
-    EXPECT_EQ(start + end, console_of(1, 0, failing));
-    EXPECT_EQ(start + "Reading data failed, rc=12\n" + end, console_of(2, 1, failing));
-    EXPECT_EQ("", console_of(0, 0, failing));
+    const auto failing = [this] { EXPECT_EQ(read(), 8); };
+    EXPECT_EQ(console_of(1, 0, failing), start + end);
+    EXPECT_EQ(console_of(2, 1, failing), start + "Reading data failed, rc=12\n" + end);
+    EXPECT_EQ(console_of(0, 0, failing), "");
 }
 
 TEST_F(ComponentRead, FailsWhenTheCommandFails) {
     device.next_write_results = {LIBUSB_ERROR_PIPE};
-    EXPECT_EQ(8, read());
-    EXPECT_EQ(1, logged("Device PID:3c75 Component:2 read failed, rc=8"));
+    EXPECT_EQ(read(), 8);
+    EXPECT_EQ(logged("Device PID:3c75 Component:2 read failed, rc=8"), 1);
     // A reject is final.
     device.other_answer = {{0x80}};
-    EXPECT_EQ(8, read());
-    EXPECT_EQ(1, logged("Device PID:3c75 Component:2 read failed, rc=2"));
-    EXPECT_EQ(2, device.count({0x06, 0x00, 0x21, 0x00, 0xFF, 0x20, 0x00, 0x00}));
+    EXPECT_EQ(read(), 8);
+    EXPECT_EQ(logged("Device PID:3c75 Component:2 read failed, rc=2"), 1);
+    EXPECT_EQ(device.count({0x06, 0x00, 0x21, 0x00, 0xFF, 0x20, 0x00, 0x00}), 2);
 }
 
 TEST_F(ComponentRead, FailsWithoutAnOutputFile) {
-    EXPECT_EQ(8, flash->get_device_data_for_component(2, "/nowhere/component.dat"));
-    EXPECT_EQ(1, debugged("Could not open '/nowhere/component.dat' for writing"));
-    EXPECT_EQ(1, logged("Device PID:3c75 Component:2 read failed, rc=-1"));
+    EXPECT_EQ(flash->get_device_data_for_component(2, "/nowhere/component.dat"), 8);
+    EXPECT_EQ(debugged("Could not open '/nowhere/component.dat' for writing"), 1);
+    EXPECT_EQ(logged("Device PID:3c75 Component:2 read failed, rc=-1"), 1);
 }
 
 TEST_F(ComponentRead, FailsOnAFullDisk) {
     device.next_features = {{0, {0x01}}};
-    EXPECT_EQ(8, flash->get_device_data_for_component(2, "/dev/full"));
-    EXPECT_EQ(1, logged("Could not write all data to '/dev/full'"));
-    EXPECT_EQ(1, logged("Device PID:3c75 Component:2 read failed, rc=-1"));
+    EXPECT_EQ(flash->get_device_data_for_component(2, "/dev/full"), 8);
+    EXPECT_EQ(logged("Could not write all data to '/dev/full'"), 1);
+    EXPECT_EQ(logged("Device PID:3c75 Component:2 read failed, rc=-1"), 1);
 }
 
 TEST_F(ComponentRead, StartsAReaderWhereNoneRuns) {
     open_directly(device, 9);
     device.next_features = {{0, {0x01}}};
-    EXPECT_EQ(0, flash->read_component_data(2, output.c_str(), 0x4123, 0x0102, 9));
-    EXPECT_EQ(1, threads.created());
-    EXPECT_EQ("41230102", content().substr(0, 8));
+    EXPECT_EQ(flash->read_component_data(2, output.c_str(), 0x4123, 0x0102, 9), 0);
+    EXPECT_EQ(threads.created(), 1);
+    EXPECT_EQ(content().substr(0, 8), "41230102");
     flash->close_device_after_use(9, 1);
 }
 
@@ -714,19 +718,17 @@ TEST_F(ComponentRead, TheLastOfSeveralDevicesStays) {
     FlashPeripheral& second = bus.add(silent_product + 1, 0x7A01, "B");
     device.next_features = {{0, {0x00, 0x00, 0x01, 0x10, 0x00, 0x01, 0xAA}}, {0, {0x01}}};
     second.next_features = {{0, {0x01}}};
-    EXPECT_EQ(0, read());
-    EXPECT_EQ(std::string("3c760000\x00\x00\x00", 11), content());
-    EXPECT_EQ(1, debugged("Read successful on 2 devices"));
+    EXPECT_EQ(read(), 0);
+    EXPECT_EQ(content(), std::string("3c760000\x00\x00\x00", 11));
+    EXPECT_EQ(debugged("Read successful on 2 devices"), 1);
 }
 
 TEST_F(ComponentRead, SomeFailuresAreAFailure) {
     FlashPeripheral& second = bus.add(silent_product + 1, 0x7A01, "B");
     second.next_features = {{0, {0x01}}};
-    EXPECT_EQ(8, read());
-    EXPECT_EQ(1, debugged("Read successful on 1 device"));
-    EXPECT_EQ(1, debugged("Read failed on 1 device"));
-    EXPECT_EQ(FLASHRESETERROR, flash->fe[0].flashStatus);
-    EXPECT_EQ(FLASHRESETSUCCESS, flash->fe[1].flashStatus);
+    EXPECT_EQ(read(), 8);
+    EXPECT_EQ(debugged("Read successful on 1 device"), 1);
+    EXPECT_EQ(debugged("Read failed on 1 device"), 1);
+    EXPECT_EQ(flash->fe[0].flashStatus, FLASHRESETERROR);
+    EXPECT_EQ(flash->fe[1].flashStatus, FLASHRESETSUCCESS);
 }
-
-}  // namespace

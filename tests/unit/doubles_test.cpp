@@ -3,8 +3,8 @@
 #include "session/zelflash.h"
 #include "support/clock_double.h"
 #include "support/directory_double.h"
-#include "support/firmware_bytes.h"
 #include "support/sleep_double.h"
+#include "support/temporary_directory.h"
 #include "support/thread_double.h"
 #include "support/usbfs_double.h"
 

@@ -5,7 +5,7 @@
 #include "process/signal_hold.h"
 #include "session/zelflash.h"
 #include "support/child_process.h"
-#include "support/firmware_bytes.h"
+#include "support/temporary_directory.h"
 #include "support/trace_file.h"
 
 #include <gmock/gmock.h>
@@ -197,7 +197,7 @@ class Fault : public testing::Test {
             *const_cast<volatile char*>(address) = 'x';
         });
     }
-    std::string log() const { return read_whole_file(directory_.path("log")); }
+    std::string log() const { return read_file(directory_.path("log")); }
 
     TemporaryDirectory directory_;
 };

@@ -1,7 +1,7 @@
 #include "journal/file_handle.h"
 
 #include "support/child_process.h"
-#include "support/firmware_bytes.h"
+#include "support/temporary_directory.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -31,7 +31,7 @@ std::ptrdiff_t open_descriptors() {
 class FileHandles : public testing::Test {
   protected:
     std::string path(const std::string& name = "file") const { return directory_.path(name); }
-    std::string content() const { return read_whole_file(path()); }
+    std::string content() const { return read_file(path()); }
     std::string make_fifo() const {
         EXPECT_EQ(mkfifo(path("fifo").c_str(), 0600), 0);
         return path("fifo");

@@ -6,6 +6,8 @@
 #include "session/zelflash.h"
 #include "settings.h"
 #include "support/firmware_bytes.h"
+#include "support/output_capture.h"
+#include "support/temporary_directory.h"
 #include "support/trace_file.h"
 
 #include <gmock/gmock.h>

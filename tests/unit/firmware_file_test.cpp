@@ -4,6 +4,8 @@
 #include "journal/output.h"
 #include "settings.h"
 #include "support/firmware_bytes.h"
+#include "support/output_capture.h"
+#include "support/temporary_directory.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

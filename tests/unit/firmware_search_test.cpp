@@ -3,6 +3,8 @@
 #include "journal/output.h"
 #include "support/directory_double.h"
 #include "support/firmware_bytes.h"
+#include "support/output_capture.h"
+#include "support/temporary_directory.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>

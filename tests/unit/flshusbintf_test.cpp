@@ -12,7 +12,7 @@ namespace {
 
 using testing::ElementsAre;
 
-constexpr int not_possible = -2;
+constexpr int invalid_parameter = -2;
 
 class UsbInterface : public testing::Test {
   protected:
@@ -47,6 +47,8 @@ class UsbInterface : public testing::Test {
     int string_result = 0;
 };
 
+}  // namespace
+
 TEST_F(UsbInterface, StartsClosedWithAContextOfItsOwn) {
     EXPECT_EQ(intf().initialized, 1);
     EXPECT_EQ(usb.live_contexts, 1);
@@ -70,8 +72,8 @@ TEST_F(UsbInterface, GivesBackAllThatItOpened) {
 TEST_F(UsbInterface, WithoutAContextEverythingIsRefusedAndNothingFreed) {
     usb.init_rc = -1;
     EXPECT_EQ(intf().initialized, 0);
-    EXPECT_EQ(open(flash_path(flash_device())), not_possible);
-    EXPECT_EQ(intf().OpenDevice(0x7A01, 0x3C02), not_possible);
+    EXPECT_EQ(open(flash_path(flash_device())), invalid_parameter);
+    EXPECT_EQ(intf().OpenDevice(0x7A01, 0x3C02), invalid_parameter);
     intf().SetDebugLevel(3);
     object.reset();
     EXPECT_EQ(usb.live_contexts, 0);
@@ -81,7 +83,7 @@ TEST_F(UsbInterface, WithoutAContextEverythingIsRefusedAndNothingFreed) {
 TEST(UsbInterfaceUnbound, StaysClosedWhenNoLibraryWasBound) {
     USBINTF intf;
     EXPECT_EQ(intf.initialized, 0);
-    EXPECT_EQ(intf.OpenDevice(std::string("//?/hid#bus_01&dev_001").data()), not_possible);
+    EXPECT_EQ(intf.OpenDevice(std::string("//?/hid#bus_01&dev_001").data()), invalid_parameter);
 }
 
 TEST_F(UsbInterface, GivesADebugLevelToLibusbOnlyWhenItChanges) {
@@ -97,24 +99,24 @@ TEST_F(UsbInterface, RefusesEveryOperationOnAClosedDevice) {
     libusb_config_descriptor* config = nullptr;
     libusb_device_descriptor descriptor{};
     EXPECT_EQ(intf().GetDevice(), nullptr);
-    EXPECT_EQ(intf().GetConfiguration(&number), not_possible);
-    EXPECT_EQ(intf().SetConfiguration(1), not_possible);
-    EXPECT_EQ(intf().SetInterfaceAltSetting(1), not_possible);
-    EXPECT_EQ(intf().KernelDriverActive(0), not_possible);
-    EXPECT_EQ(intf().DetachKernelDriver(0), not_possible);
-    EXPECT_EQ(intf().ClearHalt(0x81), not_possible);
-    EXPECT_EQ(intf().ResetDevice(), not_possible);
-    EXPECT_EQ(intf().GetDeviceDescriptor(&descriptor), not_possible);
-    EXPECT_EQ(intf().GetActiveConfigDescriptor(&config), not_possible);
-    EXPECT_EQ(intf().GetConfigDescriptor(0, &config), not_possible);
-    EXPECT_EQ(intf().GetDescriptor(1, 0, &byte, 1), not_possible);
-    EXPECT_EQ(intf().GetStringDescriptor(1, 0x409, &byte, 1), not_possible);
-    EXPECT_EQ(intf().ControlTransfer(0x80, 6, 0, 0, &byte, 1, 10), not_possible);
-    EXPECT_EQ(intf().BulkTransfer(0x81, &byte, 1, &number, 10), not_possible);
-    EXPECT_EQ(intf().InterruptTransfer(0x81, &byte, 1, &number, 10), not_possible);
-    EXPECT_EQ(intf().ClaimInterface(0), not_possible);
-    EXPECT_EQ(intf().ReleaseInterface(0), not_possible);
-    EXPECT_EQ(intf().GetUsbConfig(), not_possible);
+    EXPECT_EQ(intf().GetConfiguration(&number), invalid_parameter);
+    EXPECT_EQ(intf().SetConfiguration(1), invalid_parameter);
+    EXPECT_EQ(intf().SetInterfaceAltSetting(1), invalid_parameter);
+    EXPECT_EQ(intf().KernelDriverActive(0), invalid_parameter);
+    EXPECT_EQ(intf().DetachKernelDriver(0), invalid_parameter);
+    EXPECT_EQ(intf().ClearHalt(0x81), invalid_parameter);
+    EXPECT_EQ(intf().ResetDevice(), invalid_parameter);
+    EXPECT_EQ(intf().GetDeviceDescriptor(&descriptor), invalid_parameter);
+    EXPECT_EQ(intf().GetActiveConfigDescriptor(&config), invalid_parameter);
+    EXPECT_EQ(intf().GetConfigDescriptor(0, &config), invalid_parameter);
+    EXPECT_EQ(intf().GetDescriptor(1, 0, &byte, 1), invalid_parameter);
+    EXPECT_EQ(intf().GetStringDescriptor(1, 0x409, &byte, 1), invalid_parameter);
+    EXPECT_EQ(intf().ControlTransfer(0x80, 6, 0, 0, &byte, 1, 10), invalid_parameter);
+    EXPECT_EQ(intf().BulkTransfer(0x81, &byte, 1, &number, 10), invalid_parameter);
+    EXPECT_EQ(intf().InterruptTransfer(0x81, &byte, 1, &number, 10), invalid_parameter);
+    EXPECT_EQ(intf().ClaimInterface(0), invalid_parameter);
+    EXPECT_EQ(intf().ReleaseInterface(0), invalid_parameter);
+    EXPECT_EQ(intf().GetUsbConfig(), invalid_parameter);
     EXPECT_EQ(intf().GetFlashInterface(), 0xBAD);
     EXPECT_EQ(usb.null_handles, 0);
     EXPECT_THAT(usb.calls(), ElementsAre());
@@ -163,7 +165,7 @@ TEST_F(UsbInterface, GivesConfigurationsByIndexAndValueOfTheOpenDevice) {
 
 TEST_F(UsbInterface, NoSettingIsChosenWithoutAClaimedInterface) {
     ASSERT_EQ(open(flash_path(flash_device())), 0);
-    EXPECT_EQ(intf().SetInterfaceAltSetting(1), not_possible);
+    EXPECT_EQ(intf().SetInterfaceAltSetting(1), invalid_parameter);
     EXPECT_EQ(intf().setting_number, 0);
 }
 
@@ -216,7 +218,7 @@ TEST_F(UsbInterface, OpensADeviceOfTheListWithoutItsConfiguration) {
     EXPECT_EQ(intf().GetAddress(), 17);
     EXPECT_EQ(intf().GetDeviceType(), DEVICE_TYPE_NONE);
     EXPECT_EQ(usb.live_configurations, 0);
-    EXPECT_EQ(intf().OpenDevice(as_libusb(device)), not_possible);
+    EXPECT_EQ(intf().OpenDevice(as_libusb(device)), invalid_parameter);
 }
 
 TEST_F(UsbInterface, KnowsAHubByItsClass) {
@@ -247,12 +249,12 @@ TEST_F(UsbInterface, OpensADeviceByItsIds) {
     EXPECT_EQ(intf().OpenDevice(0x7A01, 0x3C03), -4);
     EXPECT_EQ(intf().OpenDevice(0x7A01, 0x3C02), 0);
     EXPECT_EQ(usb.live_configurations, 1);
-    EXPECT_EQ(intf().OpenDevice(0x7A01, 0x3C02), not_possible);
+    EXPECT_EQ(intf().OpenDevice(0x7A01, 0x3C02), invalid_parameter);
 }
 
 TEST_F(UsbInterface, OpenByIdsFailsWithoutADescriptor) {
     flash_device().descriptor_rc = -5;
-    EXPECT_EQ(intf().OpenDevice(0x7A01, 0x3C02), not_possible);
+    EXPECT_EQ(intf().OpenDevice(0x7A01, 0x3C02), invalid_parameter);
     EXPECT_EQ(intf().intfnum, 0xBAD);
 }
 
@@ -266,7 +268,7 @@ TEST_F(UsbInterface, OpenByIdsDoesWithoutAConfiguration) {
 TEST_F(UsbInterface, ForgetsItsInterfaceWhateverComesOfAnOpenByIds) {
     claim(flash_device());
     ASSERT_EQ(intf().intfnum, 0);
-    EXPECT_EQ(intf().OpenDevice(0x7A01, 0x3C02), not_possible);
+    EXPECT_EQ(intf().OpenDevice(0x7A01, 0x3C02), invalid_parameter);
     EXPECT_EQ(intf().intfnum, 0xBAD);
 }
 
@@ -330,7 +332,7 @@ TEST_F(UsbInterface, TakesHubPortVersionAndUsageOfThePathUncompared) {
 
 TEST_F(UsbInterface, APathWithoutVendorMatchesOnlyADeviceOfVendorZero) {
     usb.add(1, 2, 0x7A01, 0x3C02);
-    EXPECT_EQ(open("//?/hid#pid_3c02#bus_01&dev_002"), not_possible);
+    EXPECT_EQ(open("//?/hid#pid_3c02#bus_01&dev_002"), invalid_parameter);
     usb.add(1, 2, 0, 0x3C02);
     EXPECT_EQ(open("//?/hid#pid_3c02#bus_01&dev_002"), 0);
     EXPECT_EQ(intf().VendorID, 0);
@@ -341,7 +343,7 @@ TEST_F(UsbInterface, MatchesBusAddressVendorAndProduct) {
     for (const char* path :
          {"//?/hid#vid_7a01&pid_3c02#bus_02&dev_002", "//?/hid#vid_7a01&pid_3c02#bus_01&dev_003",
           "//?/hid#vid_7a04&pid_3c02#bus_01&dev_002", "//?/hid#vid_7a01&pid_3c03#bus_01&dev_002"}) {
-        EXPECT_EQ(open(path), not_possible) << path;
+        EXPECT_EQ(open(path), invalid_parameter) << path;
     }
     EXPECT_EQ(usb.live_lists, 0);
     EXPECT_THAT(usb.calls(), ElementsAre());
@@ -350,7 +352,7 @@ TEST_F(UsbInterface, MatchesBusAddressVendorAndProduct) {
 TEST_F(UsbInterface, PassesOverADeviceWhoseDescriptorCannotBeRead) {
     FakeUsbDevice& device = flash_device();
     device.descriptor_rc = -1;
-    EXPECT_EQ(open(flash_path(device)), not_possible);
+    EXPECT_EQ(open(flash_path(device)), invalid_parameter);
 }
 
 TEST_F(UsbInterface, GoesOnAfterADeviceThatCannotBeOpened) {
@@ -390,7 +392,7 @@ TEST_F(UsbInterface, IsOpenWhenItsConfigurationCannotBeRead) {
 
 TEST_F(UsbInterface, RefusesASecondPathWhileADeviceIsOpen) {
     ASSERT_EQ(open(flash_path(flash_device())), 0);
-    EXPECT_EQ(open("//?/usb#vid_0001"), not_possible);
+    EXPECT_EQ(open("//?/usb#vid_0001"), invalid_parameter);
     EXPECT_EQ(intf().GetVendorID(), 0x7A01);
     EXPECT_EQ(intf().GetDeviceType(), DEVICE_TYPE_HID);
 }
@@ -398,12 +400,12 @@ TEST_F(UsbInterface, RefusesASecondPathWhileADeviceIsOpen) {
 TEST_F(UsbInterface, NeitherWalksNorFreesAListThatLibusbCouldNotGive) {
     FakeUsbDevice& device = flash_device();
     usb.list_rc = -11;
-    EXPECT_EQ(open(flash_path(device)), not_possible);
+    EXPECT_EQ(open(flash_path(device)), invalid_parameter);
     EXPECT_EQ(usb.live_lists, 0);
 }
 
 TEST_F(UsbInterface, FreesAnEmptyList) {
-    EXPECT_EQ(open("//?/hid#bus_01&dev_002"), not_possible);
+    EXPECT_EQ(open("//?/hid#bus_01&dev_002"), invalid_parameter);
     EXPECT_EQ(usb.live_lists, 0);
 }
 
@@ -428,8 +430,8 @@ TEST_F(UsbInterface, ReadsNumbersOfAnyLengthAndSign) {
 }
 
 TEST_F(UsbInterface, AKeywordOfTheLastCharacterAloneIsNotFound) {
-    EXPECT_EQ(open(""), not_possible);
-    EXPECT_EQ(open("v"), not_possible);
+    EXPECT_EQ(open(""), invalid_parameter);
+    EXPECT_EQ(open("v"), invalid_parameter);
     EXPECT_EQ(intf().VendorID, 0);
 }
 
@@ -502,7 +504,7 @@ TEST_F(UsbInterface, CutsAStringAtTheCallersLimit) {
     EXPECT_EQ(string_result, 3);
     EXPECT_EQ(read_string(string_descriptor("abcdef"), 1), "");
     EXPECT_EQ(read_string(string_descriptor("abcdef"), 0), "");
-    EXPECT_EQ(string_result, not_possible);
+    EXPECT_EQ(string_result, invalid_parameter);
 }
 
 TEST_F(UsbInterface, EndsALongStringOfOddLength) {
@@ -956,8 +958,6 @@ struct KindOfReport {
 };
 
 class ReportTableOf : public UsbInterface, public testing::WithParamInterface<KindOfReport> {};
-
-}  // namespace
 
 INSTANTIATE_TEST_SUITE_P(Each, ReportTableOf,
                          testing::Values(KindOfReport{"Inputs", 0x80, &USBINTF::InputReportCount},

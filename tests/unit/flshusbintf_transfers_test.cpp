@@ -16,7 +16,7 @@ namespace {
 using testing::Each;
 using testing::ElementsAre;
 
-constexpr int not_possible = -2;
+constexpr int invalid_parameter = -2;
 constexpr unsigned short page = 0xFF45;
 constexpr unsigned short flash_output = 0xA001;
 constexpr unsigned short command_usage = 0x0001;
@@ -57,27 +57,29 @@ class Transfers : public testing::Test {
     unsigned char report_id = 99;
 };
 
+}  // namespace
+
 // --- without a claimed interface, endpoint or handle ---
 
 TEST_F(Transfers, AreNotPossibleWithoutAClaimedInterface) {
     Bytes data(8);
-    EXPECT_EQ(intf.HidSetOutputReport(page, flash_output, data.data(), 8, 10), not_possible);
-    EXPECT_EQ(intf.HidSetOutputReport(1, data.data(), 8, 10), not_possible);
-    EXPECT_EQ(intf.HidGetInputReport(1, data.data(), 8, 10), not_possible);
-    EXPECT_EQ(intf.HidGetInputReport(page, 0xA002, data.data(), 8, 10), not_possible);
-    EXPECT_EQ(intf.HidGetFeatureReport(1, data.data(), 8, 10), not_possible);
-    EXPECT_EQ(intf.HidGetFeatureReport(page, 0xA003, data.data(), 8, 10), not_possible);
-    EXPECT_EQ(intf.HidSetFeatureReport(1, data.data(), 8, 10), not_possible);
-    EXPECT_EQ(intf.HidSetFeatureReport(page, 0xA003, data.data(), 8, 10), not_possible);
-    EXPECT_EQ(intf.WriteFlashInterface(data.data(), 8, 10), not_possible);
-    EXPECT_EQ(read(), not_possible);
+    EXPECT_EQ(intf.HidSetOutputReport(page, flash_output, data.data(), 8, 10), invalid_parameter);
+    EXPECT_EQ(intf.HidSetOutputReport(1, data.data(), 8, 10), invalid_parameter);
+    EXPECT_EQ(intf.HidGetInputReport(1, data.data(), 8, 10), invalid_parameter);
+    EXPECT_EQ(intf.HidGetInputReport(page, 0xA002, data.data(), 8, 10), invalid_parameter);
+    EXPECT_EQ(intf.HidGetFeatureReport(1, data.data(), 8, 10), invalid_parameter);
+    EXPECT_EQ(intf.HidGetFeatureReport(page, 0xA003, data.data(), 8, 10), invalid_parameter);
+    EXPECT_EQ(intf.HidSetFeatureReport(1, data.data(), 8, 10), invalid_parameter);
+    EXPECT_EQ(intf.HidSetFeatureReport(page, 0xA003, data.data(), 8, 10), invalid_parameter);
+    EXPECT_EQ(intf.WriteFlashInterface(data.data(), 8, 10), invalid_parameter);
+    EXPECT_EQ(read(), invalid_parameter);
     EXPECT_EQ(usb.null_handles, 0);
     claimed();
     intf.ReleaseInterface(0);
-    EXPECT_EQ(intf.HidSetOutputReport(page, flash_output, data.data(), 8, 10), not_possible);
-    EXPECT_EQ(intf.HidGetFeatureReport(page, 0xA003, data.data(), 8, 10), not_possible);
-    EXPECT_EQ(intf.HidSetFeatureReport(page, 0xA003, data.data(), 8, 10), not_possible);
-    EXPECT_EQ(intf.HidInterruptWrite(data.data(), 8, &actual, 10), not_possible);
+    EXPECT_EQ(intf.HidSetOutputReport(page, flash_output, data.data(), 8, 10), invalid_parameter);
+    EXPECT_EQ(intf.HidGetFeatureReport(page, 0xA003, data.data(), 8, 10), invalid_parameter);
+    EXPECT_EQ(intf.HidSetFeatureReport(page, 0xA003, data.data(), 8, 10), invalid_parameter);
+    EXPECT_EQ(intf.HidInterruptWrite(data.data(), 8, &actual, 10), invalid_parameter);
     EXPECT_TRUE(usb.controls.empty());
     EXPECT_TRUE(usb.interrupts.empty());
 }
@@ -86,20 +88,20 @@ TEST_F(Transfers, AreNotPossibleWithoutAnEndpoint) {
     claimed();
     intf.InterruptEndpointIn = 0;
     intf.InterruptEndpointOut = 0;
-    EXPECT_EQ(read(), not_possible);
+    EXPECT_EQ(read(), invalid_parameter);
     EXPECT_EQ(actual, 0);
     EXPECT_EQ(report_id, 0);
-    EXPECT_EQ(intf.HidInterruptWrite(received.data(), 8, &actual, 10), not_possible);
+    EXPECT_EQ(intf.HidInterruptWrite(received.data(), 8, &actual, 10), invalid_parameter);
     EXPECT_TRUE(usb.interrupts.empty());
 }
 
 TEST_F(Transfers, AreNotPossibleWithoutAHandle) {
     claimed();
     libusb_device_handle* const handle = std::exchange(intf.handle, nullptr);
-    EXPECT_EQ(send(flash_output, 8), not_possible);
-    EXPECT_EQ(read(), not_possible);
-    EXPECT_EQ(intf.HidGetFeatureReport(page, 0xA003, received.data(), 8, 10), not_possible);
-    EXPECT_EQ(intf.WriteFlashInterface(received.data(), 8, 10), not_possible);
+    EXPECT_EQ(send(flash_output, 8), invalid_parameter);
+    EXPECT_EQ(read(), invalid_parameter);
+    EXPECT_EQ(intf.HidGetFeatureReport(page, 0xA003, received.data(), 8, 10), invalid_parameter);
+    EXPECT_EQ(intf.WriteFlashInterface(received.data(), 8, 10), invalid_parameter);
     intf.handle = handle;
     EXPECT_EQ(usb.null_handles, 0);
 }
@@ -200,6 +202,8 @@ TEST_F(Transfers, ClearTheAnswerFlagBeforeSending) {
     EXPECT_EQ(seen, 0);
 }
 
+namespace {
+
 // --- the first command of the run ---
 
 class FirstCommand : public Transfers {
@@ -218,6 +222,8 @@ class FirstCommand : public Transfers {
     }
     SleepDouble sleeps{10};
 };
+
+}  // namespace
 
 TEST_F(FirstCommand, IsSentOnceWhenTheDeviceAnswersAtOnce) {
     EXPECT_EQ(first_command(1), 6);
@@ -390,19 +396,19 @@ TEST_F(Transfers, WriteTheFlashInterfaceAfterDetachingItsDriver) {
     device->claim_rcs = {LIBUSB_ERROR_BUSY, 0};
     EXPECT_EQ(intf.WriteFlashInterface(data.data(), 4, 900), 0);
     device->claim_rcs = {LIBUSB_ERROR_BUSY, LIBUSB_ERROR_BUSY};
-    EXPECT_EQ(intf.WriteFlashInterface(data.data(), 4, 900), not_possible);
+    EXPECT_EQ(intf.WriteFlashInterface(data.data(), 4, 900), invalid_parameter);
     device->claim_rcs = {LIBUSB_ERROR_BUSY};
     device->detach_rc = -5;
-    EXPECT_EQ(intf.WriteFlashInterface(data.data(), 4, 900), not_possible);
+    EXPECT_EQ(intf.WriteFlashInterface(data.data(), 4, 900), invalid_parameter);
     device->claim_rcs = {LIBUSB_ERROR_NO_DEVICE};
-    EXPECT_EQ(intf.WriteFlashInterface(data.data(), 4, 900), not_possible);
+    EXPECT_EQ(intf.WriteFlashInterface(data.data(), 4, 900), invalid_parameter);
 }
 
 TEST_F(Transfers, WriteNoFlashInterfaceThatIsNotThere) {
     claimed();
     device->strings[4] = string_descriptor("Keyboard");
     Bytes data(4, 7);
-    EXPECT_EQ(intf.WriteFlashInterface(data.data(), 4, 900), not_possible);
+    EXPECT_EQ(intf.WriteFlashInterface(data.data(), 4, 900), invalid_parameter);
 }
 
 TEST_F(Transfers, LogAFailedFlashWriteAndReleaseTheInterface) {
@@ -510,14 +516,14 @@ TEST_F(Transfers, DoNotReadWithoutMemory) {
     claimed();
     device->packets = {{0, {1}, -1}};
     fail_nothrow_new(true);
-    EXPECT_EQ(read(), not_possible);
+    EXPECT_EQ(read(), invalid_parameter);
     EXPECT_TRUE(usb.interrupts.empty());
 }
 
 TEST_F(Transfers, DoNotReadAnInterfaceThatWasReleased) {
     claimed();
     intf.ReleaseInterface(0);
-    EXPECT_EQ(read(), not_possible);
+    EXPECT_EQ(read(), invalid_parameter);
     EXPECT_TRUE(usb.interrupts.empty());
 }
 
@@ -627,7 +633,7 @@ TEST_F(Transfers, PassOnAFailedFeatureRequest) {
     device->control_rcs = {LIBUSB_ERROR_PIPE};
     EXPECT_EQ(intf.HidGetFeatureReport(page, 0xA003, data.data(), 8, 60), LIBUSB_ERROR_PIPE);
     fail_nothrow_new(true);
-    EXPECT_EQ(intf.HidGetFeatureReport(page, 0xA003, data.data(), 8, 60), not_possible);
+    EXPECT_EQ(intf.HidGetFeatureReport(page, 0xA003, data.data(), 8, 60), invalid_parameter);
     EXPECT_EQ(usb.controls.size(), 1U);
     EXPECT_EQ(data, Bytes(8, 0xEE));
 }
@@ -657,6 +663,8 @@ TEST_F(Transfers, SetAFeatureReportAsItIs) {
     EXPECT_EQ(usb.controls[1].length, 0);
 }
 
+namespace {
+
 // --- read and write handles ---
 
 class Handles : public Transfers {
@@ -671,6 +679,8 @@ class Handles : public Transfers {
         return static_cast<int>(std::count(calls.begin(), calls.end(), call));
     }
 };
+
+}  // namespace
 
 TEST_F(Handles, AreNullWithoutADevice) {
     EXPECT_EQ(intf.OpenReadHandle(), nullptr);
@@ -769,5 +779,3 @@ TEST_F(Handles, KeepTheReportTablesAfterTheDeviceIsClosed) {
     EXPECT_EQ(intf.OutputReportCount, 1);
     EXPECT_EQ(intf.OutputReports[0]->Usage, 0xA001);
 }
-
-}  // namespace

@@ -29,6 +29,8 @@ Bytes layout(unsigned char size, unsigned char count) {
     return join({item(report_size, {size}), item(report_count, {count})});
 }
 
+}  // namespace
+
 TEST(HidParser, GivesOneRecordPerKindOfReportOfAFlashInterface) {
     const auto parser = parse(flash_report_descriptor(263, 32, true));
     ASSERT_EQ(parser->OutputReportIndex, 1);
@@ -345,7 +347,11 @@ TEST(HidParser, IgnoresReservedItemTypes) {
     EXPECT_EQ(parser->InputReportIndex, 1);
 }
 
+namespace {
+
 class HidParserEnd : public testing::TestWithParam<Bytes> {};
+
+}  // namespace
 
 // Whatever an item announces, nothing is read past the copy; what is not there reads as zero.
 TEST_P(HidParserEnd, StaysWithinItsCopyOfAFullDescriptor) {
@@ -383,5 +389,3 @@ TEST(HidParser, ParsesEveryCutOfADescriptor) {
     }
     EXPECT_EQ(parse(whole)->FeatureReportIndex, 2);
 }
-
-}  // namespace

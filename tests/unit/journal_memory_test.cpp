@@ -4,7 +4,7 @@
 #include "journal/zelfwtrace.h"
 #include "support/allocation_count.h"
 #include "support/child_process.h"
-#include "support/firmware_bytes.h"
+#include "support/temporary_directory.h"
 #include "support/trace_file.h"
 
 #include <gtest/gtest.h>
@@ -58,7 +58,7 @@ TEST_F(JournalMemory, NoMessageNeedsAny) {
         count = allocations.count();
     }
     EXPECT_EQ(count, 0);
-    EXPECT_EQ(read_whole_file(directory_.path("log")),
+    EXPECT_EQ(read_file(directory_.path("log")),
               "Updating component 1 of 3c35, 50% 100%%\n %50  complete\n3:rc=7 %% %n %s\n");
     EXPECT_EQ(
         trace_texts(directory_.path("trace")),
@@ -98,5 +98,5 @@ TEST_F(JournalMemory, TheConsoleNeedsNone) {
         _exit(allocations.count());
     });
     EXPECT_EQ(end.exit_code, 0);
-    EXPECT_EQ(read_whole_file(console), "shown\n");
+    EXPECT_EQ(read_file(console), "shown\n");
 }

@@ -3,7 +3,7 @@
 #include "journal/output.h"
 #include "settings.h"
 #include "support/child_process.h"
-#include "support/firmware_bytes.h"
+#include "support/files.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -23,7 +23,7 @@ constexpr int check_usage = 1;
 constexpr char any[] = "1";
 
 std::string golden(const std::string& name) {
-    return read_whole_file(std::string(ZELF_GOLDEN_DIR) + "/" + name);
+    return read_file(std::string(ZELF_GOLDEN_DIR) + "/" + name);
 }
 
 /// How the parsing of a command line ended.

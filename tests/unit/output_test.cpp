@@ -2,8 +2,9 @@
 
 #include "journal/zelfwtrace.h"
 #include "support/child_process.h"
-#include "support/firmware_bytes.h"
+#include "support/output_capture.h"
 #include "support/private_tmp.h"
+#include "support/temporary_directory.h"
 #include "support/trace_file.h"
 
 #include <gmock/gmock.h>
@@ -123,12 +124,12 @@ TEST(Writers, FlushEachMessage) {
     const TemporaryDirectory directory;
     open_log_file(directory.path("log").c_str());
     writelog(0, "one, ");
-    EXPECT_EQ(read_whole_file(directory.path("log")), "one, ");
+    EXPECT_EQ(read_file(directory.path("log")), "one, ");
     writelog_notrace(0, "two, ");
-    EXPECT_EQ(read_whole_file(directory.path("log")), "one, two, ");
+    EXPECT_EQ(read_file(directory.path("log")), "one, two, ");
     OutputLevel = 3;
     writedebug("three");
-    EXPECT_EQ(read_whole_file(directory.path("log")), "one, two, 3:three");
+    EXPECT_EQ(read_file(directory.path("log")), "one, two, 3:three");
     close_log_file();
     const ChildEnd end = run_in_child([] {
         writelog(1, "shown, ");
@@ -298,7 +299,7 @@ TEST(Terminal, LeavesLogAndTraceAlone) {
     EXPECT_EQ(shown_on_terminal([] { writelog(1, "%s", "\x1b[2J\n"); }), "?[2J\n");
     trace.reset();
     close_log_file();
-    EXPECT_EQ(read_whole_file(directory.path("log")), "\x1b[2J\n");
+    EXPECT_EQ(read_file(directory.path("log")), "\x1b[2J\n");
     EXPECT_EQ(trace_texts(directory.path("trace")), std::vector<std::string>{"\x1b[2J\n"});
 }
 
@@ -307,11 +308,11 @@ TEST(LogFile, StartsAnew) {
     const std::string name = directory.write("log", "an earlier run");
     open_log_file(name.c_str());
     ASSERT_NE(hLogFile, nullptr);
-    EXPECT_EQ(read_whole_file(name), "");
+    EXPECT_EQ(read_file(name), "");
     writelog(0, "x\n");
     close_log_file();
     EXPECT_EQ(hLogFile, nullptr);
-    EXPECT_EQ(read_whole_file(name), "x\n");
+    EXPECT_EQ(read_file(name), "x\n");
 }
 
 TEST(LogFile, ThatCannotBeOpenedIsSilent) {
@@ -357,7 +358,7 @@ TEST(LogFile, IsClosedOnceAndWrittenNoMore) {
     close_log_file();
     writelog(0, "x\n");
     close_log_file();
-    EXPECT_EQ(read_whole_file(directory.path("log")), "w\n");
+    EXPECT_EQ(read_file(directory.path("log")), "w\n");
 }
 
 TEST(LogFile, MayBeClosedWhileAnotherThreadWrites) {
@@ -391,7 +392,7 @@ TEST(LogFile, AChosenNameMayBeALink) {
     open_log_file(directory.path("log").c_str());
     writelog(0, "x\n");
     close_log_file();
-    EXPECT_EQ(read_whole_file(target), "x\n");
+    EXPECT_EQ(read_file(target), "x\n");
 }
 
 TEST(LogFile, TheDefaultNameIsNeverALink) {
@@ -406,7 +407,7 @@ TEST(LogFile, TheDefaultNameIsNeverALink) {
         open_log_file(default_log_filename);
         writelog(0, "x\n");
         close_log_file();
-        std::printf("%s", read_whole_file(default_log_filename).c_str());
+        std::printf("%s", read_file(default_log_filename).c_str());
         std::printf("%s", std::filesystem::is_symlink(default_log_filename) ? "link" : "file");
     });
     if (end.exit_code == no_right_to_mount) {
@@ -414,7 +415,7 @@ TEST(LogFile, TheDefaultNameIsNeverALink) {
     }
     EXPECT_EQ(end.exit_code, 0);
     EXPECT_EQ(end.output, "x\nfile");
-    EXPECT_EQ(read_whole_file(target), "old");
+    EXPECT_EQ(read_file(target), "old");
 }
 
 TEST(LogFile, OfAnotherRunIsAppendedToAndSaysSo) {
@@ -431,10 +432,10 @@ TEST(LogFile, OfAnotherRunIsAppendedToAndSaysSo) {
     hLogFile = ours;
     writelog(0, "first again\n");
     close_log_file();
-    EXPECT_EQ(read_whole_file(name), "first\n" + note + "second\nfirst again\n");
+    EXPECT_EQ(read_file(name), "first\n" + note + "second\nfirst again\n");
     open_log_file(name.c_str());
     close_log_file();
-    EXPECT_EQ(read_whole_file(name), "");
+    EXPECT_EQ(read_file(name), "");
 }
 
 TEST(LogFile, ThatIsCutUnderARunHasNoHole) {
@@ -445,7 +446,7 @@ TEST(LogFile, ThatIsCutUnderARunHasNoHole) {
     std::filesystem::resize_file(name, 0);
     writelog(0, "second\n");
     close_log_file();
-    EXPECT_EQ(read_whole_file(name), "second\n");
+    EXPECT_EQ(read_file(name), "second\n");
 }
 
 TEST(LogFile, WhoseReaderHasStoppedHoldsOneWriterAndTheOthersForABoundedTime) {

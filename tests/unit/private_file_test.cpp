@@ -1,6 +1,6 @@
 #include "journal/file_handle.h"
 #include "support/child_process.h"
-#include "support/firmware_bytes.h"
+#include "support/temporary_directory.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -31,7 +31,7 @@ class PrivateFile : public testing::Test {
     PrivateFile() { chmod(directory_.path().c_str(), 01777); }
 
     std::string path() const { return directory_.path("journal"); }
-    std::string content() const { return read_whole_file(path()); }
+    std::string content() const { return read_file(path()); }
     bool exists() const { return std::filesystem::exists(std::filesystem::symlink_status(path())); }
 
     /// Opens the file, writes to it, and tells whether it could.
@@ -129,7 +129,7 @@ TEST_F(PrivateFileAsRoot, MovesADirectoryOutOfTheWay) {
     expect_new_file_of_our_own();
     const std::vector<std::string> moved = other_names({"journal"});
     ASSERT_EQ(moved.size(), 1U);
-    EXPECT_EQ(read_whole_file(directory_.path(moved[0] + "/theirs")), "theirs");
+    EXPECT_EQ(read_file(directory_.path(moved[0] + "/theirs")), "theirs");
 }
 
 TEST_F(PrivateFileAsRoot, IsWonAgainstSomebodyWhoMakesAndRemovesTheNameAllTheTime) {
@@ -167,7 +167,7 @@ TEST_F(PrivateFileAsRoot, ReplacesAPlantedLink) {
     std::filesystem::create_symlink(target, path());
     EXPECT_TRUE(write());
     expect_new_file_of_our_own();
-    EXPECT_EQ(read_whole_file(target), "precious");
+    EXPECT_EQ(read_file(target), "precious");
 }
 
 TEST_F(PrivateFileAsRoot, ReplacesALinkToNothing) {
@@ -194,7 +194,7 @@ TEST_F(PrivateFileAsRoot, ReplacesAFileWithSeveralNames) {
     ASSERT_EQ(link(other.c_str(), path().c_str()), 0);
     EXPECT_TRUE(write());
     expect_new_file_of_our_own();
-    EXPECT_EQ(read_whole_file(other), "precious");
+    EXPECT_EQ(read_file(other), "precious");
 }
 
 TEST_F(PrivateFileAsRoot, ReplacesAFifoNobodyReads) {
@@ -242,7 +242,7 @@ TEST_F(PrivateFileAsRoot, GivesAnOrdinaryUserNoLink) {
     ASSERT_EQ(lchown(path().c_str(), ordinary_user, ordinary_user), 0);
     EXPECT_FALSE(write_as_ordinary_user());
     EXPECT_TRUE(std::filesystem::is_symlink(path()));
-    EXPECT_EQ(read_whole_file(target), "precious");
+    EXPECT_EQ(read_file(target), "precious");
 }
 
 TEST_F(PrivateFileAsRoot, GivesAnOrdinaryUserNoFileOfSomebodyElse) {

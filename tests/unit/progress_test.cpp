@@ -1,7 +1,8 @@
 #include "journal/output.h"
 #include "journal/zelfwtrace.h"
 #include "session/zelflash.h"
-#include "support/firmware_bytes.h"
+#include "support/output_capture.h"
+#include "support/temporary_directory.h"
 #include "support/trace_file.h"
 
 #include <gmock/gmock.h>

@@ -53,102 +53,105 @@ class Reader : public FlashTest {
     FlashPeripheral& device = bus.add(0x4123);
 };
 
+}  // namespace
+
 TEST_F(Reader, IsNotNeededForADeviceThatCantBeOpened) {
     const std::string path = "//?/hid#vid_7a01&pid_9999&mi_00#bus_01&dev_099";
     make_handle(path);
-    EXPECT_EQ(5, flash->setup_device_for_reading(path.c_str(), 2000, slot));
-    EXPECT_EQ(nullptr, flash->hiddev);
-    EXPECT_EQ(1, logged("Could not get open status for '" + path + "'"));
-    EXPECT_EQ(1, flags().device_closed);
-    EXPECT_EQ(0, threads.created());
+    EXPECT_EQ(flash->setup_device_for_reading(path.c_str(), 2000, slot), 5);
+    EXPECT_EQ(flash->hiddev, nullptr);
+    EXPECT_EQ(logged("Could not get open status for '" + path + "'"), 1);
+    EXPECT_EQ(flags().device_closed, 1);
+    EXPECT_EQ(threads.created(), 0);
 }
 
 TEST_F(Reader, IsNotNeededWithoutADevice) {
-    EXPECT_EQ(5, flash->setup_device_for_reading("nothing", 2000, slot));
-    EXPECT_EQ(1, logged("Could not get open status for 'nothing'"));
+    EXPECT_EQ(flash->setup_device_for_reading("nothing", 2000, slot), 5);
+    EXPECT_EQ(logged("Could not get open status for 'nothing'"), 1);
 }
 
 TEST_F(Reader, IsNotNeededForAnotherInterface) {
     std::string path = device.path();
     path.replace(path.find("usage_a000"), 10, "usage_a010");
     make_handle(path);
-    EXPECT_EQ(5, flash->setup_device_for_reading(path.c_str(), 2000, slot));
-    EXPECT_EQ(nullptr, flash->hiddev);
-    EXPECT_EQ(1, logged("Could not open read handle for '" + path + "'"));
-    EXPECT_EQ(0, usb.live_handles);
+    EXPECT_EQ(flash->setup_device_for_reading(path.c_str(), 2000, slot), 5);
+    EXPECT_EQ(flash->hiddev, nullptr);
+    EXPECT_EQ(logged("Could not open read handle for '" + path + "'"), 1);
+    EXPECT_EQ(usb.live_handles, 0);
 }
 
 TEST_F(Reader, FailuresToOpenAreToldWhenVerbose) {
     const auto action = [this] { flash->setup_device_for_reading("nothing", 0, slot); };
-    EXPECT_EQ("", console_of(1, 0, action));
-    EXPECT_EQ("Could not get open status for 'nothing'\n", console_of(2, 1, action));
+    EXPECT_EQ(console_of(1, 0, action), "");
+    EXPECT_EQ(console_of(2, 1, action), "Could not get open status for 'nothing'\n");
 }
 
 TEST_F(Reader, IsNotStartedWithoutATimeOut) {
-    EXPECT_EQ(0, set_up(0));
-    EXPECT_EQ(0, flags().device_closed);
-    EXPECT_EQ(1, flags().stopped);
-    EXPECT_EQ(0, threads.created());
+    EXPECT_EQ(set_up(0), 0);
+    EXPECT_EQ(flags().device_closed, 0);
+    EXPECT_EQ(flags().stopped, 1);
+    EXPECT_EQ(threads.created(), 0);
     EXPECT_TRUE(sleeps.slept().empty());
 }
 
 TEST_F(Reader, RunsBehindAnOpenDevice) {
-    EXPECT_EQ(0, set_up(2000));
-    EXPECT_EQ(1, flash->use_thread_reading);
-    EXPECT_EQ(slot, flash->ThreadIndex);
-    EXPECT_EQ(1, debugged("Background message reading thread starting for '" + device.path() +
-                          "' timeout=2000, index=4"));
+    EXPECT_EQ(set_up(2000), 0);
+    EXPECT_EQ(flash->use_thread_reading, 1);
+    EXPECT_EQ(flash->ThreadIndex, slot);
+    EXPECT_EQ(debugged("Background message reading thread starting for '" + device.path() +
+                       "' timeout=2000, index=4"),
+              1);
     EXPECT_TRUE(device.read_is_pending_within(generous));
-    EXPECT_EQ(0, flags().stopped);
-    EXPECT_EQ(1, flags().device_in_use);
-    EXPECT_EQ(0, flags().device_closed);
-    EXPECT_EQ(1, flags().read_hid_in_progress);
-    EXPECT_NE(pthread_t{0}, flags().hThread);
-    EXPECT_EQ(flash->hThread, flags().hThread);
-    EXPECT_EQ(100, sleeps.slept().front());
-    EXPECT_EQ(1, debugged("starting read_hid_messages (index=4)"));
-    EXPECT_EQ(2, debugged("-------------------------------------"));
-    EXPECT_EQ(1, debugged("4: read_hid_messages started (device_closed=0)"));
-    EXPECT_EQ(1, debugged("finished waiting for device to start (in_progress=1)"));
+    EXPECT_EQ(flags().stopped, 0);
+    EXPECT_EQ(flags().device_in_use, 1);
+    EXPECT_EQ(flags().device_closed, 0);
+    EXPECT_EQ(flags().read_hid_in_progress, 1);
+    EXPECT_NE(flags().hThread, pthread_t{0});
+    EXPECT_EQ(flags().hThread, flash->hThread);
+    EXPECT_EQ(sleeps.slept().front(), 100);
+    EXPECT_EQ(debugged("starting read_hid_messages (index=4)"), 1);
+    EXPECT_EQ(debugged("-------------------------------------"), 2);
+    EXPECT_EQ(debugged("4: read_hid_messages started (device_closed=0)"), 1);
+    EXPECT_EQ(debugged("finished waiting for device to start (in_progress=1)"), 1);
 }
 
 TEST_F(Reader, HandsReportsOver) {
     device.answers[wire::device_information_query] = {{0x09, 2, 3, 4, 5, 6, 7, 8}};
     set_up(2000);
-    EXPECT_EQ(0, query());
+    EXPECT_EQ(query(), 0);
     EXPECT_TRUE(log_shows("4: last_status[0]=09 (device_closed=0)"));
-    EXPECT_EQ(0, std::memcmp("\x09\x02\x03\x04\x05\x06\x07\x08", flash->last_status, 8));
-    EXPECT_EQ(0, flash->status_ready);
+    EXPECT_EQ(std::memcmp("\x09\x02\x03\x04\x05\x06\x07\x08", flash->last_status, 8), 0);
+    EXPECT_EQ(flash->status_ready, 0);
 }
 
 TEST_F(Reader, TellsOfRejectsAndErrors) {
     set_up(2000);
     device.report({0xC0});
     EXPECT_TRUE(log_shows("4: Command reject from device"));
-    EXPECT_EQ(0, debugged("4: Operation error, stop flash operation"));
+    EXPECT_EQ(debugged("4: Operation error, stop flash operation"), 0);
     device.report({0x40});
     EXPECT_TRUE(log_shows("4: Operation error, stop flash operation"));
-    EXPECT_EQ(1, debugged("4: Command reject from device"));
+    EXPECT_EQ(debugged("4: Command reject from device"), 1);
 }
 
 TEST_F(Reader, GivesThePreviousReportAfterAFailedRead) {
     device.other_answer = {{0x01, 0x22}};
     set_up(2000);
-    EXPECT_EQ(0, query());
+    EXPECT_EQ(query(), 0);
     EXPECT_TRUE(log_shows("4: last_status[0]=01 (device_closed=0)"));
     device.report_failure(LIBUSB_ERROR_IO);
     std::array<char, 8> answer{};
-    EXPECT_EQ(0, flash->wait_for_message(generous, answer.data(), 8, slot));
-    EXPECT_EQ(0x01, answer[0]);
-    EXPECT_EQ(0x22, answer[1]);
+    EXPECT_EQ(flash->wait_for_message(generous, answer.data(), 8, slot), 0);
+    EXPECT_EQ(answer[0], 0x01);
+    EXPECT_EQ(answer[1], 0x22);
     EXPECT_TRUE(
         log_shows("4: Failure reading from flash device, rc=7.  Stopping (device_closed=0)"));
     // It reads on.
-    EXPECT_EQ(1, flags().read_hid_in_progress);
+    EXPECT_EQ(flags().read_hid_in_progress, 1);
     device.other_answer = {{0x01, 0x33}};
-    EXPECT_EQ(0, query());
+    EXPECT_EQ(query(), 0);
     EXPECT_TRUE(log_shows("4: last_status[0]=01 (device_closed=0)", 2));
-    EXPECT_EQ(0x33, flash->last_status[1]);
+    EXPECT_EQ(flash->last_status[1], 0x33);
 }
 
 TEST_F(Reader, DoesNotSpinOnADeviceThatIsGone) {
@@ -172,17 +175,17 @@ TEST_F(Reader, DoesNotSpinOnADeviceThatIsGone) {
 TEST_F(Reader, LeavesWhenTheDeviceIsClosed) {
     set_up(2000);
     ASSERT_TRUE(device.read_is_pending_within(generous));
-    EXPECT_EQ(0, flash->close_device_after_use(slot, 1));
-    EXPECT_EQ(1, device.count(wire::stop));
-    EXPECT_EQ(1, flags().stopped);
-    EXPECT_EQ(1, flags().device_closed);
-    EXPECT_EQ(0, flags().device_in_use);
-    EXPECT_EQ(0, flags().read_hid_in_progress);
-    EXPECT_EQ(pthread_t{0}, flags().hThread);
-    EXPECT_EQ(nullptr, flash->hiddev);
-    EXPECT_EQ(0, usb.live_handles);
+    EXPECT_EQ(flash->close_device_after_use(slot, 1), 0);
+    EXPECT_EQ(device.count(wire::stop), 1);
+    EXPECT_EQ(flags().stopped, 1);
+    EXPECT_EQ(flags().device_closed, 1);
+    EXPECT_EQ(flags().device_in_use, 0);
+    EXPECT_EQ(flags().read_hid_in_progress, 0);
+    EXPECT_EQ(flags().hThread, pthread_t{0});
+    EXPECT_EQ(flash->hiddev, nullptr);
+    EXPECT_EQ(usb.live_handles, 0);
     EXPECT_TRUE(threads.all_ended_within(generous));
-    EXPECT_EQ(0, threads.unreclaimed());
+    EXPECT_EQ(threads.unreclaimed(), 0);
     for (const char* const line :
          {"4: close_device_after_use: device_in_use being reset",
           "Stopping thread (index=4, in_use=0, stopped=1)",
@@ -194,9 +197,9 @@ TEST_F(Reader, LeavesWhenTheDeviceIsClosed) {
           "4: Stopping (stopped=1, device_closed=0)",
           "4: read_hid_messages finished (device_closed=0)",
           "4: Closing background message reading thread", "stopping read_hid_messages (index=4)"}) {
-        EXPECT_EQ(1, debugged(line)) << line;
+        EXPECT_EQ(debugged(line), 1) << line;
     }
-    EXPECT_EQ(0, log.count("join thread"));
+    EXPECT_EQ(log.count("join thread"), 0);
 }
 
 TEST_F(Reader, LeavesWithoutAnAnswerOnceTheInterfaceIsReleased) {
@@ -205,13 +208,13 @@ TEST_F(Reader, LeavesWithoutAnAnswerOnceTheInterfaceIsReleased) {
     set_up(2000);
     ASSERT_TRUE(device.read_is_pending_within(generous));
     const size_t before = quick.slept().size();
-    EXPECT_EQ(0, flash->close_device_after_use(slot, 0));
-    EXPECT_EQ(0, device.count(wire::stop));
+    EXPECT_EQ(flash->close_device_after_use(slot, 0), 0);
+    EXPECT_EQ(device.count(wire::stop), 0);
     EXPECT_TRUE(threads.all_ended_within(generous));
-    EXPECT_EQ(nullptr, flash->hiddev);
-    EXPECT_EQ(0, usb.live_handles);
+    EXPECT_EQ(flash->hiddev, nullptr);
+    EXPECT_EQ(usb.live_handles, 0);
     EXPECT_LE(quick.slept().size() - before, 100U);
-    EXPECT_EQ(0, log.count("its device stays open"));
+    EXPECT_EQ(log.count("its device stays open"), 0);
 }
 
 TEST_F(Reader, TheHandleIsClosedForWritingFirst) {
@@ -221,13 +224,17 @@ TEST_F(Reader, TheHandleIsClosedForWritingFirst) {
     const std::vector<std::string> calls = usb.calls();
     const auto after = calls.begin() + static_cast<std::ptrdiff_t>(before);
     // The second of the two handles releases the interface.
-    EXPECT_EQ(1, std::count(after, calls.end(), "release 0"));
-    EXPECT_EQ("close 2", calls.back());
+    EXPECT_EQ(std::count(after, calls.end(), "release 0"), 1);
+    EXPECT_EQ(calls.back(), "close 2");
 }
+
+namespace {
 
 const ZELFLASH* closing_session = nullptr;
 decltype(p_libusb_release_interface) release_below = nullptr;
 int closed_at_release = -1;
+
+}  // namespace
 
 TEST_F(Reader, IsAskedToStopBeforeTheStopCommandAndToldOfTheCloseBeforeTheHandlesClose) {
     set_up(2000);
@@ -240,11 +247,11 @@ TEST_F(Reader, IsAskedToStopBeforeTheStopCommandAndToldOfTheCloseBeforeTheHandle
         closed_at_release = closing_session->ThreadTable[slot].device_closed;
         return release_below(handle, number);
     };
-    EXPECT_EQ(0, flash->close_device_after_use(slot, 1));
-    EXPECT_EQ(1, at_stop.stopped);
-    EXPECT_EQ(0, at_stop.device_in_use);
-    EXPECT_EQ(0, at_stop.device_closed);
-    EXPECT_EQ(1, closed_at_release);
+    EXPECT_EQ(flash->close_device_after_use(slot, 1), 0);
+    EXPECT_EQ(at_stop.stopped, 1);
+    EXPECT_EQ(at_stop.device_in_use, 0);
+    EXPECT_EQ(at_stop.device_closed, 0);
+    EXPECT_EQ(closed_at_release, 1);
 }
 
 TEST_F(Reader, ClosingWithoutHandleAndThreadOnlySetsTheFlags) {
@@ -253,11 +260,11 @@ TEST_F(Reader, ClosingWithoutHandleAndThreadOnlySetsTheFlags) {
                .device_closed = 0,
                .read_hid_in_progress = 0,
                .hThread = 0};
-    EXPECT_EQ(0, flash->close_device_after_use(slot, 0));
-    EXPECT_EQ(1, flags().stopped);
-    EXPECT_EQ(1, flags().device_closed);
-    EXPECT_EQ(0, flags().device_in_use);
-    EXPECT_EQ(0, log.count("wait finished"));
+    EXPECT_EQ(flash->close_device_after_use(slot, 0), 0);
+    EXPECT_EQ(flags().stopped, 1);
+    EXPECT_EQ(flags().device_closed, 1);
+    EXPECT_EQ(flags().device_in_use, 0);
+    EXPECT_EQ(log.count("wait finished"), 0);
     EXPECT_TRUE(sleeps.slept().empty());
 }
 
@@ -265,18 +272,18 @@ TEST_F(Reader, ThatHasEndedIsNotWaitedFor) {
     set_up(0);
     flash->use_thread_reading = 1;
     flash->wait_for_close(slot);
-    EXPECT_EQ(1, device.count(wire::stop));
+    EXPECT_EQ(device.count(wire::stop), 1);
     EXPECT_TRUE(sleeps.slept().empty());
-    EXPECT_EQ(1, debugged("4: waiting for device to close (device_closed=0)"));
+    EXPECT_EQ(debugged("4: waiting for device to close (device_closed=0)"), 1);
 }
 
 TEST_F(Reader, ThatWasNeverThereIsNotWaitedFor) {
     set_up(0);
     flags().read_hid_in_progress = 1;
     flash->wait_for_close(slot);
-    EXPECT_EQ(1, device.count(wire::stop));
+    EXPECT_EQ(device.count(wire::stop), 1);
     EXPECT_TRUE(sleeps.slept().empty());
-    EXPECT_EQ(0, log.count("waiting for device to close"));
+    EXPECT_EQ(log.count("waiting for device to close"), 0);
 }
 
 TEST_F(Reader, IsWaitedForAboutASecond) {
@@ -285,84 +292,85 @@ TEST_F(Reader, IsWaitedForAboutASecond) {
     flash->use_thread_reading = 1;
     flags().read_hid_in_progress = 1;
     flash->wait_for_close(slot);
-    EXPECT_EQ(std::vector<long>(100, 10), instant.slept());
-    EXPECT_EQ(1, debugged("4: finished waiting for device to close (read_hid_in_progress=1, "
-                          "device_closed=0)"));
+    EXPECT_EQ(instant.slept(), std::vector<long>(100, 10));
+    EXPECT_EQ(debugged("4: finished waiting for device to close (read_hid_in_progress=1, "
+                       "device_closed=0)"),
+              1);
 }
 
 TEST_F(Reader, IsJoinedWhenAskedFor) {
     set_up(2000);
     read_hid_in_progress = 1;
     flash->close_device_after_use(slot, 1);
-    EXPECT_EQ(2, log.count("4: close_device_after_use: hThread=0x"));
-    EXPECT_EQ(1, log.count(" - join thread\n"));
-    EXPECT_EQ(0, threads.unreclaimed());
+    EXPECT_EQ(log.count("4: close_device_after_use: hThread=0x"), 2);
+    EXPECT_EQ(log.count(" - join thread\n"), 1);
+    EXPECT_EQ(threads.unreclaimed(), 0);
     EXPECT_TRUE(threads.all_ended_within(generous));
 }
 
 TEST_F(Reader, IsNotStartedWithBackgroundReadingOff) {
     background_read = 0;
     flash->use_thread_reading = 1;
-    EXPECT_EQ(5, flash->start_background_thread(2000, slot));
-    EXPECT_EQ(0, flash->use_thread_reading);
-    EXPECT_EQ(0, threads.created());
-    EXPECT_EQ(pthread_t{0}, flags().hThread);
-    EXPECT_EQ(std::vector<long>{100}, sleeps.slept());
+    EXPECT_EQ(flash->start_background_thread(2000, slot), 5);
+    EXPECT_EQ(flash->use_thread_reading, 0);
+    EXPECT_EQ(threads.created(), 0);
+    EXPECT_EQ(flags().hThread, pthread_t{0});
+    EXPECT_EQ(sleeps.slept(), std::vector<long>{100});
 }
 
 TEST_F(Reader, AThreadThatCantBeCreatedGivesItsCode) {
     threads.fail_with(EAGAIN);
-    EXPECT_EQ(EAGAIN, set_up(2000));
-    EXPECT_EQ(0, flash->use_thread_reading);
-    EXPECT_EQ(pthread_t{0}, flags().hThread);
-    EXPECT_EQ(std::vector<long>{100}, sleeps.slept());
-    EXPECT_EQ(0, flash->close_device_after_use(slot, 1));
+    EXPECT_EQ(set_up(2000), EAGAIN);
+    EXPECT_EQ(flash->use_thread_reading, 0);
+    EXPECT_EQ(flags().hThread, pthread_t{0});
+    EXPECT_EQ(sleeps.slept(), std::vector<long>{100});
+    EXPECT_EQ(flash->close_device_after_use(slot, 1), 0);
     EXPECT_TRUE(flash->finish());
 }
 
 TEST_F(Reader, ThatDoesNotComeUpIsDoneWithout) {
     threads.hold_back();
-    EXPECT_EQ(0, set_up(50));
-    EXPECT_EQ(0, flash->use_thread_reading);
-    EXPECT_EQ((std::vector<long>{100, 15, 15, 15}), sleeps.slept());
-    EXPECT_EQ(1, debugged("waiting for device to start (in_progress=0)"));
-    EXPECT_EQ(1, debugged("finished waiting for device to start (in_progress=0)"));
-    EXPECT_EQ(1, debugged("cannot use tread reading"));
+    EXPECT_EQ(set_up(50), 0);
+    EXPECT_EQ(flash->use_thread_reading, 0);
+    EXPECT_EQ(sleeps.slept(), (std::vector<long>{100, 15, 15, 15}));
+    EXPECT_EQ(debugged("waiting for device to start (in_progress=0)"), 1);
+    EXPECT_EQ(debugged("finished waiting for device to start (in_progress=0)"), 1);
+    EXPECT_EQ(debugged("cannot use tread reading"), 1);
     // Answers are read directly then.
     device.answers[wire::device_information_query] = {{0x01}};
-    EXPECT_EQ(0, query());
+    EXPECT_EQ(query(), 0);
 }
 
 TEST_F(Reader, ThatComesUpTooLateReadsNothing) {
     threads.hold_back();
-    EXPECT_EQ(0, set_up(50));
-    EXPECT_EQ(1, flags().stopped);
+    EXPECT_EQ(set_up(50), 0);
+    EXPECT_EQ(flags().stopped, 1);
     threads.let_go();
     EXPECT_TRUE(threads.all_ended_within(generous));
-    EXPECT_EQ(0, log.count("Sending Read Request"));
-    EXPECT_EQ(1, debugged("4: Stopping (stopped=1, device_closed=0)"));
+    EXPECT_EQ(log.count("Sending Read Request"), 0);
+    EXPECT_EQ(debugged("4: Stopping (stopped=1, device_closed=0)"), 1);
     // The answer is the direct read's.
     device.answers[wire::device_information_query] = {{0x01}};
-    EXPECT_EQ(0, query());
-    EXPECT_EQ(1, debugged("Sending Read Request to a002"));
+    EXPECT_EQ(query(), 0);
+    EXPECT_EQ(debugged("Sending Read Request to a002"), 1);
 }
 
 TEST_F(Reader, IsNotWaitedForBelowThePollInterval) {
     threads.hold_back();
-    EXPECT_EQ(0, set_up(14));
-    EXPECT_EQ(0, flash->use_thread_reading);
-    EXPECT_EQ(std::vector<long>{100}, sleeps.slept());
-    EXPECT_EQ(1, debugged("cannot use tread reading"));
+    EXPECT_EQ(set_up(14), 0);
+    EXPECT_EQ(flash->use_thread_reading, 0);
+    EXPECT_EQ(sleeps.slept(), std::vector<long>{100});
+    EXPECT_EQ(debugged("cannot use tread reading"), 1);
 }
 
 TEST_F(Reader, ThatIsUpAlreadyIsNotWaitedFor) {
     threads.hold_back();
     flags().read_hid_in_progress = 1;
-    EXPECT_EQ(0, set_up(2000));
-    EXPECT_EQ(1, flash->use_thread_reading);
-    EXPECT_EQ(std::vector<long>{100}, sleeps.slept());
-    EXPECT_EQ(1, debugged("waiting for device to start (in_progress=1)"));
-    EXPECT_EQ(1, debugged("finished waiting for device to start (in_progress=1)"));
+    EXPECT_EQ(set_up(2000), 0);
+    EXPECT_EQ(flash->use_thread_reading, 1);
+    EXPECT_EQ(sleeps.slept(), std::vector<long>{100});
+    EXPECT_EQ(debugged("waiting for device to start (in_progress=1)"), 1);
+    EXPECT_EQ(debugged("finished waiting for device to start (in_progress=1)"), 1);
     flags().read_hid_in_progress = 0;
 }
 
@@ -370,12 +378,12 @@ TEST_F(Reader, ThatStartsLateDoesNotUndoAStop) {
     threads.hold_back();
     set_up(14);
     const SleepDouble instant{0};
-    EXPECT_EQ(0, flash->close_device_after_use(slot, 1));
+    EXPECT_EQ(flash->close_device_after_use(slot, 1), 0);
     threads.let_go();
     EXPECT_TRUE(threads.all_ended_within(generous));
-    EXPECT_EQ(1, flags().stopped);
-    EXPECT_EQ(0, flags().read_hid_in_progress);
-    EXPECT_EQ(0, threads.unreclaimed());
+    EXPECT_EQ(flags().stopped, 1);
+    EXPECT_EQ(flags().read_hid_in_progress, 0);
+    EXPECT_EQ(threads.unreclaimed(), 0);
     EXPECT_TRUE(flash->finish());
 }
 
@@ -389,8 +397,8 @@ TEST_F(Reader, ThatStartsAfterTheCloseDoesNotOpenTheDeviceAgain) {
     const std::vector<std::string> before = usb.calls();
     threads.let_go();
     EXPECT_TRUE(threads.all_ended_within(generous));
-    EXPECT_EQ(before, usb.calls());
-    EXPECT_EQ(1, debugged("4: Stopping (stopped=1, device_closed=1)"));
+    EXPECT_EQ(usb.calls(), before);
+    EXPECT_EQ(debugged("4: Stopping (stopped=1, device_closed=1)"), 1);
 }
 
 TEST_F(Reader, ThatLingersKeepsItsDeviceAllocated) {
@@ -400,23 +408,23 @@ TEST_F(Reader, ThatLingersKeepsItsDeviceAllocated) {
     ASSERT_TRUE(device.read_is_pending_within(generous));
     {
         const SleepDouble instant{0};
-        EXPECT_EQ(0, flash->close_device_after_use(slot, 1));
-        EXPECT_EQ(nullptr, flash->hiddev);
-        EXPECT_EQ(1, debugged("4: the reader does not leave, its device stays open"));
-        EXPECT_EQ(1, usb.live_handles);
+        EXPECT_EQ(flash->close_device_after_use(slot, 1), 0);
+        EXPECT_EQ(flash->hiddev, nullptr);
+        EXPECT_EQ(debugged("4: the reader does not leave, its device stays open"), 1);
+        EXPECT_EQ(usb.live_handles, 1);
         // The session and its trace must outlive the reader.
         trace = std::make_unique<Trace>("", 0, 0);
         const std::unique_ptr<Trace> left(trace.get());
         EXPECT_FALSE(flash->finish());
-        EXPECT_EQ(nullptr, trace);
-        EXPECT_EQ(1, usb.live_handles);
+        EXPECT_EQ(trace, nullptr);
+        EXPECT_EQ(usb.live_handles, 1);
     }
     // What the read touches on its way out is still there, which the address sanitizer checks.
     device.let_reads_end();
     EXPECT_TRUE(threads.all_ended_within(generous));
     EXPECT_TRUE(flash->finish());
     flash.reset();
-    EXPECT_EQ(0, usb.live_handles);
+    EXPECT_EQ(usb.live_handles, 0);
 }
 
 TEST_F(Reader, ThatLeavesInTimeFreesItsDevice) {
@@ -431,26 +439,26 @@ TEST_F(Reader, ThatLeavesInTimeFreesItsDevice) {
             EXPECT_TRUE(threads.all_ended_within(generous));
         }
     };
-    EXPECT_EQ(0, flash->close_device_after_use(slot, 1));
-    EXPECT_EQ(nullptr, flash->hiddev);
-    EXPECT_EQ(0, usb.live_handles);
-    EXPECT_EQ(0, log.count("its device stays open"));
+    EXPECT_EQ(flash->close_device_after_use(slot, 1), 0);
+    EXPECT_EQ(flash->hiddev, nullptr);
+    EXPECT_EQ(usb.live_handles, 0);
+    EXPECT_EQ(log.count("its device stays open"), 0);
     EXPECT_TRUE(flash->finish());
 }
 
 TEST_F(Reader, OpeningsInARowLeaveNothingBehind) {
     for (int opening = 0; opening < 5; ++opening) {
         make_handle(device.path());
-        ASSERT_EQ(0, flash->setup_device_for_reading(device.path().c_str(), 2000, opening));
-        ASSERT_EQ(0, flash->close_device_after_use(opening, 1));
+        ASSERT_EQ(flash->setup_device_for_reading(device.path().c_str(), 2000, opening), 0);
+        ASSERT_EQ(flash->close_device_after_use(opening, 1), 0);
     }
-    EXPECT_EQ(5, threads.created());
+    EXPECT_EQ(threads.created(), 5);
     EXPECT_TRUE(threads.all_ended_within(generous));
-    EXPECT_EQ(0, threads.unreclaimed());
-    EXPECT_EQ(0, usb.live_handles);
-    EXPECT_EQ(0, usb.live_contexts);
-    EXPECT_EQ(0, usb.live_configurations);
-    EXPECT_EQ(0, usb.null_handles);
+    EXPECT_EQ(threads.unreclaimed(), 0);
+    EXPECT_EQ(usb.live_handles, 0);
+    EXPECT_EQ(usb.live_contexts, 0);
+    EXPECT_EQ(usb.live_configurations, 0);
+    EXPECT_EQ(usb.null_handles, 0);
 }
 
 TEST_F(Reader, LeavesTheMainThreadsSignalsToIt) {
@@ -461,15 +469,15 @@ TEST_F(Reader, LeavesTheMainThreadsSignalsToIt) {
     ASSERT_TRUE(device.read_is_pending_within(generous));
     flash->close_device_after_use(slot, 1);
     ASSERT_TRUE(threads.all_ended_within(generous));
-    EXPECT_EQ(1, sigismember(&blocked, SIGUSR1));
-    EXPECT_EQ(1, sigismember(&blocked, SIGUSR2));
-    EXPECT_EQ(1, sigismember(&blocked, SIGALRM));
-    EXPECT_EQ(0, sigismember(&blocked, SIGSEGV));
-    EXPECT_EQ(0, sigismember(&blocked, SIGINT));
+    EXPECT_EQ(sigismember(&blocked, SIGUSR1), 1);
+    EXPECT_EQ(sigismember(&blocked, SIGUSR2), 1);
+    EXPECT_EQ(sigismember(&blocked, SIGALRM), 1);
+    EXPECT_EQ(sigismember(&blocked, SIGSEGV), 0);
+    EXPECT_EQ(sigismember(&blocked, SIGINT), 0);
 }
 
 TEST_F(Reader, EndsWithTheSharedExitValue) {
-    EXPECT_EQ(&NewMsgExitStatus, start_read_thread(nullptr));
+    EXPECT_EQ(start_read_thread(nullptr), &NewMsgExitStatus);
 }
 
 TEST_F(Reader, ReadsInTheCallingThreadUntilItIsStopped) {
@@ -484,10 +492,10 @@ TEST_F(Reader, ReadsInTheCallingThreadUntilItIsStopped) {
     };
     flash->read_hid_messages(slot);
     // What comes when the device is being closed is not handed over.
-    EXPECT_EQ(0x11, flash->last_status[1]);
-    EXPECT_EQ(0, flags().device_in_use);
-    EXPECT_EQ(0, flags().read_hid_in_progress);
-    EXPECT_EQ(1, debugged("4: Stopping (stopped=0, device_closed=1)"));
+    EXPECT_EQ(flash->last_status[1], 0x11);
+    EXPECT_EQ(flags().device_in_use, 0);
+    EXPECT_EQ(flags().read_hid_in_progress, 0);
+    EXPECT_EQ(debugged("4: Stopping (stopped=0, device_closed=1)"), 1);
 }
 
 TEST_F(Reader, TellsOfFailedReadsWhenVerbose) {
@@ -503,10 +511,12 @@ TEST_F(Reader, TellsOfFailedReadsWhenVerbose) {
         };
         flash->read_hid_messages(slot);
     };
-    EXPECT_EQ("", console_of(1, 0, read_a_failure));
-    EXPECT_EQ("4: Failure reading from flash device, rc=7.  Stopping (device_closed=0)\n",
-              console_of(2, 1, read_a_failure));
+    EXPECT_EQ(console_of(1, 0, read_a_failure), "");
+    EXPECT_EQ(console_of(2, 1, read_a_failure),
+              "4: Failure reading from flash device, rc=7.  Stopping (device_closed=0)\n");
 }
+
+namespace {
 
 #if (defined(__x86_64__) || defined(__i386__)) && !defined(__SANITIZE_THREAD__)
 
@@ -526,6 +536,8 @@ void watch_one_instruction(int /*signal*/, siginfo_t* /*info*/, void* context) {
         flags &= ~static_cast<std::remove_reference_t<decltype(flags)>>(trap_flag);
     }
 }
+
+}  // namespace
 
 TEST_F(Reader, SetsTheFlagBeforeItCopiesTheReport) {
     set_up(0);
@@ -550,8 +562,10 @@ TEST_F(Reader, SetsTheFlagBeforeItCopiesTheReport) {
 #endif
     };
     flash->read_hid_messages(slot);
-    EXPECT_EQ(1, flag_came_first);
+    EXPECT_EQ(flag_came_first, 1);
 }
+
+namespace {
 
 #endif
 

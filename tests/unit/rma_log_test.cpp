@@ -1,7 +1,8 @@
 #include "journal/output.h"
 #include "session/zelflash.h"
 #include "settings.h"
-#include "support/firmware_bytes.h"
+#include "support/output_capture.h"
+#include "support/temporary_directory.h"
 
 #include <gtest/gtest.h>
 
@@ -33,7 +34,7 @@ class RmaLog : public testing::Test {
     }
     std::string written() {
         session_->write_rma_log(directory_.path("rma").c_str());
-        return read_whole_file(directory_.path("rma"));
+        return read_file(directory_.path("rma"));
     }
 
     TemporaryDirectory directory_;

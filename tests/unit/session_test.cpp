@@ -20,48 +20,50 @@ constexpr unsigned short own_vendors[] = {0x7A01, 0x7A02, 0x7A03};
 
 class Session : public FlashTest {};
 
+}  // namespace
+
 TEST_F(Session, StartsWithEverySlotStoppedAndNothingFound) {
-    EXPECT_EQ(15, flash->sleep_time);
-    EXPECT_EQ(0, flash->numberOfFlashEntries);
-    EXPECT_EQ(0, flash->ThreadIndex);
-    EXPECT_EQ(0, flash->CurrentIndex);
-    EXPECT_EQ(nullptr, flash->hiddev);
+    EXPECT_EQ(flash->sleep_time, 15);
+    EXPECT_EQ(flash->numberOfFlashEntries, 0);
+    EXPECT_EQ(flash->ThreadIndex, 0);
+    EXPECT_EQ(flash->CurrentIndex, 0);
+    EXPECT_EQ(flash->hiddev, nullptr);
     for (const thread_table& slot : flash->ThreadTable) {
-        ASSERT_EQ(1, slot.stopped);
-        ASSERT_EQ(0, slot.device_in_use);
-        ASSERT_EQ(1, slot.device_closed);
-        ASSERT_EQ(0, slot.read_hid_in_progress);
-        ASSERT_EQ(pthread_t{0}, slot.hThread);
+        ASSERT_EQ(slot.stopped, 1);
+        ASSERT_EQ(slot.device_in_use, 0);
+        ASSERT_EQ(slot.device_closed, 1);
+        ASSERT_EQ(slot.read_hid_in_progress, 0);
+        ASSERT_EQ(slot.hThread, pthread_t{0});
     }
 }
 
 TEST_F(Session, LogsItsStartWithSeparatorAndTime) {
-    EXPECT_EQ(std::string(50, '='), szEquals);
-    EXPECT_EQ(1, logged(szEquals));
-    EXPECT_EQ(1, log.count("USB Flash Started at "));
+    EXPECT_EQ(szEquals, std::string(50, '='));
+    EXPECT_EQ(logged(szEquals), 1);
+    EXPECT_EQ(log.count("USB Flash Started at "), 1);
     // The time text ends its line, and the message another one.
-    EXPECT_EQ("\n\n", log.text().substr(log.text().size() - 2));
+    EXPECT_EQ(log.text().substr(log.text().size() - 2), "\n\n");
 }
 
 TEST_F(Session, StartAndEndStayOffTheConsole) {
-    EXPECT_EQ("", console_of(1, 0, [] { ZELFLASH().finish(); }));
+    EXPECT_EQ(console_of(1, 0, [] { ZELFLASH().finish(); }), "");
 }
 
 TEST_F(Session, LogsItsEndOnceWithTheSeparatorLast) {
     EXPECT_TRUE(flash->finish());
     EXPECT_TRUE(flash->finish());
     flash.reset();
-    EXPECT_EQ(1, log.count("USB Flash ended at "));
-    EXPECT_EQ(2, logged(szEquals));
+    EXPECT_EQ(log.count("USB Flash ended at "), 1);
+    EXPECT_EQ(logged(szEquals), 2);
     const std::string text = log.text();
-    EXPECT_EQ(std::string(szEquals) + "\n", text.substr(text.size() - 51));
-    EXPECT_EQ(std::string::npos, text.find("\n\n", text.find("USB Flash ended at ")));
+    EXPECT_EQ(text.substr(text.size() - 51), std::string(szEquals) + "\n");
+    EXPECT_EQ(text.find("\n\n", text.find("USB Flash ended at ")), std::string::npos);
 }
 
 TEST_F(Session, TakesTheTraceWithIt) {
     trace = std::make_unique<Trace>("", 0, 0);
     flash.reset();
-    EXPECT_EQ(nullptr, trace);
+    EXPECT_EQ(trace, nullptr);
 }
 
 TEST_F(Session, DescribesEveryReturnCode) {
@@ -80,15 +82,15 @@ TEST_F(Session, DescribesEveryReturnCode) {
                                  "",
                                  "Interface not avilable"};
     for (int code = 0; code < 14; ++code) {
-        EXPECT_STREQ(texts[code], flash_code_description[code]) << code;
-        EXPECT_STREQ(texts[code], flash_code_text(code)) << code;
+        EXPECT_STREQ(flash_code_description[code], texts[code]) << code;
+        EXPECT_STREQ(flash_code_text(code), texts[code]) << code;
     }
 }
 
 TEST_F(Session, DescribesNoCodeOutsideTheTable) {
-    EXPECT_STREQ("", flash_code_text(FILECORRUPTED));
-    EXPECT_STREQ("", flash_code_text(-1));
-    EXPECT_STREQ("", flash_code_text(query_not_supported));
+    EXPECT_STREQ(flash_code_text(FILECORRUPTED), "");
+    EXPECT_STREQ(flash_code_text(-1), "");
+    EXPECT_STREQ(flash_code_text(query_not_supported), "");
 }
 
 TEST_F(Session, ForgetsAllRowsButKeepsTheSlots) {
@@ -101,34 +103,35 @@ TEST_F(Session, ForgetsAllRowsButKeepsTheSlots) {
 
     flash->reset_device_list();
 
-    EXPECT_EQ(0, flash->numberOfFlashEntries);
-    EXPECT_EQ(0, flash->fe[0].flashStatus);
+    EXPECT_EQ(flash->numberOfFlashEntries, 0);
+    EXPECT_EQ(flash->fe[0].flashStatus, 0);
     const flashEntry& last = flash->fe[127];
-    EXPECT_EQ('\0', last.DevicePath[0]);
-    EXPECT_EQ('\0', last.serialNumber[0]);
-    EXPECT_EQ(0, last.product_id);
-    EXPECT_EQ(0, last.ec_level);
-    EXPECT_EQ(0, last.dev_type + last.dev_id + last.command_set + last.features);
-    EXPECT_EQ(0, last.current_ec_level + last.previous_ec_level);
-    EXPECT_EQ(0, last.current_build_level + last.previous_build_level);
-    EXPECT_EQ(0, last.resetDevice);
-    EXPECT_EQ(0, last.flashStatus);
-    EXPECT_EQ(0, last.component_count);
+    EXPECT_EQ(last.DevicePath[0], '\0');
+    EXPECT_EQ(last.serialNumber[0], '\0');
+    EXPECT_EQ(last.product_id, 0);
+    EXPECT_EQ(last.ec_level, 0);
+    EXPECT_EQ(last.dev_type + last.dev_id + last.command_set + last.features, 0);
+    EXPECT_EQ(last.current_ec_level + last.previous_ec_level, 0);
+    EXPECT_EQ(last.current_build_level + last.previous_build_level, 0);
+    EXPECT_EQ(last.resetDevice, 0);
+    EXPECT_EQ(last.flashStatus, 0);
+    EXPECT_EQ(last.component_count, 0);
     for (const component_entry& component : last.component) {
-        EXPECT_EQ(0, component.comp_id + component.ec_level + component.build_level +
-                         component.comp_type + component.version_method);
+        EXPECT_EQ(component.comp_id + component.ec_level + component.build_level +
+                      component.comp_type + component.version_method,
+                  0);
     }
-    EXPECT_EQ(7, flash->CurrentIndex);
-    EXPECT_EQ(0, flash->ThreadTable[6].device_closed);
-    EXPECT_EQ(0, flash->ThreadTable[6].stopped);
+    EXPECT_EQ(flash->CurrentIndex, 7);
+    EXPECT_EQ(flash->ThreadTable[6].device_closed, 0);
+    EXPECT_EQ(flash->ThreadTable[6].stopped, 0);
 }
 
 TEST_F(Session, ForgetsWhichRowsTheFiltersHadFound) {
     device_list[3].fe = &flash->fe[0];
     serial_no_list[255].fe = &flash->fe[1];
     flash->reset_device_list();
-    EXPECT_EQ(nullptr, device_list[3].fe);
-    EXPECT_EQ(nullptr, serial_no_list[255].fe);
+    EXPECT_EQ(device_list[3].fe, nullptr);
+    EXPECT_EQ(serial_no_list[255].fe, nullptr);
 }
 
 TEST_F(Session, MakesARowOfADevice) {
@@ -140,101 +143,101 @@ TEST_F(Session, MakesARowOfADevice) {
 
     flash->initialize_device_data(5, "//?/hid#vid_7a01", "SN-1", 0x4123, 0x0105);
 
-    EXPECT_STREQ("//?/hid#vid_7a01", row.DevicePath);
-    EXPECT_STREQ("SN-1", row.serialNumber);
-    EXPECT_EQ(0x4123, row.product_id);
-    EXPECT_EQ(0x0105, row.ec_level);
-    EXPECT_EQ(NOFLASHATTEMPT, row.flashStatus);
-    EXPECT_EQ(0, row.component_count);
-    EXPECT_EQ(0, row.component[19].comp_id);
+    EXPECT_STREQ(row.DevicePath, "//?/hid#vid_7a01");
+    EXPECT_STREQ(row.serialNumber, "SN-1");
+    EXPECT_EQ(row.product_id, 0x4123);
+    EXPECT_EQ(row.ec_level, 0x0105);
+    EXPECT_EQ(row.flashStatus, NOFLASHATTEMPT);
+    EXPECT_EQ(row.component_count, 0);
+    EXPECT_EQ(row.component[19].comp_id, 0);
     // What a query found is not this call's business.
-    EXPECT_EQ(0xC0, row.features);
-    EXPECT_EQ(0x0203, row.current_ec_level);
+    EXPECT_EQ(row.features, 0xC0);
+    EXPECT_EQ(row.current_ec_level, 0x0203);
 }
 
 TEST_F(Session, CutsPathAndSerialNumberToTheirFields) {
     const std::string path(400, 'p');
     const std::string serial(400, 's');
     flash->initialize_device_data(0, path.c_str(), serial.c_str(), 0x4123, 0);
-    EXPECT_EQ(std::string(255, 'p'), flash->fe[0].DevicePath);
-    EXPECT_EQ(std::string(49, 's'), flash->fe[0].serialNumber);
-    EXPECT_EQ(0x4123, flash->fe[0].product_id);
+    EXPECT_EQ(flash->fe[0].DevicePath, std::string(255, 'p'));
+    EXPECT_EQ(flash->fe[0].serialNumber, std::string(49, 's'));
+    EXPECT_EQ(flash->fe[0].product_id, 0x4123);
 }
 
 TEST_F(Session, MakesNoRowOutsideTheTable) {
     flash->initialize_device_data(-1, "p", "s", 0x4123, 0);
     flash->initialize_device_data(max_flash_entries, "p", "s", 0x4123, 0);
     for (const flashEntry& entry : flash->fe) {
-        ASSERT_EQ(0, entry.product_id);
+        ASSERT_EQ(entry.product_id, 0);
     }
-    EXPECT_EQ('\0', flash->installedPath[0]);
+    EXPECT_EQ(flash->installedPath[0], '\0');
 }
 
 TEST_F(Session, ForgetsAWaitingStatus) {
     flash->status_ready = 1;
     flash->reset_ready_status();
-    EXPECT_EQ(0, flash->status_ready);
+    EXPECT_EQ(flash->status_ready, 0);
 }
 
 TEST_F(Session, SupportsTheFlashInterfacesOfThreeVendors) {
     for (const unsigned short vendor : own_vendors) {
-        EXPECT_EQ(1, flash->IsFlashDeviceSupported(vendor, 0xA000));
+        EXPECT_EQ(flash->IsFlashDeviceSupported(vendor, 0xA000), 1);
     }
-    EXPECT_EQ(0, flash->IsFlashDeviceSupported(0x7A00, 0xA000));
-    EXPECT_EQ(0, flash->IsFlashDeviceSupported(0x7A04, 0xA000));
+    EXPECT_EQ(flash->IsFlashDeviceSupported(0x7A00, 0xA000), 0);
+    EXPECT_EQ(flash->IsFlashDeviceSupported(0x7A04, 0xA000), 0);
 }
 
 TEST_F(Session, SupportsNoOtherInterfaceWhateverTheVendor) {
     oem_vendor = 1;
     for (const unsigned short vendor : own_vendors) {
-        EXPECT_EQ(0, flash->IsFlashDeviceSupported(vendor, 0xA001));
-        EXPECT_EQ(0, flash->IsFlashDeviceSupported(vendor, 0));
+        EXPECT_EQ(flash->IsFlashDeviceSupported(vendor, 0xA001), 0);
+        EXPECT_EQ(flash->IsFlashDeviceSupported(vendor, 0), 0);
     }
-    EXPECT_EQ(0, flash->IsFlashDeviceSupported(0x7AFF, 0xA001));
+    EXPECT_EQ(flash->IsFlashDeviceSupported(0x7AFF, 0xA001), 0);
 }
 
 TEST_F(Session, SupportsOtherVendorsOnlyWhenAsked) {
     oem_vendor = 0;
-    EXPECT_EQ(0, flash->IsFlashDeviceSupported(0x7AFF, 0xA000));
+    EXPECT_EQ(flash->IsFlashDeviceSupported(0x7AFF, 0xA000), 0);
     oem_vendor = 1;
-    EXPECT_EQ(1, flash->IsFlashDeviceSupported(0x7AFF, 0xA000));
+    EXPECT_EQ(flash->IsFlashDeviceSupported(0x7AFF, 0xA000), 1);
     oem_vendor = 2;
-    EXPECT_EQ(0, flash->IsFlashDeviceSupported(0x7AFF, 0xA000));
+    EXPECT_EQ(flash->IsFlashDeviceSupported(0x7AFF, 0xA000), 0);
 }
 
 TEST_F(Session, AsksForAFirmwareFileOnlyWhenFilesDecide) {
     device_firmware_match_only = 0;
-    EXPECT_EQ(1, flash->is_there_a_firmware_file_for_device(0x4123));
+    EXPECT_EQ(flash->is_there_a_firmware_file_for_device(0x4123), 1);
     device_firmware_match_only = 1;
-    EXPECT_EQ(0, flash->is_there_a_firmware_file_for_device(0x4123));
+    EXPECT_EQ(flash->is_there_a_firmware_file_for_device(0x4123), 0);
     // The last row of the table counts, whatever the number of files is.
     numberOfusbFlashFiles = 0;
     files[255].product_id = 0x4123;
-    EXPECT_EQ(1, flash->is_there_a_firmware_file_for_device(0x4123));
-    EXPECT_EQ(0, flash->is_there_a_firmware_file_for_device(0x4124));
+    EXPECT_EQ(flash->is_there_a_firmware_file_for_device(0x4123), 1);
+    EXPECT_EQ(flash->is_there_a_firmware_file_for_device(0x4124), 0);
 }
 
 TEST_F(Session, CountsNoDevice) {
-    EXPECT_EQ(0, flash->build_flash_table());
-    EXPECT_EQ(1, debugged("Finding available Flash Devices"));
-    EXPECT_EQ(1, debugged("Found 0 device with update interface"));
+    EXPECT_EQ(flash->build_flash_table(), 0);
+    EXPECT_EQ(debugged("Finding available Flash Devices"), 1);
+    EXPECT_EQ(debugged("Found 0 device with update interface"), 1);
 }
 
 TEST_F(Session, CountsOneDevice) {
     bus.add(silent_product);
-    EXPECT_EQ(1, flash->build_flash_table());
-    EXPECT_EQ(1, debugged("Found 1 device with update interface"));
+    EXPECT_EQ(flash->build_flash_table(), 1);
+    EXPECT_EQ(debugged("Found 1 device with update interface"), 1);
 }
 
 TEST_F(Session, CountsSeveralDevicesAndKeepsTheBusOrder) {
     bus.add(silent_product, 0x7A01, "A");
     bus.add(silent_product + 1, 0x7A02, "B");
     bus.add(silent_product + 2, 0x7AFF, "C");
-    EXPECT_EQ(2, flash->build_flash_table());
-    EXPECT_EQ(1, debugged("Found 2 devices with update interface"));
-    EXPECT_EQ(silent_product, flash->fe[0].product_id);
-    EXPECT_EQ(silent_product + 1, flash->fe[1].product_id);
-    EXPECT_EQ(NOFLASHATTEMPT, flash->fe[1].flashStatus);
+    EXPECT_EQ(flash->build_flash_table(), 2);
+    EXPECT_EQ(debugged("Found 2 devices with update interface"), 1);
+    EXPECT_EQ(flash->fe[0].product_id, silent_product);
+    EXPECT_EQ(flash->fe[1].product_id, silent_product + 1);
+    EXPECT_EQ(flash->fe[1].flashStatus, NOFLASHATTEMPT);
 }
 
 TEST_F(Session, BuildsTheTableAnewEachTime) {
@@ -242,17 +245,15 @@ TEST_F(Session, BuildsTheTableAnewEachTime) {
     flash->build_flash_table();
     flash->fe[0].flashStatus = FLASHSUCCESS;
     device.usb().descriptor.idProduct = silent_product + 4;
-    EXPECT_EQ(1, flash->build_flash_table());
-    EXPECT_EQ(silent_product + 4, flash->fe[0].product_id);
-    EXPECT_EQ(NOFLASHATTEMPT, flash->fe[0].flashStatus);
+    EXPECT_EQ(flash->build_flash_table(), 1);
+    EXPECT_EQ(flash->fe[0].product_id, silent_product + 4);
+    EXPECT_EQ(flash->fe[0].flashStatus, NOFLASHATTEMPT);
 }
 
 TEST_F(Session, LeavesDevicesPastTheTablesEndOut) {
     for (int i = 0; i < 130; ++i) {
         bus.add(silent_product);
     }
-    EXPECT_EQ(128, flash->build_flash_table());
-    EXPECT_EQ(0, usb.live_handles);
+    EXPECT_EQ(flash->build_flash_table(), 128);
+    EXPECT_EQ(usb.live_handles, 0);
 }
-
-}  // namespace

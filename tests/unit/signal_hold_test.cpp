@@ -4,7 +4,7 @@
 #include "journal/zelfwtrace.h"
 #include "process/wire_silence.h"
 #include "support/child_process.h"
-#include "support/firmware_bytes.h"
+#include "support/temporary_directory.h"
 #include "support/trace_file.h"
 
 #include <gmock/gmock.h>
@@ -264,7 +264,7 @@ TEST(SignalHold, IsEndedByASecondSignalInALongSilence) {
         });
         EXPECT_EQ(end.signal, second);
         EXPECT_EQ(end.output, std::string(explanation) + incomplete_image);
-        EXPECT_EQ(read_whole_file(directory.path("log")), incomplete_image);
+        EXPECT_EQ(read_file(directory.path("log")), incomplete_image);
         EXPECT_EQ(trace_texts(directory.path("trace")), std::vector<std::string>{incomplete_image});
     }
 }
@@ -285,7 +285,7 @@ TEST(SignalHold, IsEndedThoughTheInterruptedThreadHoldsEveryLock) {
     });
     EXPECT_EQ(end.signal, SIGINT);
     EXPECT_EQ(end.output, std::string(explanation) + incomplete_image);
-    EXPECT_EQ(read_whole_file(directory.path("log")), incomplete_image);
+    EXPECT_EQ(read_file(directory.path("log")), incomplete_image);
     EXPECT_EQ(trace_texts(directory.path("trace")), std::vector<std::string>{});
 }
 

@@ -1,7 +1,7 @@
 // A trace that ends inside a record: what runs write behind it must be found all the same.
 #include "journal/zelfwtrace.h"
 #include "support/child_process.h"
-#include "support/firmware_bytes.h"
+#include "support/temporary_directory.h"
 #include "support/trace_file.h"
 
 #include <gmock/gmock.h>
@@ -25,7 +25,7 @@ namespace {
 class TraceTail : public testing::Test {
   protected:
     std::string name() const { return directory_.path("t"); }
-    std::string content() const { return read_whole_file(name()); }
+    std::string content() const { return read_file(name()); }
     void write(const std::string& bytes) const { directory_.write("t", bytes); }
     /// A run that writes one text.
     void run_once(const std::string& text) const {
@@ -44,7 +44,7 @@ class TraceTail : public testing::Test {
             file.WriteTraceData(405, reinterpret_cast<const unsigned char*>(report.data()),
                                 report.size());
         }
-        return read_whole_file(elsewhere.path("t")).substr(32);
+        return read_file(elsewhere.path("t")).substr(32);
     }
     static std::string removed(std::size_t bytes) {
         return "The last record was cut short, " + std::to_string(bytes) +

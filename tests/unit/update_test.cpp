@@ -6,6 +6,7 @@
 #include "support/failing_new.h"
 #include "support/firmware_bytes.h"
 #include "support/flash_test.h"
+#include "support/temporary_directory.h"
 #include "usb/zelflshhid.h"
 
 #include <gtest/gtest.h>
@@ -90,14 +91,15 @@ class Update : public FlashTest {
     int reset_needed = 0;
 };
 
+}  // namespace
+
 TEST_F(Update, TakesAHigherLevel) {
     add_file({.level = 0x0103});
     const flashEntry& row = add_device(0x0102);
-    EXPECT_EQ(1, pass());
-    EXPECT_EQ(FLASHSUCCESS, row.flashStatus);
-    EXPECT_EQ(1, reset_needed);
-    EXPECT_NE(std::string::npos,
-              log.text().find(
+    EXPECT_EQ(pass(), 1);
+    EXPECT_EQ(row.flashStatus, FLASHSUCCESS);
+    EXPECT_EQ(reset_needed, 1);
+    EXPECT_NE(log.text().find(
                   "\nFirmware file found:  " + file_name() +
                   "\n"
                   "  File   - PID: 4123  COMP: 00  TYPE: FW   CONTROL: Increasing   EC: 01.03.00\n"
@@ -105,63 +107,127 @@ TEST_F(Update, TakesAHigherLevel) {
                   "(SN='SN-7')\n"
                   "    Starting firmware update of Product ID 4123 COMP: 0\n"
                   "    EC level when complete should be 01.03.00\n"
-                  "Firmware update of Product ID 4123 COMP: 0 finished, rc=0\n"));
+                  "Firmware update of Product ID 4123 COMP: 0 finished, rc=0\n"),
+              std::string::npos);
 }
 
-TEST_F(Update, SkipsALevelThatIsNotHigher) {
-    add_file({.level = 0x0102});
-    const flashEntry& equal = add_device(0x0102);
-    const flashEntry& newer = add_device(0x0103);
-    EXPECT_EQ(0, pass());
-    EXPECT_EQ(ECMATCHES, equal.flashStatus);
-    EXPECT_EQ(ECMATCHES, newer.flashStatus);
-    EXPECT_EQ(2, logged("    File EC level smaller or equal, no update needed for PID: 4123  "
-                        "COMP: 0"));
-    EXPECT_EQ(0, reset_needed);
-    EXPECT_EQ(0, log.count("Starting firmware update"));
+namespace {
+
+/// What a file or a component is, as far as the decision looks at it.
+struct Version {
+    int level;
+    int build = 0;
+    bool is_random = false;
+};
+
+struct DecisionCase {
+    const char* name;
+    Version file;
+    Version device;
+    bool is_forced;
+    int status;
+    const char* told;  ///< the line of the log
+};
+
+class Decision : public Update, public testing::WithParamInterface<DecisionCase> {};
+
+constexpr char not_higher[] =
+    "    File EC level smaller or equal, no update needed for PID: 4123  COMP: 0";
+constexpr char random_and_equal[] =
+    "    Random control with file and device EC levels equal, no update needed for PID: 4123  "
+    "COMP: 0";
+constexpr char at_random[] =
+    "    Random version control for Product ID: 4123 COMP: 0 (from: 01.02.00 -> to: 01.01.00)";
+constexpr char forced_equal[] =
+    "    Force update for Product ID: 4123 COMP: 0 (from: 01.02.00 -> to: 01.02.00)";
+
+constexpr DecisionCase decisions[] = {
+    {"HigherLevel",
+     {0x0103},
+     {0x0102},
+     false,
+     FLASHSUCCESS,
+     "    EC level when complete should be 01.03.00"},
+    {"EqualLevel", {0x0102}, {0x0102}, false, ECMATCHES, not_higher},
+    {"LowerLevel", {0x0102}, {0x0103}, false, ECMATCHES, not_higher},
+    {"HigherBuild",
+     {0x0102, 4},
+     {0x0102, 3},
+     false,
+     FLASHSUCCESS,
+     "    EC level when complete should be 01.02.04"},
+    {"LowerBuild", {0x0102, 3}, {0x0102, 4}, false, ECMATCHES, not_higher},
+    {"HigherLevelOfALowerBuild",
+     {0x0103, 0},
+     {0x0102, 255},
+     false,
+     FLASHSUCCESS,
+     "    EC level when complete should be 01.03.00"},
+    {"LowerLevelOfAHigherBuild", {0x0102, 9}, {0x0103, 0}, false, ECMATCHES, not_higher},
+    {"RandomFile", {0x0101, 0, true}, {0x0102}, false, FLASHSUCCESS, at_random},
+    {"RandomDevice", {0x0101}, {0x0102, 0, true}, false, FLASHSUCCESS, at_random},
+    {"RandomFileAndDevice", {0x0101, 0, true}, {0x0102, 0, true}, false, FLASHSUCCESS, at_random},
+    {"RandomFileOfTheSameVersion",
+     {0x0102, 3, true},
+     {0x0102, 3},
+     false,
+     ECMATCHES,
+     random_and_equal},
+    {"RandomBothOfTheSameVersion",
+     {0x0102, 3, true},
+     {0x0102, 3, true},
+     false,
+     ECMATCHES,
+     random_and_equal},
+    {"ForcedEqualLevel", {0x0102}, {0x0102}, true, FLASHFORCED, forced_equal},
+    {"ForcedLowerLevel",
+     {0x0101},
+     {0x0102},
+     true,
+     FLASHFORCED,
+     "    Force update for Product ID: 4123 COMP: 0 (from: 01.02.00 -> to: 01.01.00)"},
+    {"ForcedRandomOfTheSameVersion",
+     {0x0102, 0, true},
+     {0x0102, 0, true},
+     true,
+     FLASHFORCED,
+     forced_equal},
+    {"OtherVersionDigit",
+     {0x0205},
+     {0x0102},
+     false,
+     NOFLASHFILE,
+     "PID: 4123 COMP: 0 - Version mismatch (file=2, device=1)"},
+    {"ForcedOtherVersionDigit",
+     {0x0205},
+     {0x0102},
+     true,
+     NOFLASHFILE,
+     "PID: 4123 COMP: 0 - Version mismatch (file=2, device=1)"},
+};
+
+}  // namespace
+
+TEST_P(Decision, ComparesLevelBuildAndControl) {
+    const DecisionCase& wanted = GetParam();
+    force_update = wanted.is_forced ? 1 : 0;
+    add_file({.level = wanted.file.level,
+              .build = wanted.file.build,
+              .method = wanted.file.is_random ? 1 : 0});
+    const flashEntry& row =
+        add_device(wanted.device.level, wanted.device.build, wanted.device.is_random ? 1 : 0);
+    const bool is_taken = wanted.status == FLASHSUCCESS || wanted.status == FLASHFORCED;
+    EXPECT_EQ(pass(), is_taken ? 1 : 0);
+    EXPECT_EQ(row.flashStatus, wanted.status);
+    EXPECT_EQ(reset_needed, is_taken ? 1 : 0);
+    EXPECT_EQ(logged(wanted.told), 1);
+    EXPECT_EQ(log.count("Starting firmware update"), is_taken ? 1 : 0);
+    EXPECT_EQ(log.count("  File   - PID: 4123  COMP: 00  TYPE: FW   CONTROL: Random       EC: "),
+              wanted.file.is_random ? 1 : 0);
 }
 
-TEST_F(Update, CountsTheBuildLevel) {
-    add_file({.level = 0x0102, .build = 4});
-    const flashEntry& row = add_device(0x0102, 3);
-    EXPECT_EQ(1, pass());
-    EXPECT_EQ(FLASHSUCCESS, row.flashStatus);
-    EXPECT_EQ(1, logged("    EC level when complete should be 01.02.04"));
-}
-
-TEST_F(Update, TheLevelWeighsMoreThanTheBuild) {
-    add_file({.level = 0x0103, .build = 0});
-    add_device(0x0102, 255);
-    add_device(0x0103, 255);
-    EXPECT_EQ(1, pass());
-    EXPECT_EQ(FLASHSUCCESS, flash->fe[0].flashStatus);
-    EXPECT_EQ(ECMATCHES, flash->fe[1].flashStatus);
-}
-
-TEST_F(Update, TakesAnyOtherVersionUnderRandomControl) {
-    add_file({.level = 0x0101, .method = 1});
-    const flashEntry& row = add_device(0x0102);
-    EXPECT_EQ(1, pass());
-    EXPECT_EQ(FLASHSUCCESS, row.flashStatus);
-    EXPECT_EQ(1, logged("    Random version control for Product ID: 4123 COMP: 0 (from: 01.02.00 "
-                        "-> to: 01.01.00)"));
-    EXPECT_EQ(1, log.count("CONTROL: Random       EC: 01.01.00\n"));
-}
-
-TEST_F(Update, TheDevicesRandomControlCountsToo) {
-    add_file({.level = 0x0101});
-    add_device(0x0102, 0, 1);
-    EXPECT_EQ(1, pass());
-}
-
-TEST_F(Update, SkipsTheSameVersionUnderRandomControl) {
-    add_file({.level = 0x0102, .build = 3, .method = 1});
-    const flashEntry& row = add_device(0x0102, 3);
-    EXPECT_EQ(0, pass());
-    EXPECT_EQ(ECMATCHES, row.flashStatus);
-    EXPECT_EQ(1, logged("    Random control with file and device EC levels equal, no update needed "
-                        "for PID: 4123  COMP: 0"));
-}
+INSTANTIATE_TEST_SUITE_P(Each, Decision, testing::ValuesIn(decisions),
+                         [](const auto& given) { return given.param.name; });
 
 TEST_F(Update, IsForcedByTheOption) {
     force_update = 1;
@@ -171,11 +237,12 @@ TEST_F(Update, IsForcedByTheOption) {
         flash->numberOfFlashEntries = 0;
         add_file({.level = 0x0102, .method = method});
         const flashEntry& row = add_device(0x0102);
-        EXPECT_EQ(1, pass());
-        EXPECT_EQ(FLASHFORCED, row.flashStatus);
+        EXPECT_EQ(pass(), 1);
+        EXPECT_EQ(row.flashStatus, FLASHFORCED);
     }
-    EXPECT_EQ(2, logged("    Force update for Product ID: 4123 COMP: 0 (from: 01.02.00 -> to: "
-                        "01.02.00)"));
+    EXPECT_EQ(logged("    Force update for Product ID: 4123 COMP: 0 (from: 01.02.00 -> to: "
+                     "01.02.00)"),
+              2);
     // No marker was looked for, so none is deleted.
     EXPECT_TRUE(std::filesystem::exists(directory.path("f0.dat.force")));
 }
@@ -184,58 +251,68 @@ TEST_F(Update, IsForcedByAMarkerThatIsThenDeleted) {
     add_file({.level = 0x0101});
     directory.write("f0.dat.force", std::string());
     const flashEntry& row = add_device(0x0102);
-    EXPECT_EQ(1, pass());
-    EXPECT_EQ(FLASHFORCED, row.flashStatus);
+    EXPECT_EQ(pass(), 1);
+    EXPECT_EQ(row.flashStatus, FLASHFORCED);
     EXPECT_FALSE(std::filesystem::exists(directory.path("f0.dat.force")));
-    EXPECT_EQ(1, log.count("    Force update for Product ID: 4123 COMP: 0 (from: 01.02.00 -> to: "
-                           "01.01.00)\n"));
+    EXPECT_EQ(log.count("    Force update for Product ID: 4123 COMP: 0 (from: 01.02.00 -> to: "
+                        "01.01.00)\n"),
+              1);
 }
 
 TEST_F(Update, LeavesAMarkerThatWasNotNeeded) {
     add_file({.level = 0x0103});
     directory.write("f0.dat.force", std::string());
     const flashEntry& row = add_device(0x0102);
-    EXPECT_EQ(1, pass());
-    EXPECT_EQ(FLASHSUCCESS, row.flashStatus);
+    EXPECT_EQ(pass(), 1);
+    EXPECT_EQ(row.flashStatus, FLASHSUCCESS);
     EXPECT_TRUE(std::filesystem::exists(directory.path("f0.dat.force")));
+}
+
+TEST_F(Update, AnotherFilesMarkerIsOfNoUse) {
+    add_file({.level = 0x0102});
+    directory.write("f1.dat.force", "");
+    const flashEntry& row = add_device(0x0102);
+    EXPECT_EQ(pass(), 0);
+    EXPECT_EQ(row.flashStatus, ECMATCHES);
+    EXPECT_TRUE(std::filesystem::exists(directory.path("f1.dat.force")));
 }
 
 TEST_F(Update, FindsNoFileForTheComponent) {
     const flashEntry& row = add_device(0x0102);
-    EXPECT_EQ(0, pass());
-    EXPECT_EQ(NOFLASHFILE, row.flashStatus);
+    EXPECT_EQ(pass(), 0);
+    EXPECT_EQ(row.flashStatus, NOFLASHFILE);
     add_file({.component = 1, .level = 0x0109});
     FlashFile& other = add_file({.level = 0x0109});
     other.product_id = product + 1;
-    EXPECT_EQ(0, pass());
-    EXPECT_EQ(NOFLASHFILE, row.flashStatus);
+    EXPECT_EQ(pass(), 0);
+    EXPECT_EQ(row.flashStatus, NOFLASHFILE);
     numberOfusbFlashFiles = -1;
     files[0].comp_id = 0;
-    EXPECT_EQ(0, pass());
-    EXPECT_EQ(NOFLASHFILE, row.flashStatus);
+    EXPECT_EQ(pass(), 0);
+    EXPECT_EQ(row.flashStatus, NOFLASHFILE);
 }
 
 TEST_F(Update, NamesAFileThatCantBeOpened) {
     add_file({.level = 0x0109});
     std::filesystem::remove(file_name());
     const flashEntry& row = add_device(0x0102);
-    EXPECT_EQ(0, pass());
-    EXPECT_EQ(NOFLASHFILE, row.flashStatus);
-    EXPECT_EQ(1, logged("No flash file for PID: 4123 C COMP: 0"));
+    EXPECT_EQ(pass(), 0);
+    EXPECT_EQ(row.flashStatus, NOFLASHFILE);
+    EXPECT_EQ(logged("No flash file for PID: 4123 C COMP: 0"), 1);
 }
 
 TEST_F(Update, LooksOneRowPastTheCount) {
     add_file({.level = 0x0109});
     numberOfusbFlashFiles = 0;
     add_device(0x0102);
-    EXPECT_EQ(1, pass());
+    EXPECT_EQ(pass(), 1);
     add_file({.component = 7});
     add_file({.component = 7});
     FlashFile& far = add_file({.level = 0x0109});
     files[0].product_id = 0;
     numberOfusbFlashFiles = 1;
-    EXPECT_EQ(0, pass());
-    EXPECT_EQ(product, far.product_id);
+    EXPECT_EQ(pass(), 0);
+    EXPECT_EQ(far.product_id, product);
 }
 
 TEST_F(Update, NeverLooksPastTheTable) {
@@ -246,29 +323,29 @@ TEST_F(Update, NeverLooksPastTheTable) {
         numberOfusbFlashFiles = count;
         flash->numberOfFlashEntries = 0;
         add_device(0x0102);
-        EXPECT_EQ(1, pass()) << count;
+        EXPECT_EQ(pass(), 1) << count;
     }
     files[255] = {};
     comp_update_id = 5;
-    EXPECT_EQ(0, pass());
-    EXPECT_EQ(5, files[255].comp_id);
+    EXPECT_EQ(pass(), 0);
+    EXPECT_EQ(files[255].comp_id, 5);
 }
 
 TEST_F(Update, TellsOfAVersionMismatchAndGoesOn) {
     add_file({.level = 0x0209});
     add_file({.level = 0x0109});
     add_device(0x0102);
-    EXPECT_EQ(1, pass());
-    EXPECT_EQ(1, logged("PID: 4123 COMP: 0 - Version mismatch (file=2, device=1)"));
-    EXPECT_EQ(1, logged("Firmware file found:  " + file_name(1)));
+    EXPECT_EQ(pass(), 1);
+    EXPECT_EQ(logged("PID: 4123 COMP: 0 - Version mismatch (file=2, device=1)"), 1);
+    EXPECT_EQ(logged("Firmware file found:  " + file_name(1)), 1);
 }
 
 TEST_F(Update, SkipsTheVersionCheckWhenAsked) {
     skip_version_check = 1;
     add_file({.level = 0x0209});
     add_device(0x0102);
-    EXPECT_EQ(1, pass());
-    EXPECT_EQ(0, log.count("Version mismatch"));
+    EXPECT_EQ(pass(), 1);
+    EXPECT_EQ(log.count("Version mismatch"), 0);
 }
 
 TEST_F(Update, ALettersVersionDigitIsItsCharacterMinusZero) {
@@ -278,12 +355,12 @@ TEST_F(Update, ALettersVersionDigitIsItsCharacterMinusZero) {
         const flashEntry& row = add_device(0x0A10 + letter * 0x100);
         file.ec_level = 0x1F00;
         file.ec_version = 10 + letter;
-        EXPECT_EQ(0, pass());
-        EXPECT_EQ(NOFLASHFILE, row.flashStatus);
+        EXPECT_EQ(pass(), 0);
+        EXPECT_EQ(row.flashStatus, NOFLASHFILE);
         file.ec_version = 49 + letter;
-        EXPECT_EQ(1, pass()) << letter;
+        EXPECT_EQ(pass(), 1) << letter;
     }
-    EXPECT_EQ(1, logged("PID: 4123 COMP: 0 - Version mismatch (file=a, device=31)"));
+    EXPECT_EQ(logged("PID: 4123 COMP: 0 - Version mismatch (file=a, device=31)"), 1);
 }
 
 TEST_F(Update, RewritesTheFilesComponentsWhenAsked) {
@@ -291,9 +368,9 @@ TEST_F(Update, RewritesTheFilesComponentsWhenAsked) {
     add_file({.component = 0, .level = 0x0109});
     flashEntry& row = add_device(0x0102);
     add_component(row, 3, 0x0102);
-    EXPECT_EQ(0, pass(0));
-    EXPECT_EQ(3, files[0].comp_id);
-    EXPECT_EQ(1, pass(1));
+    EXPECT_EQ(pass(0), 0);
+    EXPECT_EQ(files[0].comp_id, 3);
+    EXPECT_EQ(pass(1), 1);
 }
 
 TEST_F(Update, SkipsRowsThatAreNotSelectedOrGone) {
@@ -301,10 +378,10 @@ TEST_F(Update, SkipsRowsThatAreNotSelectedOrGone) {
     add_device(0x0102).flashStatus = NOFLASHALLOWED;
     add_device(0x0102).flashStatus = FLASHDEVICEGONE;
     add_device(0x0102).flashStatus = FLASHWRITEERROR;
-    EXPECT_EQ(1, pass());
-    EXPECT_EQ(NOFLASHALLOWED, flash->fe[0].flashStatus);
-    EXPECT_EQ(FLASHDEVICEGONE, flash->fe[1].flashStatus);
-    EXPECT_EQ(FLASHSUCCESS, flash->fe[2].flashStatus);
+    EXPECT_EQ(pass(), 1);
+    EXPECT_EQ(flash->fe[0].flashStatus, NOFLASHALLOWED);
+    EXPECT_EQ(flash->fe[1].flashStatus, FLASHDEVICEGONE);
+    EXPECT_EQ(flash->fe[2].flashStatus, FLASHSUCCESS);
 }
 
 TEST_F(Update, EachPassVisitsItsComponents) {
@@ -314,13 +391,13 @@ TEST_F(Update, EachPassVisitsItsComponents) {
     flashEntry& row = add_device(0x0102);
     add_component(row, 1, 0x0102);
     add_component(row, 19, 0x0102);
-    EXPECT_EQ(1, pass(0));
+    EXPECT_EQ(pass(0), 1);
     reset_needed = 0;
-    EXPECT_EQ(2, pass(1));
-    EXPECT_EQ(0, reset_needed);
-    EXPECT_EQ(1, pass(19));
-    EXPECT_EQ(0, pass(20));
-    EXPECT_EQ(0, pass(1000));
+    EXPECT_EQ(pass(1), 2);
+    EXPECT_EQ(reset_needed, 0);
+    EXPECT_EQ(pass(19), 1);
+    EXPECT_EQ(pass(20), 0);
+    EXPECT_EQ(pass(1000), 0);
 }
 
 TEST_F(Update, NamesTypesAndControls) {
@@ -332,7 +409,7 @@ TEST_F(Update, NamesTypesAndControls) {
         flash->numberOfFlashEntries = 0;
         flashEntry& row = add_device(0x0102, 0, -1);
         row.component[0].comp_type = values[i];
-        EXPECT_EQ(1, pass());
+        EXPECT_EQ(pass(), 1);
         const std::string middle =
             std::string("PID: 4123  COMP: 00  TYPE: ") + types[i] + "  CONTROL:              EC: ";
         EXPECT_GE(logged("  File   - " + middle + "01.09.00"), 1) << values[i];
@@ -344,11 +421,11 @@ TEST_F(Update, ACheckSendsNothing) {
     FlashPeripheral& device = bus.add(product);
     add_file({.level = 0x0109});
     add_row(device, 0x0102);
-    EXPECT_EQ(1, pass());
-    EXPECT_EQ(1, reset_needed);
+    EXPECT_EQ(pass(), 1);
+    EXPECT_EQ(reset_needed, 1);
     EXPECT_TRUE(device.commands().empty());
     EXPECT_TRUE(usb.calls().empty());
-    EXPECT_EQ(0, flash->CurrentIndex);
+    EXPECT_EQ(flash->CurrentIndex, 0);
 }
 
 TEST_F(Update, TellsEachDecisionOnTheConsole) {
@@ -369,33 +446,32 @@ TEST_F(Update, TellsEachDecisionOnTheConsole) {
         "Firmware update of Product ID 4123 COMP: 0 finished, rc=0\n"
         "Main component (0) of device 4123 updated.\n"
         "Sleeping for 2000 milliseconds before using device again\n";
-    EXPECT_EQ(found +
+    EXPECT_EQ(console_of(1, 0, decide),
+              found +
                   "  Device - PID: 4123  COMP: 00  TYPE: FW   CONTROL: Random       EC: 01.03.00 "
                   "(SN='SN-7')\n"
                   "    Random version control for Product ID: 4123 COMP: 0 (from: 01.03.00 -> to: "
                   "01.02.00)\n" +
-                  updated,
-              console_of(1, 0, decide));
+                  updated);
     row.component[0].ec_level = 0x0102;
     const std::string equal = found +
                               "  Device - PID: 4123  COMP: 00  TYPE: FW   CONTROL: Random       "
                               "EC: 01.02.00 (SN='SN-7')\n";
-    EXPECT_EQ(equal +
+    EXPECT_EQ(console_of(1, 0, decide),
+              equal +
                   "    Random control with file and device EC levels equal, no update needed for "
-                  "PID: 4123  COMP: 0\n",
-              console_of(1, 0, decide));
+                  "PID: 4123  COMP: 0\n");
     force_update = 1;
-    EXPECT_EQ(equal +
+    EXPECT_EQ(console_of(1, 0, decide),
+              equal +
                   "    Force update for Product ID: 4123 COMP: 0 (from: 01.02.00 -> to: "
                   "01.02.00)\n" +
-                  updated,
-              console_of(1, 0, decide));
+                  updated);
     std::filesystem::remove(file_name(1));
-    EXPECT_EQ(
-        "PID: 4123 COMP: 0 - Version mismatch (file=2, device=1)\n"
-        "No flash file for PID: 4123 C COMP: 0\n",
-        console_of(1, 0, decide));
-    EXPECT_EQ("", console_of(0, 0, decide));
+    EXPECT_EQ(console_of(1, 0, decide),
+              "PID: 4123 COMP: 0 - Version mismatch (file=2, device=1)\n"
+              "No flash file for PID: 4123 C COMP: 0\n");
+    EXPECT_EQ(console_of(0, 0, decide), "");
 }
 
 TEST_F(Update, ManyComponentsNeedARestAfterTheMainOne) {
@@ -404,16 +480,18 @@ TEST_F(Update, ManyComponentsNeedARestAfterTheMainOne) {
     reset_sleep_timeout = 2345;
     flashEntry& row = add_device(0x0102);
     add_component(row, 1, 0x0102);
-    EXPECT_EQ(1, pass(0));
+    EXPECT_EQ(pass(0), 1);
     EXPECT_TRUE(sleeps.slept().empty());
     row.component_count = 3;
-    EXPECT_EQ(1, pass(0));
-    EXPECT_EQ(std::vector<long>{2345}, sleeps.slept());
-    EXPECT_EQ(1, logged("Main component (0) of device 4123 updated."));
-    EXPECT_EQ(1, logged("Sleeping for 2345 milliseconds before using device again"));
-    EXPECT_EQ(1, pass(1));
-    EXPECT_EQ(1U, sleeps.slept().size());
+    EXPECT_EQ(pass(0), 1);
+    EXPECT_EQ(sleeps.slept(), std::vector<long>{2345});
+    EXPECT_EQ(logged("Main component (0) of device 4123 updated."), 1);
+    EXPECT_EQ(logged("Sleeping for 2345 milliseconds before using device again"), 1);
+    EXPECT_EQ(pass(1), 1);
+    EXPECT_EQ(sleeps.slept().size(), 1U);
 }
+
+namespace {
 
 /// Whole updates of scripted peripherals.
 class Flashing : public Update {
@@ -435,25 +513,27 @@ class Flashing : public Update {
 const Bytes record{0x07, 0x00, 0x02, 0x00, 0x01, 0x10, 0x00, 0x00, 0x01};
 const Bytes checksum{0x05, 0x00, 0x02, 0x00, 0x00, 0xAB, 0xCD};
 
+}  // namespace
+
 TEST_F(Flashing, ErasesSendsAndResetsTheMainComponent) {
     FlashPeripheral& device = bus.add(product);
     add_file({.level = 0x0109});
     flashEntry& row = attach(device);
-    EXPECT_EQ(1, pass());
-    EXPECT_EQ((std::vector<Bytes>{wire::erase, record, checksum, wire::reset, wire::stop}),
-              device.commands());
-    EXPECT_EQ(FLASHSUCCESS, row.flashStatus);
-    EXPECT_EQ(1, row.resetDevice);
-    EXPECT_EQ(1, reset_needed);
-    EXPECT_EQ(1, flash->send_count);
-    EXPECT_EQ(1, flash->CurrentIndex);
-    EXPECT_EQ(0, global_reading_information);
-    EXPECT_EQ(nullptr, flash->hiddev);
-    EXPECT_EQ(1, logged("Erase completed, now sending 1 firmware update records from file"));
-    EXPECT_EQ(1, logged("Reset needed after update completes"));
-    EXPECT_EQ(1, logged("Reset to be done for PID 4123"));
+    EXPECT_EQ(pass(), 1);
+    EXPECT_EQ(device.commands(),
+              (std::vector<Bytes>{wire::erase, record, checksum, wire::reset, wire::stop}));
+    EXPECT_EQ(row.flashStatus, FLASHSUCCESS);
+    EXPECT_EQ(row.resetDevice, 1);
+    EXPECT_EQ(reset_needed, 1);
+    EXPECT_EQ(flash->send_count, 1);
+    EXPECT_EQ(flash->CurrentIndex, 1);
+    EXPECT_EQ(global_reading_information, 0);
+    EXPECT_EQ(flash->hiddev, nullptr);
+    EXPECT_EQ(logged("Erase completed, now sending 1 firmware update records from file"), 1);
+    EXPECT_EQ(logged("Reset needed after update completes"), 1);
+    EXPECT_EQ(logged("Reset to be done for PID 4123"), 1);
     EXPECT_TRUE(threads.all_ended_within(10000));
-    EXPECT_EQ(0, threads.unreclaimed());
+    EXPECT_EQ(threads.unreclaimed(), 0);
 }
 
 TEST_F(Flashing, OtherComponentsAreNotReset) {
@@ -463,10 +543,10 @@ TEST_F(Flashing, OtherComponentsAreNotReset) {
     add_component(row, 1, 0x0102);
     row.resetDevice = 1;
     reset_needed = 1;
-    EXPECT_EQ(1, pass(1));
-    EXPECT_EQ(0, device.count(wire::reset));
-    EXPECT_EQ(0, row.resetDevice);
-    EXPECT_EQ(0, log.count("Reset needed"));
+    EXPECT_EQ(pass(1), 1);
+    EXPECT_EQ(device.count(wire::reset), 0);
+    EXPECT_EQ(row.resetDevice, 0);
+    EXPECT_EQ(log.count("Reset needed"), 0);
 }
 
 TEST_F(Flashing, CommandsAreFinalWhileAnUpdateRuns) {
@@ -479,19 +559,19 @@ TEST_F(Flashing, CommandsAreFinalWhileAnUpdateRuns) {
             information_at_erase = global_reading_information;
         }
     };
-    EXPECT_EQ(1, pass());
-    EXPECT_EQ(1, information_at_erase);
+    EXPECT_EQ(pass(), 1);
+    EXPECT_EQ(information_at_erase, 1);
 }
 
 TEST_F(Flashing, ADeviceThatCantBeOpenedCountsAsUpdated) {
     add_file({.level = 0x0109});
     flashEntry& row = add_device(0x0102);
-    EXPECT_EQ(1, pass());
-    EXPECT_EQ(FLASHSUCCESS, row.flashStatus);
-    EXPECT_EQ(0, reset_needed);
-    EXPECT_EQ(1, log.count("Could not get open status for '"));
-    EXPECT_EQ(1, debugged("0: close_device_after_use: closing handles"));
-    EXPECT_EQ(1, logged("Firmware update of Product ID 4123 COMP: 0 finished, rc=0"));
+    EXPECT_EQ(pass(), 1);
+    EXPECT_EQ(row.flashStatus, FLASHSUCCESS);
+    EXPECT_EQ(reset_needed, 0);
+    EXPECT_EQ(log.count("Could not get open status for '"), 1);
+    EXPECT_EQ(debugged("0: close_device_after_use: closing handles"), 1);
+    EXPECT_EQ(logged("Firmware update of Product ID 4123 COMP: 0 finished, rc=0"), 1);
 }
 
 TEST_F(Flashing, SoDoesADeviceWithBackgroundReadingOff) {
@@ -499,8 +579,8 @@ TEST_F(Flashing, SoDoesADeviceWithBackgroundReadingOff) {
     background_read = 0;
     add_file({.level = 0x0109});
     attach(device);
-    EXPECT_EQ(0, flash_row(0));
-    EXPECT_EQ(0, device.count(wire::erase));
+    EXPECT_EQ(flash_row(0), 0);
+    EXPECT_EQ(device.count(wire::erase), 0);
 }
 
 TEST_F(Flashing, ADeviceThatThereIsNoMemoryForIsGone) {
@@ -510,9 +590,9 @@ TEST_F(Flashing, ADeviceThatThereIsNoMemoryForIsGone) {
     fail_nothrow_new(true);
     const int rc = flash_row(0);
     fail_nothrow_new(false);
-    EXPECT_EQ(FLASHDEVICEGONE, rc);
-    EXPECT_EQ(1, debugged("Could not open '" + std::string(row.DevicePath) + "'"));
-    EXPECT_EQ(0, debugged("Getting components for 4123"));
+    EXPECT_EQ(rc, FLASHDEVICEGONE);
+    EXPECT_EQ(debugged("Could not open '" + std::string(row.DevicePath) + "'"), 1);
+    EXPECT_EQ(debugged("Getting components for 4123"), 0);
     EXPECT_TRUE(device.commands().empty());
 }
 
@@ -521,16 +601,17 @@ TEST_F(Flashing, AFailedEraseIsAWriteError) {
     device.answers[wire::erase] = {{0x40}};
     add_file({.level = 0x0109});
     flashEntry& row = attach(device);
-    EXPECT_EQ(-2, pass());
-    EXPECT_EQ(FLASHWRITEERROR, row.flashStatus);
-    EXPECT_EQ(0, device.count(record));
-    EXPECT_EQ(0, device.count(wire::reset));
-    EXPECT_EQ(0, reset_needed);
-    EXPECT_EQ(1, logged("Erase of flash image area failed, rc=2"));
-    EXPECT_EQ(1, logged("Firmware update FAILED"));
-    EXPECT_EQ(1, logged("Firmware update of Product ID 4123 COMP: 0 finished, rc=2"));
-    EXPECT_EQ(1, logged("Update failed of Product ID 4123 COMP: 0 finished, rc=2, stopping "
-                        "update"));
+    EXPECT_EQ(pass(), -2);
+    EXPECT_EQ(row.flashStatus, FLASHWRITEERROR);
+    EXPECT_EQ(device.count(record), 0);
+    EXPECT_EQ(device.count(wire::reset), 0);
+    EXPECT_EQ(reset_needed, 0);
+    EXPECT_EQ(logged("Erase of flash image area failed, rc=2"), 1);
+    EXPECT_EQ(logged("Firmware update FAILED"), 1);
+    EXPECT_EQ(logged("Firmware update of Product ID 4123 COMP: 0 finished, rc=2"), 1);
+    EXPECT_EQ(logged("Update failed of Product ID 4123 COMP: 0 finished, rc=2, stopping "
+                     "update"),
+              1);
 }
 
 TEST_F(Flashing, AFailedTransferIsResetAllTheSame) {
@@ -538,10 +619,10 @@ TEST_F(Flashing, AFailedTransferIsResetAllTheSame) {
     device.answers[record] = {{0x80}};
     add_file({.level = 0x0109});
     attach(device);
-    EXPECT_EQ(-2, pass());
-    EXPECT_EQ(1, device.count(wire::reset));
-    EXPECT_EQ(1, flash->fe[0].resetDevice);
-    EXPECT_EQ(1, reset_needed);
+    EXPECT_EQ(pass(), -2);
+    EXPECT_EQ(device.count(wire::reset), 1);
+    EXPECT_EQ(flash->fe[0].resetDevice, 1);
+    EXPECT_EQ(reset_needed, 1);
 }
 
 TEST_F(Flashing, AFailedEraseIsResetWhenThePassNeedsAReset) {
@@ -550,9 +631,9 @@ TEST_F(Flashing, AFailedEraseIsResetWhenThePassNeedsAReset) {
     add_file({.level = 0x0109});
     attach(device);
     reset_needed = 1;
-    EXPECT_EQ(2, flash_row(0));
-    EXPECT_EQ(1, device.count(wire::reset));
-    EXPECT_EQ(1, flash->fe[0].resetDevice);
+    EXPECT_EQ(flash_row(0), 2);
+    EXPECT_EQ(device.count(wire::reset), 1);
+    EXPECT_EQ(flash->fe[0].resetDevice, 1);
 }
 
 TEST_F(Flashing, MapsTheCodesFromBelow) {
@@ -560,21 +641,21 @@ TEST_F(Flashing, MapsTheCodesFromBelow) {
     add_file({.component = 1, .level = 0x0109});
     attach(device);
     device.next_write_results = {LIBUSB_ERROR_NO_DEVICE};
-    EXPECT_EQ(FLASHDEVICEGONE, flash_row(0, 1));
-    EXPECT_EQ(1, logged("Erase of flash image area failed, rc=13"));
+    EXPECT_EQ(flash_row(0, 1), FLASHDEVICEGONE);
+    EXPECT_EQ(logged("Erase of flash image area failed, rc=13"), 1);
     device.next_write_results = {LIBUSB_ERROR_PIPE};
-    EXPECT_EQ(FLASHWRITEERROR, flash_row(0, 1));
+    EXPECT_EQ(flash_row(0, 1), FLASHWRITEERROR);
     erase_timeout = 30;
     device.answers[wire::erase] = {};
-    EXPECT_EQ(FLASHWRITEERROR, flash_row(0, 1));
-    EXPECT_EQ(1, logged("Erase of flash image area failed, rc=7"));
+    EXPECT_EQ(flash_row(0, 1), FLASHWRITEERROR);
+    EXPECT_EQ(logged("Erase of flash image area failed, rc=7"), 1);
     erase_timeout = 3000;
     device.answers.erase(wire::erase);
     directory.write("f0.dat", FirmwareBytes("41230102").record(0x10, 0, {1}));
-    EXPECT_EQ(FILECORRUPTED, flash_row(0, 1));
+    EXPECT_EQ(flash_row(0, 1), FILECORRUPTED);
     directory.write("f0.dat", FirmwareBytes("41230102").raw({0, 1}));
-    EXPECT_EQ(FLASHWRITEERROR, flash_row(0, 1));
-    EXPECT_EQ(5, logged("Firmware update FAILED"));
+    EXPECT_EQ(flash_row(0, 1), FLASHWRITEERROR);
+    EXPECT_EQ(logged("Firmware update FAILED"), 5);
 }
 
 TEST_F(Flashing, AResetThatTheDeviceDropsOffAtIsASuccess) {
@@ -586,9 +667,9 @@ TEST_F(Flashing, AResetThatTheDeviceDropsOffAtIsASuccess) {
             device.next_write_results = {0, LIBUSB_ERROR_PIPE};
         }
     };
-    EXPECT_EQ(0, flash_row(0));
-    EXPECT_EQ(1, logged("Reset sent, write failure expected!"));
-    EXPECT_EQ(0, log.count("Reset failed for PID"));
+    EXPECT_EQ(flash_row(0), 0);
+    EXPECT_EQ(logged("Reset sent, write failure expected!"), 1);
+    EXPECT_EQ(log.count("Reset failed for PID"), 0);
 }
 
 TEST_F(Flashing, AFailedResetIsTheResultOfAGoodUpdate) {
@@ -604,13 +685,13 @@ TEST_F(Flashing, AFailedResetIsTheResultOfAGoodUpdate) {
             device.report({0x01});
         }
     };
-    EXPECT_EQ(2, flash_row(0));
-    EXPECT_EQ(0, device.count(wire::reset));
-    EXPECT_EQ(1, flash->fe[0].resetDevice);
-    EXPECT_EQ(FLASHWRITEERROR, flash->fe[0].flashStatus);
-    EXPECT_EQ(1, logged("Reset failed for PID 4123, rc=2"));
-    EXPECT_EQ(0, logged("Firmware update FAILED"));
-    ASSERT_NE(nullptr, taken);
+    EXPECT_EQ(flash_row(0), 2);
+    EXPECT_EQ(device.count(wire::reset), 0);
+    EXPECT_EQ(flash->fe[0].resetDevice, 1);
+    EXPECT_EQ(flash->fe[0].flashStatus, FLASHWRITEERROR);
+    EXPECT_EQ(logged("Reset failed for PID 4123, rc=2"), 1);
+    EXPECT_EQ(logged("Firmware update FAILED"), 0);
+    ASSERT_NE(taken, nullptr);
     taken->CloseWriteHandle();
     taken->CloseReadHandle();
     EXPECT_TRUE(threads.all_ended_within(10000));
@@ -626,8 +707,8 @@ TEST_F(Flashing, StopsTheReaderBeforeTheReset) {
             stopped_at_reset = flash->ThreadTable[0].stopped;
         }
     };
-    EXPECT_EQ(0, flash_row(0));
-    EXPECT_EQ(1, stopped_at_reset);
+    EXPECT_EQ(flash_row(0), 0);
+    EXPECT_EQ(stopped_at_reset, 1);
 }
 
 TEST_F(Flashing, StopsAtAFailureButVisitsTheRowsBehindIt) {
@@ -642,11 +723,11 @@ TEST_F(Flashing, StopsAtAFailureButVisitsTheRowsBehindIt) {
         add_component(row, 2, 0x0102);
     }
     // Minus the code, and the two successes count up from there.
-    EXPECT_EQ(0, pass(1));
-    EXPECT_EQ(1, bad.count(wire::erase));
-    EXPECT_EQ(2, good.count(wire::erase));
-    EXPECT_EQ(FLASHWRITEERROR, flash->fe[0].flashStatus);
-    EXPECT_EQ(FLASHSUCCESS, flash->fe[1].flashStatus);
+    EXPECT_EQ(pass(1), 0);
+    EXPECT_EQ(bad.count(wire::erase), 1);
+    EXPECT_EQ(good.count(wire::erase), 2);
+    EXPECT_EQ(flash->fe[0].flashStatus, FLASHWRITEERROR);
+    EXPECT_EQ(flash->fe[1].flashStatus, FLASHSUCCESS);
 }
 
 TEST_F(Flashing, AFailureReplacesEarlierSuccesses) {
@@ -656,7 +737,7 @@ TEST_F(Flashing, AFailureReplacesEarlierSuccesses) {
     add_file({.level = 0x0109});
     attach(good);
     attach(bad);
-    EXPECT_EQ(-2, pass());
+    EXPECT_EQ(pass(), -2);
 }
 
 TEST_F(Flashing, GoesOnAfterAFailureWhenAsked) {
@@ -671,12 +752,14 @@ TEST_F(Flashing, GoesOnAfterAFailureWhenAsked) {
         add_component(row, 1, 0x0102);
         add_component(row, 2, 0x0102);
     }
-    EXPECT_EQ(2, pass(1));
-    EXPECT_EQ(2, bad.count(wire::erase));
-    EXPECT_EQ(1, logged("Update failed of Product ID 4123 COMP: 1 finished, rc=2, continue to next "
-                        "device"));
-    EXPECT_EQ(1, logged("Update failed of Product ID 4123 COMP: 2 finished, rc=2, continue to next "
-                        "device"));
+    EXPECT_EQ(pass(1), 2);
+    EXPECT_EQ(bad.count(wire::erase), 2);
+    EXPECT_EQ(logged("Update failed of Product ID 4123 COMP: 1 finished, rc=2, continue to next "
+                     "device"),
+              1);
+    EXPECT_EQ(logged("Update failed of Product ID 4123 COMP: 2 finished, rc=2, continue to next "
+                     "device"),
+              1);
 }
 
 TEST_F(Flashing, TellsWhenADeviceIsGone) {
@@ -684,16 +767,18 @@ TEST_F(Flashing, TellsWhenADeviceIsGone) {
     add_file({.level = 0x0109});
     flashEntry& row = attach(device);
     device.next_write_results = {LIBUSB_ERROR_NO_DEVICE};
-    EXPECT_EQ(-5, pass());
-    EXPECT_EQ(FLASHDEVICEGONE, row.flashStatus);
-    EXPECT_EQ(1, logged("Device gone while firmware update of Product ID 4123 COMP: 0 finished, "
-                        "stopping update"));
+    EXPECT_EQ(pass(), -5);
+    EXPECT_EQ(row.flashStatus, FLASHDEVICEGONE);
+    EXPECT_EQ(logged("Device gone while firmware update of Product ID 4123 COMP: 0 finished, "
+                     "stopping update"),
+              1);
     row.flashStatus = NOFLASHATTEMPT;
     continue_on_failure = 1;
     device.next_write_results = {LIBUSB_ERROR_NO_DEVICE};
-    EXPECT_EQ(0, pass());
-    EXPECT_EQ(1, logged("Device gone while firmware update of Product ID 4123 COMP: 0 finished, "
-                        "continue to next device"));
+    EXPECT_EQ(pass(), 0);
+    EXPECT_EQ(logged("Device gone while firmware update of Product ID 4123 COMP: 0 finished, "
+                     "continue to next device"),
+              1);
 }
 
 TEST_F(Flashing, TellsOfFailuresOnTheConsole) {
@@ -721,9 +806,9 @@ TEST_F(Flashing, TellsOfFailuresOnTheConsole) {
     for (const bool goes_on : {false, true}) {
         continue_on_failure = goes_on ? 1 : 0;
         const std::string end = goes_on ? "continue to next device\n" : "stopping update\n";
-        EXPECT_EQ(failed + end, told_behind_the_start());
+        EXPECT_EQ(told_behind_the_start(), failed + end);
         device.next_write_results = {LIBUSB_ERROR_NO_DEVICE};
-        EXPECT_EQ(gone + end, told_behind_the_start());
+        EXPECT_EQ(told_behind_the_start(), gone + end);
     }
 }
 
@@ -736,9 +821,9 @@ TEST_F(Flashing, ADeviceThatIsUnpluggedInTheMiddleFails) {
             device.unplug();
         }
     };
-    EXPECT_EQ(FLASHDEVICEGONE, flash_row(0, 1));
-    EXPECT_EQ(nullptr, flash->hiddev);
-    EXPECT_EQ(0, usb.live_handles);
+    EXPECT_EQ(flash_row(0, 1), FLASHDEVICEGONE);
+    EXPECT_EQ(flash->hiddev, nullptr);
+    EXPECT_EQ(usb.live_handles, 0);
 }
 
 TEST_F(Flashing, ADeviceThatIsClosedWhileItIsWaitedForIsGone) {
@@ -751,9 +836,9 @@ TEST_F(Flashing, ADeviceThatIsClosedWhileItIsWaitedForIsGone) {
             flash->ThreadTable[0].device_closed = 1;
         }
     };
-    EXPECT_EQ(FLASHDEVICEGONE, flash_row(0, 1));
-    EXPECT_EQ(1, logged("Read failed on status of command, rc=13"));
-    EXPECT_EQ(FLASHDEVICEGONE, flash->fe[0].flashStatus);
+    EXPECT_EQ(flash_row(0, 1), FLASHDEVICEGONE);
+    EXPECT_EQ(logged("Read failed on status of command, rc=13"), 1);
+    EXPECT_EQ(flash->fe[0].flashStatus, FLASHDEVICEGONE);
 }
 
 TEST_F(Flashing, AMarkerSurvivesAFailure) {
@@ -762,8 +847,8 @@ TEST_F(Flashing, AMarkerSurvivesAFailure) {
     add_file({.level = 0x0101});
     directory.write("f0.dat.force", std::string());
     flashEntry& row = attach(device);
-    EXPECT_EQ(-2, pass());
-    EXPECT_EQ(FLASHWRITEERROR, row.flashStatus);
+    EXPECT_EQ(pass(), -2);
+    EXPECT_EQ(row.flashStatus, FLASHWRITEERROR);
     EXPECT_TRUE(std::filesystem::exists(directory.path("f0.dat.force")));
 }
 
@@ -772,13 +857,15 @@ TEST_F(Flashing, SaysOnTheConsoleWhatHappensToADevice) {
     add_file({.level = 0x0109});
     attach(device);
     const std::string shown = console_of(1, 0, [this] { pass(); });
-    EXPECT_NE(std::string::npos, shown.find("    Starting firmware update of Product ID 4123"));
-    EXPECT_NE(std::string::npos, shown.find(" %100 complete\n"));
-    EXPECT_NE(std::string::npos, shown.find("Reset to be done for PID 4123\n"));
-    EXPECT_EQ(std::string::npos, shown.find("Erase completed"));
-    EXPECT_EQ(std::string::npos, shown.find("Reset needed"));
-    EXPECT_EQ(std::string::npos, shown.find("Checksums written"));
+    EXPECT_NE(shown.find("    Starting firmware update of Product ID 4123"), std::string::npos);
+    EXPECT_NE(shown.find(" %100 complete\n"), std::string::npos);
+    EXPECT_NE(shown.find("Reset to be done for PID 4123\n"), std::string::npos);
+    EXPECT_EQ(shown.find("Erase completed"), std::string::npos);
+    EXPECT_EQ(shown.find("Reset needed"), std::string::npos);
+    EXPECT_EQ(shown.find("Checksums written"), std::string::npos);
 }
+
+namespace {
 
 /// Files that change between their listing and their update.
 class ChangedFile : public Flashing {
@@ -790,18 +877,20 @@ class ChangedFile : public Flashing {
     void expect_not_sent(const std::string& reason) {
         row.flashStatus = NOFLASHATTEMPT;
         const int told = logged("No flash file for PID: 4123 C COMP: 0");
-        EXPECT_EQ(0, pass());
-        EXPECT_EQ(NOFLASHFILE, row.flashStatus);
+        EXPECT_EQ(pass(), 0);
+        EXPECT_EQ(row.flashStatus, NOFLASHFILE);
         EXPECT_TRUE(device.commands().empty());
-        EXPECT_EQ(0, log.count("Starting firmware update"));
+        EXPECT_EQ(log.count("Starting firmware update"), 0);
         EXPECT_GE(logged("File '" + file_name() + "' is not sent: " + reason), 1) << reason;
-        EXPECT_EQ(told + 1, logged("No flash file for PID: 4123 C COMP: 0"));
+        EXPECT_EQ(logged("No flash file for PID: 4123 C COMP: 0"), told + 1);
     }
     static constexpr char other_file[] = "it is not the file that was listed";
 
     FlashPeripheral& device = bus.add(product);
     flashEntry& row;
 };
+
+}  // namespace
 
 TEST_F(ChangedFile, OfAnotherProductIsNotSent) {
     replace(FirmwareBytes("41240109").record(0x10, 0, {1}).end());
@@ -832,8 +921,8 @@ TEST_F(ChangedFile, ThatIsEmptyIsNotSent) {
 
 TEST_F(ChangedFile, OfEveryDeviceIsTakenAsItIsThen) {
     replace(FirmwareBytes("41230109").record(0x10, 0, {2}).end());
-    EXPECT_EQ(1, pass());
-    EXPECT_EQ(1, device.count({0x07, 0x00, 0x02, 0x00, 0x01, 0x10, 0x00, 0x00, 0x02}));
+    EXPECT_EQ(pass(), 1);
+    EXPECT_EQ(device.count({0x07, 0x00, 0x02, 0x00, 0x01, 0x10, 0x00, 0x00, 0x02}), 1);
 }
 
 TEST_F(ChangedFile, IsSentAsItWasBeforeTheErase) {
@@ -842,10 +931,10 @@ TEST_F(ChangedFile, IsSentAsItWasBeforeTheErase) {
             std::filesystem::resize_file(file_name(), 9);
         }
     };
-    EXPECT_EQ(1, pass());
-    EXPECT_EQ(FLASHSUCCESS, row.flashStatus);
-    EXPECT_EQ((std::vector<Bytes>{wire::erase, record, checksum, wire::reset, wire::stop}),
-              device.commands());
+    EXPECT_EQ(pass(), 1);
+    EXPECT_EQ(row.flashStatus, FLASHSUCCESS);
+    EXPECT_EQ(device.commands(),
+              (std::vector<Bytes>{wire::erase, record, checksum, wire::reset, wire::stop}));
 }
 
 TEST_F(ChangedFile, ThatIsHugeByNowIsNotSent) {
@@ -872,8 +961,8 @@ TEST_F(ChangedFile, MayNameAnyComponentWhenOneIsNamedForAll) {
     comp_update_id = 3;
     add_component(row, 3, 0x0102);
     replace(content_of({.component = 5, .level = 0x0109}));
-    EXPECT_EQ(1, pass(1));
-    EXPECT_EQ(1, device.count(wire::erase));
+    EXPECT_EQ(pass(1), 1);
+    EXPECT_EQ(device.count(wire::erase), 1);
 }
 
 TEST_F(ChangedFile, IsComparedByItsRecordsLevelWhenThatIsAskedFor) {
@@ -881,8 +970,8 @@ TEST_F(ChangedFile, IsComparedByItsRecordsLevelWhenThatIsAskedFor) {
     replace(
         FirmwareBytes("41230101").record(0xFF, 2, {0, 9, 1, 0x02, 0}).record(0x10, 0, {1}).end());
     files[0].ec_version = 1;
-    EXPECT_EQ(1, pass());
-    EXPECT_EQ(1, device.count(wire::erase));
+    EXPECT_EQ(pass(), 1);
+    EXPECT_EQ(device.count(wire::erase), 1);
 }
 
 TEST_F(Flashing, SaysWhyNothingWasSentToADevice) {
@@ -891,20 +980,21 @@ TEST_F(Flashing, SaysWhyNothingWasSentToADevice) {
     add_device(0x0102);
     attach(device);
     const auto told = [&](int entry) {
-        return console_of(1, 0, [&] { EXPECT_EQ(0, flash_row(entry)); });
+        return console_of(1, 0, [&] { EXPECT_EQ(flash_row(entry), 0); });
     };
     const std::string start = "Nothing was sent to Product ID 4123 COMP: 0: ";
-    EXPECT_EQ(start + "it can't be opened\n", told(0));
+    EXPECT_EQ(told(0), start + "it can't be opened\n");
     threads.fail_with(EAGAIN);
-    EXPECT_EQ(start +
-                  "no thread can be started to read its answers: Resource temporarily "
-                  "unavailable\n",
-              told(1));
+    EXPECT_EQ(told(1), start +
+                           "no thread can be started to read its answers: Resource temporarily "
+                           "unavailable\n");
     threads.fail_with(0);
     background_read = 0;
-    EXPECT_EQ(start + "background reading is switched off\n", told(1));
-    EXPECT_EQ(0, device.count(wire::erase));
+    EXPECT_EQ(told(1), start + "background reading is switched off\n");
+    EXPECT_EQ(device.count(wire::erase), 0);
 }
+
+namespace {
 
 /// Images in which an answer is missed, or comes twice.
 class Answers : public Flashing {
@@ -926,11 +1016,13 @@ class Answers : public Flashing {
     FlashPeripheral& device = bus.add(product);
 };
 
+}  // namespace
+
 TEST_F(Answers, OneForEachMessageLeaveNoDoubt) {
     device.next_answers[wire::erase] = {{{0x80}}, {{0x01}}};
-    EXPECT_EQ(1, pass());
-    EXPECT_EQ(2, device.count(wire::erase));
-    EXPECT_EQ(0, log.count(doubt));
+    EXPECT_EQ(pass(), 1);
+    EXPECT_EQ(device.count(wire::erase), 2);
+    EXPECT_EQ(log.count(doubt), 0);
 }
 
 TEST_F(Answers, OfABrokenEndpointAreCounted) {
@@ -946,32 +1038,34 @@ TEST_F(Answers, OfABrokenEndpointAreCounted) {
             }
         }
     };
-    EXPECT_EQ(1, pass());
-    EXPECT_EQ(1, log.count(doubt));
-    EXPECT_NE(std::string::npos, log.text().find(" status reports could not be read\n"));
+    EXPECT_EQ(pass(), 1);
+    EXPECT_EQ(log.count(doubt), 1);
+    EXPECT_NE(log.text().find(" status reports could not be read\n"), std::string::npos);
     const std::string text = log.text();
     EXPECT_LT(text.find(doubt), text.find("COMP: 0 finished, rc=0"));
 }
 
 TEST_F(Answers, ThatComeTwiceAreCounted) {
     device.answers[nth_record(3)] = {{0x01}, {0x01}};
-    EXPECT_EQ(1, pass());
-    EXPECT_EQ(1, logged(std::string(doubt) + "1 status report more than messages sent"));
+    EXPECT_EQ(pass(), 1);
+    EXPECT_EQ(logged(std::string(doubt) + "1 status report more than messages sent"), 1);
 }
 
 TEST_F(Answers, OfAnImageThatFailedNeedNoDoubt) {
     device.answers[nth_record(3)] = {{0x80}, {0x80}};
-    EXPECT_EQ(-2, pass());
-    EXPECT_EQ(0, log.count(doubt));
+    EXPECT_EQ(pass(), -2);
+    EXPECT_EQ(log.count(doubt), 0);
 }
 
 TEST_F(Answers, OfTheImageBeforeDoNotCount) {
     device.answers[nth_record(3)] = {{0x01}, {0x01}};
-    EXPECT_EQ(0, flash_row(0));
+    EXPECT_EQ(flash_row(0), 0);
     device.answers.clear();
-    EXPECT_EQ(0, flash_row(0));
-    EXPECT_EQ(1, log.count(doubt));
+    EXPECT_EQ(flash_row(0), 0);
+    EXPECT_EQ(log.count(doubt), 1);
 }
+
+namespace {
 
 /// Images for a device whose output report is short.
 class ShortReport : public Flashing {
@@ -995,36 +1089,36 @@ class ShortReport : public Flashing {
     FlashPeripheral& device = bus.add(product);
 };
 
+}  // namespace
+
 TEST_F(ShortReport, CutsLongRecords) {
     set_report(40);
     write({1, 32, 33, 255, 32, 34});
-    EXPECT_EQ(0U,
-              told().find("Messages are cut short: record 3 needs 41 bytes, the device's report "
-                          "holds 40 (records cut short: 3)\n"));
+    EXPECT_EQ(told().find("Messages are cut short: record 3 needs 41 bytes, the device's report "
+                          "holds 40 (records cut short: 3)\n"),
+              0U);
 }
 
 TEST_F(ShortReport, HoldsItsSizeBesideTheReportId) {
     erase_timeout = 30;
     set_report(40, true);
     write({32});
-    EXPECT_EQ(std::string::npos, told().find("cut short"));
+    EXPECT_EQ(told().find("cut short"), std::string::npos);
     write({33});
-    EXPECT_NE(std::string::npos, told().find("record 1 needs 41 bytes"));
+    EXPECT_NE(told().find("record 1 needs 41 bytes"), std::string::npos);
 }
 
 TEST_F(ShortReport, DoesNotMatterToARecordThatIsNotSent) {
     set_report(40);
     directory.write("f0.dat", FirmwareBytes("41230109").lying_record(60, 0x10, 0, Bytes(50, 7)));
-    EXPECT_EQ(std::string::npos, told().find("cut short"));
+    EXPECT_EQ(told().find("cut short"), std::string::npos);
 }
 
 TEST_F(ShortReport, ThatIsMissingTakesNothing) {
     set_report(40);
     device.usb().report_descriptor.clear();
-    EXPECT_EQ(0U,
-              told().find(
+    EXPECT_EQ(told().find(
                   "The report for messages to the device is not known: without it nothing is sent\n"
-                  "Erase of flash image area failed, rc=8\n"));
+                  "Erase of flash image area failed, rc=8\n"),
+              0U);
 }
-
-}  // namespace

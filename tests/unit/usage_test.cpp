@@ -2,12 +2,12 @@
 
 #include "journal/output.h"
 #include "settings.h"
-#include "support/firmware_bytes.h"
+#include "support/files.h"
+#include "support/output_capture.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <climits>
 #include <string>
 
 using testing::StartsWith;
@@ -15,7 +15,7 @@ using testing::StartsWith;
 namespace {
 
 std::string golden(const std::string& name) {
-    return read_whole_file(std::string(ZELF_GOLDEN_DIR) + "/" + name);
+    return read_file(std::string(ZELF_GOLDEN_DIR) + "/" + name);
 }
 
 /// What a call writes: to the console, and nothing to the log.
@@ -63,17 +63,6 @@ TEST(Usage, ExplainsEveryExitCode) {
                   }
               }),
               golden("exit_codes.txt"));
-}
-
-TEST(Usage, KnowsNoOtherExitCodes) {
-    EXPECT_EQ(printed([] { show_exit_code_description(14); }),
-              "Exit Code 14:  Unrecognized exit code, valid range 0-13\n");
-    EXPECT_EQ(printed([] { show_exit_code_description(-1); }),
-              "Exit Code -1:  Unrecognized exit code, valid range 0-13\n");
-    EXPECT_EQ(printed([] { show_exit_code_description(INT_MAX); }),
-              "Exit Code 2147483647:  Unrecognized exit code, valid range 0-13\n");
-    EXPECT_EQ(printed([] { show_exit_code_description(INT_MIN); }),
-              "Exit Code -2147483648:  Unrecognized exit code, valid range 0-13\n");
 }
 
 TEST(Usage, ShowsTheVersionOnConsoleAndInTheLog) {

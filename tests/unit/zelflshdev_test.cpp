@@ -2,8 +2,6 @@
 
 #include <gtest/gtest.h>
 
-namespace {
-
 TEST(UsbDevice, StartsAtZero) {
     const USBDEV dev;
     EXPECT_EQ(dev.hub, 0);
@@ -47,5 +45,3 @@ TEST(UsbDevice, NeverLooksPastTheTwelfthInterface) {
         EXPECT_EQ(dev.getInterfaceNumber(i), -1);
     }
 }
-
-}  // namespace

@@ -73,6 +73,8 @@ class Enumeration : public testing::Test {
 
 constexpr const char flash_string[] = "Usage=A000 Usage Page=FF45";
 
+}  // namespace
+
 TEST_F(Enumeration, StartsEmpty) {
     const USBENUM empty;
     EXPECT_EQ(empty.numberOfDevices, 0);
@@ -551,5 +553,3 @@ TEST_F(Enumeration, Keeps30HubNames) {
     EXPECT_EQ(names.total_hubs, 30);
     EXPECT_EQ(names.find_hub_number("30"), -1);
 }
-
-}  // namespace

@@ -76,6 +76,8 @@ class HidDevice : public testing::Test {
 
 const std::string reset_command("\x04\x00\x00\x40", 4);
 
+}  // namespace
+
 // --- construction and destruction ---
 
 TEST_F(HidDevice, OpensTheDeviceOfItsPath) {
@@ -509,5 +511,3 @@ TEST_F(HidDevice, KeepsDetailsOutOfANormalLog) {
     EXPECT_EQ(get_feature(), 12);
     EXPECT_EQ(quiet.text(), "Write pipe error, rc=-9 (usage=a001)\n");
 }
-
-}  // namespace

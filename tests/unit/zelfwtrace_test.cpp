@@ -2,9 +2,9 @@
 
 #include "support/child_process.h"
 #include "support/clock_double.h"
-#include "support/firmware_bytes.h"
 #include "support/private_tmp.h"
 #include "support/sleep_double.h"
+#include "support/temporary_directory.h"
 #include "support/trace_file.h"
 
 #include <gmock/gmock.h>
@@ -41,9 +41,7 @@ const unsigned char* bytes_of(const std::string& text) {
 class TraceFile : public testing::Test {
   protected:
     std::string name(const std::string& suffix = "") const { return directory_.path("t" + suffix); }
-    std::string content(const std::string& suffix = "") const {
-        return read_whole_file(name(suffix));
-    }
+    std::string content(const std::string& suffix = "") const { return read_file(name(suffix)); }
     bool exists(const std::string& suffix) const { return std::filesystem::exists(name(suffix)); }
     std::vector<TraceRecord> records() const { return read_trace(name()); }
 
@@ -60,11 +58,11 @@ TEST_F(TraceFile, StartsWithAVersionRecordOfThirtyTwoBytes) {
     ASSERT_EQ(found.size(), 1U);
     EXPECT_EQ(found[0].length, 16U);
     EXPECT_EQ(found[0].kind, version_kind);
-    EXPECT_EQ(found[0].clock_time, 0.0);
+    EXPECT_EQ(found[0].clock, 0.0);
     EXPECT_EQ(found[0].thread, static_cast<std::uint32_t>(pthread_self()));
     EXPECT_EQ(found[0].process, static_cast<std::uint32_t>(getpid()));
-    EXPECT_GE(found[0].time, before);
-    EXPECT_LE(found[0].time, static_cast<std::uint32_t>(std::time(nullptr)));
+    EXPECT_GE(found[0].seconds, before);
+    EXPECT_LE(found[0].seconds, static_cast<std::uint32_t>(std::time(nullptr)));
     EXPECT_EQ(found[0].component, 0);
     EXPECT_EQ(found[0].reserved, 0);
     EXPECT_LT(found[0].milliseconds, 1000);
@@ -83,8 +81,8 @@ TEST_F(TraceFile, KeepsARecordsBytes) {
     EXPECT_EQ(found[1].payload, report);
     EXPECT_EQ(found[1].thread, static_cast<std::uint32_t>(pthread_self()));
     EXPECT_EQ(found[1].process, static_cast<std::uint32_t>(getpid()));
-    EXPECT_GE(found[1].time, before);
-    EXPECT_LE(found[1].time, static_cast<std::uint32_t>(std::time(nullptr)));
+    EXPECT_GE(found[1].seconds, before);
+    EXPECT_LE(found[1].seconds, static_cast<std::uint32_t>(std::time(nullptr)));
     EXPECT_EQ(found[1].component, 0x65);
     EXPECT_EQ(found[1].reserved, 0);
     EXPECT_LT(found[1].milliseconds, 1000);
@@ -263,7 +261,7 @@ TEST_F(TraceFile, IsNoneForAnEmptyName) {
     EXPECT_EQ(end.exit_code, 0);
     EXPECT_EQ(end.output + end.errors, "");
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(directory_.path()), {}), 1);
-    EXPECT_EQ(read_whole_file(directory_.path(".1")), "one");
+    EXPECT_EQ(read_file(directory_.path(".1")), "one");
 }
 
 TEST_F(TraceFile, ThatCannotBeOpenedIsSilent) {
@@ -304,7 +302,7 @@ TEST_F(TraceFile, IsNeverALinkUnderTheDefaultName) {
     }
     EXPECT_EQ(end.exit_code, 0);
     EXPECT_EQ(end.output, "1 file");
-    EXPECT_EQ(read_whole_file(target), "old");
+    EXPECT_EQ(read_file(target), "old");
 }
 
 TEST_F(TraceFile, TakesTheLongestName) {
@@ -323,9 +321,9 @@ TEST_F(TraceFile, CountsTheTimeFromTheFirstStamp) {
     clock_double_stands_at(1700000061000);
     file.tprintf("x");
     const std::vector<TraceRecord> found = records();
-    EXPECT_EQ(found[0].clock_time, 0.0);
-    EXPECT_EQ(found[1].clock_time, 7.0);
-    EXPECT_EQ(found[2].clock_time, 61000.0);
+    EXPECT_EQ(found[0].clock, 0.0);
+    EXPECT_EQ(found[1].clock, 7.0);
+    EXPECT_EQ(found[2].clock, 61000.0);
 }
 
 TEST_F(TraceFile, SharesTheClockBetweenObjects) {
@@ -333,7 +331,7 @@ TEST_F(TraceFile, SharesTheClockBetweenObjects) {
     { const Trace first(directory_.path("first").c_str(), 0, 3); }
     clock_double_stands_at(5100);
     const Trace file(name().c_str(), 0, 3);
-    EXPECT_EQ(records()[0].clock_time, 100.0);
+    EXPECT_EQ(records()[0].clock, 100.0);
 }
 
 TEST_F(TraceFile, NotesAClockThatGoesBackAndNeverStampsBackwards) {
@@ -355,7 +353,7 @@ TEST_F(TraceFile, NotesAClockThatGoesBackAndNeverStampsBackwards) {
                     "time adjusted backwords!  current=1500 prev=2500 adjust=4000\n", "d", "e"));
     std::vector<double> stamps;
     for (const TraceRecord& record : records()) {
-        stamps.push_back(record.clock_time);
+        stamps.push_back(record.clock);
     }
     EXPECT_THAT(stamps, ElementsAre(0, 5000, 5000, 5000, 5500, 5500, 5500, 13000));
 }
@@ -372,10 +370,10 @@ TEST_F(TraceFile, NotesAClockThatGoesBackBeforeTheFirstStamp) {
     file.tprintf("c");
     const std::vector<TraceRecord> found = records();
     ASSERT_EQ(found.size(), 5U);
-    EXPECT_EQ(found[2].clock_time, 4294966296.0);
+    EXPECT_EQ(found[2].clock, 4294966296.0);
     EXPECT_EQ(found[3].payload,
               "time adjusted backwords!  current=2 prev=4294966296 adjust=4294966294\n");
-    EXPECT_EQ(found[4].clock_time, 4294966296.0);
+    EXPECT_EQ(found[4].clock, 4294966296.0);
 }
 
 namespace {

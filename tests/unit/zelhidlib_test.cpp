@@ -137,6 +137,8 @@ class Binding : public testing::Test {
     LogCapture log{1};
 };
 
+}  // namespace
+
 TEST_F(Binding, FindsTheLibraryAlongTheSearchPath) {
     ASSERT_EQ(__real_lt_dlinit(), 0);
     ASSERT_EQ(lt_dladdsearchdir(folder_of("complete").c_str()), 0);
@@ -308,5 +310,3 @@ TEST_F(Binding, ClearsTheSlotOfASymbolThatIsNotThere) {
     EXPECT_NE(slot, nullptr);
     EXPECT_EQ(log.count("Failed"), 1);
 }
-
-}  // namespace

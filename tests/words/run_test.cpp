@@ -1,13 +1,12 @@
 // A rehearsal with the updater of one word size and the tools of the other.
+#include "support/child_process.h"
 #include "support/temporary_directory.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
-#include <sys/wait.h>
 #include <unistd.h>
 
-#include <cstdio>
 #include <filesystem>
 
 using testing::HasSubstr;
@@ -37,14 +36,9 @@ class Rehearsal : public testing::Test {
     std::string rehearse(const std::string& zelfwsim, const std::string& command,
                          const std::string& options = "") {
         const std::string line = zelfwsim + " run " + options + " " DEMO_BUS " -- " + command;
-        FILE* pipe = popen((line + " 2>&1").c_str(), "r");
-        std::string text;
-        for (int byte = 0; pipe != nullptr && (byte = std::fgetc(pipe)) != EOF;) {
-            text += static_cast<char>(byte);
-        }
-        const int status = pipe != nullptr ? pclose(pipe) : -1;
-        code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-        return text;
+        const ChildEnd end = run_shell(line + " 2>&1");
+        code = end.exit_code;
+        return end.output;
     }
 
     int code = -1;
@@ -61,7 +55,7 @@ TEST_F(Rehearsal, FindsTheSimulationOfTheOtherWordSize) {
 
 TEST_F(Rehearsal, ScriptMayStartUpdatersOfBothWordSizes) {
     const TemporaryDirectory directory;
-    const std::string script = directory.path("both").string();
+    const std::string script = directory.path("both");
     write_file(script, "#!/bin/sh\n" + list_with(ZELFWUPDATE) + "\n" +
                            list_with(sibling + "/zelfwupdate") + "\n");
     std::filesystem::permissions(script, std::filesystem::perms::owner_all);

@@ -75,7 +75,7 @@ std::string log_text(const std::string& log, Writers writers) {
 std::string record_text(const TraceRecord& record) {
     std::string payload = to_hex(record.payload);
     std::string length = std::to_string(record.length);
-    if (record.kind == trace_kind::text) {
+    if (record.kind == record_kind::text) {
         payload = without_moments(record.payload);
         if (payload != record.payload) {
             EXPECT_EQ(record.length, record.payload.size());

@@ -63,13 +63,13 @@ int FlashTest::debugged(const std::string& line) const {
 
 void FlashTest::open_directly(FlashPeripheral& peripheral, int slot) {
     flash->hiddev = std::make_unique<HIDDEVICE2>(0, 0, peripheral.path().c_str());
-    ASSERT_EQ(0, flash->setup_device_for_reading(peripheral.path().c_str(), 0, slot));
+    ASSERT_EQ(flash->setup_device_for_reading(peripheral.path().c_str(), 0, slot), 0);
 }
 
 void FlashTest::open_with_reader(FlashPeripheral& peripheral, int slot) {
     flash->hiddev = std::make_unique<HIDDEVICE2>(0, 0, peripheral.path().c_str());
-    ASSERT_EQ(0, flash->setup_device_for_reading(peripheral.path().c_str(), 2000, slot));
-    ASSERT_EQ(1, flash->use_thread_reading);
+    ASSERT_EQ(flash->setup_device_for_reading(peripheral.path().c_str(), 2000, slot), 0);
+    ASSERT_EQ(flash->use_thread_reading, 1);
     ASSERT_TRUE(peripheral.read_is_pending_within(5000));
 }
 

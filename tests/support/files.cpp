@@ -1,23 +1,8 @@
-#include "support/temporary_directory.h"
-
-#include <stdlib.h>
+#include "support/files.h"
 
 #include <fstream>
 #include <sstream>
 #include <stdexcept>
-
-TemporaryDirectory::TemporaryDirectory() {
-    std::string name = (std::filesystem::temp_directory_path() / "zelf-bus-XXXXXX").string();
-    if (mkdtemp(name.data()) == nullptr) {
-        throw std::runtime_error("no temporary directory");
-    }
-    path_ = name;
-}
-
-TemporaryDirectory::~TemporaryDirectory() {
-    std::error_code ignored;
-    std::filesystem::remove_all(path_, ignored);
-}
 
 std::string read_file(const std::filesystem::path& path) {
     std::ifstream file(path, std::ios::binary);
@@ -33,4 +18,13 @@ void write_file(const std::filesystem::path& path, const std::string& content) {
     if (!file) {
         throw std::runtime_error("could not write " + path.string());
     }
+}
+
+std::vector<std::string> lines_of(const std::string& text) {
+    std::vector<std::string> lines;
+    std::istringstream stream(text);
+    for (std::string line; std::getline(stream, line);) {
+        lines.push_back(line);
+    }
+    return lines;
 }

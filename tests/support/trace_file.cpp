@@ -1,6 +1,6 @@
 #include "support/trace_file.h"
 
-#include "support/temporary_directory.h"
+#include "support/files.h"
 
 #include <cstring>
 #include <stdexcept>
@@ -32,23 +32,36 @@ TraceRecord parse_header(const std::string& bytes, std::size_t at) {
 
 }  // namespace
 
-std::vector<TraceRecord> read_trace(const std::filesystem::path& path) {
-    const std::string bytes = read_file(path);
+std::vector<TraceRecord> parse_trace(const std::string& content) {
     std::vector<TraceRecord> records;
-    for (std::size_t at = 0; at < bytes.size();) {
-        if (bytes.size() - at < header_size) {
+    for (std::size_t at = 0; at < content.size();) {
+        if (content.size() - at < header_size) {
             throw std::runtime_error("the trace ends inside a header");
         }
-        TraceRecord record = parse_header(bytes, at);
+        TraceRecord record = parse_header(content, at);
         at += header_size;
-        if (record.kind != trace_kind::version) {
-            if (bytes.size() - at < record.length) {
-                throw std::runtime_error("the trace ends inside a record");
-            }
-            record.payload = bytes.substr(at, record.length);
-            at += record.length;
+        // The one kind whose length speaks of bytes that do not follow.
+        const std::size_t payload = record.kind == record_kind::version ? 0 : record.length;
+        if (content.size() - at < payload) {
+            throw std::runtime_error("the trace ends inside a record");
         }
+        record.payload = content.substr(at, payload);
+        at += payload;
         records.push_back(record);
     }
     return records;
+}
+
+std::vector<TraceRecord> read_trace(const std::filesystem::path& path) {
+    return parse_trace(read_file(path));
+}
+
+std::vector<std::string> trace_texts(const std::filesystem::path& path) {
+    std::vector<std::string> texts;
+    for (const TraceRecord& record : read_trace(path)) {
+        if (record.kind == record_kind::text) {
+            texts.push_back(record.payload);
+        }
+    }
+    return texts;
 }

@@ -29,11 +29,11 @@ class BusTest : public testing::Test {
     /// Writes a firmware file into the firmware directory and gives its path.
     std::string add_firmware(const std::string& name, const FirmwareFile& file);
     std::string add_raw_firmware(const std::string& name, const std::string& bytes);
-    std::string firmware_directory() const { return directory_.path("firmware").string(); }
+    std::string firmware_directory() const { return directory_.path("firmware"); }
     std::string firmware_path(const std::string& name) const {
         return firmware_directory() + "/" + name;
     }
-    std::string path(const std::string& name) const { return directory_.path(name).string(); }
+    std::string path(const std::string& name) const { return directory_.path(name); }
 
     /// Runs the program to its end, with log and trace in the test's directory.
     RunResult run(std::vector<std::string> arguments);

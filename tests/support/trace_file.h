@@ -21,13 +21,17 @@ struct TraceRecord {
 };
 
 /// The kinds of records.
-namespace trace_kind {
+namespace record_kind {
 constexpr std::uint32_t version = 501;
 constexpr std::uint32_t text = 42;
 constexpr std::uint32_t written = 405;
 constexpr std::uint32_t status = 406;
 constexpr std::uint32_t feature = 407;
-}  // namespace trace_kind
+}  // namespace record_kind
 
-/// Throws when the file ends inside a record.
+/// The records of a file's content. Throws when it does not consist of whole records.
+std::vector<TraceRecord> parse_trace(const std::string& content);
 std::vector<TraceRecord> read_trace(const std::filesystem::path& path);
+
+/// The payloads of the text records.
+std::vector<std::string> trace_texts(const std::filesystem::path& path);

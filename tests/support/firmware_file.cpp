@@ -1,25 +1,29 @@
 #include "support/firmware_file.h"
 
 #include "common/image_checksum.h"
+#include "support/firmware_bytes.h"
 #include "support/hexadecimal.h"
 
 #include <cstdio>
 
 namespace {
 
-using Payload = std::vector<int>;
+using Payload = std::vector<std::uint8_t>;
 
-std::string text_of(const Payload& values) {
-    std::string bytes;
-    for (const int value : values) {
-        bytes += static_cast<char>(value);
-    }
-    return bytes;
+std::uint8_t low_byte(int value) {
+    return static_cast<std::uint8_t>(value & 0xFF);
 }
 
-std::string record(int tag, int value, const Payload& payload) {
-    return text_of({static_cast<int>(payload.size()), tag, value >> 8, value & 0xFF}) +
-           text_of(payload);
+std::uint8_t high_byte(int value) {
+    return low_byte(value >> 8);
+}
+
+std::string text_of(const Payload& bytes) {
+    return {bytes.begin(), bytes.end()};
+}
+
+std::string record(std::uint8_t tag, int value, const Payload& payload) {
+    return FirmwareBytes("").record(tag, static_cast<unsigned int>(value), payload).bytes();
 }
 
 }  // namespace
@@ -27,16 +31,18 @@ std::string record(int tag, int value, const Payload& payload) {
 std::vector<std::string> FirmwareFile::records() const {
     const int number = static_cast<int>(std::stoul(level, nullptr, 16));
     const int flags = type * 2 + (random ? 1 : 0);
-    std::vector<std::string> all = {record(0xFF, 0, {component})};
+    std::vector<std::string> all = {record(0xFF, 0, {low_byte(component)})};
     if (extended_list) {
-        all.push_back(record(0xFF, 2, {component, number & 0xFF, number >> 8, flags, build}));
+        all.push_back(record(0xFF, 2,
+                             {low_byte(component), low_byte(number), high_byte(number),
+                              low_byte(flags), low_byte(build)}));
     }
     for (int i = 0; i < data_records; ++i) {
         Payload payload;
         for (int k = 0; k < 8; ++k) {
-            payload.push_back((i * 31 + k * 7 + number) & 0xFF);
+            payload.push_back(low_byte(i * 31 + k * 7 + number));
         }
-        all.push_back(record(component << 4, i, payload));
+        all.push_back(record(low_byte(component << 4), i, payload));
     }
     all.insert(all.end(), further_records.begin(), further_records.end());
     return all;
@@ -49,7 +55,7 @@ std::string FirmwareFile::checksum() const {
         sum.add_record(body);
     }
     const int value = right_checksum ? sum.value() : sum.value() ^ 0x0001;
-    return text_of({value >> 8, value & 0xFF});
+    return text_of({high_byte(value), low_byte(value)});
 }
 
 std::string FirmwareFile::body() const {
@@ -78,7 +84,7 @@ std::vector<std::string> FirmwareFile::messages() const {
 std::string record_message(const std::string& record) {
     const int length = static_cast<unsigned char>(record[0]);
     const int count = length + 6;
-    return to_hex(text_of({count & 0xFF, count >> 8, 0x02, 0x00})) + to_hex(record);
+    return to_hex(text_of({low_byte(count), high_byte(count), 0x02, 0x00})) + to_hex(record);
 }
 
 std::string checksum_message(const std::string& checksum) {

@@ -2,12 +2,11 @@
 /// Runs the built program as a child process on a simulated bus.
 #pragma once
 
-#include <sys/types.h>
+#include "support/child_process.h"
 
 #include <filesystem>
 #include <functional>
 #include <map>
-#include <optional>
 #include <string>
 #include <vector>
 
@@ -17,7 +16,6 @@ enum FailedPreparation : int {
     no_working_directory,
     no_right_to_mount,
     no_private_tmp,
-    no_other_user,
     no_program,
 };
 
@@ -43,7 +41,6 @@ struct ProgramSettings {
     std::filesystem::path library;      ///< stands for the USB library; empty: the simulated one
     std::vector<std::string> preloads;  ///< objects, behind the guard
     std::map<std::string, std::string> environment;  ///< added to the test's own
-    std::optional<uid_t> user;                       ///< run as this user
     /// Stands at /tmp for this run; empty: the system's own.
     std::filesystem::path private_tmp;
     /// Is shown how each run ended, with its arguments.
@@ -54,28 +51,16 @@ struct ProgramSettings {
 class ProgramProcess {
   public:
     ProgramProcess(const ProgramSettings& settings, const std::vector<std::string>& arguments);
-    ~ProgramProcess();
-    ProgramProcess(const ProgramProcess&) = delete;
-    ProgramProcess& operator=(const ProgramProcess&) = delete;
 
     /// Waits until `condition` holds. False when the program ended, or its time passed, before.
-    bool wait_until(const std::function<bool()>& condition);
-    void send_signal(int number);
+    bool wait_until(const std::function<bool()>& condition) { return child_.wait_until(condition); }
+    void send_signal(int number) { child_.send_signal(number); }
     /// Waits for the end.
     RunResult finish();
 
   private:
-    bool has_ended();
-    bool has_time_left() const;
-
     std::filesystem::path console_file_, error_file_;
     std::vector<std::string> arguments_;
     decltype(ProgramSettings::at_end) at_end_;
-    pid_t pid_ = -1;
-    int wait_status_ = 0;
-    bool ended_ = false;
-    double deadline_ = 0;
+    ChildProcess child_;
 };
-
-/// Whether a child can become that user.
-bool can_become(uid_t user);

@@ -2,31 +2,22 @@
 
 #include "run/guarded_environment.h"
 #include "run/hidden_devices.h"
-#include "support/temporary_directory.h"
+#include "support/files.h"
 
 #include <fcntl.h>
 #include <sched.h>
 #include <signal.h>
 #include <sys/mount.h>
 #include <sys/prctl.h>
-#include <sys/wait.h>
 #include <unistd.h>
 
 #include <algorithm>
 #include <cerrno>
-#include <chrono>
 #include <iterator>
-#include <stdexcept>
-#include <thread>
+#include <memory>
+#include <utility>
 
 namespace {
-
-constexpr std::chrono::milliseconds poll_interval(5);
-
-double now_in_seconds() {
-    const auto now = std::chrono::steady_clock::now().time_since_epoch();
-    return std::chrono::duration<double>(now).count();
-}
 
 std::map<std::string, std::string> own_environment() {
     std::map<std::string, std::string> variables;
@@ -61,16 +52,6 @@ std::vector<std::string> environment_texts(const ProgramSettings& settings) {
         texts.push_back(std::string(name).append("=").append(value));
     }
     return texts;
-}
-
-std::vector<char*> pointers_to(std::vector<std::string>& texts) {
-    std::vector<char*> pointers;
-    pointers.reserve(texts.size() + 1);
-    for (std::string& text : texts) {
-        pointers.push_back(text.data());
-    }
-    pointers.push_back(nullptr);
-    return pointers;
 }
 
 /// No run reaches a device that is attached to this machine.
@@ -118,11 +99,24 @@ int become_program(const ProgramSettings& settings, char** arguments, char** env
     if (failure != 0) {
         return failure;
     }
-    if (settings.user && setuid(*settings.user) != 0) {
-        return no_other_user;
-    }
     execveat(program, "", arguments, environment, AT_EMPTY_PATH);
     return no_program;
+}
+
+/// What the child runs. All that takes memory is made ready before there is a child.
+std::function<int()> starter(const ProgramSettings& settings,
+                             const std::vector<std::string>& arguments) {
+    if (!settings.simulation.empty()) {
+        hide_devices_once();
+    }
+    std::vector<std::string> texts = {"zelfwupdate"};
+    texts.insert(texts.end(), arguments.begin(), arguments.end());
+    auto own_texts = std::make_shared<std::vector<std::string>>(std::move(texts));
+    auto variables = std::make_shared<std::vector<std::string>>(environment_texts(settings));
+    return [&settings, own_texts, variables, argument_pointers = pointers_to(*own_texts),
+            environment_pointers = pointers_to(*variables)]() mutable {
+        return become_program(settings, argument_pointers.data(), environment_pointers.data());
+    };
 }
 
 /// The file that the last `-l` names.
@@ -144,69 +138,14 @@ ProgramProcess::ProgramProcess(const ProgramSettings& settings,
       error_file_(settings.error_file),
       arguments_(arguments),
       at_end_(settings.at_end),
-      deadline_(now_in_seconds() + RUN_TIME_LIMIT) {
-    if (!settings.simulation.empty()) {
-        hide_devices_once();
-    }
-    std::vector<std::string> texts = {"zelfwupdate"};
-    texts.insert(texts.end(), arguments.begin(), arguments.end());
-    std::vector<std::string> environment = environment_texts(settings);
-    const std::vector<char*> argument_pointers = pointers_to(texts);
-    const std::vector<char*> environment_pointers = pointers_to(environment);
-    pid_ = fork();
-    if (pid_ < 0) {
-        throw std::runtime_error("no process");
-    }
-    if (pid_ == 0) {
-        _exit(become_program(settings, const_cast<char**>(argument_pointers.data()),
-                             const_cast<char**>(environment_pointers.data())));
-    }
-}
-
-ProgramProcess::~ProgramProcess() {
-    if (!ended_) {
-        kill(pid_, SIGKILL);
-        waitpid(pid_, nullptr, 0);
-    }
-}
-
-bool ProgramProcess::has_ended() {
-    if (!ended_) {
-        ended_ = waitpid(pid_, &wait_status_, WNOHANG) == pid_;
-    }
-    return ended_;
-}
-
-bool ProgramProcess::has_time_left() const {
-    return now_in_seconds() < deadline_;
-}
-
-bool ProgramProcess::wait_until(const std::function<bool()>& condition) {
-    while (!has_ended() && has_time_left()) {
-        if (condition()) {
-            return true;
-        }
-        std::this_thread::sleep_for(poll_interval);
-    }
-    return false;
-}
-
-void ProgramProcess::send_signal(int number) {
-    if (!has_ended()) {
-        kill(pid_, number);
-    }
-}
+      child_(starter(settings, arguments)) {}
 
 RunResult ProgramProcess::finish() {
+    const ChildEnd end = child_.finish();
     RunResult run;
-    wait_until([] { return false; });
-    if (!ended_) {
-        run.timed_out = true;
-        kill(pid_, SIGKILL);
-        ended_ = waitpid(pid_, &wait_status_, 0) == pid_;
-    }
-    run.exit_code = WIFEXITED(wait_status_) ? WEXITSTATUS(wait_status_) : -1;
-    run.signal = WIFSIGNALED(wait_status_) ? WTERMSIG(wait_status_) : 0;
+    run.exit_code = end.exit_code;
+    run.signal = end.signal;
+    run.timed_out = end.timed_out;
     run.console = read_regular_file(console_file_);
     run.errors = read_file(error_file_);
     run.log = read_regular_file(log_file(arguments_));
@@ -226,21 +165,9 @@ std::string failed_preparation(const RunResult& run) {
             return "no right to mount a private /tmp";
         case no_private_tmp:
             return "could not mount a private /tmp";
-        case no_other_user:
-            return "could not become another user";
         case no_program:
             return "could not execute the program";
         default:
             return "";
     }
-}
-
-bool can_become(uid_t user) {
-    const pid_t pid = fork();
-    if (pid == 0) {
-        _exit(setuid(user) == 0 ? 0 : 1);
-    }
-    int status = 0;
-    return pid > 0 && waitpid(pid, &status, 0) == pid && WIFEXITED(status) &&
-           WEXITSTATUS(status) == 0;
 }
