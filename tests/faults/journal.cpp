@@ -1,11 +1,12 @@
 #include "journal.h"
 
+#include "support/files.h"
+
 #include <algorithm>
 #include <array>
 #include <iterator>
 #include <map>
 #include <regex>
-#include <sstream>
 
 namespace {
 
@@ -119,15 +120,6 @@ const Claim* Journal::find(int product, int component) const {
         return claim.product == product && claim.component == component;
     });
     return found == claims.end() ? nullptr : &*found;
-}
-
-std::vector<std::string> lines_of(const std::string& text) {
-    std::vector<std::string> lines;
-    std::istringstream stream(text);
-    for (std::string line; std::getline(stream, line);) {
-        lines.push_back(line);
-    }
-    return lines;
 }
 
 Journal read_journal(const std::string& log) {

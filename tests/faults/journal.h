@@ -50,5 +50,3 @@ int result_code(const std::string& text);
 
 /// Whether a line tells of a failure that the other log, of a sound run, does not know.
 bool complains(const std::string& log, const std::string& sound_log);
-
-std::vector<std::string> lines_of(const std::string& text);

@@ -1,5 +1,6 @@
 // The verdicts over a list, a reset and the read of a component with a fault.
 #include "journal.h"
+#include "support/files.h"
 #include "verdict_parts.h"
 
 #include <algorithm>
