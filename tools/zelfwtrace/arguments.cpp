@@ -15,6 +15,7 @@ SYNOPSIS
   zelfwtrace show [OPTION...] FILE
   zelfwtrace summary [OPTION...] FILE
   zelfwtrace pcap [OPTION...] FILE -o OUT.pcapng
+  zelfwtrace explain [OPTION...] FILE
   zelfwtrace [COMMAND] --help | --version
 
   FILE is a trace file, or "-" for standard input. One that is damaged or cut off
@@ -31,9 +32,13 @@ COMMANDS
   pcap     Writes a capture of the transfers for Wireshark, in pcapng format (link
            type LINKTYPE_USB_LINUX_MMAPPED), with the log's lines as comments.
 
+  explain  Tells for each run and device what was to be done and how it ended; for
+           what failed: how far it came, the cause, the device's state, what to do,
+           and where in the file that shows.
+
 OUTPUT
-  -j, --json           of "show" and "summary": one JSON object a record or
-                       device, and line; times are UTC
+  -j, --json           of "show", "summary" and "explain": one JSON object a
+                       record, device or run, and line; times are UTC
   -x, --hex            of "show": also each transfer's bytes
   -o, --output OUT     of "pcap": the file to write, "-" for standard output
   -u, --utc            show and take times as UTC, not as local time
@@ -46,7 +51,7 @@ FILTERS
       --to TIME        only records up to this time
   -d and -k may be given several times, or with a list: -k sent,status. TIME is
   "2026-11-20 17:18:07.123", with the end left out as you like, or @SECONDS since
-  1970.
+  1970. "explain" needs all records and takes no filter.
 
 OTHER OPTIONS
   -h, --help           this text
@@ -57,11 +62,13 @@ EXIT STATUS
   0  success
   1  the file is damaged, or something could not be read or written
   2  wrong arguments
+  3  "explain" has explained a failure
 
 EXAMPLES
   zelfwtrace show -d 3C35 -k sent,status /tmp/zelfwtrace.log
   zelfwtrace summary --from 2026-11-20 /tmp/zelfwtrace.log
   zelfwtrace pcap /tmp/zelfwtrace.log -o exchange.pcapng
+  zelfwtrace explain /tmp/zelfwtrace.log
 )";
 
 namespace {
@@ -103,6 +110,7 @@ constexpr std::pair<std::string_view, TraceCommand> commands[] = {
     {"show", TraceCommand::show},
     {"summary", TraceCommand::summary},
     {"pcap", TraceCommand::pcap},
+    {"explain", TraceCommand::explain},
 };
 
 /// True when the first word is a command; else it is left to be an option or a file.
@@ -220,10 +228,16 @@ Reason check_combination(const TraceArguments& arguments) {
         return "'-o' goes with 'pcap' only";
     }
     if (is_pcap && arguments.json) {
-        return "'--json' goes with 'show' and 'summary' only";
+        return "'--json' goes with 'show', 'summary' and 'explain' only";
     }
     if (arguments.with_bytes && (arguments.command != TraceCommand::show || arguments.json)) {
         return "'--hex' goes with lines of text only";
+    }
+    const TraceFilter& filter = arguments.filter;
+    const bool is_filtered = !filter.products.empty() || !filter.kinds.empty() || filter.from ||
+                             filter.to;
+    if (arguments.command == TraceCommand::explain && is_filtered) {
+        return "'explain' takes no filter";
     }
     return std::nullopt;
 }

@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-enum class TraceCommand { show, summary, pcap };
+enum class TraceCommand { show, summary, pcap, explain };
 
 struct TraceArguments {
     bool help = false;

@@ -1,4 +1,5 @@
-// Shows the trace file of the updater: as text, as JSON, as a summary, or as a capture.
+// Shows the trace file of the updater: as text, as JSON, as a summary, or as a capture; or explains
+// what failed.
 
 #include "journal/file_handle.h"
 #include "zelfwtrace/arguments.h"
@@ -56,6 +57,9 @@ std::unique_ptr<TraceOutput> make_output(const TraceArguments& arguments, std::s
     if (arguments.command == TraceCommand::summary) {
         return arguments.json ? summary_json_output() : summary_output(arguments.zone);
     }
+    if (arguments.command == TraceCommand::explain) {
+        return explain_output(arguments.zone, arguments.json);
+    }
     if (arguments.json) {
         return json_output();
     }
@@ -77,8 +81,8 @@ int show(FILE* stream, const std::string& name, const TraceArguments& arguments)
             output->take(entry, meaning);
         }
     }
-    int result = exit_success;
     reason = output->finish();
+    int result = output->exit_code();
     if (!reason.empty()) {
         result = failure(arguments.capture.empty() ? "standard output" : arguments.capture, reason);
     }

@@ -20,6 +20,8 @@ class TraceOutput {
     virtual void take(const TraceEntry& entry, const Meaning& meaning) = 0;
     /// After the last record. Returns the reason when the output could not be written.
     virtual std::string finish() { return ""; }
+    /// After `finish`: what the program ends with when nothing else failed.
+    virtual int exit_code() const { return 0; }
 };
 
 struct TextStyle {
@@ -37,6 +39,10 @@ std::unique_ptr<TraceOutput> json_output();
 std::unique_ptr<TraceOutput> summary_output(zelf::TimeZone zone);
 /// Likewise, one JSON object a device and line.
 std::unique_ptr<TraceOutput> summary_json_output();
+
+/// Why each run failed, on standard output at the end, as paragraphs or one JSON object a run and
+/// line. The exit code is 3 when a failure was explained.
+std::unique_ptr<TraceOutput> explain_output(zelf::TimeZone zone, bool is_json);
 
 /// A capture of the transfers as they went over the bus, in pcapng format, the lines of the log as
 /// comments; "-" is standard output. Null and the reason when the file can't be written.
