@@ -81,11 +81,18 @@ std::string progress_words(const Attempt& attempt) {
     return pace > 0 ? words + printed(", %.1f kB/s", pace) : words;
 }
 
-std::string wire_words(const WireMessage& last) {
+std::string wire_words(const WireMessage& last, const Explanation& explanation) {
     const std::string sent =
         one_line(last.sent.text) + " was the last message (" + place_in_trace(last.sent) + "); ";
+    if (last.is_lost) {
+        return sent + "its transfer failed";
+    }
     if (!last.answer) {
-        return sent + "the device did not answer it";
+        const double silence = explanation.evidence.empty()
+                                   ? 0
+                                   : explanation.evidence.front().clock - last.sent.clock;
+        return sent + (silence > 0 ? printed("no answer in %.3f seconds", seconds(silence))
+                                   : std::string("no answer"));
     }
     return sent + printed("answered after %.0f ms: ", last.answer->clock - last.sent.clock) +
            one_line(last.answer->text);
@@ -120,7 +127,7 @@ void print_reasons(const Explanation& explanation) {
     }
     print_paragraph("To do:", explanation.remedy);
     print_lines("Evidence:", explanation.evidence);
-    print_lines("Follows:", explanation.consequences);
+    print_lines("Consequence:", explanation.consequences);
 }
 
 void print_attempt(const Attempt& attempt, const Explanation& explanation) {
@@ -131,7 +138,7 @@ void print_attempt(const Attempt& attempt, const Explanation& explanation) {
     }
     print_paragraph("How far:", progress_words(attempt));
     if (attempt.last) {
-        print_paragraph("On the wire:", wire_words(*attempt.last));
+        print_paragraph("On the wire:", wire_words(*attempt.last, explanation));
     }
     print_reasons(explanation);
 }
@@ -222,6 +229,7 @@ Json json_of(const Attempt& attempt, const Explanation& explanation) {
     }
     if (attempt.last) {
         json["last_message"] = json_of(attempt.last->sent);
+        json["last_message_lost"] = attempt.last->is_lost;
         json["last_answer"] = attempt.last->answer ? json_of(*attempt.last->answer) : Json();
     }
     add_explanation(json, explanation);

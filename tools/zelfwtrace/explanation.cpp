@@ -221,17 +221,16 @@ bool was_found(const Run& run, unsigned int product) {
                        [product](const auto& search) { return search.count(product) != 0; });
 }
 
-bool has_failure(const Run& run) {
+Outcome worst_attempt(const Run& run) {
+    Outcome worst = Outcome::well;
     for (std::size_t i = 0; i < run.attempts.size(); ++i) {
-        if (explain_attempt(run, i).outcome != Outcome::well) {
-            return true;
-        }
+        worst = std::max(worst, explain_attempt(run, i).outcome);
     }
-    return false;
+    return worst;
 }
 
 void explain_nothing_updated(const Run& run, const Finding& finding, Explanation& explanation) {
-    if (has_failure(run)) {
+    if (explanation.outcome != Outcome::well) {
         return;
     }
     const auto mismatch =
@@ -289,6 +288,7 @@ Explanation explain_attempt(const Run& run, std::size_t index) {
 
 Explanation explain_run(const Run& run) {
     Explanation explanation;
+    explanation.outcome = worst_attempt(run);
     const Finding* const finding = finding_of(run);
     if (finding != nullptr && is_named(*finding, "nothing-updated")) {
         explain_nothing_updated(run, *finding, explanation);
@@ -303,6 +303,9 @@ Explanation explain_run(const Run& run) {
 }
 
 std::string step_words(const ImageProgress& image) {
+    if (image.is_complete) {
+        return "the restart";
+    }
     if (image.checksum_sent) {
         return "the checksum";
     }

@@ -31,7 +31,8 @@ struct Explanation {
 /// Of `run.attempts[index]`.
 Explanation explain_attempt(const Run& run, std::size_t index);
 
-/// Of the run itself: one that could not begin, found nothing or has no end.
+/// Of the run itself: one that could not begin, found nothing or has no end. Without a cause of its
+/// own its outcome is the worst one of its attempts.
 Explanation explain_run(const Run& run);
 
 /// "record 17 of 50", "the erase"...; and the pace of the records, 0 when there is none.

@@ -173,11 +173,9 @@ void RunStories::take_text(Present& present, const TraceEntry& entry) {
     }
     Words words;
     if (match(text, words, R"(vid_[0-9a-f]{4}&pid_([0-9a-f]{4}).*#hub_([0-9]+)&port_([0-9]+))")) {
-        present.places[product_of(words[1])] =
-            printed("hub %d, port %d", number(words[2]), number(words[3]));
         Attempt* const attempt = attempt_of(present);
         if (attempt != nullptr && attempt->product == product_of(words[1])) {
-            attempt->place = present.places[attempt->product];
+            attempt->place = printed("hub %d, port %d", number(words[2]), number(words[3]));
         }
     }
     if (!take_frame(present, line) && !take_begin(present, line) && !take_end(present, line)) {
@@ -231,10 +229,6 @@ void RunStories::begin_attempt(Present& present, Attempt attempt) {
     std::vector<Attempt>& attempts = runs_[present.run].attempts;
     present.open.reset();
     attempt.end = attempt.begin.clock;
-    const auto place = present.places.find(attempt.product);
-    if (place != present.places.end()) {
-        attempt.place = place->second;
-    }
     present.in_attempt = attempts.size() < most_kept;
     if (present.in_attempt) {
         attempts.push_back(std::move(attempt));
@@ -325,6 +319,10 @@ void RunStories::add_finding(Present& present, const Cause* cause, const StoryLi
         return;
     }
     finding.is_after_reset = attempt->reset_sent;
+    if (line.text.rfind("Write ", 0) == 0 && attempt->last && present.open &&
+        present.open->sent.offset == attempt->last->sent.offset) {
+        attempt->last->is_lost = true;
+    }
     attempt->gone_after_reset |=
         attempt->reset_sent && cause == cause_named("device-gone");
     keep(attempt->findings, std::move(finding));
@@ -374,7 +372,10 @@ void RunStories::take_sent(Present& present, const TraceEntry& entry, const Mean
     if (attempt->kind != Attempt::Kind::update && present.open && !present.open->answer) {
         // The first of the two device information queries is only a probe.
         const bool was_probe = is_probe && present.open->name == meaning.message;
-        if (!was_probe && present.open->name != "reset" && attempt->findings.empty()) {
+        if (was_probe) {
+            keep(attempt->remarks, StoryLine{present.open->sent.offset, present.open->sent.clock,
+                                             "device information query: no answer"});
+        } else if ( present.open->name != "reset" && attempt->findings.empty()) {
             add_finding(present, cause_named("query-unanswered"), present.open->sent);
         }
     }
@@ -392,7 +393,8 @@ void RunStories::take_sent(Present& present, const TraceEntry& entry, const Mean
     } else if (meaning.message == "reset") {
         attempt->reset_sent = true;
     }
-    if (!is_closing) {
+    const bool is_the_task = attempt->kind == Attempt::Kind::reset || attempt->image.is_complete;
+    if (!is_closing || (is_the_task && meaning.message == "reset")) {
         attempt->last = message;
     }
     present.open = std::move(message);
@@ -439,7 +441,8 @@ void RunStories::take_data(Present& present, const TraceEntry& entry, const Mean
     }
     attempt->end = entry.clock;
     // A whole list is shown with its entries, another one with its bytes.
-    if (meaning.details.find("list of ") != std::string::npos) {
+    if (meaning.details.find("list of ") != std::string::npos ||
+        meaning.details.find("list, 0 entries") != std::string::npos) {
         add_finding(present, cause_named("garbled-data"), line_of(entry, "data: " + meaning.details));
     }
 }

@@ -108,7 +108,6 @@ class RunStories {
         std::string file;
         std::optional<std::string> serial;
         std::string level_before, level_after;
-        std::map<unsigned int, std::string> places;
         std::optional<WireMessage> open;
     };
 
