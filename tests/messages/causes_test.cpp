@@ -1,9 +1,9 @@
 // The table of causes, held against the texts that the program can print, its codes, and the
 // manual's section.
-#include "source_text.h"
 #include "zelfwtrace/causes.h"
 
 #include "session/zelflash.h"
+#include "source_text.h"
 #include "usb/zelflshhid.h"
 
 #include <gmock/gmock.h>
@@ -126,16 +126,15 @@ TEST(Causes, AreToldByTextsOfTheProgram) {
         // The part behind the colon of this text is put in from a table of reasons.
         const std::string text = std::regex_replace(
             std::string(row.text), std::regex("^(Nothing was sent .*: ).*"), "$1reason");
-        const bool is_printed =
-            std::any_of(lines.begin(), lines.end(), [&text](const auto& parts) {
-                const bool is_whole =
-                    !parts.empty() && text.compare(0, parts.front().size(), parts.front()) == 0;
-                std::size_t letters = 0;
-                for (const std::string& part : parts) {
-                    letters += part.size();
-                }
-                return is_whole && letters >= text.size() / 2 && holds_line(text, parts);
-            });
+        const bool is_printed = std::any_of(lines.begin(), lines.end(), [&text](const auto& parts) {
+            const bool is_whole =
+                !parts.empty() && text.compare(0, parts.front().size(), parts.front()) == 0;
+            std::size_t letters = 0;
+            for (const std::string& part : parts) {
+                letters += part.size();
+            }
+            return is_whole && letters >= text.size() / 2 && holds_line(text, parts);
+        });
         EXPECT_TRUE(is_printed) << "the program does not print \"" << row.text << '"';
     }
 }
@@ -152,9 +151,9 @@ TEST(Causes, FindEachTextByItsOwnRow) {
 }
 
 TEST(Causes, CoverTheCodesOfExchangeAndTransferLayer) {
-    for (const int code : {exchange_timed_out, exchange_device_closed, query_not_supported,
-                           hid_read_failed, hid_write_failed, hid_set_feature_failed,
-                           hid_get_feature_failed, hid_device_gone}) {
+    for (const int code :
+         {exchange_timed_out, exchange_device_closed, query_not_supported, hid_read_failed,
+          hid_write_failed, hid_set_feature_failed, hid_get_feature_failed, hid_device_gone}) {
         EXPECT_THAT(cause_of_exchange_code(code), NotNull()) << code;
     }
     for (const int code : {0, -1, -2, -3, -4, -5, -6, -7, -8, -9, -10, -11, -12, -99, -42}) {

@@ -234,8 +234,8 @@ Reason check_combination(const TraceArguments& arguments) {
         return "'--hex' goes with lines of text only";
     }
     const TraceFilter& filter = arguments.filter;
-    const bool is_filtered = !filter.products.empty() || !filter.kinds.empty() || filter.from ||
-                             filter.to;
+    const bool is_filtered =
+        !filter.products.empty() || !filter.kinds.empty() || filter.from || filter.to;
     if (arguments.command == TraceCommand::explain && is_filtered) {
         return "'explain' takes no filter";
     }

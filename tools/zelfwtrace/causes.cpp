@@ -54,7 +54,8 @@ const Cause causes[] = {
      "Exchange cable and port, leave out the hub, and run the same update again."},
     {"garbled-data", "The device answered a query with data that make no list.",
      "Unplug the device, plug it in again, and list it with -L."},
-    {"data-unreadable", "The device did not hand over its data; at this level the log does not say "
+    {"data-unreadable",
+     "The device did not hand over its data; at this level the log does not say "
      "why.",
      "Run the same command again with -n 2: the log then names the transfer's error."},
     {"query-unanswered", "The device did not answer a query.",
@@ -73,7 +74,8 @@ const Cause causes[] = {
      "Leave out -o 2; close other programs when there is no memory for a thread."},
     {"answer-lost", "An answer could not be read, and the step counted by the answer before it.",
      "Compare the levels with -L; when in doubt run the same update again with -f."},
-    {"answer-surplus", "More answers came than messages were sent, so an answer may belong to "
+    {"answer-surplus",
+     "More answers came than messages were sent, so an answer may belong to "
      "another message.",
      "Compare the levels with -L; when in doubt run the same update again with -f."},
     {"file-corrupted", "The firmware file ends before its end mark, or can't be read.",
@@ -110,10 +112,12 @@ const Cause causes[] = {
     {"crashed", "The program crashed.",
      "Leave the device plugged in and run the same command again; keep trace and log for the "
      "maintainers."},
-    {"stopped-by-signal", "The run was stopped in the middle of an image while the wire stood "
+    {"stopped-by-signal",
+     "The run was stopped in the middle of an image while the wire stood "
      "still.",
      "Leave the device plugged in and run the same update again."},
-    {"cut-off", "The run has no end in the trace: it was killed, the machine lost power, or it was "
+    {"cut-off",
+     "The run has no end in the trace: it was killed, the machine lost power, or it was "
      "still going on.",
      "Leave the device plugged in and run the same update again."},
     {"unknown", "Unknown: no text and no answer tells it.",
@@ -151,8 +155,7 @@ const EndingText ending_texts[] = {
     {"Messages are cut short: record ... needs ... bytes, the device's report holds ... "
      "(records cut short: ...)",
      "message-cut"},
-    {"The report for messages to the device is not known: without it nothing is sent",
-     "no-report"},
+    {"The report for messages to the device is not known: without it nothing is sent", "no-report"},
     {"The device does not end its data after ... blocks", "no-end-of-data"},
     {"Could not write all data to '...'", "output-not-written"},
     {"Could not open '...' for writing", "output-not-written"},
@@ -176,9 +179,9 @@ const EndingText ending_texts[] = {
 const std::size_t ending_text_count = std::size(ending_texts);
 
 const CodeCause usb_codes[] = {
-    {0, "empty-transfer"}, {-1, "io-error"},       {-2, "not-claimed"},  {-3, "no-access"},
-    {-4, "device-gone"},   {-5, "not-found"},      {-6, "busy"},         {-7, "write-time-out"},
-    {-8, "overflow"},      {-9, "stall"},          {-10, "interrupted"}, {-11, "no-memory"},
+    {0, "empty-transfer"},  {-1, "io-error"},   {-2, "not-claimed"},  {-3, "no-access"},
+    {-4, "device-gone"},    {-5, "not-found"},  {-6, "busy"},         {-7, "write-time-out"},
+    {-8, "overflow"},       {-9, "stall"},      {-10, "interrupted"}, {-11, "no-memory"},
     {-12, "not-supported"}, {-99, "usb-other"},
 };
 const std::size_t usb_code_count = std::size(usb_codes);

@@ -2,9 +2,8 @@
 #include "zelfwtrace/explanation.h"
 #include "zelfwtrace/output.h"
 
-#include <nlohmann/json.hpp>
-
 #include <cstdio>
+#include <nlohmann/json.hpp>
 #include <sstream>
 
 namespace {
@@ -88,9 +87,8 @@ std::string wire_words(const WireMessage& last, const Explanation& explanation) 
         return sent + "its transfer failed";
     }
     if (!last.answer) {
-        const double silence = explanation.evidence.empty()
-                                   ? 0
-                                   : explanation.evidence.front().clock - last.sent.clock;
+        const double silence =
+            explanation.evidence.empty() ? 0 : explanation.evidence.front().clock - last.sent.clock;
         return sent + (silence > 0 ? printed("no answer in %.3f seconds", seconds(silence))
                                    : std::string("no answer"));
     }

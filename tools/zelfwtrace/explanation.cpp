@@ -40,8 +40,7 @@ const Finding* first_cause(const Attempt& attempt, bool is_overcome) {
 }
 
 const Finding* doubt_of(const Attempt& attempt) {
-    const auto found =
-        std::find_if(attempt.findings.begin(), attempt.findings.end(), is_a_doubt);
+    const auto found = std::find_if(attempt.findings.begin(), attempt.findings.end(), is_a_doubt);
     return found == attempt.findings.end() ? nullptr : &*found;
 }
 
@@ -65,8 +64,8 @@ std::string state_without_erase(const ImageProgress& image, const Explanation& e
     if (!image.erase_sent) {
         return "Nothing was sent of the image: the component is as it was.";
     }
-    const bool is_silent = explanation.cause == cause_named("no-answer") ||
-                           explanation.outcome == Outcome::unfinished;
+    const bool is_silent =
+        explanation.cause == cause_named("no-answer") || explanation.outcome == Outcome::unfinished;
     return is_silent ? "It is not known whether the component was erased: it is as it was, or "
                        "empty and waiting for an image."
                      : "The device did not confirm the erase: the component most likely is as it "
@@ -122,8 +121,8 @@ const Cause* cause_after_reset(const Run& run, std::size_t index) {
         return found == search.end() ? 0 : found->second;
     };
     const int missing = count(run.searches.front()) - count(run.searches.back());
-    const auto restarted = std::count_if(
-        run.attempts.begin(), run.attempts.end(), [&attempt](const Attempt& other) {
+    const auto restarted =
+        std::count_if(run.attempts.begin(), run.attempts.end(), [&attempt](const Attempt& other) {
             return other.reset_sent && other.product == attempt.product;
         });
     // With several devices of the product it is not known which one is missing.
@@ -209,8 +208,7 @@ std::vector<unsigned int> selected_products(const std::string& command) {
     if (command.size() < longest) {
         for (auto at = std::sregex_iterator(command.begin(), command.end(), option);
              at != std::sregex_iterator(); ++at) {
-            products.push_back(
-                static_cast<unsigned int>(std::stoul((*at)[1].str(), nullptr, 16)));
+            products.push_back(static_cast<unsigned int>(std::stoul((*at)[1].str(), nullptr, 16)));
         }
     }
     return products;
@@ -278,8 +276,8 @@ Explanation explain_attempt(const Run& run, std::size_t index) {
     if (!run.is_over && is_last && !attempt.is_over) {
         return explain_unfinished(run, attempt);
     }
-    Explanation explanation = attempt.code.value_or(0) == 0 ? explain_success(run, index)
-                                                            : explain_failure(run, attempt);
+    Explanation explanation =
+        attempt.code.value_or(0) == 0 ? explain_success(run, index) : explain_failure(run, attempt);
     if (explanation.cause != nullptr) {
         explanation.state = state_of(attempt, explanation);
     }

@@ -11,8 +11,8 @@
 
 enum class Outcome {
     well,
-    disturbed,   ///< went on, or succeeded, in spite of something
-    not_sent,    ///< counts as done in the log, but nothing was sent
+    disturbed,  ///< went on, or succeeded, in spite of something
+    not_sent,   ///< counts as done in the log, but nothing was sent
     failed,
     unfinished,  ///< the run ends within it
 };

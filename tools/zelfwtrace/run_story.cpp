@@ -66,6 +66,9 @@ const Cause* transfer_cause(const std::string& text) {
     if (match(text, words, R"(^(Write|Read) failed, rc=(-?[0-9]+)( \(usage=[0-9a-f]{4}\))?$)")) {
         return cause_of_usb_code(number(words[2]));
     }
+    if (match(text, words, R"(^Get feature write failed rc=(-?[0-9]+), \(usagePage=)")) {
+        return cause_of_usb_code(number(words[1]));
+    }
     return nullptr;
 }
 
@@ -199,7 +202,9 @@ bool RunStories::take_frame(Present& present, const StoryLine& line) {
         ++run.file_products[product_of(words[1])];
     } else if (match(text, words, R"(^Processing [0-9a-f]{4}:([0-9a-f]{4}):[0-9a-f]{4}-([01])$)")) {
         take_search(present, line, product_of(words[1]), words[2] == "1");
-    } else if (match(text, words, R"(^(File EC level smaller or equal|Random control with file)|- Version mismatch)")) {
+    } else if (
+        match(text, words,
+              R"(^(File EC level smaller or equal|Random control with file)|- Version mismatch)")) {
         keep(run.not_due, line);
         return words[1].matched;
     } else {
@@ -264,8 +269,9 @@ bool RunStories::take_begin(Present& present, const StoryLine& line) {
         attempt.product = product_of(words[1]);
         attempt.serial = words[2].str();
         begin_attempt(present, std::move(attempt));
-    } else if (match(text, words,
-                     R"(^Reading data from device PID:([0-9a-f]{4}) Component:(-?[0-9]+) SN='(.*)'$)")) {
+    } else if (
+        match(text, words,
+              R"(^Reading data from device PID:([0-9a-f]{4}) Component:(-?[0-9]+) SN='(.*)'$)")) {
         attempt.kind = Attempt::Kind::read;
         attempt.product = product_of(words[1]);
         attempt.component = number(words[2]);
@@ -289,7 +295,8 @@ bool RunStories::take_end(Present& present, const StoryLine& line) {
     if (attempt == nullptr) {
         return false;
     }
-    if (match(line.text, words, R"(^Erase completed, now sending ([0-9]+) firmware update records)")) {
+    if (match(line.text, words,
+              R"(^Erase completed, now sending ([0-9]+) firmware update records)")) {
         attempt->image.records = static_cast<std::uint32_t>(number(words[1]));
         return true;
     }
@@ -323,8 +330,7 @@ void RunStories::add_finding(Present& present, const Cause* cause, const StoryLi
         present.open->sent.offset == attempt->last->sent.offset) {
         attempt->last->is_lost = true;
     }
-    attempt->gone_after_reset |=
-        attempt->reset_sent && cause == cause_named("device-gone");
+    attempt->gone_after_reset |= attempt->reset_sent && cause == cause_named("device-gone");
     keep(attempt->findings, std::move(finding));
 }
 
@@ -352,8 +358,8 @@ void RunStories::take_trouble(Present& present, const StoryLine& line) {
     }
     Words words;
     if (match(line.text, words, R"(^Get Feature Report ([0-9a-f]{4}) rc=([0-9]+)$)")) {
-        const double before = present.open && present.open->answer ? present.open->answer->clock
-                                                                    : line.clock;
+        const double before =
+            present.open && present.open->answer ? present.open->answer->clock : line.clock;
         const bool timed_out = line.clock - before >= transfer_time_out;
         cause = timed_out ? cause_named("time-out") : cause_of_exchange_code(number(words[2]));
     }
@@ -375,7 +381,7 @@ void RunStories::take_sent(Present& present, const TraceEntry& entry, const Mean
         if (was_probe) {
             keep(attempt->remarks, StoryLine{present.open->sent.offset, present.open->sent.clock,
                                              "device information query: no answer"});
-        } else if ( present.open->name != "reset" && attempt->findings.empty()) {
+        } else if (present.open->name != "reset" && attempt->findings.empty()) {
             add_finding(present, cause_named("query-unanswered"), present.open->sent);
         }
     }
@@ -443,6 +449,7 @@ void RunStories::take_data(Present& present, const TraceEntry& entry, const Mean
     // A whole list is shown with its entries, another one with its bytes.
     if (meaning.details.find("list of ") != std::string::npos ||
         meaning.details.find("list, 0 entries") != std::string::npos) {
-        add_finding(present, cause_named("garbled-data"), line_of(entry, "data: " + meaning.details));
+        add_finding(present, cause_named("garbled-data"),
+                    line_of(entry, "data: " + meaning.details));
     }
 }
