@@ -73,7 +73,8 @@ std::string progress_words(const Attempt& attempt) {
                          static_cast<unsigned long long>(image.offset));
     }
     if (image.records_sent > 0) {
-        words += printed("; %u records were taken", image.records_taken);
+        words += printed("; %u record%s taken", image.records_taken,
+                         image.records_taken == 1 ? " was" : "s were");
     }
     words += printed("; %.3f seconds in", time);
     const double pace = kilobytes_per_second(image);
