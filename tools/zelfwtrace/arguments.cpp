@@ -62,7 +62,7 @@ EXIT STATUS
   0  success
   1  the file is damaged, or something could not be read or written
   2  wrong arguments
-  3  "explain" has explained a failure
+  3  a failure was explained by "explain"
 
 EXAMPLES
   zelfwtrace show -d 3C35 -k sent,status /tmp/zelfwtrace.log
