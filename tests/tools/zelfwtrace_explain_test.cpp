@@ -225,3 +225,16 @@ TEST_F(ZelfwtraceExplain, TakesNoFilter) {
     }
     EXPECT_THAT(show("explain --hex").errors, HasSubstr("'--hex' goes with lines of text only"));
 }
+
+TEST_F(ZelfwtraceExplain, EndlessRunsAreRefused) {
+    TraceBytes one;
+    one.version();
+    std::string bytes;
+    for (int run = 0; run <= 100000; ++run) {
+        bytes += one.bytes();
+    }
+    set_trace(bytes);
+    const ToolRun run = show("explain");
+    EXPECT_EQ(run.code, 1);
+    EXPECT_THAT(run.errors, HasSubstr("the file holds more than 100000 runs"));
+}

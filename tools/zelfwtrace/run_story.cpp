@@ -8,12 +8,15 @@
 #include <algorithm>
 #include <charconv>
 #include <regex>
+#include <stdexcept>
 
 namespace {
 
 /// Of each kind and run; a trace may be made to hold endless ones.
 constexpr std::size_t most_kept = 1000;
 constexpr std::size_t last_lines_kept = 8;
+/// A till's trace of years has some thousands.
+constexpr std::size_t most_runs = 100000;
 /// The transfer layer waits five seconds; a data answer that fails after that has timed out.
 constexpr double transfer_time_out = 4900;
 constexpr int hexadecimal = 16;
@@ -126,6 +129,9 @@ RunStories::Present& RunStories::present_of(const TraceEntry& entry) {
     const auto found = present_.find(entry.process);
     if (found != present_.end() && entry.kind != trace_kind::version) {
         return found->second;
+    }
+    if (runs_.size() >= most_runs) {
+        throw std::runtime_error("the file holds more than " + std::to_string(most_runs) + " runs");
     }
     Run run;
     run.process = entry.process;
