@@ -105,13 +105,23 @@ std::string iso_time_text(std::int64_t milliseconds) {
            "Z";
 }
 
-std::optional<std::int64_t> parse_time(const std::string& text, TimeZone zone) {
+std::int64_t milliseconds_now() {
+    const auto now = std::chrono::system_clock::now().time_since_epoch();
+    return std::chrono::duration_cast<std::chrono::milliseconds>(now).count();
+}
+
+std::optional<std::int64_t> parse_time(const std::string& text, TimeZone zone, std::int64_t now) {
     static const std::regex since_epoch(R"(@(\d{1,10})(?:\.(\d{1,3}))?)");
+    static const std::regex time_of_day(R"(\d\d:\d\d(?::\d\d(?:\.\d{1,3})?)?Z?)");
     static const std::regex date_and_time(
-        R"((\d{4})-(\d\d)-(\d\d)(?:[ T](\d\d):(\d\d)(?::(\d\d)(?:\.(\d{1,3}))?)?)?)");
+        R"((\d{4})-(\d\d)-(\d\d)(?:[ T](\d\d)(?::(\d\d)(?::(\d\d)(?:\.(\d{1,3}))?)?)?(Z)?)?)");
     std::smatch parts;
     if (std::regex_match(text, parts, since_epoch)) {
         return std::stoll(parts[1].str()) * kMillisecondsOfASecond + fraction(parts[2].str());
+    }
+    if (std::regex_match(text, time_of_day)) {
+        const std::string today = time_text(now, text.back() == 'Z' ? TimeZone::utc : zone);
+        return parse_time(today.substr(0, today.find(' ') + 1) + text, zone, now);
     }
     if (!std::regex_match(text, parts, date_and_time)) {
         return std::nullopt;
@@ -120,7 +130,7 @@ std::optional<std::int64_t> parse_time(const std::string& text, TimeZone zone) {
         seconds_of({std::stoi(parts[1].str()), std::stoi(parts[2].str()), std::stoi(parts[3].str()),
                     number_or_zero(parts[4].str()), number_or_zero(parts[5].str()),
                     number_or_zero(parts[6].str())},
-                   zone);
+                   parts[8].matched ? TimeZone::utc : zone);
     if (!seconds) {
         return std::nullopt;
     }

@@ -223,8 +223,12 @@ TEST_F(Completion, NeverRunsWhatADeviceOrFileIsCalled) {
 TEST_F(Completion, OffersZelfwfileItsCommandsAndTheirFiles) {
     add_file("a.toml");
     add_file("b.dat");
-    EXPECT_THAT(offered({""}, "zelfwfile"),
-                UnorderedElementsAre("make", "check", "--help", "--version"));
+    EXPECT_THAT(offered({""}, "zelfwfile"), UnorderedElementsAre("make", "check", "show", "diff",
+                                                                 "extract", "--help", "--version"));
+    EXPECT_THAT(offered({"show", "-"}, "zelfwfile"),
+                ElementsAre("-j", "--json", "-h", "--help", "--version"));
+    EXPECT_THAT(offered({"diff", "b.dat", "b"}, "zelfwfile"), ElementsAre("b.dat"));
+    EXPECT_THAT(offered({"extract", "b"}, "zelfwfile"), ElementsAre("b.dat"));
     EXPECT_THAT(offered({"make", "a"}, "zelfwfile"), ElementsAre("a.toml"));
     EXPECT_THAT(offered({"make", "b"}, "zelfwfile"), IsEmpty());
     EXPECT_THAT(offered({"make", "a.toml", "-"}, "zelfwfile"),
@@ -248,7 +252,7 @@ TEST_F(Completion, OffersZelfwtraceTheOptionsOfItsHelp) {
     }
     EXPECT_THAT(options, Contains("--json"));
     std::set<std::string> all;
-    for (const char* command : {"show", "summary", "pcap"}) {
+    for (const char* command : {"show", "summary", "pcap", "redact"}) {
         const std::vector<std::string> some = offered({command, "-"}, "zelfwtrace");
         EXPECT_THAT(some, testing::IsSupersetOf({"--device", "--utc", "--help", "--version"}));
         all.insert(some.begin(), some.end());

@@ -112,8 +112,10 @@ TEST_F(Zelfwfile, MakesTheBytesThatTheDescriptionGives) {
                                      .raw({0})
                                      .bytes();
     EXPECT_EQ(bytes.substr(0, bytes.size() - 2), expected);
-    EXPECT_EQ(verdict(bytes).text,
-              "OK: product 3c02, component 2, level 01.05, 6 records, 3 of them data");
+    EXPECT_EQ(
+        verdict(bytes).text,
+        "OK: product 3c02, component 2, level 01.05, 6 records, 3 of them data, build 7, type "
+        "font, name \"Boot block\"");
 }
 
 TEST_F(Zelfwfile, ChecksumFollowsTheRule) {
@@ -348,8 +350,11 @@ TEST_F(Zelfwfile, ProgramMakesAndChecksAFile) {
     EXPECT_EQ(read_file(out), made(small));
     const ToolRun checked = zelfwfile("check " + quoted(out));
     EXPECT_EQ(checked.code, 0);
-    EXPECT_EQ(checked.output,
-              out + ": OK: product 3c02, component 2, level 01.05, 6 records, 3 of them data\n");
+    EXPECT_EQ(
+        checked.output,
+        out +
+            ": OK: product 3c02, component 2, level 01.05, 6 records, 3 of them data, build 7, "
+            "type font, name \"Boot block\"\n");
     EXPECT_EQ(zelfwfile("make " + quoted(path)).code, 0);
     EXPECT_EQ(read_file(directory_.path("image.dat")), made(small));
 }
@@ -436,6 +441,12 @@ TEST_F(Zelfwfile, WrongArgumentsAreNamedAndEndWithTwo) {
         {"make a.toml b.toml", "'make' takes one description; -o names the output"},
         {"check", "'check' needs a file"},
         {"check -o a.dat b.dat", "'check' writes no file"},
+        {"show", "'show' needs a file"},
+        {"show -o a b.dat", "'show' writes no file"},
+        {"check --json a.dat", "'--json' goes with 'show' only"},
+        {"diff a.dat", "'diff' takes two files"},
+        {"diff a.dat b.dat c.dat", "'diff' takes two files"},
+        {"extract", "'extract' takes one file; -o names the directory"},
         {"make a.toml -o", "option '-o' needs a file name"},
         {"make a.toml --output ''", "option '--output' needs a file name"},
         {"make a.toml -o b -o c", "option '-o' was given twice"},
@@ -464,7 +475,7 @@ TEST_F(Zelfwfile, HelpAndVersionAreGivenOnRequest) {
     const ToolRun version = zelfwfile("--version");
     EXPECT_EQ(version.code, 0);
     EXPECT_EQ(version.output, "zelfwfile " ZELF_VERSION "\n");
-    for (const std::string command : {"make", "check"}) {
+    for (const std::string command : {"make", "check", "show", "diff", "extract"}) {
         EXPECT_EQ(zelfwfile(command + " --help").output, help.output);
         EXPECT_EQ(zelfwfile(command + " --version").output, version.output);
     }

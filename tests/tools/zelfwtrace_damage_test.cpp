@@ -8,6 +8,7 @@
 
 #include <sys/stat.h>
 
+#include <algorithm>
 #include <cmath>
 #include <limits>
 #include <memory>
@@ -222,7 +223,134 @@ TEST_F(ZelfwtraceDamage, TextFileIsNoTrace) {
     const ToolRun run = show();
     EXPECT_EQ(run.code, 1);
     EXPECT_THAT(run.output, IsEmpty());
-    EXPECT_THAT(run.errors, HasSubstr(": offset 0: no kind of record has the number "));
+    EXPECT_EQ(run.errors, "zelfwtrace: " + path("trace.bin") + ": this is no trace\n");
+}
+
+TEST_F(ZelfwtraceDamage, TextLogOfARunIsCalledThat) {
+    set_trace("Quenta Firmware Update Utility\n\nVersion 1.1.3 (i386)\n");
+    const ToolRun run = show();
+    EXPECT_EQ(run.code, 1);
+    EXPECT_THAT(run.errors, EndsWith(": this is no trace; it looks like the text log\n"));
+}
+
+TEST_F(ZelfwtraceDamage, EmptyFileIsCalledThat) {
+    set_trace("");
+    const ToolRun run = show();
+    EXPECT_EQ(run.code, 1);
+    EXPECT_THAT(run.output, IsEmpty());
+    EXPECT_EQ(run.errors, "zelfwtrace: " + path("trace.bin") + ": the file is empty\n");
+}
+
+TEST_F(ZelfwtraceDamage, DamagedHeaderIsSteppedOver) {
+    TraceBytes trace;
+    trace.version().text("one");
+    const std::size_t damaged = trace.size();
+    trace.text("two");
+    const std::size_t next = trace.size();
+    trace.text("three");
+    std::string bytes = trace.bytes();
+    bytes[damaged + 4] = '\x07';
+    set_trace(bytes);
+    const ToolRun run = show();
+    EXPECT_EQ(run.code, 1);
+    EXPECT_THAT(words_of(run.lines()),
+                testing::ElementsAre("-     a run begins", "-     text: one", "-     text: three"));
+    EXPECT_THAT(run.errors,
+                EndsWith(": offset 67: no kind of record has the number 7; " +
+                         std::to_string(next - damaged) + " bytes lost, going on at offset " +
+                         std::to_string(next) + "\n"));
+}
+
+TEST_F(ZelfwtraceDamage, RecordWhoseLengthSwallowsOthersLosesThemNot) {
+    TraceBytes trace;
+    trace.version().text("one");
+    std::string bytes = trace.bytes();
+    bytes[32] = 60;  // of "one"
+    set_trace(bytes + TraceBytes().text("two").text("three").text("four").bytes());
+    const ToolRun run = show();
+    EXPECT_EQ(run.code, 1);
+    EXPECT_THAT(words_of(run.lines()),
+                testing::ElementsAre("-     a run begins", "-     text: two", "-     text: three",
+                                     "-     text: four"));
+    EXPECT_EQ(std::count(run.errors.begin(), run.errors.end(), '\n'), 1);
+    EXPECT_THAT(run.errors, EndsWith(": offset 32: another record begins inside the 60 bytes of "
+                                     "this one; 35 bytes lost, going on at offset 67\n"));
+}
+
+TEST_F(ZelfwtraceDamage, HalfRecordThatAnotherRunAppendedToIsSteppedOver) {
+    const std::string half = TraceBytes().version().text("half a text").bytes().substr(0, 70);
+    const std::string more = TraceBytes().process(77).version().text("two").bytes();
+    set_trace(half + more);
+    const ToolRun run = show();
+    EXPECT_EQ(run.code, 1);
+    EXPECT_THAT(
+        words_of(run.lines()),
+        testing::ElementsAre("-     a run begins", "-     text: half a\\x10\\x00\\x00\\x00\\xf5",
+                             "-     a run begins", "-     text: two"));
+    EXPECT_THAT(run.errors, HasSubstr("the number 0; going on at offset 70\n"));
+}
+
+TEST_F(ZelfwtraceDamage, HeaderOfAProcessThatNoSystemHasIsNotGoneOnAt) {
+    TraceBytes trace;
+    trace.version().raw("damage").process(0).text("zero").process(4'194'305).text("beyond");
+    trace.process(4'194'304).text("highest");
+    set_trace(trace.bytes());
+    EXPECT_THAT(words(), testing::ElementsAre("-     a run begins", "-     text: highest"));
+}
+
+TEST_F(ZelfwtraceDamage, NumbersOfAnImageEndWhereRecordsWereLost) {
+    TraceBytes trace;
+    trace.version()
+        .sent("04 00 01 00")
+        .record(1)
+        .raw("damage")
+        .record(2)
+        .sent("05 00 02 00 00 1e 86");
+    trace.sent("04 00 01 00").record(3).sent("05 00 02 00 00 1e 86");
+    set_trace(trace.bytes());
+    EXPECT_THAT(words("-k sent"),
+                testing::ElementsAre(
+                    "3c35  erase", "3c35  record 1 (component 0, data 000000, 1 byte)",
+                    "3c35  record (component 0, data 000000, 2 bytes)", "3c35  checksum (1e.86)",
+                    "3c35  erase", "3c35  record 1 of 1 (component 0, data 000000, 3 bytes)",
+                    "3c35  checksum (1e.86)"));
+}
+
+TEST_F(ZelfwtraceDamage, ManyDamagedPlacesAreNamedInPartAndCounted) {
+    TraceBytes trace;
+    trace.version();
+    for (int i = 0; i < 23; ++i) {
+        trace.raw("x").text("text");
+    }
+    set_trace(trace.bytes());
+    const ToolRun run = show();
+    EXPECT_EQ(run.code, 1);
+    EXPECT_THAT(run.lines(), SizeIs(24));
+    EXPECT_EQ(std::count(run.errors.begin(), run.errors.end(), '\n'), 21);
+    EXPECT_THAT(run.errors, EndsWith(": 3 more damaged places\n"));
+}
+
+TEST_F(ZelfwtraceDamage, EveryWholeRecordBehindAnyWrongByteIsShown) {
+    const std::string bytes = whole_trace().bytes();
+    const std::set<std::size_t> starts = boundaries(bytes);
+    for (std::size_t at = 0; at < bytes.size(); ++at) {
+        std::string changed = bytes;
+        changed[at] = static_cast<char>(changed[at] ^ 0x40);
+        const std::unique_ptr<FILE, FileCloser> stream(
+            fmemopen(changed.data(), changed.size(), "rb"));
+        TraceReader reader(stream.get());
+        std::set<std::size_t> read;
+        do {
+            for (TraceEntry entry; reader.next(entry);) {
+                read.insert(static_cast<std::size_t>(entry.offset));
+            }
+        } while (reader.step_over_damage());
+        const auto damaged = std::prev(starts.upper_bound(at));
+        for (auto one = std::next(damaged); *one != bytes.size(); ++one) {
+            EXPECT_TRUE(read.contains(*one)) << "byte " << at << ", record at " << *one;
+        }
+        EXPECT_EQ(reader.offset(), bytes.size());
+    }
 }
 
 TEST_F(ZelfwtraceDamage, FileThatCannotBeReadIsAFailure) {

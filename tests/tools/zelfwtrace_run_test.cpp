@@ -133,7 +133,7 @@ TEST_F(ZelfwtraceRun, RejectedRecordIsNamed) {
     add_firmware("main.dat", {.data_records = 3});
     update();
     const auto lines = words_of(show("-d 3c35").lines());
-    EXPECT_THAT(lines, testing::Contains(HasSubstr("  record 3 (")));
+    EXPECT_THAT(lines, testing::Contains(HasSubstr("  record 3 of 5 (")));
     EXPECT_THAT(lines,
                 testing::Contains(MatchesRegex("3c35  status rejected \\(record, .* ms\\)")));
 }

@@ -260,11 +260,83 @@ TEST_F(Zelfwtrace, TimesUpToTheLastSecondOfTheFieldAreShown) {
     EXPECT_THAT(show().output, StartsWith("2106-02-07 06:28:15.005 "));
 }
 
-TEST_F(Zelfwtrace, EmptyFileHasNoRecords) {
-    set_trace("");
-    const ToolRun run = show();
-    EXPECT_EQ(run.code, 0);
-    EXPECT_THAT(run.output + run.errors, IsEmpty());
+TEST_F(Zelfwtrace, TextTellsTheRecordsOfAnImageThatWasBrokenOff) {
+    const std::string sending =
+        "Erase completed, now sending 50 firmware update records from file\n";
+    TraceBytes trace;
+    trace.sent(erase).process(2).text(sending).process(4711).record(1);
+    trace.sent(erase).text(sending).record(1).record(1).sent(erase).record(1);
+    trace.sent(erase).text("Erase completed, now sending 1 firmware").record(1).record(2);
+    trace.sent(erase).text("Erase completed, now sending 9999999 firmware").record(1);
+    set_trace(trace.bytes());
+    std::vector<std::string> records;
+    for (const std::string& line : words("-k sent")) {
+        if (line.find("record") != std::string::npos) {
+            records.push_back(line.substr(0, line.find(" (")));
+        }
+    }
+    EXPECT_THAT(records, ElementsAre("3c35  record 1", "3c35  record 1 of 50",
+                                     "3c35  record 2 of 50", "3c35  record 1",
+                                     "3c35  record 1 of 1", "3c35  record 2", "3c35  record 1"));
+}
+
+TEST_F(Zelfwtrace, RunIsPickedByItsNumberFromEitherEnd) {
+    TraceBytes trace;
+    trace.text("none").process(1).version().text("a").process(2).version().text("b");
+    trace.process(1).text("a").version().text("c").process(2).text("b");
+    set_trace(trace.bytes());
+    const auto run = [](const std::string& text, int texts) {
+        std::vector<std::string> all(static_cast<std::size_t>(texts), "-     text: " + text);
+        all.insert(all.begin(), "-     a run begins");
+        return all;
+    };
+    EXPECT_EQ(words("--run 1"), run("a", 2));
+    EXPECT_EQ(words("--run 2"), run("b", 2));
+    EXPECT_EQ(words("--run 3"), run("c", 1));
+    EXPECT_EQ(words("--run -1"), run("c", 1));
+    EXPECT_EQ(words("--run -3"), run("a", 2));
+    EXPECT_EQ(words("--run -1 -k text"), std::vector<std::string>{"-     text: c"});
+    EXPECT_THAT(show("summary --run -2").output, StartsWith("1 run, 2 texts, 0 devices\n"));
+}
+
+TEST_F(Zelfwtrace, RunThatIsNotThereIsAFailure) {
+    set_trace(TraceBytes().version().version().bytes());
+    for (const std::string number : {"3", "-3"}) {
+        const ToolRun run = show("--run " + number);
+        EXPECT_EQ(run.code, 1);
+        EXPECT_EQ(run.errors, "zelfwtrace: " + path("trace.bin") + ": there is no run " + number +
+                                  ", the file has 2 runs\n");
+    }
+}
+
+TEST_F(Zelfwtrace, RunOfAPipeIsCountedFromItsBeginningOnly) {
+    set_trace(TraceBytes().version().text("a").version().text("b").bytes());
+    const std::string piped = "cat " + quoted(path("trace.bin")) + " | " + quoted(ZELFWTRACE);
+    EXPECT_THAT(words_of(run_shell(piped + " --run 2 -", directory_).lines()),
+                ElementsAre("-     a run begins", "-     text: b"));
+    const ToolRun last = run_shell(piped + " --run -1 -", directory_);
+    EXPECT_EQ(last.code, 1);
+    EXPECT_THAT(last.errors, HasSubstr("known only of a file that can be read twice"));
+}
+
+TEST_F(Zelfwtrace, FollowsAFileThatGrows) {
+    const std::string more = image().bytes();
+    set_trace(TraceBytes().version().bytes());
+    write_file(path("half"), more.substr(0, 40));
+    write_file(path("rest"), more.substr(40));
+    const std::string shown = quoted(path("shown"));
+    const ToolRun run =
+        run_shell(quoted(ZELFWTRACE) + " show --follow " + quoted(path("trace.bin")) + " >" +
+                      shown + " & reader=$!; cat " + quoted(path("half")) + " >>" +
+                      quoted(path("trace.bin")) + "; for i in $(seq 200); do [ -s " + shown +
+                      " ] && break; sleep 0.1; done; cat " + quoted(path("rest")) + " >>" +
+                      quoted(path("trace.bin")) + "; for i in $(seq 200); do [ $(wc -l <" + shown +
+                      ") = 11 ] && break; sleep 0.1; done; kill $reader; { wait $reader; } "
+                      "2>/dev/null; cat " +
+                      shown,
+                  directory_);
+    EXPECT_THAT(words_of(run.lines()),
+                AllOf(testing::SizeIs(11), Contains(StartsWith("3c35  record 2 "))));
 }
 
 TEST_F(Zelfwtrace, PipeIsReadOnceAndNamesNoTotals) {
@@ -322,6 +394,9 @@ TEST_F(Zelfwtrace, TimeFilterTakesBothEnds) {
                 ElementsAre("-     text: 1"));
     EXPECT_THAT(words("--from '2023-11-14 22:14'"), IsEmpty());
     EXPECT_THAT(words("--from 2023-11-14"), testing::SizeIs(3));
+    EXPECT_THAT(words("--from '2023-11-14 22'"), testing::SizeIs(3));
+    EXPECT_THAT(words("--from '2023-11-14 23'"), IsEmpty());
+    EXPECT_THAT(words("--from 22:13:21"), IsEmpty());
 }
 
 TEST_F(Zelfwtrace, FilteredRecordsKeepTheirNumbersAndAnswerTimes) {
@@ -459,6 +534,15 @@ TEST_F(Zelfwtrace, WrongArgumentsAreUsageErrors) {
                                               "--to '2023-11-14 24:00'",
                                               "--to @99999999999",
                                               "--from @1 --from @2",
+                                              "--run 0",
+                                              "--run last",
+                                              "--run 1,2",
+                                              "--run 1 --run 2",
+                                              "summary --follow",
+                                              "pcap --follow -o x",
+                                              "--to 24:00",
+                                              "redact",
+                                              "redact -o x --json",
                                               "--utc pcap -o x",
                                               "pcap",
                                               "pcap -o x --json",
@@ -503,13 +587,15 @@ TEST_F(Zelfwtrace, ReasonNamesTheWrongArgument) {
     EXPECT_THAT(run("pcap x").errors,
                 StartsWith("zelfwtrace: 'pcap' needs '-o' and the file to write\n"));
     EXPECT_THAT(run("summary -o y x").errors,
-                StartsWith("zelfwtrace: '-o' goes with 'pcap' only\n"));
+                StartsWith("zelfwtrace: '-o' goes with 'pcap' and 'redact' only\n"));
     EXPECT_THAT(run("pcap -j -o y x").errors,
                 StartsWith("zelfwtrace: '--json' goes with 'show' and 'summary' only\n"));
     EXPECT_THAT(run("--nonsense x").errors,
                 StartsWith("zelfwtrace: unknown option '--nonsense'\n"));
-    EXPECT_THAT(run("-k answer x").errors,
-                StartsWith("zelfwtrace: 'answer' is no kind of record\n"));
+    EXPECT_THAT(
+        run("-k answer x").errors,
+        StartsWith("zelfwtrace: 'answer' is no kind of record; the kinds are version, text, "
+                   "sent, status, data\n"));
     EXPECT_THAT(run("--to noon x").errors, StartsWith("zelfwtrace: 'noon' is no time\n"));
 }
 
@@ -519,7 +605,7 @@ TEST_F(Zelfwtrace, HelpAndVersionNeedNoFile) {
     EXPECT_THAT(help.output, StartsWith("NAME\n  zelfwtrace - "));
     EXPECT_EQ(run("--help").output, help.output);
     EXPECT_EQ(run("--version").output, "zelfwtrace " ZELF_VERSION "\n");
-    for (const std::string command : {"show", "summary", "pcap"}) {
+    for (const std::string command : {"show", "summary", "pcap", "redact"}) {
         EXPECT_THAT(help.output, HasSubstr("\n  zelfwtrace " + command + " "));
         EXPECT_EQ(run(command + " --help").output, help.output);
         EXPECT_EQ(run(command + " --version").output, "zelfwtrace " ZELF_VERSION "\n");

@@ -3,6 +3,9 @@
 #include "common/image_checksum.h"
 #include "firmware/firmware_file.h"
 #include "journal/file_handle.h"
+#include "zelfwfile/firmware_content.h"
+#include "zelfwfile/firmware_description.h"
+#include "zelfwfile/firmware_show.h"
 
 #include <array>
 #include <cctype>
@@ -20,18 +23,6 @@ class Fault : public std::runtime_error {
     Fault(std::size_t offset, const std::string& reason)
         : std::runtime_error("offset " + std::to_string(offset) + ": " + reason) {}
 };
-
-std::string level_text(int level) {
-    char text[16];
-    snprintf(text, sizeof text, "%02x.%02x", (level >> 8) & 0xFF, level & 0xFF);
-    return text;
-}
-
-std::string four_digits(int value) {
-    char text[16];
-    snprintf(text, sizeof text, "%04x", static_cast<unsigned int>(value));
-    return text;
-}
 
 /// The first entry of a list record, or of a version record: what it says of the file.
 struct RecordClaim {
@@ -202,6 +193,17 @@ std::string FirmwareChecker::run() {
            std::to_string(download_records_) + " of them data";
 }
 
+/// Build, type and name.
+std::string further_words(const std::string& path) {
+    const FirmwareContent content = read_firmware_content(path);
+    std::string words =
+        ", build " + std::to_string(content.build) + ", type " + type_word(content.type);
+    if (content.name) {
+        words += ", name " + quoted_text(*content.name);
+    }
+    return words;
+}
+
 }  // namespace
 
 FirmwareVerdict check_firmware_file(const std::string& path) {
@@ -210,8 +212,9 @@ FirmwareVerdict check_firmware_file(const std::string& path) {
         return {false, "cannot be opened, or is no regular file"};
     }
     try {
-        return {true, FirmwareChecker(file.get()).run()};
-    } catch (const Fault& fault) {
+        std::string words = FirmwareChecker(file.get()).run();
+        return {true, words + further_words(path)};
+    } catch (const std::runtime_error& fault) {
         return {false, fault.what()};
     }
 }

@@ -66,6 +66,13 @@ Value value_of(const TomlTable& table, std::string_view key, const std::string& 
     table.fail(key, "\"" + std::string(key) + "\" must be one of " + choices);
 }
 
+template <typename Value, std::size_t size>
+std::string word_of(Value value, const std::array<Word<Value>, size>& words) {
+    const auto* found = std::find_if(
+        words.begin(), words.end(), [value](const Word<Value>& row) { return row.value == value; });
+    return found == words.end() ? "unknown" : std::string(found->word);
+}
+
 int digit_value(char digit) {
     constexpr std::string_view digits = "0123456789abcdef";
     const char lower = digit >= 'A' && digit <= 'F' ? static_cast<char>(digit - 'A' + 'a') : digit;
@@ -210,6 +217,26 @@ void read_records(const TomlTable& data, const std::string& path,
 }
 
 }  // namespace
+
+std::vector<InformationRecord> all_information_records() {
+    std::vector<InformationRecord> all;
+    for (const Word<InformationRecord>& row : information_words) {
+        all.push_back(row.value);
+    }
+    return all;
+}
+
+std::string type_word(int type) {
+    return word_of(static_cast<FirmwareFileType>(type), type_words);
+}
+
+std::string control_word(int control) {
+    return word_of(static_cast<VersionMethod>(control), control_words);
+}
+
+std::string information_word(InformationRecord record) {
+    return word_of(record, information_words);
+}
 
 FirmwareDescription read_firmware_description(const std::string& path) {
     const toml::table parsed = zelf::parse_toml_file(path);

@@ -22,6 +22,14 @@ enum class InformationRecord {
     inline_version_text,  ///< 0xcF, four digits
 };
 
+/// All of them.
+std::vector<InformationRecord> all_information_records();
+
+// The words of a description for what a file says; "unknown" where it has none.
+std::string type_word(int type);
+std::string control_word(int control);
+std::string information_word(InformationRecord record);
+
 struct FirmwareDescription {
     int product = 0;    ///< 1 to 0xFFFF
     int level = 0;      ///< major * 256 + minor, 1 to 0xFFFF

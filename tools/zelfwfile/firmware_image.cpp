@@ -100,6 +100,15 @@ std::vector<std::uint8_t> firmware_file_bytes(const FirmwareDescription& descrip
     return bytes;
 }
 
+std::vector<std::uint8_t> information_record_bytes(InformationRecord record,
+                                                   const FirmwareDescription& description) {
+    const InformationContent content = content_of(record, description);
+    Bytes bytes{byte_of(static_cast<int>(content.payload.size())), byte_of(content.tag),
+                byte_of(content.subtype >> 8), byte_of(content.subtype)};
+    append(bytes, content.payload);
+    return bytes;
+}
+
 void write_whole_file(const std::string& path, const std::vector<std::uint8_t>& bytes) {
     struct stat status = {};
     if (stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {

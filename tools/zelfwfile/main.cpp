@@ -1,9 +1,17 @@
-// Makes firmware files from descriptions, and tells whether a firmware file is whole.
+// Makes firmware files from descriptions, and checks, shows, compares and takes apart such files.
 
+#include "common/file_access.h"
 #include "zelfwfile/firmware_check.h"
+#include "zelfwfile/firmware_content.h"
 #include "zelfwfile/firmware_description.h"
+#include "zelfwfile/firmware_diff.h"
+#include "zelfwfile/firmware_extract.h"
 #include "zelfwfile/firmware_image.h"
+#include "zelfwfile/firmware_show.h"
 
+#include <sys/stat.h>
+
+#include <cstdint>
 #include <cstdio>
 #include <exception>
 #include <filesystem>
@@ -19,11 +27,14 @@ constexpr int exit_failure = 1;
 constexpr int exit_usage = 2;
 
 constexpr char help_text[] = R"(NAME
-  zelfwfile - make and check firmware files
+  zelfwfile - make, check and take apart firmware files
 
 SYNOPSIS
   zelfwfile make DESCRIPTION.toml [-o OUT.dat]
   zelfwfile check FILE...
+  zelfwfile show FILE... [--json]
+  zelfwfile diff FILE FILE
+  zelfwfile extract FILE [-o DIRECTORY]
   zelfwfile [COMMAND] --help | --version
 
 COMMANDS
@@ -39,8 +50,21 @@ COMMANDS
             - all records name one component, and no level but the header's,
             - an end mark and the right checksum follow, and nothing else.
 
+  show    Prints everything that a file holds, as far as it can be read: what the
+          updater reads of it, the checksum given and right, and each record.
+
+  diff    Prints a line for each record, and in it each byte, in which two files
+          differ; nothing when they are the same.
+
+  extract Writes a description, and an image where all records have one size,
+          from which "make" makes the same file, byte for byte. They get the
+          file's name with the extensions ".toml" and ".bin". A file that no
+          description can express is refused with the reason.
+
 OPTIONS
-  -o, --output FILE    the file that "make" writes
+  -o, --output NAME    the file that "make" writes; the directory of "extract",
+                       else the current one
+  -j, --json           of "show": one JSON object a file
   -h, --help           this text
       --version        the version
   --                   what follows is no option
@@ -67,13 +91,15 @@ DESCRIPTION FILE
   record_size = 64              bytes of each record of "image" and "pattern", 1 to 255
 
 EXIT STATUS
-  0  success; all files are whole
-  1  the file could not be made; a file is not whole
-  2  wrong arguments
+  0  success; all files are whole; both files are the same
+  1  the file could not be made or taken apart; a file is not whole; the files differ
+  2  wrong arguments; of "diff" also a file that could not be read
 
 EXAMPLES
   zelfwfile make printer-main.toml -o firmware/printer-main.dat
   zelfwfile check firmware/*.dat
+  zelfwfile show --json printer-main.dat
+  zelfwfile extract printer-main.dat -o sources
 )";
 
 constexpr char make_takes_one[] = "'make' takes one description; -o names the output";
@@ -81,6 +107,7 @@ constexpr char make_takes_one[] = "'make' takes one description; -o names the ou
 struct Arguments {
     bool help = false;
     bool version = false;
+    bool json = false;
     std::optional<std::string> output;
     std::vector<std::string> operands;
 };
@@ -99,6 +126,8 @@ std::optional<std::string> take_option(const std::vector<std::string>& given, st
         arguments.help = true;
     } else if (option == "--version") {
         arguments.version = true;
+    } else if (option == "-j" || option == "--json") {
+        arguments.json = true;
     } else if (option == "-o" || option == "--output") {
         if (at + 1 >= given.size() || given[at + 1].empty()) {
             return "option '" + option + "' needs a file name";
@@ -152,6 +181,108 @@ int check(const std::vector<std::string>& files) {
     return result;
 }
 
+int failure(const std::string& reason, int code = exit_failure) {
+    fflush(stdout);
+    fprintf(stderr, "%s\n", reason.c_str());
+    return code;
+}
+
+int show(const std::vector<std::string>& files, bool as_json) {
+    int result = exit_success;
+    for (const std::string& file : files) {
+        try {
+            const FirmwareContent content = read_firmware_content(file);
+            fputs((as_json ? shown_as_json(file, content) : shown_as_text(file, content)).c_str(),
+                  stdout);
+            result = content.trouble.empty() ? result : exit_failure;
+        } catch (const std::exception& error) {
+            result = failure(error.what());
+        }
+    }
+    return result;
+}
+
+int diff(const std::string& one, const std::string& other) {
+    try {
+        const std::string differences =
+            firmware_differences(read_firmware_content(one), read_firmware_content(other));
+        fputs(differences.c_str(), stdout);
+        return differences.empty() ? exit_success : exit_failure;
+    } catch (const std::exception& error) {
+        return failure(error.what(), exit_usage);
+    }
+}
+
+bool is_same_file(const std::string& one, const std::string& other) {
+    struct stat first = {}, second = {};
+    return stat(one.c_str(), &first) == 0 && stat(other.c_str(), &second) == 0 &&
+           first.st_dev == second.st_dev && first.st_ino == second.st_ino;
+}
+
+int extract(const std::string& file, const std::string& directory) {
+    try {
+        const std::filesystem::path stem =
+            std::filesystem::path(directory) / std::filesystem::path(file).stem();
+        const std::string image = stem.string() + ".bin";
+        const std::string description = stem.string() + ".toml";
+        const ExtractedFirmware extracted =
+            extract_firmware(read_firmware_content(file), stem.filename().string() + ".bin");
+        for (const std::string& target : {image, description}) {
+            if (is_same_file(target, file)) {
+                return failure(file + ": would be replaced by what is extracted from it");
+            }
+        }
+        zelf::create_directories(directory);
+        if (!extracted.image.empty()) {
+            write_whole_file(image, extracted.image);
+        }
+        write_whole_file(description, {extracted.description.begin(), extracted.description.end()});
+    } catch (const std::exception& error) {
+        return failure(file + ": " + error.what());
+    }
+    return exit_success;
+}
+
+/// A command's files: at least and at most so many, and which options go with them.
+struct Command {
+    const char* name;
+    std::size_t least, most;
+    bool takes_output, takes_json;
+    const char* wrong_count;
+    int (*run)(const std::vector<std::string>& files, const Arguments& arguments);
+};
+
+constexpr std::size_t any_number = SIZE_MAX;
+
+const Command commands[] = {
+    {"make", 1, 1, true, false, make_takes_one,
+     [](const auto& files, const auto& arguments) { return make(files[0], arguments.output); }},
+    {"check", 1, any_number, false, false, "'check' needs a file",
+     [](const auto& files, const auto&) { return check(files); }},
+    {"show", 1, any_number, false, true, "'show' needs a file",
+     [](const auto& files, const auto& arguments) { return show(files, arguments.json); }},
+    {"diff", 2, 2, false, false, "'diff' takes two files",
+     [](const auto& files, const auto&) { return diff(files[0], files[1]); }},
+    {"extract", 1, 1, true, false, "'extract' takes one file; -o names the directory",
+     [](const auto& files, const auto& arguments) {
+         return extract(files[0], arguments.output.value_or("."));
+     }},
+};
+
+int run_command(const Command& command, const Arguments& arguments) {
+    const std::vector<std::string> files(arguments.operands.begin() + 1, arguments.operands.end());
+    if (arguments.output && !command.takes_output) {
+        return usage_error(std::string("'") + command.name + "' writes no file");
+    }
+    if (arguments.json && !command.takes_json) {
+        return usage_error("'--json' goes with 'show' only");
+    }
+    if (files.size() < command.least || files.size() > command.most) {
+        return usage_error(command.wrong_count);
+    }
+    return command.run(files, arguments);
+}
+
 int run(const Arguments& arguments) {
     if (arguments.help) {
         fputs(help_text, stdout);
@@ -164,19 +295,13 @@ int run(const Arguments& arguments) {
     if (arguments.operands.empty()) {
         return usage_error("no command given");
     }
-    const std::string& command = arguments.operands.front();
-    const std::vector<std::string> files(arguments.operands.begin() + 1, arguments.operands.end());
-    if (command == "make") {
-        return files.size() == 1 ? make(files.front(), arguments.output)
-                                 : usage_error(make_takes_one);
-    }
-    if (command == "check") {
-        if (arguments.output) {
-            return usage_error("'check' writes no file");
+    const std::string& name = arguments.operands.front();
+    for (const Command& command : commands) {
+        if (name == command.name) {
+            return run_command(command, arguments);
         }
-        return files.empty() ? usage_error("'check' needs a file") : check(files);
     }
-    return usage_error("unknown command '" + command + "'");
+    return usage_error("unknown command '" + name + "'");
 }
 
 }  // namespace

@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <iterator>
+#include <regex>
 #include <sstream>
 #include <string_view>
 #include <utility>
@@ -16,10 +17,11 @@ SYNOPSIS
   zelfwtrace summary [OPTION...] FILE
   zelfwtrace pcap [OPTION...] FILE -o OUT.pcapng
   zelfwtrace explain [OPTION...] FILE
+  zelfwtrace redact [OPTION...] FILE -o OUT
   zelfwtrace [COMMAND] --help | --version
 
-  FILE is a trace file, or "-" for standard input. One that is damaged or cut off
-  is read as far as it goes; then the offset and the reason are told.
+  FILE is a trace file, or "-" for standard input. A damaged place is told with its
+  offset and the reason, and stepped over to the next record that can be read.
 
 COMMANDS
   show     Prints one line for each record: time, seconds since the run began,
@@ -36,22 +38,29 @@ COMMANDS
            what failed: how far it came, the cause, the device's state, what to do,
            and where in the file that shows.
 
+  redact   Writes a copy that can be handed on: image bytes are zeros, each serial
+           number and file name has a stand-in (SN0001, file1.dat), the same one
+           everywhere. A trace holds whole firmware images. Look through the copy.
+
 OUTPUT
   -j, --json           of "show", "summary" and "explain": one JSON object a
                        record, device or run, and line; times are UTC
   -x, --hex            of "show": also each transfer's bytes
-  -o, --output OUT     of "pcap": the file to write, "-" for standard output
+  -o, --output OUT     of "pcap", "redact": the file to write, "-" for standard output
   -u, --utc            show and take times as UTC, not as local time
+      --follow         of "show": go on as the file grows, until interrupted
 
 FILTERS
   -d, --device ID      only transfers of this product ID, four hexadecimal digits
   -k, --kind KIND      only records of this kind: version, text, sent, status
                        (status reports read), data (data answers read)
+      --run N              only this run, from 1; -1 is the last, -2 the one before
       --from TIME      only records from this time on
       --to TIME        only records up to this time
   -d and -k may be given several times, or with a list: -k sent,status. TIME is
-  "2026-11-20 17:18:07.123", with the end left out as you like, or @SECONDS since
-  1970. "explain" needs all records and takes no filter.
+  "2026-11-20 17:18:07.123", with the end left out as you like ("2026-11-20 17"),
+  or today's "17:18", or as --json has it, or @SECONDS since 1970. "explain" needs
+  all records and takes no filter.
 
 OTHER OPTIONS
   -h, --help           this text
@@ -66,6 +75,7 @@ EXIT STATUS
 
 EXAMPLES
   zelfwtrace show -d 3C35 -k sent,status /tmp/zelfwtrace.log
+  zelfwtrace show --run -1 /tmp/zelfwtrace.log
   zelfwtrace summary --from 2026-11-20 /tmp/zelfwtrace.log
   zelfwtrace pcap /tmp/zelfwtrace.log -o exchange.pcapng
   zelfwtrace explain /tmp/zelfwtrace.log
@@ -80,7 +90,7 @@ constexpr int hexadecimal_base = 16;
 
 /// What the options say, before it is understood as a whole.
 struct Given {
-    std::vector<std::string> devices, kinds, captures, from, to, operands;
+    std::vector<std::string> devices, kinds, captures, runs, from, to, operands;
 };
 
 struct ValueOption {
@@ -91,7 +101,7 @@ struct ValueOption {
 const ValueOption value_options[] = {
     {"-d", "--device", &Given::devices},  {"-k", "--kind", &Given::kinds},
     {"-o", "--output", &Given::captures}, {nullptr, "--from", &Given::from},
-    {nullptr, "--to", &Given::to},
+    {nullptr, "--to", &Given::to},        {nullptr, "--run", &Given::runs},
 };
 
 struct FlagOption {
@@ -104,6 +114,7 @@ const FlagOption flag_options[] = {
     {nullptr, "--version", &TraceArguments::version},
     {"-j", "--json", &TraceArguments::json},
     {"-x", "--hex", &TraceArguments::with_bytes},
+    {nullptr, "--follow", &TraceArguments::follow},
 };
 
 constexpr std::pair<std::string_view, TraceCommand> commands[] = {
@@ -111,6 +122,7 @@ constexpr std::pair<std::string_view, TraceCommand> commands[] = {
     {"summary", TraceCommand::summary},
     {"pcap", TraceCommand::pcap},
     {"explain", TraceCommand::explain},
+    {"redact", TraceCommand::redact},
 };
 
 /// True when the first word is a command; else it is left to be an option or a file.
@@ -186,7 +198,7 @@ Reason take_filter_lists(const Given& given, TraceFilter& filter) {
     for (const std::string& text : list_items(given.kinds)) {
         const auto kind = record_kind_of(text);
         if (!kind) {
-            return "'" + text + "' is no kind of record";
+            return "'" + text + "' is no kind of record; the kinds are " + record_kind_names();
         }
         filter.kinds.insert(*kind);
     }
@@ -219,23 +231,42 @@ Reason take_time(const std::vector<std::string>& values, const char* option, zel
     return std::nullopt;
 }
 
+Reason take_run(const std::vector<std::string>& values, std::optional<std::int64_t>& run) {
+    static const std::regex number("-?[1-9][0-9]{0,8}");
+    std::optional<std::string> text;
+    if (auto reason = take_once(values, "--run", text)) {
+        return reason;
+    }
+    if (text && !std::regex_match(*text, number)) {
+        return "'" + *text + "' is no run: 1 is the first, -1 the last";
+    }
+    if (text) {
+        run = std::stoll(*text);
+    }
+    return std::nullopt;
+}
+
 Reason check_combination(const TraceArguments& arguments) {
     const bool is_pcap = arguments.command == TraceCommand::pcap;
-    if (is_pcap && arguments.capture.empty()) {
-        return "'pcap' needs '-o' and the file to write";
+    const bool is_redact = arguments.command == TraceCommand::redact;
+    if ((is_pcap || is_redact) && arguments.capture.empty()) {
+        return std::string(is_pcap ? "'pcap'" : "'redact'") + " needs '-o' and the file to write";
     }
-    if (!is_pcap && !arguments.capture.empty()) {
-        return "'-o' goes with 'pcap' only";
+    if (!is_pcap && !is_redact && !arguments.capture.empty()) {
+        return "'-o' goes with 'pcap' and 'redact' only";
     }
-    if (is_pcap && arguments.json) {
+    if ((is_pcap || is_redact) && arguments.json) {
         return "'--json' goes with 'show', 'summary' and 'explain' only";
     }
     if (arguments.with_bytes && (arguments.command != TraceCommand::show || arguments.json)) {
         return "'--hex' goes with lines of text only";
     }
+    if (arguments.follow && arguments.command != TraceCommand::show) {
+        return "'--follow' goes with 'show' only";
+    }
     const TraceFilter& filter = arguments.filter;
-    const bool is_filtered =
-        !filter.products.empty() || !filter.kinds.empty() || filter.from || filter.to;
+    const bool is_filtered = !filter.products.empty() || !filter.kinds.empty() || filter.from ||
+                             filter.to || filter.run;
     if (arguments.command == TraceCommand::explain && is_filtered) {
         return "'explain' takes no filter";
     }
@@ -250,6 +281,9 @@ Reason understand(const Given& given, TraceArguments& arguments) {
         return reason;
     }
     if (auto reason = take_time(given.to, "--to", arguments.zone, arguments.filter.to)) {
+        return reason;
+    }
+    if (auto reason = take_run(given.runs, arguments.filter.run)) {
         return reason;
     }
     std::optional<std::string> capture;

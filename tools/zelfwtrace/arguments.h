@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-enum class TraceCommand { show, summary, pcap, explain };
+enum class TraceCommand { show, summary, pcap, explain, redact };
 
 struct TraceArguments {
     bool help = false;
@@ -17,8 +17,9 @@ struct TraceArguments {
     TraceCommand command = TraceCommand::show;
     bool json = false;
     bool with_bytes = false;
+    bool follow = false;
     zelf::TimeZone zone = zelf::TimeZone::local;
-    std::string capture;  ///< of `pcap`: the file that the capture goes to
+    std::string capture;  ///< of `pcap` and `redact`: the file that is written
     TraceFilter filter;
     std::string file;  ///< "-": standard input
 };

@@ -12,6 +12,22 @@ constexpr std::size_t most_conversations = 64;
 /// Images beyond these are shown without their number of records.
 constexpr std::size_t most_images = 1U << 20U;
 
+/// What the updater says between the erase of an image and its first record.
+constexpr std::string_view announcement = "Erase completed, now sending ";
+constexpr std::size_t most_announced_digits = 6;
+
+std::optional<std::uint32_t> announced_records(std::string_view text) {
+    if (!text.starts_with(announcement)) {
+        return std::nullopt;
+    }
+    text.remove_prefix(announcement.size());
+    const std::size_t digits = std::min(text.find_first_not_of("0123456789"), text.size());
+    if (digits == 0 || digits > most_announced_digits) {
+        return std::nullopt;
+    }
+    return static_cast<std::uint32_t>(std::stoul(std::string(text.substr(0, digits))));
+}
+
 }  // namespace
 
 std::string Meaning::title() const {
@@ -62,6 +78,7 @@ Meaning Conversations::follow(const TraceEntry& entry) {
     }
     if (!entry.is_transfer()) {
         meaning.message = "text";
+        follow_text(entry);
         return meaning;
     }
     Conversation& conversation = conversation_of(entry);
@@ -74,6 +91,15 @@ Meaning Conversations::follow(const TraceEntry& entry) {
     meaning.message = "data";
     meaning.details = data_words(entry.report(), conversation.query);
     return meaning;
+}
+
+void Conversations::follow_text(const TraceEntry& entry) {
+    if (const auto records = announced_records(entry.payload)) {
+        Conversation& conversation = conversation_of(entry);
+        if (conversation.in_image && conversation.records == 0) {
+            conversation.announced = records;
+        }
+    }
 }
 
 Meaning Conversations::follow_sent(Conversation& conversation, const TraceEntry& entry) {
@@ -105,11 +131,14 @@ void Conversations::follow_image(Conversation& conversation, const SentMessage& 
         conversation.in_image = true;
         conversation.image = images_++;
         conversation.records = 0;
+        conversation.announced.reset();
     } else if (message.kind == SentMessage::Kind::image_record) {
         if (conversation.in_image) {
             meaning.record = ++conversation.records;
             if (conversation.image < totals_.size() && totals_[conversation.image] != 0) {
                 meaning.records = totals_[conversation.image];
+            } else if (conversation.announced >= meaning.record) {
+                meaning.records = conversation.announced;
             }
         }
     } else if (message.kind == SentMessage::Kind::checksum) {

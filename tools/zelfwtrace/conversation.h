@@ -38,6 +38,8 @@ class Conversations {
 
     /// Takes the records one by one, in the order of the file.
     Meaning follow(const TraceEntry& entry);
+    /// Records were lost here: what was under way before is forgotten.
+    void forget() { conversations_.clear(); }
     /// The totals of the images that were complete so far.
     const ImageTotals& counted() const { return counted_; }
 
@@ -50,8 +52,9 @@ class Conversations {
         bool in_image = false;
         std::size_t image = 0;  ///< of `in_image`: its place in the totals
         std::uint32_t records = 0;
-        const CommandRow* query = nullptr;  ///< sent last
-        std::string unanswered;             ///< name of the message sent last, until its answer
+        std::optional<std::uint32_t> announced;  ///< records of `image`, as a text said
+        const CommandRow* query = nullptr;       ///< sent last
+        std::string unanswered;  ///< name of the message sent last, until its answer
         std::uint64_t unanswered_offset = 0;
         double unanswered_clock = 0;
     };
@@ -60,6 +63,7 @@ class Conversations {
     void begin_run(const TraceEntry& entry);
     Meaning follow_sent(Conversation& conversation, const TraceEntry& entry);
     void follow_image(Conversation& conversation, const SentMessage& message, Meaning& meaning);
+    void follow_text(const TraceEntry& entry);
     static Meaning follow_status(Conversation& conversation, const TraceEntry& entry);
 
     ImageTotals totals_;

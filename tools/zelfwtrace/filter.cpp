@@ -1,6 +1,9 @@
 #include "zelfwtrace/filter.h"
 
-bool TraceFilter::passes(const TraceEntry& entry) const {
+bool TraceFilter::passes(const TraceEntry& entry, std::uint32_t entry_run) const {
+    if (run && *run != entry_run) {
+        return false;
+    }
     if (!kinds.empty() && !kinds.contains(entry.kind)) {
         return false;
     }

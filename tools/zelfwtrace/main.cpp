@@ -6,6 +6,8 @@
 #include "zelfwtrace/conversation.h"
 #include "zelfwtrace/escape.h"
 #include "zelfwtrace/output.h"
+#include "zelfwtrace/redact.h"
+#include "zelfwtrace/run_counter.h"
 #include "zelfwtrace/trace_reader.h"
 
 #include <sys/stat.h>
@@ -14,7 +16,10 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
+#include <ctime>
 #include <exception>
+#include <optional>
+#include <utility>
 
 namespace {
 
@@ -34,23 +39,60 @@ bool is_file_of(FILE* stream, const std::string& path) {
            opened.st_dev == named.st_dev && opened.st_ino == named.st_ino;
 }
 
-/// Reads the file once for the number of records of each image, and goes back to where it stood.
-/// Empty when the file can be read once only.
-ImageTotals count_records(FILE* stream) {
+/// What a first reading of the whole file tells; nothing when it can be read once only.
+struct Survey {
+    ImageTotals totals;
+    std::optional<std::uint32_t> runs;
+    StandIns names;
+};
+
+/// Reads the file once, and goes back to where it stood.
+Survey survey(FILE* stream) {
     const off_t start = ftello(stream);
     if (start < 0) {
         return {};
     }
     Conversations conversations;
+    RunCounter runs;
+    StandIns names;
     TraceReader reader(stream);
-    for (TraceEntry entry; reader.next(entry);) {
-        conversations.follow(entry);
-    }
+    do {
+        for (TraceEntry entry; reader.next(entry);) {
+            conversations.follow(entry);
+            runs.run_of(entry);
+            names.learn(entry);
+        }
+        conversations.forget();
+    } while (reader.step_over_damage());
     clearerr(stream);
-    return fseeko(stream, start, SEEK_SET) == 0 ? conversations.counted() : ImageTotals{};
+    if (fseeko(stream, start, SEEK_SET) != 0) {
+        return {};
+    }
+    return {conversations.counted(), runs.count(), std::move(names)};
 }
 
-std::unique_ptr<TraceOutput> make_output(const TraceArguments& arguments, std::string& reason) {
+/// Gives the reason when the file has no such run; a run counted from the last gets its number.
+std::string settle_run(const Survey& known, std::optional<std::int64_t>& run) {
+    if (!run) {
+        return "";
+    }
+    if (!known.runs) {
+        return *run < 0 ? "the last runs are known only of a file that can be read twice" : "";
+    }
+    const std::int64_t number = *run < 0 ? *known.runs + 1 + *run : *run;
+    if (number < 1 || number > *known.runs) {
+        return "there is no run " + std::to_string(*run) + ", the file has " +
+               std::to_string(*known.runs) + (*known.runs == 1 ? " run" : " runs");
+    }
+    run = number;
+    return "";
+}
+
+std::unique_ptr<TraceOutput> make_output(const TraceArguments& arguments, const Survey& known,
+                                         std::string& reason) {
+    if (arguments.command == TraceCommand::redact) {
+        return redacted_output(arguments.capture, known.names, reason);
+    }
     if (arguments.command == TraceCommand::pcap) {
         return capture_output(arguments.capture, reason);
     }
@@ -66,31 +108,122 @@ std::unique_ptr<TraceOutput> make_output(const TraceArguments& arguments, std::s
     return text_output({.zone = arguments.zone, .with_bytes = arguments.with_bytes});
 }
 
+/// The names of damaged places; those beyond the first ones are counted only.
+class DamageReport {
+  public:
+    explicit DamageReport(std::string file) : file_(std::move(file)) {}
+
+    /// `next` is where the next readable record begins, if any does.
+    void add(const TraceDamage& damage, std::optional<std::uint64_t> next) {
+        if (++places_ > most_named) {
+            return;
+        }
+        std::string reason = damage.reason;
+        if (next && *next >= damage.offset) {
+            reason += printed("; %" PRIu64 " bytes lost", *next - damage.offset);
+        }
+        if (next) {
+            reason +=
+                printed("%s going on at offset %" PRIu64, *next < damage.offset ? ";" : ",", *next);
+        }
+        failure(file_, printed("offset %" PRIu64 ": %s", damage.offset, reason.c_str()));
+    }
+    /// The exit code.
+    int finish() const {
+        if (places_ > most_named) {
+            failure(file_, printed("%d more damaged places", places_ - most_named));
+        }
+        return places_ == 0 ? exit_success : exit_failure;
+    }
+
+  private:
+    static constexpr int most_named = 20;
+
+    std::string file_;
+    int places_ = 0;
+};
+
+/// Where a reading has come to.
+struct Reading {
+    TraceReader reader;
+    Conversations conversations;
+    RunCounter runs;
+    std::uint64_t records = 0;
+};
+
+void show_records(Reading& reading, const TraceFilter& filter, TraceOutput& output) {
+    for (TraceEntry entry; reading.reader.next(entry);) {
+        const Meaning meaning = reading.conversations.follow(entry);
+        const std::uint32_t run = reading.runs.run_of(entry);
+        ++reading.records;
+        if (filter.passes(entry, run)) {
+            output.take(entry, meaning);
+        }
+    }
+}
+
+/// Shows what can be read, and tells of what can't.
+int show_all(Reading& reading, const TraceFilter& filter, TraceOutput& output,
+             const std::string& name) {
+    DamageReport report(name);
+    for (;;) {
+        show_records(reading, filter, output);
+        const std::optional<TraceDamage> damage = reading.reader.damage();
+        if (!damage) {
+            break;
+        }
+        const bool goes_on = reading.reader.step_over_damage();
+        if (!goes_on && reading.records == 0 && reading.reader.foreign() != nullptr) {
+            return failure(name, reading.reader.foreign());
+        }
+        report.add(*damage, goes_on ? std::optional(reading.reader.offset()) : std::nullopt);
+        reading.conversations.forget();
+        if (!goes_on) {
+            break;
+        }
+    }
+    if (reading.reader.offset() == 0 && !reading.reader.damage()) {
+        return failure(name, "the file is empty");
+    }
+    return report.finish();
+}
+
+/// Called at the end of a file that may grow.
+bool wait_for_more() {
+    constexpr timespec pause = {.tv_sec = 0, .tv_nsec = 100'000'000};
+    fflush(stdout);
+    nanosleep(&pause, nullptr);
+    return ferror(stdout) == 0;
+}
+
 int show(FILE* stream, const std::string& name, const TraceArguments& arguments) {
-    std::string reason;
-    const std::unique_ptr<TraceOutput> output = make_output(arguments, reason);
+    const bool needs_names = arguments.command == TraceCommand::redact;
+    const bool needs_survey =
+        arguments.command == TraceCommand::show || needs_names || arguments.filter.run;
+    const Survey known = needs_survey ? survey(stream) : Survey{};
+    TraceFilter filter = arguments.filter;
+    std::string reason = settle_run(known, filter.run);
+    if (needs_names && !known.runs) {
+        reason = "names are known only of a file that can be read twice";
+    }
+    if (!reason.empty()) {
+        return failure(name, reason);
+    }
+    const std::unique_ptr<TraceOutput> output = make_output(arguments, known, reason);
     if (output == nullptr) {
         return failure(arguments.capture, reason);
     }
-    const bool needs_totals = arguments.command == TraceCommand::show;
-    Conversations conversations(needs_totals ? count_records(stream) : ImageTotals{});
-    TraceReader reader(stream);
-    for (TraceEntry entry; reader.next(entry);) {
-        const Meaning meaning = conversations.follow(entry);
-        if (arguments.filter.passes(entry)) {
-            output->take(entry, meaning);
-        }
-    }
+    const TraceReader::WaitForMore wait =
+        arguments.follow ? wait_for_more : TraceReader::WaitForMore{};
+    Reading reading{.reader = TraceReader(stream, wait),
+                    .conversations = Conversations(known.totals),
+                    .runs = {}};
+    const int damage = show_all(reading, filter, *output, name);
     reason = output->finish();
-    int result = output->exit_code();
     if (!reason.empty()) {
-        result = failure(arguments.capture.empty() ? "standard output" : arguments.capture, reason);
+        return failure(arguments.capture.empty() ? "standard output" : arguments.capture, reason);
     }
-    if (reader.damage()) {
-        result = failure(name, printed("offset %" PRIu64 ": %s", reader.damage()->offset,
-                                       reader.damage()->reason.c_str()));
-    }
-    return result;
+    return damage != exit_success ? damage : output->exit_code();
 }
 
 int run(const TraceArguments& arguments) {

@@ -33,3 +33,11 @@ std::optional<std::uint32_t> record_kind_of(std::string_view name) {
     }
     return std::nullopt;
 }
+
+std::string record_kind_names() {
+    std::string names;
+    for (const KindName& row : kind_names) {
+        names.append(names.empty() ? "" : ", ").append(row.name);
+    }
+    return names;
+}
