@@ -4,6 +4,9 @@
 #include "model/bus_file/fault_reach.h"
 #include "model/bus_file/fleet.h"
 #include "model/device/bus.h"
+#include "tool/clone.h"
+#include "tool/from_trace.h"
+#include "tool/rehearse.h"
 #include "tool/run.h"
 #include "tool/serve.h"
 
@@ -28,6 +31,17 @@ constexpr const char* kHelp =
     "wrong\n"
     "  zelfwsim generate N                 print a bus file with N devices (1 to 1000) on hubs\n"
     "  zelfwsim show BUSFILE [STATEDIR]    devices with addresses, components and levels\n"
+    "  zelfwsim from-trace TRACE [-o FILE]  print a bus file with the devices of a run, and with\n"
+    "                                      what went wrong with them\n"
+    "      --run N                         the run, counted from 1; the last one if not given\n"
+    "  zelfwsim clone [-o FILE]            the same of the devices that are attached, by a list\n"
+    "      --updater FILE                  the updater, where it is not found by itself\n"
+    "  zelfwsim rehearse TRACE|BUSFILE.toml -p DIRECTORY [OPTIONS]\n"
+    "                                      what an update with these files would do: the updater\n"
+    "                                      does it on a twin, in virtual time\n"
+    "      --json                          as JSON\n"
+    "      --updater FILE                  the updater, where it is not found by itself\n"
+    "      -a, -f, -d, -s, -o, -0 to -4    the updater's own\n"
     "  zelfwsim serve [OPTIONS] BUSFILE [STATEDIR]\n"
     "                                      offer the devices to real kernels over USB/IP\n"
     "      --attach                        keep them attached to this machine's own kernel "
@@ -58,6 +72,7 @@ constexpr const char* kHelp =
     "  zelfwsim [COMMAND] --version        the version\n"
     "\n"
     "Exit codes: 0 success, 1 wrong arguments, 2 the bus file or the state cannot be used.\n"
+    "rehearse: 3 when something failed, or would still be due after the update.\n"
     "run gives the command's exit code and ends by the signal that ended it, or with: 120 wrong\n"
     "arguments, 121 the bus file cannot be used, 122 no simulation for the command, 123 the\n"
     "command cannot be started, 124 attached devices cannot be hidden, 125 the command did not\n"
@@ -207,6 +222,15 @@ int run(std::span<const char* const> arguments) {
     }
     if (command == "serve") {
         return serve(arguments.subspan(1));
+    }
+    if (command == "from-trace") {
+        return make_twin(arguments.subspan(1));
+    }
+    if (command == "rehearse") {
+        return rehearse(arguments.subspan(1));
+    }
+    if (command == "clone") {
+        return clone_devices(arguments.subspan(1));
     }
     if (command == "check" || command == "generate" || command == "show") {
         return wrong_arguments("wrong number of arguments");

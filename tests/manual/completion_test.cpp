@@ -238,6 +238,29 @@ TEST_F(Completion, OffersZelfwfileItsCommandsAndTheirFiles) {
     EXPECT_THAT(offered({"check", "b.dat", "b"}, "zelfwfile"), ElementsAre("b.dat"));
 }
 
+TEST_F(Completion, OffersZelfwsimTheCommandsAndOptionsOfItsHelp) {
+    add_file("a.toml");
+    add_file("b.trace");
+    const std::vector<std::string> help = lines_of(run_command({ZELFWSIM, "--help"}).output);
+    std::set<std::string> commands = {"--help", "--version"};
+    std::string command;
+    for (const std::string& line : help) {
+        std::smatch parts;
+        if (std::regex_match(line, parts, std::regex("  zelfwsim ([a-z-]+).*"))) {
+            command = parts.str(1);
+            commands.insert(command);
+        } else if (std::regex_match(line, parts, std::regex(" {6}(--[a-z-]+).*"))) {
+            EXPECT_THAT(offered({command, "-"}, "zelfwsim"), Contains(parts.str(1))) << command;
+        }
+    }
+    EXPECT_THAT(commands, testing::IsSupersetOf({"run", "from-trace", "rehearse"}));
+    EXPECT_THAT(offered({""}, "zelfwsim"), testing::UnorderedElementsAreArray(commands));
+    EXPECT_THAT(offered({"check", "a"}, "zelfwsim"), ElementsAre("a.toml"));
+    EXPECT_THAT(offered({"check", "b"}, "zelfwsim"), IsEmpty());
+    EXPECT_THAT(offered({"from-trace", "b"}, "zelfwsim"), ElementsAre("b.trace"));
+    EXPECT_THAT(offered({"generate", ""}, "zelfwsim"), IsEmpty());
+}
+
 TEST_F(Completion, OffersZelfwtraceTheOptionsOfItsHelp) {
     std::vector<std::string> options;
     for (const std::string& line : lines_of(run_command({ZELFWTRACE, "--help"}).output)) {

@@ -1,5 +1,7 @@
 // zelfwfile takes files apart: show, diff and extract.
 #include "support/firmware_bytes.h"
+#include "support/temporary_directory.h"
+#include "tool_run.h"
 #include "zelfwfile/firmware_content.h"
 #include "zelfwfile/firmware_description.h"
 #include "zelfwfile/firmware_diff.h"
@@ -9,8 +11,6 @@
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
-
-#include <sys/wait.h>
 
 #include <cstdio>
 #include <filesystem>
@@ -25,24 +25,9 @@ using testing::IsEmpty;
 
 namespace {
 
-struct ProgramResult {
-    int code = -1;
-    std::string output;  ///< standard output and standard error
-};
-
-ProgramResult zelfwfile(const std::string& arguments) {
-    ProgramResult result;
-    FILE* pipe = popen(("'" ZELFWFILE "' " + arguments + " 2>&1").c_str(), "r");
-    if (pipe == nullptr) {
-        return result;
-    }
-    char buffer[4096];
-    for (std::size_t size = 0; (size = fread(buffer, 1, sizeof buffer, pipe)) > 0;) {
-        result.output.append(buffer, size);
-    }
-    const int status = pclose(pipe);
-    result.code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    return result;
+/// Standard error goes with standard output.
+ToolRun zelfwfile(const std::string& arguments) {
+    return run_tool("'" ZELFWFILE "' " + arguments + " 2>&1");
 }
 
 FirmwareDescription small() {
@@ -69,7 +54,8 @@ class ZelfwfileContent : public testing::Test {
   protected:
     std::string path(const std::string& name) const { return directory_.path(name); }
     std::string file(const std::string& name, const std::string& bytes) const {
-        return directory_.write(name, bytes);
+        write_file(path(name), bytes);
+        return path(name);
     }
     FirmwareContent content(const std::string& bytes) const {
         return read_firmware_content(file("content.dat", bytes));
@@ -157,12 +143,11 @@ TEST_F(ZelfwfileContent, ExtractedDemonstrationIsMadeAgainByTheProgram) {
     for (const auto& entry : std::filesystem::directory_iterator(DEMO_FIRMWARE_DIR)) {
         const std::string stem = entry.path().stem().string();
         const std::string made = "'" + path("out/" + stem);
-        const ProgramResult extracted =
+        const ToolRun extracted =
             zelfwfile("extract '" + entry.path().string() + "' -o '" + path("out") + "'");
         EXPECT_EQ(extracted.code, 0) << extracted.output;
         EXPECT_EQ(zelfwfile("make " + made + ".toml'").code, 0);
-        const ProgramResult same =
-            zelfwfile("diff " + made + ".dat' '" + entry.path().string() + "'");
+        const ToolRun same = zelfwfile("diff " + made + ".dat' '" + entry.path().string() + "'");
         EXPECT_EQ(same.code, 0) << stem;
         EXPECT_THAT(same.output, IsEmpty());
         ++count;
@@ -200,13 +185,13 @@ TEST_F(ZelfwfileContent, FileThatNoDescriptionExpressesIsRefusedWithTheReason) {
 
 TEST_F(ZelfwfileContent, ExtractNeverReplacesTheFileItself) {
     const std::string source = file("main.bin", bytes_of(small()));
-    const ProgramResult result = zelfwfile("extract '" + source + "' -o '" + path("") + "'");
+    const ToolRun result = zelfwfile("extract '" + source + "' -o '" + path("") + "'");
     EXPECT_EQ(result.code, 1);
     EXPECT_EQ(result.output, source + ": would be replaced by what is extracted from it\n");
 }
 
 TEST_F(ZelfwfileContent, ShowTellsWhatTheFileHolds) {
-    const ProgramResult result = zelfwfile("show '" + file("a.dat", bytes_of(small())) + "'");
+    const ToolRun result = zelfwfile("show '" + file("a.dat", bytes_of(small())) + "'");
     EXPECT_EQ(result.code, 0);
     for (const char* line :
          {"Product    3c02\n", "Level      01.05\n", "Version    1\n", "Component  2\n",
@@ -222,10 +207,10 @@ TEST_F(ZelfwfileContent, ShowNamesAWrongChecksumAndWhatIsNotWhole) {
     FirmwareDescription description = small();
     description.checksum = 0x1234;
     const std::string bytes = bytes_of(description);
-    const ProgramResult wrong = zelfwfile("show '" + file("a.dat", bytes) + "'");
+    const ToolRun wrong = zelfwfile("show '" + file("a.dat", bytes) + "'");
     EXPECT_EQ(wrong.code, 0);
     EXPECT_THAT(wrong.output, HasSubstr("Checksum   1234, wrong: it must be "));
-    const ProgramResult cut =
+    const ToolRun cut =
         zelfwfile("show '" + file("b.dat", bytes.substr(0, bytes.size() - 4)) + "'");
     EXPECT_EQ(cut.code, 1);
     EXPECT_THAT(cut.output, HasSubstr("  Not whole: offset 50: the record is cut short\n"));
@@ -235,8 +220,7 @@ TEST_F(ZelfwfileContent, ShowNamesAWrongChecksumAndWhatIsNotWhole) {
 TEST_F(ZelfwfileContent, ShownJsonHoldsTheSame) {
     FirmwareDescription description = small();
     description.name = "Boot\x1b\"\xff";
-    const ProgramResult result =
-        zelfwfile("show --json '" + file("a.dat", bytes_of(description)) + "'");
+    const ToolRun result = zelfwfile("show --json '" + file("a.dat", bytes_of(description)) + "'");
     EXPECT_EQ(result.code, 0);
     const json shown = json::parse(result.output);
     EXPECT_EQ(shown["product"], "3c02");

@@ -312,9 +312,9 @@ TEST_F(Zelfwtrace, RunThatIsNotThereIsAFailure) {
 TEST_F(Zelfwtrace, RunOfAPipeIsCountedFromItsBeginningOnly) {
     set_trace(TraceBytes().version().text("a").version().text("b").bytes());
     const std::string piped = "cat " + quoted(path("trace.bin")) + " | " + quoted(ZELFWTRACE);
-    EXPECT_THAT(words_of(run_shell(piped + " --run 2 -", directory_).lines()),
+    EXPECT_THAT(words_of(run_tool(piped + " --run 2 -").lines()),
                 ElementsAre("-     a run begins", "-     text: b"));
-    const ToolRun last = run_shell(piped + " --run -1 -", directory_);
+    const ToolRun last = run_tool(piped + " --run -1 -");
     EXPECT_EQ(last.code, 1);
     EXPECT_THAT(last.errors, HasSubstr("known only of a file that can be read twice"));
 }
@@ -326,15 +326,14 @@ TEST_F(Zelfwtrace, FollowsAFileThatGrows) {
     write_file(path("rest"), more.substr(40));
     const std::string shown = quoted(path("shown"));
     const ToolRun run =
-        run_shell(quoted(ZELFWTRACE) + " show --follow " + quoted(path("trace.bin")) + " >" +
-                      shown + " & reader=$!; cat " + quoted(path("half")) + " >>" +
-                      quoted(path("trace.bin")) + "; for i in $(seq 200); do [ -s " + shown +
-                      " ] && break; sleep 0.1; done; cat " + quoted(path("rest")) + " >>" +
-                      quoted(path("trace.bin")) + "; for i in $(seq 200); do [ $(wc -l <" + shown +
-                      ") = 11 ] && break; sleep 0.1; done; kill $reader; { wait $reader; } "
-                      "2>/dev/null; cat " +
-                      shown,
-                  directory_);
+        run_tool(quoted(ZELFWTRACE) + " show --follow " + quoted(path("trace.bin")) + " >" + shown +
+                 " & reader=$!; cat " + quoted(path("half")) + " >>" + quoted(path("trace.bin")) +
+                 "; for i in $(seq 200); do [ -s " + shown + " ] && break; sleep 0.1; done; cat " +
+                 quoted(path("rest")) + " >>" + quoted(path("trace.bin")) +
+                 "; for i in $(seq 200); do [ $(wc -l <" + shown +
+                 ") = 11 ] && break; sleep 0.1; done; kill $reader; { wait $reader; } "
+                 "2>/dev/null; cat " +
+                 shown);
     EXPECT_THAT(words_of(run.lines()),
                 AllOf(testing::SizeIs(11), Contains(StartsWith("3c35  record 2 "))));
 }

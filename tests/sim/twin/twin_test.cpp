@@ -1,0 +1,254 @@
+// A till's trace gives a bus that fails in the same way: each fault is met once for its trace, and
+// once more on the twin that was made from it.
+#include "twin/twin.h"
+
+#include "support/workspace.h"
+#include "twin/story.h"
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <regex>
+#include <string>
+#include <vector>
+
+namespace {
+
+using zelfsim::Step;
+using zelfsim::Story;
+
+constexpr const char* kBus = R"(
+[[device]]
+name = "printer"
+vendor = 0x7A01
+product = 0x3C35
+serial = "PR40021"
+
+[[device.interface]]
+kind = "flash"
+
+[[device.interface.component]]
+id = 0
+level = "01.02"
+build = 3
+
+[[device.interface.component]]
+id = 1
+level = "02.10"
+type = "configuration"
+control = "random"
+
+[[device.interface.component]]
+id = 2
+level = "01.00"
+type = "font"
+
+[[device]]
+name = "scanner"
+vendor = 0x7A02
+product = 0x3C12
+serial = "SC77310"
+
+[[device.interface]]
+kind = "flash"
+list = "plain"
+
+[[device.interface.component]]
+id = 0
+level = "01.05"
+
+[[device.interface.component]]
+id = 1
+level = "01.01"
+type = "configuration"
+)";
+
+struct Fault {
+    const char* device;
+    const char* at;
+    int number;
+    const char* action;
+    const char* keys = "";
+
+    std::string text() const {
+        return std::string("\n[[fault]]\ndevice = \"") + device + "\"\nat = \"" + at +
+               "\"\nnumber = " + std::to_string(number) + "\naction = \"" + action + "\"\n" + keys;
+    }
+};
+
+/// What a run leaves behind.
+struct RunEnd {
+    int code = -1;
+    std::string console;
+    Story story;
+};
+
+/// Without what tells the time or an address.
+std::string timeless(const std::string& text) {
+    return std::regex_replace(text, std::regex("USB Flash (Started|ended) at [^\n]*"), "");
+}
+
+/// Each message to a device and what came of it.
+std::vector<std::string> messages_of(const Story& story) {
+    std::vector<std::string> messages;
+    for (const zelfsim::ToldDevice& device : story.devices) {
+        for (const Step& step : device.steps) {
+            std::string line = std::to_string(device.product) + " ";
+            for (const std::uint8_t byte : step.message) {
+                line += std::to_string(byte) + ".";
+            }
+            messages.push_back(line +
+                               (step.write_rc ? " rc=" + std::to_string(*step.write_rc) : ""));
+        }
+    }
+    return messages;
+}
+
+class Twin : public testing::Test {
+  protected:
+    RunEnd run_on(const std::string& bus, const std::string& name, const std::string& command) {
+        const std::string place = workspace_.path(name);
+        std::filesystem::create_directory(place);
+        workspace_.write(name + "/bus.toml", bus);
+        const Outcome run = ::run("cd " + place +
+                                  " && timeout 50 " ZELFWSIM_TOOL
+                                  " run --virtual --state state bus.toml -- " ZELFWUPDATE " " +
+                                  command + " -l log -t trace");
+        return {run.code, timeless(run.output), zelfsim::read_story(place + "/trace", 0)};
+    }
+
+    /// Why the twin's run is not the same; empty when it is.
+    std::string difference(const Fault& fault, const std::string& command = kUpdate) {
+        const std::string number = std::to_string(++cases_);
+        const RunEnd first = run_on(kBus + fault.text(), "a" + number, command);
+        const std::string bus = zelfsim::twin_of(first.story, "trace");
+        const RunEnd second = run_on(bus, "b" + number, command);
+        std::string text;
+        if (first.code != second.code) {
+            text += "exit codes " + std::to_string(first.code) + " and " +
+                    std::to_string(second.code) + "\n";
+        }
+        if (first.console != second.console) {
+            text += "console:\n" + first.console + "\ntwin's console:\n" + second.console;
+        }
+        const auto left = messages_of(first.story);
+        const auto right = messages_of(second.story);
+        if (left != right) {
+            const auto [a, b] = std::mismatch(left.begin(), left.end(), right.begin(), right.end());
+            text += "message " + std::to_string(a - left.begin()) + " of " +
+                    std::to_string(left.size()) + " differs, of " + std::to_string(right.size()) +
+                    "\n" + (a == left.end() ? "end" : *a) + "\n" + (b == right.end() ? "end" : *b) +
+                    "\n";
+        }
+        return text.empty()
+                   ? text
+                   : fault.text() + text + bus.substr(std::min(bus.find("[[fault]]"), bus.size()));
+    }
+
+    static constexpr const char* kUpdate = "-U -p " DEMO_FIRMWARE;
+    const Workspace workspace_;
+    int cases_ = 0;
+};
+
+struct Kind {
+    const char* name;
+    const char* action;
+    const char* keys = "";
+};
+
+/// Where a fault strikes, and whether it is a command, a report or data that are read, or another
+/// call.
+struct Place {
+    const char* at;
+    int number;
+    enum class Group { command, reading, opening, claiming } group;
+    const char* device = "printer";
+};
+
+std::vector<Kind> kinds_at(const Place& place) {
+    if (place.group == Place::Group::opening) {
+        return {{"refused", "refuse"}, {"always refused", "refuse", "times = \"always\"\n"}};
+    }
+    if (place.group == Place::Group::claiming) {
+        return {{"busy", "busy"}, {"always busy", "busy", "times = \"always\"\n"}};
+    }
+    std::vector<Kind> kinds = {{"unplug", "unplug"},
+                               {"unplug soon", "unplug", "ms = 0.5\n"},
+                               {"unplug and replug", "unplug", "replug_ms = 200\n"},
+                               {"stall", "stall"},
+                               {"time-out", "timeout"},
+                               {"I/O error", "io-error"},
+                               {"overflow", "overflow"},
+                               {"short", "short"},
+                               {"empty", "empty"},
+                               {"bad garbage", "answer", "bytes = \"ff fe ff fd ff ff fb ff\"\n"},
+                               {"good garbage", "answer", "bytes = \"15 23 0a 99 03 00 ff ee\"\n"}};
+    if (place.group == Place::Group::command) {
+        kinds.push_back({"reject", "reject"});
+        kinds.push_back({"operation error", "operation-error"});
+        kinds.push_back({"late", "late", "ms = 150\n"});
+        kinds.push_back({"too late", "late", "ms = 2600\n"});
+        kinds.push_back({"no answer", "no-answer"});
+    }
+    return kinds;
+}
+
+class TwinOfAFault : public Twin, public testing::WithParamInterface<Place> {};
+
+TEST_P(TwinOfAFault, FailsInTheSameWay) {
+    const Place& place = GetParam();
+    for (const Kind& kind : kinds_at(place)) {
+        EXPECT_EQ(difference({place.device, place.at, place.number, kind.action, kind.keys}), "")
+            << kind.name;
+    }
+}
+
+using Group = Place::Group;
+INSTANTIATE_TEST_SUITE_P(
+    OfCommands, TwinOfAFault,
+    testing::Values(Place{"erase", 1, Group::command}, Place{"erase", 3, Group::command},
+                    Place{"record", 1, Group::command}, Place{"record", 7, Group::command},
+                    Place{"record", 50, Group::command}, Place{"checksum", 1, Group::command},
+                    Place{"checksum", 2, Group::command}, Place{"reset", 1, Group::command},
+                    Place{"extended-list", 1, Group::command},
+                    Place{"extended-list", 2, Group::command},
+                    Place{"device-info", 1, Group::command},
+                    Place{"device-info", 2, Group::command}, Place{"ec-level", 1, Group::command},
+                    Place{"ec-level", 2, Group::command}, Place{"command", 30, Group::command},
+                    Place{"component-list", 1, Group::command, "scanner"},
+                    Place{"record", 20, Group::command, "scanner"}));
+INSTANTIATE_TEST_SUITE_P(
+    OfReading, TwinOfAFault,
+    testing::Values(Place{"interrupt", 1, Group::reading}, Place{"interrupt", 2, Group::reading},
+                    Place{"interrupt", 3, Group::reading}, Place{"interrupt", 6, Group::reading},
+                    Place{"interrupt", 7, Group::reading}, Place{"interrupt", 30, Group::reading},
+                    Place{"interrupt", 129, Group::reading},
+                    Place{"interrupt", 60, Group::reading, "scanner"},
+                    Place{"get-feature", 1, Group::reading},
+                    Place{"get-feature", 2, Group::reading}));
+INSTANTIATE_TEST_SUITE_P(
+    OfOpening, TwinOfAFault,
+    testing::Values(Place{"open", 1, Group::opening}, Place{"open", 2, Group::opening},
+                    Place{"open", 3, Group::opening}, Place{"open", 4, Group::opening},
+                    Place{"open", 6, Group::opening}, Place{"detach", 1, Group::opening},
+                    Place{"detach", 2, Group::opening}, Place{"claim", 1, Group::claiming},
+                    Place{"claim", 2, Group::claiming}, Place{"claim", 4, Group::claiming}));
+
+TEST_F(Twin, OfAGoodRunHasNoFaults) {
+    const RunEnd first = run_on(kBus, "good", kUpdate);
+    EXPECT_EQ(first.code, 0);
+    EXPECT_THAT(zelfsim::twin_of(first.story, "trace"),
+                testing::Not(testing::HasSubstr("[[fault]]")));
+}
+
+TEST_F(Twin, SaysWhenItDiffers) {
+    // The comparison itself: a twin that lost its faults is told from the run.
+    const RunEnd first = run_on(kBus + Fault{"printer", "record", 7, "stall"}.text(), "a", kUpdate);
+    const RunEnd second = run_on(kBus, "b", kUpdate);
+    EXPECT_NE(first.code, second.code);
+    EXPECT_NE(messages_of(first.story), messages_of(second.story));
+}
+
+}  // namespace
