@@ -47,7 +47,7 @@ Stage::~Stage() {
 }
 
 std::string Stage::folder(WordSize size) const {
-    const std::string folder = directory_ + "/lib/" + triplet(size);
+    std::string folder = directory_ + "/lib/" + triplet(size);
     std::filesystem::create_directories(folder);
     return folder;
 }
@@ -69,7 +69,9 @@ std::map<std::string, std::string> Stage::environment() const {
     const std::string place = directory_ + "/$LIB/";
     std::string list;
     for (const std::string& name : preloads_) {
-        list += (list.empty() ? "" : ":") + place + name;
+        list += list.empty() ? "" : ":";
+        list += place;
+        list += name;
     }
     const char* own = std::getenv("LD_PRELOAD");
     if (own != nullptr && *own != '\0') {

@@ -182,8 +182,9 @@ bool equip(zelfsim::Stage& stage, WordSize size, const std::string& program,
     if (place.empty() || library.empty()) {
         return false;
     }
+    const std::filesystem::path directory(place);
     for (const std::string& feature : options.features) {
-        if (!std::filesystem::exists(place + "/" + feature)) {
+        if (!std::filesystem::exists(directory / feature)) {
             return false;
         }
     }

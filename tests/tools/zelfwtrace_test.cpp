@@ -588,7 +588,7 @@ TEST_F(Zelfwtrace, ReasonNamesTheWrongArgument) {
     EXPECT_THAT(run("summary -o y x").errors,
                 StartsWith("zelfwtrace: '-o' goes with 'pcap' and 'redact' only\n"));
     EXPECT_THAT(run("pcap -j -o y x").errors,
-                StartsWith("zelfwtrace: '--json' goes with 'show' and 'summary' only\n"));
+                StartsWith("zelfwtrace: '--json' goes with 'show', 'summary' and 'explain' only\n"));
     EXPECT_THAT(run("--nonsense x").errors,
                 StartsWith("zelfwtrace: unknown option '--nonsense'\n"));
     EXPECT_THAT(
