@@ -108,8 +108,7 @@ TEST_F(ZelfwtraceRedact, NeverReplacesTheTraceItselfAndNeedsAFileThatCanBeReadTw
     const std::string file = quoted(path("trace.bin"));
     EXPECT_EQ(run("redact " + file + " -o " + file).code, 1);
     EXPECT_EQ(read_file(path("trace.bin")), TraceBytes().version().bytes());
-    const ToolRun piped =
-        run_tool("cat " + file + " | " + quoted(ZELFWTRACE) + " redact - -o -");
+    const ToolRun piped = run_tool("cat " + file + " | " + quoted(ZELFWTRACE) + " redact - -o -");
     EXPECT_EQ(piped.code, 1);
     EXPECT_THAT(piped.errors, HasSubstr("names are known only of a file that can be read twice"));
     EXPECT_EQ(run("redact " + file + " -o /dev/full").code, 1);
@@ -128,10 +127,8 @@ TEST_F(ZelfwtraceRedactRun, CopyOfAWholeRunSaysTheSameWithoutItsSecrets) {
     const std::string tool = quoted(ZELFWTRACE);
     EXPECT_THAT(read_file(path("trace.bin")),
                 AllOf(HasSubstr("TILL4711"), HasSubstr("secretname")));
-    EXPECT_EQ(
-        run_tool(tool + " redact " + quoted(path("trace.bin")) + " -o " + quoted(copy))
-            .code,
-        0);
+    EXPECT_EQ(run_tool(tool + " redact " + quoted(path("trace.bin")) + " -o " + quoted(copy)).code,
+              0);
     EXPECT_THAT(read_file(copy), AllOf(Not(HasSubstr("TILL4711")), Not(HasSubstr("secretname"))));
     for (const std::string command : {" show -k sent,status,data ", " summary "}) {
         const ToolRun before = run_tool(tool + command + quoted(path("trace.bin")));

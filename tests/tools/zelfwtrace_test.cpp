@@ -587,8 +587,9 @@ TEST_F(Zelfwtrace, ReasonNamesTheWrongArgument) {
                 StartsWith("zelfwtrace: 'pcap' needs '-o' and the file to write\n"));
     EXPECT_THAT(run("summary -o y x").errors,
                 StartsWith("zelfwtrace: '-o' goes with 'pcap' and 'redact' only\n"));
-    EXPECT_THAT(run("pcap -j -o y x").errors,
-                StartsWith("zelfwtrace: '--json' goes with 'show', 'summary' and 'explain' only\n"));
+    EXPECT_THAT(
+        run("pcap -j -o y x").errors,
+        StartsWith("zelfwtrace: '--json' goes with 'show', 'summary' and 'explain' only\n"));
     EXPECT_THAT(run("--nonsense x").errors,
                 StartsWith("zelfwtrace: unknown option '--nonsense'\n"));
     EXPECT_THAT(

@@ -118,10 +118,8 @@ const FlagOption flag_options[] = {
 };
 
 constexpr std::pair<std::string_view, TraceCommand> commands[] = {
-    {"show", TraceCommand::show},
-    {"summary", TraceCommand::summary},
-    {"pcap", TraceCommand::pcap},
-    {"explain", TraceCommand::explain},
+    {"show", TraceCommand::show},     {"summary", TraceCommand::summary},
+    {"pcap", TraceCommand::pcap},     {"explain", TraceCommand::explain},
     {"redact", TraceCommand::redact},
 };
 
@@ -265,8 +263,8 @@ Reason check_combination(const TraceArguments& arguments) {
         return "'--follow' goes with 'show' only";
     }
     const TraceFilter& filter = arguments.filter;
-    const bool is_filtered = !filter.products.empty() || !filter.kinds.empty() || filter.from ||
-                             filter.to || filter.run;
+    const bool is_filtered =
+        !filter.products.empty() || !filter.kinds.empty() || filter.from || filter.to || filter.run;
     if (arguments.command == TraceCommand::explain && is_filtered) {
         return "'explain' takes no filter";
     }
