@@ -29,6 +29,7 @@ struct Actions {
 int run_child(const std::vector<std::string>& command, const std::string& output) {
     std::vector<std::string> words = command;
     std::vector<char*> arguments;
+    arguments.reserve(words.size() + 1);
     for (std::string& word : words) {
         arguments.push_back(word.data());
     }
@@ -69,7 +70,7 @@ std::string find_updater(const std::string& named) {
             return file.string();
         }
     }
-    const std::string found = zelfsim::find_command("zelfwupdate");
+    std::string found = zelfsim::find_command("zelfwupdate");
     if (found.empty()) {
         throw zelf::FileError("zelfwupdate", 0, "no such program; name it with --updater");
     }

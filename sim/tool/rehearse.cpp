@@ -14,6 +14,7 @@
 #include <array>
 #include <cstdio>
 #include <cstring>
+#include <filesystem>
 #include <memory>
 #include <nlohmann/json.hpp>
 #include <optional>
@@ -94,7 +95,7 @@ std::vector<std::string> files_of(const std::string& directory) {
     while (const dirent* entry = readdir(stream.get())) {
         const std::string name = entry->d_name;
         struct stat status {};
-        if (is_wanted(name) && stat((directory + "/" + name).c_str(), &status) == 0 &&
+        if (is_wanted(name) && fstatat(dirfd(stream.get()), name.c_str(), &status, 0) == 0 &&
             S_ISREG(status.st_mode)) {
             names.push_back(name);
         }
@@ -106,8 +107,9 @@ void copy_in_order(const std::string& from, const std::string& to,
                    const std::vector<std::string>& names) {
     zelf::create_directories(to);
     for (const std::string& name : names) {
-        zelf::append(zelf::open_for_append(to + "/" + name, true), to + "/" + name,
-                     zelf::read_bytes_of(from + "/" + name));
+        const std::string copy = std::filesystem::path(to) / name;
+        zelf::append(zelf::open_for_append(copy, true), copy,
+                     zelf::read_bytes_of(std::filesystem::path(from) / name));
     }
 }
 
@@ -128,7 +130,7 @@ std::string bus_of(const std::string& origin, const std::string& place) {
     }
     const zelfsim::Story story = zelfsim::read_story(origin, 0);
     const std::string bus = zelfsim::twin_of(story, origin, zelfsim::WithFaults::no);
-    const std::string file = place + "/bus.toml";
+    std::string file = place + "/bus.toml";
     zelf::replace_file(file, std::string_view(bus));
     return file;
 }

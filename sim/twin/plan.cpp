@@ -67,7 +67,8 @@ class PlanReader {
             plan_.updates.push_back(considered_);
         } else if (text.starts_with("Firmware update of Product ID") && !plan_.updates.empty()) {
             plan_.updates.back().end = line.clock;
-            plan_.updates.back().rc = std::atoi(text.c_str() + text.rfind('=') + 1);
+            plan_.updates.back().rc =
+                static_cast<int>(std::strtol(text.c_str() + text.rfind('=') + 1, nullptr, 10));
         } else {
             take_refusal(text);
         }

@@ -220,6 +220,7 @@ void read_records(const TomlTable& data, const std::string& path,
 
 std::vector<InformationRecord> all_information_records() {
     std::vector<InformationRecord> all;
+    all.reserve(std::size(information_words));
     for (const Word<InformationRecord>& row : information_words) {
         all.push_back(row.value);
     }

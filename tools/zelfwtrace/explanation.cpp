@@ -133,10 +133,9 @@ Explanation explain_success(const Run& run, std::size_t index) {
     const Attempt& attempt = run.attempts[index];
     Explanation explanation;
     const Finding* const first = first_cause(attempt, false);
-    if (first != nullptr && is_named(*first, "device-not-opened")) {
-        set_cause(explanation, Outcome::not_sent, first->cause);
-        take_finding(explanation, attempt, *first);
-    } else if (first != nullptr && is_named(*first, "no-reader")) {
+    const bool was_left_alone = first != nullptr && (is_named(*first, "device-not-opened") ||
+                                                     is_named(*first, "no-reader"));
+    if (was_left_alone) {
         set_cause(explanation, Outcome::not_sent, first->cause);
         take_finding(explanation, attempt, *first);
     } else if (first != nullptr && !is_a_doubt(*first)) {
