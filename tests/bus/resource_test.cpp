@@ -140,6 +140,9 @@ TEST_F(Resources, JournalsThatReachTheFileSizeLimitCostNoImage) {
     EXPECT_THAT(trace().back().payload, Not(IsEmpty()));
 }
 
+#ifndef ZELF_PROGRAM_IS_SANITIZED
+
+// The thread sanitizer writes a file of its own before the program begins.
 TEST_F(Resources, FileSizeLimitDoesNotEndTheRunAtItsStart) {
     RunResult result;
     {
@@ -150,8 +153,6 @@ TEST_F(Resources, FileSizeLimitDoesNotEndTheRunAtItsStart) {
     EXPECT_EQ(result.exit_code, 0);
     EXPECT_EQ(result.log, "");
 }
-
-#ifndef ZELF_PROGRAM_IS_SANITIZED
 
 namespace {
 
