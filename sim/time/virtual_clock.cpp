@@ -47,8 +47,11 @@ void VirtualClock::start(const char* directory) {
 void VirtualClock::go_on_to(Instant instant) {
     now_ = std::max(now_, instant);
     if (kept_ != nullptr) {
-        // At once, or not at all: the process may be killed here.
-        __atomic_store_n(kept_, now_, __ATOMIC_RELAXED);
+        // At once, or not at all: the process may be killed here. A page's first bytes are aligned,
+        // which the type alone does not say on 32-bit machines.
+        using KeptInstant __attribute__((aligned(8))) = Instant;
+        KeptInstant* const kept = kept_;
+        __atomic_store_n(kept, now_, __ATOMIC_RELAXED);
     }
 }
 
