@@ -104,7 +104,8 @@ int main(int argc, char** argv) {
     while (const dirent* entry = readdir(directory.get())) {
         const std::string name = entry->d_name;
         if (name.front() != '.') {
-            std::string line = "  Adding file '" + folder + name + "' to list\n";
+            std::string line = "  Adding file '";
+            line.append(folder).append(name).append("' to list\n");
             names.push_back(name);
             if (!journals.write_line(line)) {
                 return 1;
