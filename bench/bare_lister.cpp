@@ -1,14 +1,18 @@
 /// \file
 /// Lists the firmware files of a directory with the reads and the writes that the updater's -S owes
-/// to console, log and trace, and nothing else: the least that showing the files takes.
+/// to console, log and trace, and nothing else: each line formatted once, each record of the trace
+/// with its time. The least that showing the files takes.
 #include <dirent.h>
 #include <fcntl.h>
 #include <sys/stat.h>
+#include <sys/time.h>
 #include <sys/uio.h>
 #include <unistd.h>
 
 #include <array>
 #include <cstdio>
+#include <cstdlib>
+#include <cstring>
 #include <memory>
 #include <string>
 #include <string_view>
@@ -18,6 +22,8 @@ namespace {
 
 constexpr std::size_t header_size = 8;
 constexpr std::size_t record_header_size = 32;  ///< of the trace
+
+using Line = std::array<char, 1024>;
 
 struct CloseFile {
     void operator()(std::FILE* file) const { std::fclose(file); }
@@ -37,12 +43,15 @@ class Journals {
     }
 
     /// Each message is written at once: a run may end at any time.
-    bool write_line(std::string& line) const {
+    bool write_line(Line& line) const {
+        timeval now{};
+        gettimeofday(&now, nullptr);
         std::array<char, record_header_size> header{};
-        const std::array<iovec, 2> record{
-            {{header.data(), header.size()}, {line.data(), line.size()}}};
-        const auto size = static_cast<ssize_t>(line.size());
-        return write(log_, line.data(), line.size()) == size &&
+        std::memcpy(header.data(), &now, sizeof now);
+        const std::size_t length = std::strlen(line.data());
+        const std::array<iovec, 2> record{{{header.data(), header.size()}, {line.data(), length}}};
+        const auto size = static_cast<ssize_t>(length);
+        return write(log_, line.data(), length) == size &&
                writev(trace_, record.data(), static_cast<int>(record.size())) ==
                    size + static_cast<ssize_t>(header.size());
     }
@@ -56,13 +65,16 @@ class Journals {
     int trace_;
 };
 
+unsigned hexadecimal(std::string_view digits) {
+    return static_cast<unsigned>(std::strtoul(std::string(digits).c_str(), nullptr, 16));
+}
+
 /// What the updater's line says, from the file's header alone.
-std::string listed(const std::string& name, std::string_view header) {
-    std::array<char, 128> line{};
+void list(Line& line, const std::string& name, std::string_view header) {
     std::snprintf(line.data(), line.size(),
-                  "  %-26s  PID: %.4s COMP: 0 TYPE: FW   EC=%.2s.%.2s   , Version='1'\n",
-                  name.c_str(), header.data(), header.data() + 4, header.data() + 6);
-    return line.data();
+                  "  %-25s   PID: %04x COMP: %d TYPE: %-3s  EC=%02x.%02x%-3s, Version='%d'\n",
+                  name.c_str(), hexadecimal(header.substr(0, 4)), 0, "FW",
+                  hexadecimal(header.substr(4, 2)), hexadecimal(header.substr(6, 2)), "", 1);
 }
 
 /// A name in the directory may be a fifo's or a device's: nothing but a file is read.
@@ -81,9 +93,11 @@ bool show(const std::string& path, const std::string& name, const Journals& jour
     if (file == nullptr || std::fread(header.data(), 1, header_size, file.get()) != header_size) {
         return false;
     }
-    std::string line = listed(name, {header.data(), header.size()});
+    Line line;
+    list(line, name, {header.data(), header.size()});
+    const std::size_t length = std::strlen(line.data());
     return journals.write_line(line) &&
-           write(STDOUT_FILENO, line.data(), line.size()) == static_cast<ssize_t>(line.size());
+           write(STDOUT_FILENO, line.data(), length) == static_cast<ssize_t>(length);
 }
 
 }  // namespace
@@ -104,8 +118,9 @@ int main(int argc, char** argv) {
     while (const dirent* entry = readdir(directory.get())) {
         const std::string name = entry->d_name;
         if (name.front() != '.') {
-            std::string line = "  Adding file '";
-            line.append(folder).append(name).append("' to list\n");
+            Line line;
+            std::snprintf(line.data(), line.size(), "  Adding file '%s%s' to list\n",
+                          folder.c_str(), name.c_str());
             names.push_back(name);
             if (!journals.write_line(line)) {
                 return 1;

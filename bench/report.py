@@ -112,7 +112,6 @@ def add_commands(table, results):
               results["files/show-256"]["peak_MiB"])
     compare("-D of a file of 1 MiB", "display/1-MiB", "display/xxd", "xxd", 1)
     compare("start (-V)", "start/version", "start/true", "/bin/true", 3)
-    compare("start (-V)", "start/version", "start/dfu-util", "dfu-util -V", None)
 
 
 def add_logging(table, results):

@@ -215,7 +215,6 @@ void add_short_runs(const Simulation& simulation) {
     add_command("display/xxd", {"xxd", file}, {}, console);
     add_command("start/version", updater(simulation, "version", {"-V"}), environment, console);
     add_command("start/true", {"/bin/true"}, {}, console);
-    add_command("start/dfu-util", {"dfu-util", "-V"}, {}, console);
 }
 
 }  // namespace

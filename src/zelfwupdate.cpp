@@ -264,7 +264,7 @@ int run_request(int argc, char** argv, const RunRequest& request, RunResources& 
 
 int run(int argc, char** argv) {
     open_standard_descriptors();
-    own_console_buffer();
+    prepare_console();
     RunRequest request;
     reset_options();
     int result = parse_options(argc, argv, request);

@@ -39,8 +39,8 @@ using DirectoryHandle = std::unique_ptr<DIR, DirectoryCloser>;
 /// True when the text fitted its field.
 template <std::size_t size>
 bool copy_text(char (&field)[size], const std::string& text) {
-    const int length = snprintf(field, size, "%s", text.c_str());
-    return length >= 0 && static_cast<std::size_t>(length) < size;
+    field[text.copy(field, size - 1)] = '\0';
+    return text.size() < size;
 }
 
 bool is_regular_file(DIR* directory, const dirent& entry) {

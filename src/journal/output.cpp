@@ -11,6 +11,7 @@
 #include <cstdarg>
 #include <cstring>
 #include <mutex>
+#include <thread>
 #include <utility>
 
 int OutputLevel = 1;
@@ -24,24 +25,37 @@ constexpr std::size_t debug_message_size = 41960;
 /// First level at which debug messages are written.
 constexpr int debug_level = 3;
 constexpr std::chrono::seconds longest_wait_for_writer{1};
+constexpr std::chrono::milliseconds pause_between_tries{1};
 /// Log and console have buffers of their own, so that no message needs memory.
 constexpr std::size_t stream_buffer_size = 4096;
 
+/// A terminal stays one for the whole run, so it is asked once.
+bool console_is_terminal = false;
+
 /// Keeps `hLogFile` open while a thread writes to it. Recursive: a fault report may be written by
 /// a thread that faulted inside a writer.
-std::recursive_timed_mutex log_file_in_use;
+std::recursive_mutex log_file_in_use;
 
-using LogFileLock = std::unique_lock<std::recursive_timed_mutex>;
+using LogFileLock = std::unique_lock<std::recursive_mutex>;
 
-/// By the system's clock: the thread sanitizer does not see a mutex that is taken by the other one.
-std::chrono::system_clock::time_point end_of_wait() {
-    return std::chrono::system_clock::now() + longest_wait_for_writer;
+/// Waits for another writer, but not for ever: a thread may have faulted inside one. Tries again
+/// instead of a timed wait, whose clock is the one that a person sets.
+LogFileLock lock_log_file() {
+    LogFileLock lock(log_file_in_use, std::try_to_lock);
+    if (lock.owns_lock()) {
+        return lock;
+    }
+    const auto end = std::chrono::steady_clock::now() + longest_wait_for_writer;
+    while (!lock.try_lock() && std::chrono::steady_clock::now() < end) {
+        std::this_thread::sleep_for(pause_between_tries);
+    }
+    return lock;
 }
 
 void write_to_log(const char* text) {
-    const LogFileLock lock(log_file_in_use, end_of_wait());
+    const LogFileLock lock = lock_log_file();
     if (lock.owns_lock() && hLogFile != nullptr) {
-        fprintf(hLogFile, "%s", text);
+        fputs(text, hLogFile);
         fflush(hLogFile);
     }
 }
@@ -114,7 +128,7 @@ __attribute__((format(printf, 2, 0))) void hide_foreign_line_controls(char* text
 }
 
 void write_to_console(const char* text) {
-    fprintf(stdout, "%s", text);
+    fputs(text, stdout);
     fflush(stdout);
 }
 
@@ -137,7 +151,7 @@ __attribute__((format(printf, 3, 0))) void write_message(int Display, Traced tra
         write_to_trace(szBuffer);
     }
     if (Display == 1 && OutputLevel >= 1) {
-        if (isatty(STDOUT_FILENO) != 0) {
+        if (console_is_terminal) {
             hide_foreign_line_controls(szBuffer, szFormat, arguments_again);
             hide_control_characters(szBuffer);
         }
@@ -179,9 +193,10 @@ void writedebug(const char* szFormat, ...) {
 
 void ShowMessage(const char* /*szFormat*/, ...) {}
 
-void own_console_buffer() {
+void prepare_console() {
     static std::array<char, stream_buffer_size> buffer;
-    setvbuf(stdout, buffer.data(), isatty(STDOUT_FILENO) != 0 ? _IOLBF : _IOFBF, buffer.size());
+    console_is_terminal = isatty(STDOUT_FILENO) != 0;
+    setvbuf(stdout, buffer.data(), console_is_terminal ? _IOLBF : _IOFBF, buffer.size());
 }
 
 void open_log_file(const char* name) {
@@ -208,7 +223,7 @@ void open_log_file(const char* name) {
 }
 
 void close_log_file() {
-    const LogFileLock lock(log_file_in_use, end_of_wait());
+    const LogFileLock lock = lock_log_file();
     if (lock.owns_lock() && hLogFile != nullptr) {
         fclose(hLogFile);
         hLogFile = nullptr;

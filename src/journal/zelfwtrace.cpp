@@ -172,7 +172,8 @@ void chExitCritSec() {
 }
 
 Trace::Trace(const char* filename, int open_mode, int count)
-    : trace_fd(nullptr),
+    : process(static_cast<std::uint32_t>(getpid())),
+      trace_fd(nullptr),
       component(trace_data_component),
       backup_count(count),
       trace_mode(open_mode),
@@ -243,7 +244,7 @@ traceStruct3 Trace::make_header(std::uint32_t minorCode, std::uint32_t length) {
     header.minorCode = minorCode;
     header.clockTime = chTime();
     header.tid = static_cast<std::uint32_t>(pthread_self());
-    header.pid = static_cast<std::uint32_t>(getpid());
+    header.pid = process;
     header.time = static_cast<std::uint32_t>(::time(nullptr));
     header.component = component;
     header.milliseconds = now.milliseconds;
@@ -345,7 +346,7 @@ void Trace::write_text_in_handler(const char* text) const {
     // `chTime` may report a step back of the clock, which takes the critical section.
     header.clockTime = std::max(now - start_time.load(), prev_time.load()) + adjust_time.load();
     header.tid = static_cast<std::uint32_t>(pthread_self());
-    header.pid = static_cast<std::uint32_t>(getpid());
+    header.pid = process;
     header.time = static_cast<std::uint32_t>(clock.tv_sec);
     header.component = component;
     header.milliseconds = static_cast<std::uint16_t>(milliseconds);

@@ -107,6 +107,7 @@ class Trace {
     void write_text(const char* text, std::size_t length);
     traceStruct3 make_header(std::uint32_t minorCode, std::uint32_t length);
 
+    const std::uint32_t process;
     FILE* trace_fd;
     std::uint8_t component;
     std::int32_t backup_count;

@@ -91,7 +91,7 @@ TEST_F(JournalMemory, TheConsoleNeedsNone) {
         if (std::freopen(console.c_str(), "w", stdout) == nullptr) {
             _exit(no_log_yet);
         }
-        own_console_buffer();
+        prepare_console();
         OutputLevel = 1;
         const AllocationCount allocations;
         writelog(1, "%s\n", "shown");

@@ -212,6 +212,7 @@ std::string shown_on_terminal(Call call) {
     std::fflush(stdout);
     const int console = dup(STDOUT_FILENO);
     dup2(program_side, STDOUT_FILENO);
+    prepare_console();
     call();
     std::fflush(stdout);
     dup2(console, STDOUT_FILENO);
