@@ -337,6 +337,7 @@ TEST_F(Fault, OfAnotherThreadIsReported) {
     EXPECT_THAT(log(), EndsWith("\n\t    CR2: " + as_pointer(address) + "\n"));
 }
 
+#ifndef __SANITIZE_THREAD__  // its own _exit flushes standard output, whose lock is held here
 TEST_F(Fault, IsReportedThoughItsThreadHoldsEveryLock) {
     char* const address = unmapped_address();
     const auto start = std::chrono::steady_clock::now();
@@ -361,6 +362,7 @@ TEST_F(Fault, IsReportedThoughItsThreadHoldsEveryLock) {
     }
     EXPECT_EQ(traced, end.output);
 }
+#endif
 
 TEST_F(Fault, IsLoggedThoughTheConsoleTakesNothing) {
     char* const address = unmapped_address();
