@@ -33,8 +33,8 @@ void writedebug(const char* szFormat, ...) __attribute__((format(printf, 1, 2)))
 /// A message box request; there are none on this platform.
 void ShowMessage(const char* szFormat, ...) __attribute__((format(printf, 1, 2)));
 
-/// Gives standard output a buffer and finds out whether it is a terminal, before anything is written
-/// to it.
+/// Gives standard output a buffer and finds out whether it is a terminal, before anything is
+/// written to it.
 void prepare_console();
 
 /// Opens `name` as the log file and starts it anew. When another run writes to it, it is appended
