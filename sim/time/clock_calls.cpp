@@ -43,8 +43,8 @@ Instant look(const Call& call, ClockKind kind) {
     return kind == ClockKind::wall ? clock.wall() : clock.now();
 }
 
-template <typename Spec>
-int get_clock(const char* name, clockid_t clock, Spec* spec, const void* caller) {
+template <typename Moment>
+int get_clock(const char* name, clockid_t clock, Moment* moment, const void* caller) {
     const Call call(name, nullptr, caller);
     const auto kind = kind_of(clock);
     if (!kind) {
@@ -54,18 +54,18 @@ int get_clock(const char* name, clockid_t clock, Spec* spec, const void* caller)
     if (clock == CLOCK_PROCESS_CPUTIME_ID || clock == CLOCK_THREAD_CPUTIME_ID) {
         instant -= call.scheduler().clock().begin();
     }
-    return failure(put_spec(instant, *spec));
+    return failure(put_spec(instant, *moment));
 }
 
-template <typename Spec>
-int get_resolution(const char* name, clockid_t clock, Spec* spec, const void* caller) {
+template <typename Moment>
+int get_resolution(const char* name, clockid_t clock, Moment* moment, const void* caller) {
     const Call call(name, nullptr, caller);
     if (!kind_of(clock)) {
         return failure(EINVAL);
     }
-    if (spec != nullptr) {
-        spec->tv_sec = 0;
-        spec->tv_nsec = 1;
+    if (moment != nullptr) {
+        moment->tv_sec = 0;
+        moment->tv_nsec = 1;
     }
     return 0;
 }
@@ -100,12 +100,12 @@ using namespace zelfsim::virtual_time;
 
 extern "C" {
 
-ZELF_EXPORTED int clock_gettime(clockid_t clock, timespec* spec) noexcept {
-    return get_clock("clock_gettime", clock, spec, ZELF_CALLER);
+ZELF_EXPORTED int clock_gettime(clockid_t clock, timespec* moment) noexcept {
+    return get_clock("clock_gettime", clock, moment, ZELF_CALLER);
 }
 
-ZELF_EXPORTED int clock_getres(clockid_t clock, timespec* spec) noexcept {
-    return get_resolution("clock_getres", clock, spec, ZELF_CALLER);
+ZELF_EXPORTED int clock_getres(clockid_t clock, timespec* moment) noexcept {
+    return get_resolution("clock_getres", clock, moment, ZELF_CALLER);
 }
 
 ZELF_EXPORTED int gettimeofday(timeval* value, void* zone) noexcept {
@@ -125,26 +125,26 @@ ZELF_EXPORTED int ftime(timeb* now) {
     return failure(put_seconds(instant, now->time));
 }
 
-ZELF_EXPORTED int timespec_get(timespec* spec, int base) noexcept {
-    return base == TIME_UTC && get_clock("timespec_get", CLOCK_REALTIME, spec, ZELF_CALLER) == 0
+ZELF_EXPORTED int timespec_get(timespec* moment, int base) noexcept {
+    return base == TIME_UTC && get_clock("timespec_get", CLOCK_REALTIME, moment, ZELF_CALLER) == 0
                ? base
                : 0;
 }
 
 ZELF_EXPORTED clock_t clock() noexcept {
-    timespec spec = {};
-    get_clock("clock", CLOCK_PROCESS_CPUTIME_ID, &spec, ZELF_CALLER);
-    return static_cast<clock_t>(spec.tv_sec * CLOCKS_PER_SEC + spec.tv_nsec / kMicrosecond);
+    timespec moment = {};
+    get_clock("clock", CLOCK_PROCESS_CPUTIME_ID, &moment, ZELF_CALLER);
+    return static_cast<clock_t>(moment.tv_sec * CLOCKS_PER_SEC + moment.tv_nsec / kMicrosecond);
 }
 
 // NOLINTBEGIN(bugprone-reserved-identifier): the names are the C library's
 #if defined(__i386__)
-ZELF_EXPORTED int __clock_gettime64(clockid_t clock, Timespec64* spec) {
-    return get_clock("clock_gettime", clock, spec, ZELF_CALLER);
+ZELF_EXPORTED int __clock_gettime64(clockid_t clock, Timespec64* moment) {
+    return get_clock("clock_gettime", clock, moment, ZELF_CALLER);
 }
 
-ZELF_EXPORTED int __clock_getres64(clockid_t clock, Timespec64* spec) {
-    return get_resolution("clock_getres", clock, spec, ZELF_CALLER);
+ZELF_EXPORTED int __clock_getres64(clockid_t clock, Timespec64* moment) {
+    return get_resolution("clock_getres", clock, moment, ZELF_CALLER);
 }
 
 ZELF_EXPORTED int __gettimeofday64(Timeval64* value, void* zone) {
@@ -155,8 +155,8 @@ ZELF_EXPORTED std::int64_t __time64(std::int64_t* seconds) {
     return get_seconds("time", seconds, ZELF_CALLER);
 }
 
-ZELF_EXPORTED int __timespec_get64(Timespec64* spec, int base) {
-    return base == TIME_UTC && get_clock("timespec_get", CLOCK_REALTIME, spec, ZELF_CALLER) == 0
+ZELF_EXPORTED int __timespec_get64(Timespec64* moment, int base) {
+    return base == TIME_UTC && get_clock("timespec_get", CLOCK_REALTIME, moment, ZELF_CALLER) == 0
                ? base
                : 0;
 }
