@@ -21,6 +21,9 @@ constexpr unsigned short data = 0xA003;           ///< feature report
 constexpr unsigned short fallback_data = 0x1603;  ///< feature report of older devices
 }  // namespace flash_usage
 
+/// Vendors whose flash interfaces are updated without being asked for.
+constexpr unsigned short flash_vendors[] = {0x7A01, 0x7A02, 0x7A03};
+
 /// Flags in byte 0 of a status report.
 namespace status_flag {
 constexpr std::uint8_t reject = 0x80;

@@ -39,7 +39,6 @@ int NewMsgExitStatus = 0;
 namespace {
 
 constexpr int longest_wait_at_the_end = 1000;  // milliseconds
-constexpr unsigned short supported_vendors[] = {0x7A01, 0x7A02, 0x7A03};
 
 /// The current local time with the newline that `ctime` ends it with.
 const char* time_text() {
@@ -136,8 +135,8 @@ int ZELFLASH::IsFlashDeviceSupported(unsigned short vendor, unsigned short usage
     if (usage != flash_usage::interface) {
         return 0;
     }
-    const bool is_ours = std::find(std::begin(supported_vendors), std::end(supported_vendors),
-                                   vendor) != std::end(supported_vendors);
+    const bool is_ours = std::find(std::begin(flash_vendors), std::end(flash_vendors), vendor) !=
+                         std::end(flash_vendors);
     return is_ours || oem_vendor == 1 ? 1 : 0;
 }
 

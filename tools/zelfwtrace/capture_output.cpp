@@ -129,6 +129,7 @@ class CaptureOutput : public TraceOutput {
             write(
                 control_in(found->second, get_configuration_descriptor, configuration_descriptor()),
                 time);
+            write(control_in(found->second, get_report_descriptor, report_descriptor()), time);
         }
         return found->second;
     }

@@ -1,5 +1,7 @@
 #include "zelfwtrace/usb_packet.h"
 
+#include "flash_protocol.h"
+
 #include <bit>
 #include <initializer_list>
 
@@ -117,6 +119,41 @@ std::string usb_packet(const UsbTransfer& transfer, bool is_completion, std::uin
     return packet;
 }
 
+namespace {
+
+/// An item of HID 1.11, 6.2.2, with a word of data.
+std::string word_item(int prefix, int value) {
+    return from_bytes({prefix | 2, value & 0xFF, value >> 8});
+}
+
+/// A report of bytes; `main_item` is input, output or feature.
+std::string report(int usage, int size, int main_item) {
+    constexpr int usage_item = 0x08;
+    constexpr int count_item = 0x94;
+    constexpr int variable = 0x02;
+    return word_item(usage_item, usage) + word_item(count_item, size) +
+           from_bytes({main_item | 1, variable});
+}
+
+}  // namespace
+
+const std::string& report_descriptor() {
+    constexpr int page_item = 0x04;
+    constexpr int usage_item = 0x08;
+    constexpr int input = 0x80, output = 0x90, feature = 0xB0;
+    constexpr int longest_message = 263;
+    constexpr int status_size = 8;
+    constexpr int longest_answer = record_answer::size;
+    static const std::string bytes =
+        word_item(page_item, flash_usage::page) + word_item(usage_item, flash_usage::interface) +
+        from_bytes({0xA1, 0x01}) +                       // application collection
+        from_bytes({0x15, 0, 0x26, 0xFF, 0, 0x75, 8}) +  // values 0 to 255 of 8 bits
+        report(flash_usage::command, longest_message, output) +
+        report(flash_usage::status, status_size, input) +
+        report(flash_usage::data, longest_answer, feature) + from_bytes({0xC0});
+    return bytes;
+}
+
 std::string device_descriptor(std::uint16_t product) {
     return from_bytes({18, 1, 0x00, 0x02, 0, 0, 0, 64,                  // USB 2.0
                        0, 0, product & 0xFF, product >> 8, 0, 0, 0, 0,  // no vendor, no strings
@@ -124,6 +161,7 @@ std::string device_descriptor(std::uint16_t product) {
 }
 
 const std::string& configuration_descriptor() {
+    const auto report_size = static_cast<int>(report_descriptor().size());
     static const std::string bytes = from_bytes({
         9,
         2,
@@ -150,8 +188,8 @@ const std::string& configuration_descriptor() {
         0,
         1,
         0x22,
-        0,
-        0,  // HID 1.11
+        report_size & 0xFF,
+        report_size >> 8,  // HID 1.11
         7,
         5,
         interrupt_endpoint | to_host_bit,

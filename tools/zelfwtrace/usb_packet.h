@@ -22,6 +22,8 @@ struct UsbRequest {
 };
 constexpr UsbRequest get_device_descriptor = {0x80, 6, 0x0100, 0};
 constexpr UsbRequest get_configuration_descriptor = {0x80, 6, 0x0200, 0};
+/// HID 1.11, 7.1.1.
+constexpr UsbRequest get_report_descriptor = {0x81, 6, 0x2200, 0};
 /// HID 1.11, 7.2: the report types are output 2 and feature 3.
 constexpr UsbRequest set_output_report = {0x21, 9, 0x0200, 0};
 constexpr UsbRequest get_feature_report = {0xA1, 1, 0x0300, 0};
@@ -52,3 +54,6 @@ std::string device_descriptor(std::uint16_t product);
 
 /// One configuration with one HID interface, numbered 0, whose interrupt endpoint is IN 1.
 const std::string& configuration_descriptor();
+
+/// Of the flash interface, without report IDs.
+const std::string& report_descriptor();
