@@ -104,7 +104,7 @@ TEST_F(ZelfwtraceCapture, BlocksAreWholeAndOfWholeWords) {
         at += length;
     }
     EXPECT_EQ(blocks,
-              8);  // section, interface, two descriptors and the transfer in two packets each
+              10);  // section, interface, three descriptors and the transfer in two packets each
 }
 
 TEST_F(ZelfwtraceCapture, GoesToStandardOutputOnRequest) {
@@ -159,9 +159,9 @@ TEST_F(ZelfwtraceInWireshark, CommandIsASetReportRequest) {
                  "usb.bus_id", "usb.device_address", "usb.bmRequestType", "usbhid.setup.bRequest",
                  "usbhid.setup.ReportType", "usbhid.setup.ReportID", "usbhid.setup.wIndex",
                  "usbhid.setup.wLength", "usb.data_fragment"}),
-        ElementsAreArray({"0x0000000000000003 1700000000.005000000 'S' 0x02 1 1 0x21 0x09 2 "
+        ElementsAreArray({"0x0000000000000004 1700000000.005000000 'S' 0x02 1 1 0x21 0x09 2 "
                           "0 0 4 04000100",
-                          "0x0000000000000003 1700000000.005000000 'C' 0x02 1 1       "}));
+                          "0x0000000000000004 1700000000.005000000 'C' 0x02 1 1       "}));
 }
 
 TEST_F(ZelfwtraceInWireshark, StatusIsAnInterruptTransferOfHidData) {

@@ -39,14 +39,13 @@ local field = {
     urb_status = ProtoField.int32("zelfw.transfer_status", "Status of the transfer", base.DEC),
 }
 -- A flag is a field only where it is set, so that its name alone is a filter for it.
-local flag_field = {
-    reject = ProtoField.bool("zelfw.status.reject", "Reject"),
-    operation_error = ProtoField.bool("zelfw.status.operation_error", "Operation error"),
-    device_information = ProtoField.bool("zelfw.status.device_information", "Device information"),
-    ec_level = ProtoField.bool("zelfw.status.ec_level", "EC level"),
-    completed = ProtoField.bool("zelfw.status.completed", "Completed"),
-}
 local flag_order = { "reject", "operation_error", "device_information", "ec_level", "completed" }
+local flag_label = { reject = "Reject", operation_error = "Operation error",
+    device_information = "Device information", ec_level = "EC level", completed = "Completed" }
+local flag_field = {}
+for name, label in pairs(flag_label) do
+    flag_field[name] = ProtoField.bool("zelfw.status." .. name, label)
+end
 
 local registered = {}
 for _, fields in pairs({ field, flag_field }) do
@@ -334,13 +333,18 @@ end
 -- What it means where it stands. The first time that the frames are read they come in their order;
 -- what was learned then is kept for each.
 
+-- Whole microseconds; stamps may go back.
+local function duration(from, to)
+    return math.max(0, math.floor((to - from) * 1e6 + 0.5) / 1e6)
+end
+
 local function note_silence(device, meaning, now)
     local open = device.unanswered
     if not open or not open.awaited or open.is_noted then
         return
     end
-    if now - open.time > longest_silence then
-        meaning.silence, meaning.silent_after = now - open.time, open
+    if duration(open.time, now) > longest_silence then
+        meaning.silence, meaning.silent_after = duration(open.time, now), open
         open.is_noted = true
     end
 end
@@ -433,7 +437,7 @@ local function learn_status(device, transfer, frame, now)
     end
     if device.unanswered then
         meaning.answered = device.unanswered
-        meaning.answer_time = math.max(0, now - device.unanswered.time)
+        meaning.answer_time = duration(device.unanswered.time, now)
         device.unanswered = nil
     end
     meanings[frame] = meaning
@@ -628,7 +632,7 @@ local function show_status_flags(tree, view)
         if has(flags, flag) then
             line:add(flag_field[name], view.tvb:range(view.start, 1), true)
         else
-            line:add(view.tvb:range(view.start, 1), name:gsub("_", " ") .. ": not set")
+            line:add(view.tvb:range(view.start, 1), flag_label[name] .. ": not set")
         end
     end
     return flags

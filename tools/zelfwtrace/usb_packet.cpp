@@ -65,6 +65,20 @@ std::string from_bytes(std::initializer_list<int> values) {
     return bytes;
 }
 
+/// An item of HID 1.11, 6.2.2, with a word of data.
+std::string word_item(int prefix, int value) {
+    return from_bytes({prefix | 2, value & 0xFF, value >> 8});
+}
+
+/// A report of bytes; `main_item` is input, output or feature.
+std::string report(int usage, int size, int main_item) {
+    constexpr int usage_item = 0x08;
+    constexpr int count_item = 0x94;
+    constexpr int variable = 0x02;
+    return word_item(usage_item, usage) + word_item(count_item, size) +
+           from_bytes({main_item | 1, variable});
+}
+
 }  // namespace
 
 UsbTransfer control_out(const UsbAddress& address, const UsbRequest& request,
@@ -118,24 +132,6 @@ std::string usb_packet(const UsbTransfer& transfer, bool is_completion, std::uin
     }
     return packet;
 }
-
-namespace {
-
-/// An item of HID 1.11, 6.2.2, with a word of data.
-std::string word_item(int prefix, int value) {
-    return from_bytes({prefix | 2, value & 0xFF, value >> 8});
-}
-
-/// A report of bytes; `main_item` is input, output or feature.
-std::string report(int usage, int size, int main_item) {
-    constexpr int usage_item = 0x08;
-    constexpr int count_item = 0x94;
-    constexpr int variable = 0x02;
-    return word_item(usage_item, usage) + word_item(count_item, size) +
-           from_bytes({main_item | 1, variable});
-}
-
-}  // namespace
 
 const std::string& report_descriptor() {
     constexpr int page_item = 0x04;

@@ -127,6 +127,18 @@ stop_server() {
     wait "$server"
 }
 
+# record_bus: writes down what goes over every bus from now on, each transfer with its usbmon header.
+record_bus() {
+    cat /dev/usbmon0 >/results/usbmon.bin &
+    bus_record=$!
+}
+
+stop_bus_record() {
+    kill "$bus_record"
+    wait "$bus_record"
+    cp /tmp/zelfwtrace.log /results/trace.bin
+}
+
 # holds_image <device> <component> <firmware file>: what the device keeps is the file's body.
 holds_image() {
     tail -c +9 "$firmware/$3" | cmp -s - "/state/devices/$1/image-$2.bin"
