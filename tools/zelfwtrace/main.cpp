@@ -11,6 +11,7 @@
 #include "zelfwtrace/trace_reader.h"
 
 #include <sys/stat.h>
+#include <unistd.h>
 
 #include <cerrno>
 #include <cinttypes>
@@ -88,6 +89,12 @@ std::string settle_run(const Survey& known, std::optional<std::int64_t>& run) {
     return "";
 }
 
+/// Who asks for bytes or for kinds of records wants to see each of them.
+bool is_progress_wanted(const TraceArguments& arguments) {
+    return arguments.follow && !arguments.with_bytes && arguments.filter.kinds.empty() &&
+           isatty(STDOUT_FILENO) != 0;
+}
+
 std::unique_ptr<TraceOutput> make_output(const TraceArguments& arguments, const Survey& known,
                                          std::string& reason) {
     if (arguments.command == TraceCommand::redact) {
@@ -105,7 +112,8 @@ std::unique_ptr<TraceOutput> make_output(const TraceArguments& arguments, const 
     if (arguments.json) {
         return json_output();
     }
-    return text_output({.zone = arguments.zone, .with_bytes = arguments.with_bytes});
+    const TextStyle style = {.zone = arguments.zone, .with_bytes = arguments.with_bytes};
+    return is_progress_wanted(arguments) ? progress_output(style) : text_output(style);
 }
 
 /// The names of damaged places; those beyond the first ones are counted only.
@@ -189,8 +197,9 @@ int show_all(Reading& reading, const TraceFilter& filter, TraceOutput& output,
 }
 
 /// Called at the end of a file that may grow.
-bool wait_for_more() {
+bool wait_for_more(TraceOutput& output) {
     constexpr timespec pause = {.tv_sec = 0, .tv_nsec = 100'000'000};
+    output.pause();
     fflush(stdout);
     nanosleep(&pause, nullptr);
     return ferror(stdout) == 0;
@@ -213,8 +222,9 @@ int show(FILE* stream, const std::string& name, const TraceArguments& arguments)
     if (output == nullptr) {
         return failure(arguments.capture, reason);
     }
-    const TraceReader::WaitForMore wait =
-        arguments.follow ? wait_for_more : TraceReader::WaitForMore{};
+    const TraceReader::WaitForMore wait = arguments.follow
+                                              ? [&output] { return wait_for_more(*output); }
+                                              : TraceReader::WaitForMore{};
     Reading reading{.reader = TraceReader(stream, wait),
                     .conversations = Conversations(known.totals),
                     .runs = {}};

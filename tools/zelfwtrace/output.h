@@ -18,6 +18,8 @@ class TraceOutput {
     TraceOutput& operator=(const TraceOutput&) = delete;
 
     virtual void take(const TraceEntry& entry, const Meaning& meaning) = 0;
+    /// At the end of a file that may grow: all that there is was taken.
+    virtual void pause() {}
     /// After the last record. Returns the reason when the output could not be written.
     virtual std::string finish() { return ""; }
     /// After `finish`: what the program ends with when nothing else failed.
@@ -31,6 +33,9 @@ struct TextStyle {
 
 /// One line a record on standard output.
 std::unique_ptr<TraceOutput> text_output(const TextStyle& style);
+
+/// Likewise, on a terminal: an image's records in one line that is rewritten as the file grows.
+std::unique_ptr<TraceOutput> progress_output(const TextStyle& style);
 
 /// One JSON object a line on standard output.
 std::unique_ptr<TraceOutput> json_output();
