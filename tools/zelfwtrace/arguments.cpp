@@ -48,7 +48,8 @@ OUTPUT
   -x, --hex            of "show": also each transfer's bytes
   -o, --output OUT     of "pcap", "redact": the file to write, "-" for standard output
   -u, --utc            show and take times as UTC, not as local time
-      --follow         of "show": go on as the file grows, until interrupted
+      --follow         of "show": go on as the file grows, until interrupted; on a
+                       terminal the records of an image are one line that is rewritten
 
 FILTERS
   -d, --device ID      only transfers of this product ID, four hexadecimal digits
