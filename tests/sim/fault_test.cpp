@@ -149,6 +149,29 @@ TEST(Fault, AnswersLate) {
     EXPECT_GE(bench.time() - begin, std::chrono::milliseconds(500));
 }
 
+TEST(Fault, SendsAStatusThatNobodyAskedForBehindTheAnswer) {
+    Bench bench(
+        with_fault("at = \"device-info\"\naction = \"unasked\"\nms = 500\n"
+                   "bytes = \"40 77\"\n"));
+    const auto begin = bench.time();
+    EXPECT_EQ(bench.ask(kDeviceInfo)[0], 0x09);
+    EXPECT_LT(bench.time() - begin, std::chrono::milliseconds(500));
+    EXPECT_THAT(bench.status(std::chrono::milliseconds(600)), ElementsAre(0x40, 0x77));
+    EXPECT_GE(bench.time() - begin, std::chrono::milliseconds(500));
+    EXPECT_TRUE(bench.status(std::chrono::milliseconds(600)).empty());
+}
+
+TEST(Fault, SendsAStatusThatNobodyAskedForAheadOfTheAnswer) {
+    Bench bench(
+        with_fault("at = \"erase\"\naction = \"unasked\"\nbytes = \"01 77\"\n"
+                   "answer_ms = 700\n"));
+    const auto begin = bench.time();
+    EXPECT_THAT(bench.erase(), ElementsAre(0x01, 0x77));
+    EXPECT_EQ(bench.printer().state().phase, zelfsim::FlashPhase::erased);
+    EXPECT_EQ(bench.status(std::chrono::milliseconds(2000))[0], 0x01);
+    EXPECT_GE(bench.time() - begin, std::chrono::milliseconds(700));
+}
+
 TEST(Fault, NeverAnswers) {
     Bench bench(with_fault("at = \"erase\"\naction = \"no-answer\"\n"));
     EXPECT_TRUE(bench.erase().empty());

@@ -11,9 +11,12 @@ namespace {
 constexpr std::size_t kLongestWord = 32;
 constexpr std::size_t kMostBytes = 1024;
 
-constexpr std::array<std::string_view, 12> kFaultKeys{"device",    "at",     "number", "byte",
-                                                      "component", "action", "times",  "ms",
-                                                      "replug_ms", "bytes",  "length", "signal"};
+constexpr std::array kFaultKeys{
+    std::string_view("device"),    std::string_view("at"),        std::string_view("number"),
+    std::string_view("byte"),      std::string_view("component"), std::string_view("action"),
+    std::string_view("times"),     std::string_view("ms"),        std::string_view("answer_ms"),
+    std::string_view("replug_ms"), std::string_view("bytes"),     std::string_view("length"),
+    std::string_view("signal")};
 
 int hex_digit(char character) {
     constexpr std::string_view kDigits = "0123456789abcdef";
@@ -70,12 +73,14 @@ void refuse_misplaced(const zelf::TomlTable& table, FaultEvent at, FaultAction a
     refuse_unless(at == FaultEvent::record || at == FaultEvent::checksum, table, "component",
                   "at = \"record\" or \"checksum\"");
     const bool signal = action == FaultAction::signal;
-    refuse_unless(unplug || signal || action == FaultAction::late, table, "ms",
-                  "\"late\", \"unplug\" and \"signal\"");
+    const bool unasked = action == FaultAction::unasked;
+    refuse_unless(unplug || signal || unasked || action == FaultAction::late, table, "ms",
+                  "\"late\", \"unasked\", \"unplug\" and \"signal\"");
+    refuse_unless(unasked, table, "answer_ms", "\"unasked\"");
     refuse_unless(signal, table, "signal", "action = \"signal\"");
     refuse_unless(unplug, table, "replug_ms", "\"unplug\"");
-    refuse_unless(action == FaultAction::answer || action == FaultAction::data, table, "bytes",
-                  "\"answer\" and \"data\"");
+    refuse_unless(action == FaultAction::answer || action == FaultAction::data || unasked, table,
+                  "bytes", "\"answer\", \"data\" and \"unasked\"");
     refuse_unless(action == FaultAction::short_packet, table, "length", "\"short\"");
 }
 
@@ -120,10 +125,12 @@ FaultRule read_fault(const zelf::TomlTable& table) {
     }
     rule.always = times == "always";
     rule.delay = table.milliseconds("ms").value_or(Duration{0});
+    rule.answer_delay = table.milliseconds("answer_ms").value_or(Duration{0});
     rule.replug = table.milliseconds("replug_ms");
     rule.length = static_cast<std::size_t>(
         table.integer("length", 0, static_cast<std::int64_t>(kMostBytes)).value_or(1));
-    if (rule.action == FaultAction::answer || rule.action == FaultAction::data) {
+    if (rule.action == FaultAction::answer || rule.action == FaultAction::data ||
+        rule.action == FaultAction::unasked) {
         rule.bytes = read_bytes(table);
     }
     if (rule.action == FaultAction::signal) {

@@ -71,6 +71,7 @@ constexpr std::array kActions{
     ActionName{FaultAction::answer, "answer", kStatus | kAnswer},
     ActionName{FaultAction::late, "late", kStatus},
     ActionName{FaultAction::no_answer, "no-answer", kStatus},
+    ActionName{FaultAction::unasked, "unasked", kStatus},
     ActionName{FaultAction::data, "data", kData},
     ActionName{FaultAction::refuse, "refuse", kOpen},
     ActionName{FaultAction::busy, "busy", kClaim},

@@ -57,6 +57,7 @@ enum class FaultAction {
     answer,
     late,
     no_answer,
+    unasked,
     data,
     refuse,
     busy,
@@ -71,6 +72,7 @@ struct FaultRule {
     std::optional<std::uint8_t> component;
     bool always = false;
     Duration delay{0};
+    Duration answer_delay{0};  ///< of the own status, beside an unasked one
     std::optional<Duration> replug;
     Bytes bytes;
     std::size_t length = 1;

@@ -13,6 +13,14 @@ namespace {
 
 constexpr std::size_t kWaitingReports = 16;
 
+/// How much later than usual the rule lets the own status come.
+Duration answer_delay(const FaultRule* rule) {
+    if (rule == nullptr) {
+        return Duration{0};
+    }
+    return rule->action == FaultAction::late ? rule->delay : rule->answer_delay;
+}
+
 /// Bytes of the input report of an ordinary interface.
 std::size_t input_size(InterfaceKind kind) {
     return kind == InterfaceKind::mouse ? 3 : 8;
@@ -173,8 +181,10 @@ void Peripheral::run_command(ByteView message, const FaultRule* rule, Reply& rep
         busy_until_ = time + result.delay;
     }
     if (result.status) {
-        const Duration late = action == FaultAction::late ? rule->delay : Duration{0};
-        queue_status(*result.status, time + result.delay + late);
+        queue_status(*result.status, time + result.delay + answer_delay(rule));
+    }
+    if (action == FaultAction::unasked) {
+        queue_status(rule->bytes, time + rule->delay);
     }
 }
 
