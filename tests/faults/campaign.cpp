@@ -72,32 +72,6 @@ void choose(std::vector<Item>& items, std::size_t count, std::uint32_t seed) {
 
 }  // namespace
 
-std::string Campaign::Case::text() const {
-    std::string text;
-    if (is_kill()) {
-        text = std::string(injection.goes_on ? "kill-a/" : "kill/") + std::to_string(kill_after);
-    } else if (sets_clock()) {
-        text = "clock/" + schedule.clock_step;
-    } else {
-        text = injection.text() + (second ? "+" + second->text() : "");
-    }
-    return schedule.seed == 0 ? text : text + "#" + std::to_string(schedule.seed);
-}
-
-std::string Campaign::Case::target() const {
-    if (second) {
-        return "pairs";
-    }
-    return is_kill() ? "kill" : sets_clock() ? "clock" : injection.target();
-}
-
-std::string Campaign::Case::family() const {
-    if (second) {
-        return "two faults";
-    }
-    return is_kill() ? "kill -9" : sets_clock() ? "clock set" : injection.family();
-}
-
 Campaign::Campaign(CampaignSettings settings) : settings_(std::move(settings)) {}
 
 bool Campaign::run() {
@@ -137,31 +111,6 @@ bool Campaign::report_missed() const {
     return found;
 }
 
-std::optional<Campaign::Case> Campaign::parse_case(const std::string& text) const {
-    Case one;
-    const std::size_t seed_mark = text.find('#');
-    const std::string name = text.substr(0, seed_mark);
-    if (seed_mark != std::string::npos) {
-        one.schedule.seed = static_cast<std::uint32_t>(std::stoul(text.substr(seed_mark + 1)));
-    }
-    const bool goes_on = name.starts_with("kill-a/");
-    if (name.starts_with("clock/")) {
-        one.schedule.clock_step = name.substr(6);
-    } else if (name.starts_with("kill/") || goes_on) {
-        one.kill_after = std::stoi(name.substr(goes_on ? 7 : 5));
-        one.injection.goes_on = goes_on;
-    } else if (const auto injection = parse_injection(name.substr(0, name.find('+')))) {
-        one.injection = *injection;
-        if (name.find('+') != std::string::npos) {
-            one.second = parse_injection(name.substr(name.find('+') + 1));
-            return one.second ? std::optional(one) : std::nullopt;
-        }
-    } else {
-        return std::nullopt;
-    }
-    return one;
-}
-
 std::optional<Schedule> Campaign::schedule_of(const Case& one) const {
     return settings_.virtual_time ? std::optional(one.schedule) : std::nullopt;
 }
@@ -188,113 +137,60 @@ bool Campaign::measure_sound_runs() {
     return is_sound;
 }
 
-std::vector<Campaign::Case> Campaign::all_injection_cases() const {
+/// Rounds until there are as many as are wanted. What is drawn is drawn anew in each, and the first
+/// alone has the plain order of threads.
+std::vector<Case> Campaign::cases_in_rounds() const {
     std::vector<Case> cases;
-    const Family family = settings_.family == Family::pairs ? Family::faults : settings_.family;
-    for (const char* command : commands) {
-        const TransferRecord& record = sound_.at(command)[0].run.record;
-        for (const char* device : {"printer", "scanner"}) {
-            for (const bool goes_on : {false, true}) {
-                if (goes_on && std::string(command) != "update") {
-                    continue;
-                }
-                for (Injection& one : all_injections(record, command, goes_on, device, family)) {
-                    one.number += settings_.aim_past;
-                    cases.push_back({std::move(one)});
-                }
+    std::uint32_t round = 0;
+    const auto is_enough = [&] {
+        return settings_.family == Family::all && round >= settings_.schedules
+                   ? cases.size() >= settings_.count
+                   : round >= settings_.schedules;
+    };
+    while (!is_enough()) {
+        const CaseSource source = {.family = settings_.family,
+                                   .sound = sound_,
+                                   .seed = settings_.seed + round,
+                                   .aim_past = settings_.aim_past};
+        const std::uint32_t first = settings_.family == Family::all ? settings_.seed : 1;
+        const std::size_t before = cases.size();
+        for (Case& one : cases_of_family(source)) {
+            one.schedule.seed = round == 0 ? 0 : first + round - 1;
+            if (one.text().find(settings_.only) != std::string::npos) {
+                cases.push_back(std::move(one));
             }
         }
-    }
-    return cases;
-}
-
-std::vector<Campaign::Case> Campaign::kill_cases() const {
-    std::vector<Case> cases;
-    std::mt19937 random(settings_.seed);
-    const auto longest = static_cast<int>(sound_duration("update").count());
-    std::uniform_int_distribution<int> moments(0, longest);
-    for (std::size_t i = 0; i < settings_.kills; ++i) {
-        Case one;
-        one.kill_after = moments(random);
-        one.injection.goes_on = i % 2 == 1;
-        cases.push_back(one);
-    }
-    return cases;
-}
-
-/// The wall clock goes back and forth by hours and by seconds, every 50 ms of an update.
-std::vector<Campaign::Case> Campaign::clock_cases() const {
-    std::vector<Case> cases;
-    for (long moment = 0; moment < sound_duration("update").count(); moment += 50) {
-        for (const char* step : {"-7200", "7200", "-3", "3"}) {
-            Case one;
-            one.schedule.clock_step = std::string(step) + "@" + std::to_string(moment);
-            cases.push_back(one);
+        ++round;
+        if (cases.size() == before) {
+            break;
         }
     }
+    if (settings_.family == Family::all) {
+        std::printf("%zu cases, drawn with the seeds %u to %u; order of threads: the plain one%s\n",
+                    settings_.count > 0 ? std::min(settings_.count, cases.size()) : cases.size(),
+                    settings_.seed, settings_.seed + round - 1,
+                    round > 1 ? (", and those of the seeds " + std::to_string(settings_.seed) +
+                                 " to " + std::to_string(settings_.seed + round - 2))
+                                    .c_str()
+                              : "");
+    }
     return cases;
 }
 
-/// Each fault of an update with one that strikes the same device at one of the next transfers.
-/// Which one is drawn.
-std::vector<Campaign::Case> Campaign::pair_cases() const {
-    constexpr int nearest = 12;
-    std::vector<Case> cases = all_injection_cases();
-    std::erase_if(cases, [](const Case& one) { return one.injection.command != "update"; });
-    std::map<std::string, std::vector<Injection>> by_device;
-    for (const Case& one : cases) {
-        by_device[one.injection.device].push_back(one.injection);
-    }
-    std::mt19937 random(settings_.seed);
-    for (Case& one : cases) {
-        const Injection& first = one.injection;
-        std::vector<const Injection*> near;
-        for (const Injection& other : by_device.at(first.device)) {
-            if (other.event == first.event && other.goes_on == first.goes_on &&
-                other.number > first.number && other.number <= first.number + nearest) {
-                near.push_back(&other);
-            }
-        }
-        if (!near.empty()) {
-            one.second = *near[random() % near.size()];
-        }
-    }
-    std::erase_if(cases, [](const Case& one) { return !one.second; });
-    return cases;
-}
-
-std::vector<Campaign::Case> Campaign::family_cases() const {
-    switch (settings_.family) {
-        case Family::clock:
-            return clock_cases();
-        case Family::pairs:
-            return pair_cases();
-        default:
-            return all_injection_cases();
-    }
-}
-
-std::vector<Campaign::Case> Campaign::chosen_cases() const {
+std::vector<Case> Campaign::chosen_cases() const {
     std::vector<Case> cases;
     if (settings_.count > 0 || settings_.kills == 0) {
-        for (Case one : family_cases()) {
-            for (std::uint32_t schedule = 0; schedule < settings_.schedules; ++schedule) {
-                one.schedule.seed = schedule;
-                cases.push_back(one);
-            }
-        }
+        cases = cases_in_rounds();
     }
-    std::erase_if(cases, [this](const Case& one) {
-        return one.text().find(settings_.only) == std::string::npos;
-    });
     choose(cases, settings_.count, settings_.seed);
-    const std::vector<Case> kills = kill_cases();
+    const CaseSource source = {.sound = sound_, .seed = settings_.seed};
+    const std::vector<Case> kills = kill_cases(source, settings_.kills);
     cases.insert(cases.end(), kills.begin(), kills.end());
     return slice_of(std::move(cases));
 }
 
 // All cases of a target belong to one slice, or nearly all, so that the slice can judge them.
-std::vector<Campaign::Case> Campaign::slice_of(std::vector<Case> cases) const {
+std::vector<Case> Campaign::slice_of(std::vector<Case> cases) const {
     std::stable_sort(cases.begin(), cases.end(),
                      [](const Case& a, const Case& b) { return a.target() < b.target(); });
     std::map<std::string, std::size_t> slice_of_target;
@@ -310,7 +206,7 @@ std::vector<Campaign::Case> Campaign::slice_of(std::vector<Case> cases) const {
 void Campaign::run_all(const std::vector<Case>& cases, unsigned int jobs, bool is_last_chance) {
     std::mutex mutex;
     in_parallel(cases.size(), jobs, [&](std::size_t i) {
-        Case one = cases[i];
+        Case one = complete(cases[i]);
         Outcome outcome = try_case(one);
         if (settings_.shrink && !outcome.violations.empty()) {
             one = shrink(one);
@@ -319,6 +215,29 @@ void Campaign::run_all(const std::vector<Case>& cases, unsigned int jobs, bool i
         const std::lock_guard lock(mutex);
         take(one, outcome, is_last_chance);
     });
+}
+
+/// A second fault among the transfers that follow the first one.
+Case Campaign::complete(Case one) const {
+    if (one.draw == Draw::none) {
+        return one;
+    }
+    const Draw draw = one.draw;
+    one.draw = Draw::none;
+    std::mt19937 random(one.draw_seed);
+    Workplace place(settings_.program, schedule_of(one));
+    const milliseconds longest = bound_of(one) + until_hang;
+    const Injection& first = one.injection;
+    const Run run =
+        place.run("update", first.goes_on, first.fault(), first.has_debug_log(), longest);
+    one.second = draw_second(run.record, first, draw, random);
+    if (!one.second && draw == Draw::any_fault) {
+        place.pass(return_time);
+        const Run next = place.run("update", false, "", false, longest);
+        one.second = draw_in_next_run(next.record, first, random);
+        one.second_in_next_run = one.second.has_value();
+    }
+    return one;
 }
 
 Campaign::Outcome Campaign::try_case(const Case& one) const {
@@ -333,13 +252,14 @@ Campaign::Outcome Campaign::try_case(const Case& one) const {
 
 // One of two faults, or the plain order of threads: the first simpler case that is a violation,
 // too, is shrunk further.
-Campaign::Case Campaign::shrink(const Case& one) const {
+Case Campaign::shrink(const Case& one) const {
     std::vector<Case> simpler;
     if (one.second) {
         for (const Injection& alone : {one.injection, *one.second}) {
             simpler.push_back(one);
             simpler.back().injection = alone;
             simpler.back().second.reset();
+            simpler.back().second_in_next_run = false;
         }
     }
     if (one.schedule.seed != 0) {
@@ -363,7 +283,8 @@ Campaign::Outcome Campaign::run_case(const Case& one) const {
         outcome = run_pair(one, place);
     } else if (one.sets_clock()) {
         outcome = run_with_set_clock(one, place);
-    } else if (one.injection.kind->belongs_to != Family::faults) {
+    } else if (one.injection.belongs_to(Family::kills) ||
+               one.injection.belongs_to(Family::signals)) {
         outcome = run_signalled(one, place);
     } else {
         outcome = run_injection(one, place);
@@ -377,13 +298,8 @@ Campaign::Outcome Campaign::run_case(const Case& one) const {
     return outcome;
 }
 
-milliseconds Campaign::sound_duration(const std::string& command) const {
-    const auto& runs = sound_.at(command);
-    return std::max(runs[0].run.end.duration, runs[1].run.end.duration);
-}
-
 milliseconds Campaign::bound_of(const Case& one) const {
-    const milliseconds sound = sound_duration(one.injection.command);
+    const milliseconds sound = longest_sound_run(sound_, one.injection.command);
     // Where threads are held up a run takes longer.
     const milliseconds held_up = one.schedule.seed != 0 ? sound : milliseconds(0);
     return sound + wait_of(one.injection) + grace + held_up;
@@ -437,23 +353,33 @@ Campaign::Outcome Campaign::run_signalled(const Case& one, Workplace& place) con
 
 Campaign::Outcome Campaign::run_pair(const Case& one, Workplace& place) const {
     Outcome outcome;
+    const Injection& first = one.injection;
     const milliseconds bound = bound_of(one) + wait_of(*one.second);
-    const Run run = place.run(one.injection.command, one.injection.goes_on,
-                              one.injection.fault() + one.second->fault(),
-                              one.injection.has_debug_log(), bound + until_hang);
-    ++outcome.runs;
-    outcome.has_struck = run.record.of_kind(one.injection.device, "fault").size() == 2;
-    outcome.violations = judge_pair(run, place, one.injection, *one.second);
-    if (!run.end.killed && run.end.duration > bound) {
-        outcome.violations.push_back("took " + std::to_string(run.end.duration.count()) + " ms");
+    const auto judge_run = [&](const Run& run) {
+        ++outcome.runs;
+        outcome.strikes += run.record.of_kind(first.device, "fault").size();
+        append(outcome.violations, judge_pair(run, place, first, *one.second,
+                                              settings_.virtual_time && one.schedule.seed == 0));
+        if (!run.end.killed && run.end.duration > bound) {
+            outcome.violations.push_back("took " + std::to_string(run.end.duration.count()) +
+                                         " ms");
+        }
+    };
+    const std::string same_run = one.second_in_next_run ? "" : one.second->fault();
+    judge_run(place.run(first.command, first.goes_on, first.fault() + same_run,
+                        first.has_debug_log(), bound + until_hang));
+    if (one.second_in_next_run) {
+        place.pass(return_time);
+        judge_run(place.run("update", false, one.second->fault(), false, bound + until_hang));
     }
+    outcome.has_struck = outcome.strikes == 2;
     recover(place, outcome);
     return outcome;
 }
 
 Campaign::Outcome Campaign::run_with_set_clock(const Case& one, Workplace& place) const {
     Outcome outcome;
-    const milliseconds bound = 2 * sound_duration("update") + grace;
+    const milliseconds bound = 2 * longest_sound_run(sound_, "update") + grace;
     const Run run = place.run("update", false, "", one.schedule.seed % 2 == 1, bound + until_hang);
     ++outcome.runs;
     outcome.violations = judge_sound(run, place, "update");
@@ -466,7 +392,7 @@ Campaign::Outcome Campaign::run_with_set_clock(const Case& one, Workplace& place
 void Campaign::recover(Workplace& place, Outcome& outcome) const {
     place.pass(return_time);
     const Prospect prospect = foresee(place);
-    const milliseconds longest = sound_duration("update") + grace + until_hang;
+    const milliseconds longest = longest_sound_run(sound_, "update") + grace + until_hang;
     const auto take_violations = [&outcome](const char* step, const Violations& violations) {
         for (const std::string& violation : violations) {
             outcome.violations.push_back(std::string(step) + violation);

@@ -3,7 +3,7 @@
 /// verdict, and the recovery after it.
 #pragma once
 
-#include "injection.h"
+#include "cases.h"
 #include "verdict.h"
 
 #include <cstddef>
@@ -57,30 +57,20 @@ class Campaign {
     void print_summary() const;
 
   private:
-    struct Case {
-        Injection injection{};
-        int kill_after = -1;  ///< milliseconds; the case is a kill when not negative
-        std::optional<Injection> second{};
-        Schedule schedule{};  ///< in virtual time
-
-        bool is_kill() const { return kill_after >= 0; }
-        bool sets_clock() const { return !schedule.clock_step.empty(); }
-        std::string family() const;
-        std::string text() const;
-        std::string target() const;
-    };
     struct Outcome {
         Violations violations;
         int runs = 0;
+        std::size_t strikes = 0;  ///< of two faults
         bool has_struck = true;
         bool is_late = false;  ///< took longer than its bound, and no more was wrong
     };
 
     bool measure_sound_runs();
     std::vector<Case> chosen_cases() const;
-    std::vector<Case> all_injection_cases() const;
+    std::vector<Case> cases_in_rounds() const;
     std::vector<Case> slice_of(std::vector<Case> cases) const;
-    std::vector<Case> kill_cases() const;
+    /// Draws what a case leaves open.
+    Case complete(Case one) const;
     void run_all(const std::vector<Case>& cases, unsigned int jobs, bool is_last_chance);
     Outcome run_case(const Case& one) const;
     Outcome run_injection(const Case& one, Workplace& place) const;
@@ -88,16 +78,11 @@ class Campaign {
     Outcome run_signalled(const Case& one, Workplace& place) const;
     Outcome run_pair(const Case& one, Workplace& place) const;
     Outcome run_with_set_clock(const Case& one, Workplace& place) const;
-    std::optional<Case> parse_case(const std::string& text) const;
-    std::vector<Case> clock_cases() const;
-    std::vector<Case> pair_cases() const;
-    std::vector<Case> family_cases() const;
     Case shrink(const Case& one) const;
     Outcome try_case(const Case& one) const;
     std::optional<Schedule> schedule_of(const Case& one) const;
     void recover(Workplace& place, Outcome& outcome) const;
     std::chrono::milliseconds bound_of(const Case& one) const;
-    std::chrono::milliseconds sound_duration(const std::string& command) const;
     void take(const Case& one, const Outcome& outcome, bool is_last_chance);
     void report(const Case& one, const Outcome& outcome) const;
     bool report_missed() const;

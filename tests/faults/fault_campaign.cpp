@@ -40,11 +40,10 @@ constexpr char usage[] =
     "Exit code 1 when there was a violation, or when most faults of a target (event and kind)\n"
     "did not strike.\n";
 
-const std::map<std::string, Family> families = {{"faults", Family::faults},
-                                                {"kills", Family::kills},
-                                                {"signals", Family::signals},
-                                                {"clock", Family::clock},
-                                                {"pairs", Family::pairs}};
+const std::map<std::string, Family> families = {
+    {"faults", Family::faults},   {"kills", Family::kills}, {"signals", Family::signals},
+    {"clock", Family::clock},     {"pairs", Family::pairs}, {"late", Family::late},
+    {"unasked", Family::unasked}, {"all", Family::all}};
 
 /// Takes the arguments, each with a value, into the settings; false when one is wrong.
 bool parse(int argc, char** argv, CampaignSettings& settings) {
@@ -94,7 +93,8 @@ bool parse(int argc, char** argv, CampaignSettings& settings) {
             return false;
         }
     }
-    const bool needs_virtual_time = settings.schedules > 1 || settings.family == Family::clock;
+    const bool needs_virtual_time = settings.schedules > 1 || settings.family == Family::clock ||
+                                    settings.family == Family::all;
     return settings.jobs > 0 && settings.slice < settings.slices &&
            (settings.virtual_time ? settings.kills == 0 : !needs_virtual_time);
 }

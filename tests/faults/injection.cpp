@@ -5,6 +5,7 @@
 #include <algorithm>
 #include <array>
 #include <cstdlib>
+#include <map>
 #include <sstream>
 #include <string_view>
 
@@ -13,6 +14,12 @@ namespace {
 // A status with the reject and the operation error bit, and one without either.
 constexpr char bad_garbage[] = "bytes = \"ff fe ff fd ff ff fb ff ff ff ff 7f ff ff ff ff\"\n";
 constexpr char good_garbage[] = "bytes = \"15 23 0a 99 03 00 ff ee 13 07 00 41 00 02 30 18\"\n";
+
+// Reports that no message asked for. Their last bytes tell them from answers.
+constexpr char unasked_success[] = "bytes = \"01 00 00 00 00 00 00 a5\"\n";
+constexpr char unasked_level[] = "bytes = \"05 07 07 00 00 00 00 a5\"\n";
+constexpr char unasked_reject[] = "bytes = \"80 00 00 00 00 00 00 a5\"\n";
+constexpr char unasked_error[] = "bytes = \"40 00 00 00 00 00 00 a5\"\n";
 
 constexpr std::array kinds = {
     FaultKind{"unplug", "unplug", "unplug", ""},
@@ -36,6 +43,13 @@ constexpr std::array kinds = {
     FaultKind{"kill", "kill -9 at transfer", "signal", "signal = \"SIGKILL\"\n", Family::kills},
     FaultKind{"term", "signal", "signal", "signal = \"SIGTERM\"\n", Family::signals},
     FaultKind{"interrupt", "signal", "signal", "signal = \"SIGINT\"\n", Family::signals},
+    FaultKind{"meets-next", "meets next command", "late", "", Family::late, "ms"},
+    FaultKind{"unasked", "unasked report", "unasked", unasked_success, Family::unasked, "ms"},
+    FaultKind{"unasked-level", "unasked report", "unasked", unasked_level, Family::unasked, "ms"},
+    FaultKind{"unasked-reject", "unasked report", "unasked", unasked_reject, Family::unasked, "ms"},
+    FaultKind{"unasked-error", "unasked report", "unasked", unasked_error, Family::unasked, "ms"},
+    FaultKind{"unasked-first", "unasked report", "unasked", unasked_success, Family::unasked,
+              "answer_ms"},
     FaultKind{"hang-up", "signal", "signal", "signal = \"SIGHUP\"\n", Family::signals},
 };
 
@@ -57,7 +71,8 @@ const std::vector<EventKinds>& event_kinds() {
           "garbage", "plausible-garbage", "kill", "term", "interrupt", "hang-up"}},
         {"command",
          {"reject", "operation-error", "garbage", "plausible-garbage", "late", "too-late",
-          "no-answer"}},
+          "no-answer", "meets-next", "unasked", "unasked-level", "unasked-reject", "unasked-error",
+          "unasked-first"}},
         {"open", {"refuse", "unplug"}},
         {"claim", {"busy", "unplug"}},
         {"detach", {"refuse", "unplug"}},
@@ -141,14 +156,23 @@ const FaultKind* find_fault_kind(const std::string& name) {
     return found == kinds.end() ? nullptr : found;
 }
 
+bool FaultKind::is_refusal() const {
+    return std::string_view(action) == "reject" || std::string_view(action) == "operation-error";
+}
+
 std::string Injection::text() const {
     return command + (goes_on ? "-a/" : "/") + device + "/" + event + "/" + std::to_string(number) +
-           "/" + kind->name;
+           "/" + kind->name +
+           (kind->timed_key != nullptr ? "=" + std::to_string(milliseconds) : "");
 }
 
 std::string Injection::fault() const {
+    const std::string timed_line =
+        kind->timed_key != nullptr
+            ? std::string(kind->timed_key) + " = " + std::to_string(milliseconds) + "\n"
+            : "";
     return fault_text(device, event, kind->action,
-                      "number = " + std::to_string(number) + "\n" + kind->keys);
+                      "number = " + std::to_string(number) + "\n" + kind->keys + timed_line);
 }
 
 std::string Injection::family() const {
@@ -168,7 +192,10 @@ std::optional<Injection> parse_injection(const std::string& text) {
                            .device = parts[1],
                            .event = parts[2],
                            .number = static_cast<int>(std::strtol(parts[3].c_str(), nullptr, 10)),
-                           .kind = find_fault_kind(parts[4])};
+                           .kind = find_fault_kind(parts[4].substr(0, parts[4].find('=')))};
+    if (parts[4].find('=') != std::string::npos) {
+        injection.milliseconds = std::stoi(parts[4].substr(parts[4].find('=') + 1));
+    }
     if (injection.command.ends_with("-a")) {
         injection.goes_on = true;
         injection.command.resize(injection.command.size() - 2);
@@ -185,7 +212,8 @@ std::vector<Injection> all_injections(const TransferRecord& record, const std::s
         const int count = count_events(record, device, row.event);
         for (int number = 1; number <= count; ++number) {
             for (const char* kind : row.kinds) {
-                if (find_fault_kind(kind)->belongs_to != kind_of_all) {
+                const FaultKind* const found = find_fault_kind(kind);
+                if (found->belongs_to != kind_of_all || found->timed_key != nullptr) {
                     continue;
                 }
                 all.push_back({.command = command,
@@ -193,9 +221,45 @@ std::vector<Injection> all_injections(const TransferRecord& record, const std::s
                                .device = device,
                                .event = std::string(row.event),
                                .number = number,
-                               .kind = find_fault_kind(kind)});
+                               .kind = found});
             }
         }
     }
+    return all;
+}
+
+namespace {
+
+/// The kind of line that a transfer of the event leaves.
+std::string line_kind(const std::string& event) {
+    const bool has_own = event == "open" || event == "claim" || event == "detach";
+    return has_own || event == "interrupt" ? event : "control";
+}
+
+}  // namespace
+
+std::vector<Injection> injections_behind(const TransferRecord& record, std::size_t fault_line,
+                                         const Injection& struck) {
+    auto lines = record.all();
+    std::size_t behind = fault_line + 1;
+    while (behind < lines.size() && (lines[behind].device != struck.device ||
+                                     lines[behind].kind != line_kind(struck.event))) {
+        ++behind;
+    }
+    if (behind == lines.size()) {
+        return {};
+    }
+    // The device has counted it, whatever became of it.
+    lines[behind].result = 0;
+    const TransferRecord whole(lines);
+    lines.resize(behind + 1);
+    const TransferRecord before(lines);
+    std::vector<Injection> all =
+        all_injections(whole, struck.command, struck.goes_on, struck.device);
+    std::map<std::string, int> counts;
+    for (const EventKinds& row : event_kinds()) {
+        counts[std::string(row.event)] = count_events(before, struck.device, row.event);
+    }
+    std::erase_if(all, [&](const Injection& one) { return one.number <= counts.at(one.event); });
     return all;
 }

@@ -14,7 +14,10 @@ enum class Family {
     kills,    ///< an end without warning
     signals,  ///< a request to end
     clock,    ///< the wall clock is set in mid-run
-    pairs,    ///< two faults of one device, the second one soon after the first
+    pairs,    ///< two faults of one device, the second one behind the first
+    late,     ///< an answer that comes when the next command has been sent
+    unasked,  ///< a status report that nobody asked for
+    all,      ///< every one of these
 };
 
 /// A kind of fault, in the words of the bus file.
@@ -24,12 +27,16 @@ struct FaultKind {
     const char* action;
     const char* keys;  ///< further lines of the fault
     Family belongs_to = Family::faults;
+    const char* timed_key = nullptr;  ///< takes the injection's own milliseconds
+
+    bool is_refusal() const;
 };
 
 /// Null for an unknown name.
 const FaultKind* find_fault_kind(const std::string& name);
 
-/// One fault in one run. Its text, "update-a/printer/control/12/stall", says all of it.
+/// One fault in one run. Its text, "update-a/printer/control/12/stall", says all of it. Behind a
+/// timed kind stand its milliseconds: "update/printer/command/4/unasked=7".
 struct Injection {
     std::string command;   ///< "update", "list", "reset", "read"
     bool goes_on = false;  ///< with `-a`
@@ -37,7 +44,9 @@ struct Injection {
     std::string event;
     int number = 0;
     const FaultKind* kind = nullptr;
+    int milliseconds = 0;  ///< of a timed kind
 
+    bool belongs_to(Family family) const { return kind->belongs_to == family; }
     std::string text() const;
     /// The `[[fault]]` of the bus file.
     std::string fault() const;
@@ -52,7 +61,13 @@ struct Injection {
 /// None for a text that names no injection.
 std::optional<Injection> parse_injection(const std::string& text);
 
-/// All of the family that can strike the device in a run that was recorded without any.
+/// All of the family that can strike the device in a run that was recorded without any. No timed
+/// kinds: those have moments to be drawn.
 std::vector<Injection> all_injections(const TransferRecord& record, const std::string& command,
                                       bool goes_on, const std::string& device,
                                       Family kind_of_all = Family::faults);
+
+/// Those faults that can strike the device after the one that struck it, whose line in the record
+/// is given.
+std::vector<Injection> injections_behind(const TransferRecord& record, std::size_t fault_line,
+                                         const Injection& struck);

@@ -95,8 +95,11 @@ class ClaimReader {
             claim.rc = std::stoi(parts[3]);
             claim.is_forced = current_.is_forced;
             claim.has_reason = current_.has_reason;
+            claim.is_uncertain = current_.is_uncertain;
             claims_.push_back(claim);
             current_ = {};
+        } else if (line.find("The result is uncertain: ") != std::string::npos) {
+            current_.is_uncertain = true;
         } else if (line.find("Reset to be done") != std::string::npos) {
             // The reset cuts the connection: what is said from here on is no reason.
             is_before_reset_ = false;

@@ -11,8 +11,9 @@ struct Claim {
     int product = 0;
     int component = 0;
     int rc = 0;
-    bool is_forced = false;   ///< by option or marker
-    bool has_reason = false;  ///< a line before the outcome tells what failed
+    bool is_forced = false;     ///< by option or marker
+    bool has_reason = false;    ///< a line before the outcome tells what failed
+    bool is_uncertain = false;  ///< a line before the outcome says that the result is
 };
 
 struct Journal {

@@ -5,6 +5,38 @@
 namespace {
 
 constexpr char erase[] = "04000100";
+constexpr char command_setup[] = "21 09 02";
+
+/// The line in which the report that nobody asked for is read; the number of lines for none.
+std::size_t find_unasked(const std::vector<Transfer>& lines, std::size_t fault,
+                         const std::string& device) {
+    constexpr char mark[] = "a5";
+    const auto found = std::find_if(lines.begin() + static_cast<std::ptrdiff_t>(fault), lines.end(),
+                                    [&](const Transfer& line) {
+                                        return line.device == device && line.kind == "interrupt" &&
+                                               line.result == 0 && line.data.ends_with(mark);
+                                    });
+    return static_cast<std::size_t>(found - lines.begin());
+}
+
+/// Whether the command after the one that was struck was sent without an answer in between, and an
+/// answer came after it.
+bool met_next_command(const std::vector<Transfer>& lines, std::size_t fault,
+                      const std::string& device) {
+    int commands = 0;
+    for (std::size_t i = fault; i < lines.size(); ++i) {
+        const Transfer& line = lines[i];
+        if (line.device != device) {
+            continue;
+        }
+        if (line.kind == "control" && line.setup.starts_with(command_setup)) {
+            ++commands;
+        } else if (line.kind == "interrupt" && line.result == 0) {
+            return commands >= 2;
+        }
+    }
+    return false;
+}
 
 }  // namespace
 
@@ -18,7 +50,7 @@ Strike find_strike(const TransferRecord& record, const Injection& injection) {
         }
         if (lines[i].kind == "fault") {
             strike.has_struck = true;
-            strike.at = i;
+            strike.fault_line = strike.at = i;
             // The line of an opening that is struck follows.
             strike.opening = opens + (injection.event == "open" ? 1 : 0);
         } else if (lines[i].kind == "drop" && lines[i].setup.starts_with("unplug")) {
@@ -27,6 +59,18 @@ Strike find_strike(const TransferRecord& record, const Injection& injection) {
         }
         opens += lines[i].kind == "open" ? 1 : 0;
     }
+    if (strike.has_struck && injection.belongs_to(Family::unasked)) {
+        const std::size_t read = find_unasked(lines, strike.at, injection.device);
+        strike.has_struck = read < lines.size();
+        strike.at = std::min(read, lines.size() - 1);
+        strike.opening = static_cast<int>(
+            std::count_if(lines.begin(), lines.begin() + static_cast<std::ptrdiff_t>(strike.at),
+                          [&](const Transfer& line) {
+                              return line.device == injection.device && line.kind == "open";
+                          }));
+    }
+    strike.meets_next = injection.belongs_to(Family::late) && strike.has_struck &&
+                        met_next_command(lines, strike.at, injection.device);
     return strike;
 }
 
@@ -36,6 +80,11 @@ bool carries(const Transfer& transfer, const Target& target) {
     }
     return std::find(target.messages.begin(), target.messages.end(), transfer.data) !=
            target.messages.end();
+}
+
+bool is_checksum(const std::string& message) {
+    return std::any_of(targets().begin(), targets().end(),
+                       [&](const Target& target) { return target.messages.back() == message; });
 }
 
 bool has_sent_image(const TransferRecord& record, const Target& target) {
@@ -62,6 +111,36 @@ bool struck_checksum(const TransferRecord& record, const Strike& strike, const T
                      });
     const auto checksum = find_checksum(record, target);
     return checksum < lines.size() && static_cast<std::size_t>(next - lines.begin()) == checksum;
+}
+
+bool has_visible_surplus(const TransferRecord& record, const Target& target, double margin) {
+    const auto lines = record.all();
+    const std::size_t checksum = find_checksum(record, target);
+    int messages = 0;
+    bool is_visible = false;
+    std::vector<double> reports;
+    for (std::size_t i = 0; i < lines.size(); ++i) {
+        const Transfer& line = lines[i];
+        if (line.device != target.device) {
+            continue;
+        }
+        if (line.kind == "interrupt" && line.result == 0) {
+            reports.push_back(line.time);
+        } else if (line.kind == "control" && line.data == erase) {
+            messages = 1;
+            is_visible = false;
+            reports.clear();
+        } else if (line.kind == "control" && line.setup.starts_with(command_setup)) {
+            const auto seen = std::count_if(reports.begin(), reports.end(),
+                                            [&](double time) { return time + margin < line.time; });
+            is_visible = is_visible || seen > messages;
+            ++messages;
+            if (i > checksum) {
+                break;
+            }
+        }
+    }
+    return is_visible;
 }
 
 int count_erases(const TransferRecord& record, const std::string& device) {

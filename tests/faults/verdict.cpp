@@ -4,6 +4,7 @@
 #include "journal.h"
 #include "verdict_parts.h"
 
+#include <algorithm>
 #include <csignal>
 
 namespace {
@@ -35,10 +36,27 @@ bool may_lie(const Injection& injection) {
     return action == "answer" || action == "short" || action == "empty";
 }
 
+/// Whether the log says that it can't be sure. Or no message of the image was sent after a report
+/// too many: a reader that is held up hands it over as the next one's answer, and what comes behind
+/// the last one nobody reads.
+bool is_in_doubt(const Run& run, const Target& target, const Claim& claim, const Injection& first,
+                 bool is_plain) {
+    constexpr double at_once = 1;
+    constexpr double longest_hand_over = 45;
+    return claim.is_uncertain ||
+           (first.belongs_to(Family::unasked) &&
+            !has_visible_surplus(run.record, target, is_plain ? at_once : longest_hand_over));
+}
+
 }  // namespace
 
 void append(Violations& all, const Violations& more) {
     all.insert(all.end(), more.begin(), more.end());
+}
+
+std::chrono::milliseconds longest_sound_run(const SoundRuns& sound, const std::string& command) {
+    const auto& runs = sound.at(command);
+    return std::max(runs[0].run.end.duration, runs[1].run.end.duration);
 }
 
 Violations judge_ending(const Run& run) {
@@ -79,7 +97,7 @@ Violations judge(const Run& run, const Workplace& place, const Injection& inject
                  const SoundRuns& sound, bool& has_struck) {
     Violations found = judge_ending(run);
     const Strike strike = find_strike(run.record, injection);
-    has_struck = strike.has_struck;
+    has_struck = injection.belongs_to(Family::late) ? strike.meets_next : strike.has_struck;
     if (run.end.killed) {
         return found;
     }
@@ -133,7 +151,7 @@ Violations judge_killed(const Workplace& place) {
 }
 
 Violations judge_pair(const Run& run, const Workplace& place, const Injection& first,
-                      const Injection& second) {
+                      const Injection& second, bool is_plain) {
     Violations found = judge_ending(run);
     append(found, judge_bystander(run, place, "update"));
     const Journal journal = read_journal(run.log);
@@ -144,7 +162,10 @@ Violations judge_pair(const Run& run, const Workplace& place, const Injection& f
         }
         const Claim* claim =
             journal.find(static_cast<int>(target.file.product), target.file.component);
-        const bool lied_to = target.device == first.device && (may_lie(first) || may_lie(second));
+        const bool lied_to =
+            target.device == first.device &&
+            (may_lie(first) || may_lie(second) ||
+             (claim != nullptr && is_in_doubt(run, target, *claim, first, is_plain)));
         if (claim != nullptr && claim->rc == 0 && !lied_to) {
             found.push_back(std::string(target.device) + " counts as updated, and is not");
         }

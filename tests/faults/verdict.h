@@ -20,7 +20,12 @@ struct SoundRun {
 /// The sound runs by command; the first without, the second with debug lines.
 using SoundRuns = std::map<std::string, std::array<SoundRun, 2>>;
 
+/// The longer one of the two.
+std::chrono::milliseconds longest_sound_run(const SoundRuns& sound, const std::string& command);
+
 using Violations = std::vector<std::string>;
+
+void append(Violations& all, const Violations& more);
 
 /// What every run must hold to, struck or not.
 Violations judge_ending(const Run& run);
@@ -31,9 +36,10 @@ Violations judge(const Run& run, const Workplace& place, const Injection& inject
 Violations judge_sound(const Run& run, const Workplace& place, const std::string& command);
 /// Over what a killed run left behind.
 Violations judge_killed(const Workplace& place);
-/// Over an update that two faults struck: what holds whatever they did.
+/// Over an update that two faults struck: what holds whatever they did. `is_plain` says that no
+/// thread was held up.
 Violations judge_pair(const Run& run, const Workplace& place, const Injection& first,
-                      const Injection& second);
+                      const Injection& second, bool is_plain);
 /// Over a run that was sent a signal: no image is cut in half, and it ends by the signal.
 Violations judge_signalled(const Run& run, const Workplace& place, bool has_struck);
 

@@ -18,8 +18,6 @@ struct Evidence {
     }
 };
 
-void append(Violations& all, const Violations& more);
-
 Violations judge_update(const Evidence& evidence);
 Violations judge_list(const Evidence& evidence);
 /// Reset, and the read of a component.

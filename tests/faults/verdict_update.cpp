@@ -140,14 +140,24 @@ class UpdateVerdict {
         if (evidence_.strike.opening > update_opening(target) && !has_lasting_effect()) {
             add(name_of(target) + " failed before the fault");
         }
-        if (evidence_.place.holds_image(target) &&
-            evidence_.strike.at < find_checksum(evidence_.run.record, target) &&
+        if (evidence_.place.holds_image(target) && struck_before_checksum(target) &&
             !struck_checksum(evidence_.run.record, evidence_.strike, target)) {
             add(name_of(target) + " counts as failed, and holds its file's bytes");
         }
         if (!claim.has_reason) {
             add("the log has no reason for the failure of " + name_of(target));
         }
+    }
+
+    /// A report that was read just before may be handed over when the checksum has been sent.
+    bool struck_before_checksum(const Target& target) const {
+        constexpr double longest_hand_over = 45;  // milliseconds
+        const auto lines = evidence_.run.record.all();
+        const std::size_t checksum = find_checksum(evidence_.run.record, target);
+        if (checksum == lines.size() || !evidence_.injection.belongs_to(Family::unasked)) {
+            return evidence_.strike.at < checksum;
+        }
+        return lines[evidence_.strike.at].time + longest_hand_over < lines[checksum].time;
     }
 
     /// The passes' arithmetic: without `-a` a failure sets the result to minus its code, and later

@@ -4,6 +4,7 @@
 
 #include <filesystem>
 #include <string>
+#include <utility>
 #include <vector>
 
 struct Transfer {
@@ -19,6 +20,7 @@ struct Transfer {
 class TransferRecord {
   public:
     TransferRecord() = default;
+    explicit TransferRecord(std::vector<Transfer> transfers) : transfers_(std::move(transfers)) {}
     /// Throws when a line has not the seven fields.
     explicit TransferRecord(const std::filesystem::path& path);
 
