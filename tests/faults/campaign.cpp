@@ -94,7 +94,7 @@ bool Campaign::run() {
     const std::vector<Case> late = std::move(late_cases_);
     late_count_ = static_cast<int>(late.size());
     run_all(late, jobs_of_late_cases, true);
-    const bool has_struck = !report_missed();
+    const bool has_struck = settings_.until_found || !report_missed();
     return has_struck && std::all_of(tallies_.begin(), tallies_.end(),
                                      [](const auto& row) { return row.second.violations == 0; });
 }
@@ -205,7 +205,11 @@ std::vector<Case> Campaign::slice_of(std::vector<Case> cases) const {
 
 void Campaign::run_all(const std::vector<Case>& cases, unsigned int jobs, bool is_last_chance) {
     std::mutex mutex;
+    std::atomic<bool> is_over = false;
     in_parallel(cases.size(), jobs, [&](std::size_t i) {
+        if (is_over) {
+            return;
+        }
         Case one = complete(cases[i]);
         Outcome outcome = try_case(one);
         if (settings_.shrink && !outcome.violations.empty()) {
@@ -213,7 +217,11 @@ void Campaign::run_all(const std::vector<Case>& cases, unsigned int jobs, bool i
             outcome = try_case(one);
         }
         const std::lock_guard lock(mutex);
+        if (is_over) {
+            return;
+        }
         take(one, outcome, is_last_chance);
+        is_over = settings_.until_found && !outcome.violations.empty();
     });
 }
 
@@ -433,8 +441,10 @@ void Campaign::report(const Case& one, const Outcome& outcome) const {
     for (const std::string& violation : outcome.violations) {
         std::printf("VIOLATION %s: %s\n", one.text().c_str(), violation.c_str());
     }
-    std::printf("  repeat: %s%s --repeat '%s'\n", FAULT_CAMPAIGN,
-                settings_.virtual_time ? " --virtual" : "", one.text().c_str());
+    std::string command = FAULT_CAMPAIGN;
+    command += settings_.virtual_time ? " --virtual" : "";
+    command += settings_.program != ZELFWUPDATE ? " --program '" + settings_.program + "'" : "";
+    std::printf("  repeat: %s --repeat '%s'\n", command.c_str(), one.text().c_str());
     std::fflush(stdout);
 }
 

@@ -27,6 +27,7 @@ struct CampaignSettings {
     Family family = Family::faults;
     std::uint32_t schedules = 1;  ///< of each case, in virtual time
     bool shrink = false;          ///< take from a violation what it does not need
+    bool until_found = false;     ///< end with the first violation
 };
 
 /// A row of the summary.

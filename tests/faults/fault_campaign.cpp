@@ -30,10 +30,12 @@ constexpr char usage[] =
     "  --program P   another build of the program\n"
     "  --virtual     in virtual time: no wait lasts, and a case is one run, exactly. Use few jobs\n"
     "  --schedules N each case under as many orders of the threads (1: the plain one)\n"
-    "  --family F    faults (if not given), kills, signals (both at each transfer), clock, or "
-    "pairs\n"
-    "                (of faults of one device)\n"
+    "  --family F    faults (if not given), kills, signals (both at each transfer), clock,\n"
+    "                pairs (of faults of one device), late (answers that meet the next command),\n"
+    "                unasked (status reports), or all of these, in as many rounds as --count "
+    "takes\n"
     "  --shrink      take from a case with a violation what it does not need for one\n"
+    "  --until-found end with the first violation\n"
     "  --aim-past N  at the transfer N behind the one that an injection names, to see what is "
     "said\n"
     "                when faults do not strike\n"
@@ -45,6 +47,11 @@ const std::map<std::string, Family> families = {
     {"clock", Family::clock},     {"pairs", Family::pairs}, {"late", Family::late},
     {"unasked", Family::unasked}, {"all", Family::all}};
 
+const std::map<std::string, bool CampaignSettings::*> flags = {
+    {"--virtual", &CampaignSettings::virtual_time},
+    {"--shrink", &CampaignSettings::shrink},
+    {"--until-found", &CampaignSettings::until_found}};
+
 /// Takes the arguments, each with a value, into the settings; false when one is wrong.
 bool parse(int argc, char** argv, CampaignSettings& settings) {
     const auto number = [](const std::string& text) {
@@ -52,13 +59,8 @@ bool parse(int argc, char** argv, CampaignSettings& settings) {
     };
     for (int i = 1; i < argc; i += 2) {
         const std::string name = argv[i];
-        if (name == "--virtual") {
-            settings.virtual_time = true;
-            --i;
-            continue;
-        }
-        if (name == "--shrink") {
-            settings.shrink = true;
+        if (const auto flag = flags.find(name); flag != flags.end()) {
+            settings.*flag->second = true;
             --i;
             continue;
         }

@@ -90,7 +90,7 @@ std::vector<std::string> Workplace::arguments(const std::string& command, bool g
                                     "-2", others,
                                     "-3", others,
                                     "-l", journal("log.txt"),
-                                    "-t", "0",
+                                    "-t", with_debug_log ? journal("trace.bin") : "0",
                                     "-r", journal("results.txt")};
     const auto add = [&all](std::initializer_list<std::string> more) {
         all.insert(all.end(), more);
