@@ -62,6 +62,7 @@ class FaultInTheAllocator : public BusTest {
     FaultInTheAllocator() {
         set_bus({{.components = {{}, {.id = 1}}}});
         settings.preloads = {FAULTING_ALLOCATION};
+        run_in_real_time();  // the report sets an alarm
     }
     void fault_at_allocation_of(std::size_t size) {
         settings.environment["FAULTING_ALLOCATION_SIZE"] = std::to_string(size);

@@ -213,6 +213,7 @@ TEST_F(ExitCode, LibraryThatDoesNotStartGives3) {
 }
 
 TEST_F(ExitCode, SegmentationFaultGives12WithAReport) {
+    run_in_real_time();  // the report sets an alarm
     set_bus({SimDevice{}}, fault_text("printer", "ec-level", "crash"));
     ends.expect_fault_report();
     const RunResult result = run({"-L"});

@@ -79,6 +79,7 @@ class Failure : public BusTest {
         EXPECT_EQ(image("printer", 1), image_file.body());
     }
     /// A device that reset or was replugged in the last run is back after this.
+    /// Of a test in real time.
     static void wait_for_return() { std::this_thread::sleep_for(std::chrono::milliseconds(400)); }
     int erases() const {
         const auto sent = commands("printer");
@@ -122,6 +123,7 @@ TEST_F(Failure, UnplugAtTheChecksum) {
 }
 
 TEST_F(Failure, UnpluggedDeviceThatComesBackIsFoundByTheNextRun) {
+    run_in_real_time();
     set_fault("record", "unplug", "number = 5\nreplug_ms = 100");
     expect_failure(gone);
     wait_for_return();
@@ -338,6 +340,7 @@ TEST_F(Failure, ReportThatIsTooShortForARecordIsNamedBeforeTheErase) {
 }
 
 TEST_F(Failure, MainComponentIsResetAfterAFailedTransfer) {
+    run_in_real_time();
     set_bus({SimDevice{}}, fault_text("printer", "record", "reject", "number = 5"));
     std::filesystem::remove(firmware_path("boot.dat"));
     add_firmware("main.dat", {});

@@ -144,6 +144,7 @@ TEST_F(Resources, JournalsThatReachTheFileSizeLimitCostNoImage) {
 
 // The thread sanitizer writes a file of its own before the program begins.
 TEST_F(Resources, FileSizeLimitDoesNotEndTheRunAtItsStart) {
+    run_in_real_time();  // the virtual clock is kept in a file
     RunResult result;
     {
         const FileSizeLimit none(0);
@@ -253,6 +254,7 @@ TEST_F(RunEnd, PeakMemoryDoesNotGrowWithTheRecords) {
 }
 
 TEST_F(Resources, ReadersThatAreStillInTheirReadDoNotHoldUpTheEnd) {
+    run_in_real_time();  // such a read never gives the word to another thread
     settings.preloads = {LINGERING_READ};
     set_bus({printer()}, stop_without_answer());
     const FirmwareFile file = {.component = 1};

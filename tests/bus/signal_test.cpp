@@ -4,6 +4,7 @@
 #include <gmock/gmock.h>
 
 #include <signal.h>
+#include <string.h>
 
 #include <algorithm>
 #include <chrono>
@@ -40,12 +41,26 @@ class Signal : public BusTest, public testing::WithParamInterface<int> {
         add_firmware("boot.dat", file);
         add_firmware("scanner.dat", {.product = 0x3C36, .component = 1});
     }
-    /// Starts an update and sends the signal once `messages` messages have followed the erase.
-    RunResult run_with_signal(int signal_number, std::size_t messages,
+    /// An update that is sent the signal as the device takes the message with this number behind
+    /// the erase, or the erase itself (0). In virtual time: from outside no moment could be chosen.
+    RunResult run_with_signal(int signal_number, std::size_t message,
                               const std::vector<std::string>& further = {}) {
-        std::vector<std::string> arguments = {"-U", "-p", firmware_directory()};
-        arguments.insert(arguments.end(), further.begin(), further.end());
-        const auto process = start(arguments);
+        const bool is_checksum = message == file.messages().size();
+        const std::string keys =
+            std::string("signal = \"SIG") + sigabbrev_np(signal_number) + "\"" +
+            (message == 0 || is_checksum ? "" : "\nnumber = " + std::to_string(message));
+        set_bus(read_file(path("bus.toml")) + fault_text("printer",
+                                                         message == 0  ? "erase"
+                                                         : is_checksum ? "checksum"
+                                                                       : "record",
+                                                         "signal", keys));
+        ends.expect_signal(signal_number);
+        return update(further);
+    }
+    /// Starts an update and sends the signal from outside, once `messages` messages have followed
+    /// the erase.
+    RunResult run_with_signal_from_outside(int signal_number, std::size_t messages) {
+        const auto process = start({"-U", "-p", firmware_directory()});
         EXPECT_TRUE(process->wait_until([&] {
             const auto sent = commands("printer");
             const auto erase = std::find(sent.begin(), sent.end(), "04000100");
@@ -100,7 +115,7 @@ INSTANTIATE_TEST_SUITE_P(EndRequests, Signal,
                          testing::Values(SIGINT, SIGTERM, SIGHUP, SIGQUIT, SIGUSR1));
 
 TEST_P(Signal, InTheMiddleOfAnImageWaitsForItsEnd) {
-    const RunResult result = run_with_signal(GetParam(), 3);
+    const RunResult result = run_with_signal_from_outside(GetParam(), 3);
     EXPECT_EQ(result.signal, GetParam());
     EXPECT_EQ(count_lines(result.console, explanation), 1);
     EXPECT_EQ(image("printer", 1), file.body());
@@ -158,7 +173,7 @@ TEST_F(Signal, SecondOneDoesNotCutTheImageEither) {
 class SignalOfEveryKind : public Signal {};
 
 TEST_P(SignalOfEveryKind, WaitsForTheImagesEnd) {
-    const RunResult result = run_with_signal(GetParam(), 3);
+    const RunResult result = run_with_signal_from_outside(GetParam(), 3);
     EXPECT_EQ(result.signal, GetParam());
     EXPECT_EQ(count_lines(result.console, explanation), 1);
     EXPECT_EQ(image("printer", 1), file.body());

@@ -90,6 +90,7 @@ TEST_F(WholeUpdate, SecondPassFindsTheDeviceAtItsNewAddress) {
 }
 
 TEST_F(WholeUpdate, FourSecondsPassBetweenResetAndSecondPass) {
+    run_in_real_time();
     set_bus({SimDevice{}});
     add_firmware("main.dat", {});
     EXPECT_THAT(update().console,

@@ -32,17 +32,32 @@ std::string BusTest::add_raw_firmware(const std::string& name, const std::string
     return firmware_path(name);
 }
 
-std::unique_ptr<ProgramProcess> BusTest::start(std::vector<std::string> arguments) {
+ProgramSettings BusTest::settings_of_whole_run() const {
+    ProgramSettings all = settings;
+    // The sanitizers have clocks and threads of their own.
+    const std::string clock = TIME_OBJECT;
+    if (!is_real_time_ && !clock.empty()) {
+        all.preloads.insert(all.preloads.begin(), clock);
+    }
+    return all;
+}
+
+std::vector<std::string> BusTest::with_journals(std::vector<std::string> arguments) {
     // In front: a test's own time-out comes later and holds.
     arguments.insert(arguments.begin(), {"-0", std::to_string(information_timeout)});
     arguments.insert(arguments.end(), {"-l", path("run.log"), "-t", path("trace.bin")});
     std::filesystem::remove(path("record.tsv"));
     std::filesystem::remove(path("trace.bin"));
-    return std::make_unique<ProgramProcess>(settings, arguments);
+    return arguments;
+}
+
+std::unique_ptr<ProgramProcess> BusTest::start(std::vector<std::string> arguments) {
+    return std::make_unique<ProgramProcess>(settings, with_journals(std::move(arguments)));
 }
 
 RunResult BusTest::run(std::vector<std::string> arguments) {
-    return start(std::move(arguments))->finish();
+    const ProgramSettings whole_run = settings_of_whole_run();
+    return ProgramProcess(whole_run, with_journals(std::move(arguments))).finish();
 }
 
 RunResult BusTest::run_plainly(const std::vector<std::string>& arguments) {

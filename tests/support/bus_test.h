@@ -35,6 +35,10 @@ class BusTest : public testing::Test {
     }
     std::string path(const std::string& name) const { return directory_.path(name); }
 
+    /// From now on the test's runs last as long as they say. Others are in virtual time, where
+    /// there is one; a program that is started and talked to from outside never is.
+    void run_in_real_time() { is_real_time_ = true; }
+
     /// Runs the program to its end, with log and trace in the test's directory.
     RunResult run(std::vector<std::string> arguments);
     /// `-U` on the firmware directory.
@@ -61,7 +65,13 @@ class BusTest : public testing::Test {
     int information_timeout = 3000;
 
   private:
+    /// The settings of a run that nobody talks to.
+    ProgramSettings settings_of_whole_run() const;
+    /// In front of a test's own arguments and behind them.
+    std::vector<std::string> with_journals(std::vector<std::string> arguments);
+
     TemporaryDirectory directory_;
+    bool is_real_time_ = false;
 };
 
 /// How often a text contains a line, given without its newline.
