@@ -11,6 +11,7 @@
 #include <functional>
 #include <iterator>
 #include <mutex>
+#include <numeric>
 #include <random>
 #include <thread>
 
@@ -446,6 +447,11 @@ void Campaign::report(const Case& one, const Outcome& outcome) const {
     command += settings_.program != ZELFWUPDATE ? " --program '" + settings_.program + "'" : "";
     std::printf("  repeat: %s --repeat '%s'\n", command.c_str(), one.text().c_str());
     std::fflush(stdout);
+}
+
+int Campaign::count() const {
+    return std::accumulate(tallies_.begin(), tallies_.end(), 0,
+                           [](int sum, const auto& row) { return sum + row.second.injections; });
 }
 
 void Campaign::print_summary() const {

@@ -56,6 +56,8 @@ class Campaign {
     /// the faults of a target mostly missed.
     bool run();
     void print_summary() const;
+    /// The cases that were judged.
+    int count() const;
 
   private:
     struct Outcome {

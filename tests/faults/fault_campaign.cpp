@@ -125,7 +125,8 @@ int main(int argc, char** argv) {
         const bool is_sound = campaign.run();
         campaign.print_summary();
         const std::chrono::duration<double> duration = std::chrono::steady_clock::now() - begin;
-        std::printf("%.0f seconds\n", duration.count());
+        std::printf("%.0f seconds, %.0f cases a second\n", duration.count(),
+                    campaign.count() / duration.count());
         return is_sound ? EXIT_SUCCESS : EXIT_FAILURE;
     } catch (const std::exception& failure) {
         std::fprintf(stderr, "fault_campaign: %s\n", failure.what());

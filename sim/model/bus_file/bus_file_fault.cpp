@@ -11,12 +11,9 @@ namespace {
 constexpr std::size_t kLongestWord = 32;
 constexpr std::size_t kMostBytes = 1024;
 
-constexpr std::array kFaultKeys{
-    std::string_view("device"),    std::string_view("at"),        std::string_view("number"),
-    std::string_view("byte"),      std::string_view("component"), std::string_view("action"),
-    std::string_view("times"),     std::string_view("ms"),        std::string_view("answer_ms"),
-    std::string_view("replug_ms"), std::string_view("bytes"),     std::string_view("length"),
-    std::string_view("signal")};
+constexpr std::array<std::string_view, 13> kFaultKeys{
+    "device", "at",        "number",    "byte",  "component", "action", "times",
+    "ms",     "answer_ms", "replug_ms", "bytes", "length",    "signal"};
 
 int hex_digit(char character) {
     constexpr std::string_view kDigits = "0123456789abcdef";
