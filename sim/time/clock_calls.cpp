@@ -54,7 +54,7 @@ int get_clock(const char* name, clockid_t clock, Moment* moment, const void* cal
     if (clock == CLOCK_PROCESS_CPUTIME_ID || clock == CLOCK_THREAD_CPUTIME_ID) {
         instant -= call.scheduler().clock().begin();
     }
-    return failure(put_spec(instant, *moment));
+    return failure(put_moment(instant, *moment));
 }
 
 template <typename Moment>

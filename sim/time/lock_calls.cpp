@@ -47,12 +47,12 @@ int lock(const Call& call, pthread_mutex_t* mutex, const std::optional<Deadline>
     }
 }
 
-template <typename Spec>
-int lock_until(const char* name, pthread_mutex_t* mutex, clockid_t clock, const Spec* time,
+template <typename Time>
+int lock_until(const char* name, pthread_mutex_t* mutex, clockid_t clock, const Time* time,
                const void* caller) {
     const Call call(name, mutex, caller);
     const auto kind = kind_of(clock);
-    const auto instant = from_spec(*time);
+    const auto instant = from_moment(*time);
     if (!kind || !instant) {
         return EINVAL;
     }
@@ -81,12 +81,12 @@ int wait(const Call& call, pthread_cond_t* condition, pthread_mutex_t* mutex,
     return wake == Wake::too_late ? ETIMEDOUT : 0;
 }
 
-template <typename Spec>
+template <typename Time>
 int wait_until(const char* name, pthread_cond_t* condition, pthread_mutex_t* mutex, clockid_t clock,
-               const Spec* time, const void* caller) {
+               const Time* time, const void* caller) {
     const Call call(name, condition, caller);
     const auto kind = kind_of(clock);
-    const auto instant = from_spec(*time);
+    const auto instant = from_moment(*time);
     if (!kind || !instant) {
         return EINVAL;
     }

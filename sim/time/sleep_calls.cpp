@@ -46,11 +46,11 @@ void insist(const Call& call, const char* name, const void* caller) {
     }
 }
 
-template <typename Spec>
-int sleep_spec(const char* name, const Spec* duration, Spec* left, const void* caller) {
+template <typename Time>
+int sleep_for(const char* name, const Time* duration, Time* left, const void* caller) {
     const Call call(name, nullptr, caller);
     insist(call, name, caller);
-    const auto length = from_spec(*duration);
+    const auto length = from_moment(*duration);
     if (!length) {
         return EINVAL;
     }
@@ -59,24 +59,24 @@ int sleep_spec(const char* name, const Spec* duration, Spec* left, const void* c
         return 0;
     }
     if (left != nullptr) {
-        put_spec(*rest, *left);
+        put_moment(*rest, *left);
     }
     return EINTR;
 }
 
-template <typename Spec>
-int sleep_clock(const char* name, clockid_t clock, int flags, const Spec* time, Spec* left,
+template <typename Time>
+int sleep_clock(const char* name, clockid_t clock, int flags, const Time* time, Time* left,
                 const void* caller) {
     const auto kind = kind_of(clock);
     if (!kind) {
         end_refused(name, " of clock " + std::to_string(clock), caller);
     }
     if ((flags & TIMER_ABSTIME) == 0) {
-        return sleep_spec(name, time, left, caller);
+        return sleep_for(name, time, left, caller);
     }
     const Call call(name, nullptr, caller);
     insist(call, name, caller);
-    const auto instant = from_spec(*time);
+    const auto instant = from_moment(*time);
     if (!instant) {
         return EINVAL;
     }
@@ -156,7 +156,7 @@ using namespace zelfsim::virtual_time;
 extern "C" {
 
 ZELF_EXPORTED int nanosleep(const timespec* duration, timespec* left) {
-    return failure(sleep_spec("nanosleep", duration, left, ZELF_CALLER));
+    return failure(sleep_for("nanosleep", duration, left, ZELF_CALLER));
 }
 
 ZELF_EXPORTED int clock_nanosleep(clockid_t clock, int flags, const timespec* time,
@@ -167,13 +167,13 @@ ZELF_EXPORTED int clock_nanosleep(clockid_t clock, int flags, const timespec* ti
 ZELF_EXPORTED int usleep(useconds_t microseconds) {
     const Timespec64 duration{microseconds / 1'000'000,
                               static_cast<std::int32_t>(microseconds % 1'000'000 * 1000), 0};
-    return failure(sleep_spec<Timespec64>("usleep", &duration, nullptr, ZELF_CALLER));
+    return failure(sleep_for<Timespec64>("usleep", &duration, nullptr, ZELF_CALLER));
 }
 
 ZELF_EXPORTED unsigned sleep(unsigned seconds) {
     const Timespec64 duration{seconds, 0, 0};
     Timespec64 left{};
-    return sleep_spec("sleep", &duration, &left, ZELF_CALLER) == 0
+    return sleep_for("sleep", &duration, &left, ZELF_CALLER) == 0
                ? 0
                : static_cast<unsigned>(left.tv_sec);
 }
@@ -202,7 +202,7 @@ ZELF_EXPORTED int __poll_chk(pollfd* descriptors, nfds_t count, int milliseconds
 
 #if defined(__i386__)
 ZELF_EXPORTED int __nanosleep64(const Timespec64* duration, Timespec64* left) {
-    return failure(sleep_spec("nanosleep", duration, left, ZELF_CALLER));
+    return failure(sleep_for("nanosleep", duration, left, ZELF_CALLER));
 }
 
 ZELF_EXPORTED int __clock_nanosleep_time64(clockid_t clock, int flags, const Timespec64* time,

@@ -81,12 +81,12 @@ int join(const Call& call, pthread_t handle, void** result,
     return take_result(call, *thread, result);
 }
 
-template <typename Spec>
-int join_until(const char* name, pthread_t handle, void** result, clockid_t clock, const Spec* time,
+template <typename Time>
+int join_until(const char* name, pthread_t handle, void** result, clockid_t clock, const Time* time,
                const void* caller) {
     const Call call(name, nullptr, caller);
     const auto kind = kind_of(clock);
-    const auto instant = time == nullptr ? std::nullopt : from_spec(*time);
+    const auto instant = time == nullptr ? std::nullopt : from_moment(*time);
     if (!kind || (time != nullptr && !instant)) {
         return EINVAL;
     }

@@ -26,14 +26,14 @@ struct Timeval64 {
 };
 
 /// None for a time that is none.
-template <typename Spec>
-std::optional<Instant> from_spec(const Spec& spec) {
-    if (spec.tv_sec < 0 || spec.tv_nsec < 0 || spec.tv_nsec >= kSecond) {
+template <typename Time>
+std::optional<Instant> from_moment(const Time& moment) {
+    if (moment.tv_sec < 0 || moment.tv_nsec < 0 || moment.tv_nsec >= kSecond) {
         return std::nullopt;
     }
     constexpr std::int64_t kLongest = std::numeric_limits<Instant>::max() / kSecond / 2;
-    const std::int64_t seconds = spec.tv_sec < kLongest ? std::int64_t{spec.tv_sec} : kLongest;
-    return seconds * kSecond + spec.tv_nsec;
+    const std::int64_t seconds = moment.tv_sec < kLongest ? std::int64_t{moment.tv_sec} : kLongest;
+    return seconds * kSecond + moment.tv_nsec;
 }
 
 template <typename Value>
@@ -44,8 +44,9 @@ std::optional<Instant> from_value(const Value& value) {
         return std::nullopt;
     }
     const std::int64_t microseconds = value.tv_usec;
-    return from_spec(Timespec64{value.tv_sec + microseconds / kMicroseconds,
-                                static_cast<std::int32_t>(microseconds % kMicroseconds * 1000), 0});
+    return from_moment(Timespec64{value.tv_sec + microseconds / kMicroseconds,
+                                  static_cast<std::int32_t>(microseconds % kMicroseconds * 1000),
+                                  0});
 }
 
 /// 0, or EOVERFLOW when the seconds do not fit.
@@ -59,10 +60,10 @@ int put_seconds(Instant instant, Seconds& seconds) {
     return 0;
 }
 
-template <typename Spec>
-int put_spec(Instant instant, Spec& spec) {
-    spec.tv_nsec = static_cast<decltype(spec.tv_nsec)>(instant % kSecond);
-    return put_seconds(instant, spec.tv_sec);
+template <typename Time>
+int put_moment(Instant instant, Time& moment) {
+    moment.tv_nsec = static_cast<decltype(moment.tv_nsec)>(instant % kSecond);
+    return put_seconds(instant, moment.tv_sec);
 }
 
 template <typename Value>
