@@ -223,8 +223,14 @@ TEST_F(Completion, NeverRunsWhatADeviceOrFileIsCalled) {
 TEST_F(Completion, OffersZelfwfileItsCommandsAndTheirFiles) {
     add_file("a.toml");
     add_file("b.dat");
-    EXPECT_THAT(offered({""}, "zelfwfile"), UnorderedElementsAre("make", "check", "show", "diff",
-                                                                 "extract", "--help", "--version"));
+    add_file("c.trace");
+    EXPECT_THAT(offered({""}, "zelfwfile"),
+                UnorderedElementsAre("make", "check", "show", "diff", "extract", "from-trace",
+                                     "--help", "--version"));
+    EXPECT_THAT(offered({"from-trace", "-"}, "zelfwfile"),
+                ElementsAre("--run", "-o", "--output", "-h", "--help", "--version"));
+    EXPECT_THAT(offered({"from-trace", "c"}, "zelfwfile"), Contains("c.trace"));
+    EXPECT_THAT(offered({"from-trace", "--run", ""}, "zelfwfile"), IsEmpty());
     EXPECT_THAT(offered({"show", "-"}, "zelfwfile"),
                 ElementsAre("-j", "--json", "-h", "--help", "--version"));
     EXPECT_THAT(offered({"diff", "b.dat", "b"}, "zelfwfile"), ElementsAre("b.dat"));

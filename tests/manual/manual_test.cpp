@@ -249,8 +249,8 @@ TEST(ToolPages, ExplainEveryExitStatusOfTheHelp) {
 
 TEST(ToolPages, ExplainEveryCommandOfZelfwfile) {
     const std::string help = run_command({ZELFWFILE, "--help"}).output;
-    const std::set<std::string> commands = all_matches(help, R"(\n  zelfwfile ([a-z]+) )");
-    EXPECT_THAT(commands, IsSupersetOf({"make", "check"}));
+    const std::set<std::string> commands = all_matches(help, R"(\n  zelfwfile ([a-z-]+) )");
+    EXPECT_THAT(commands, IsSupersetOf({"make", "check", "from-trace"}));
     for (const std::string& command : commands) {
         EXPECT_THAT(Page("zelfwfile.1.scd").source(), HasSubstr("\n*" + command + "* _"));
     }

@@ -1,4 +1,5 @@
-// Makes firmware files from descriptions, and checks, shows, compares and takes apart such files.
+// Makes firmware files from descriptions or traces, and checks, shows, compares and takes apart
+// such files.
 
 #include "common/file_access.h"
 #include "zelfwfile/firmware_check.h"
@@ -6,11 +7,15 @@
 #include "zelfwfile/firmware_description.h"
 #include "zelfwfile/firmware_diff.h"
 #include "zelfwfile/firmware_extract.h"
+#include "zelfwfile/firmware_from_trace.h"
 #include "zelfwfile/firmware_image.h"
 #include "zelfwfile/firmware_show.h"
+#include "zelfwfile/trace_images.h"
 
 #include <sys/stat.h>
 
+#include <algorithm>
+#include <charconv>
 #include <cstdint>
 #include <cstdio>
 #include <exception>
@@ -35,6 +40,7 @@ SYNOPSIS
   zelfwfile show FILE... [--json]
   zelfwfile diff FILE FILE
   zelfwfile extract FILE [-o DIRECTORY]
+  zelfwfile from-trace TRACE [--run N] [-o DIRECTORY]
   zelfwfile [COMMAND] --help | --version
 
 COMMANDS
@@ -61,10 +67,18 @@ COMMANDS
           file's name with the extensions ".toml" and ".bin". A file that no
           description can express is refused with the reason.
 
+  from-trace
+          Rebuilds the firmware files that a run of the updater sent, from its
+          trace, and tells what is guessed. An image that was broken off gets the
+          extension ".part", and neither end mark nor checksum: it is no firmware
+          file. A file that is there with other bytes is not replaced.
+
 OPTIONS
-  -o, --output NAME    the file that "make" writes; the directory of "extract",
-                       else the current one
+  -o, --output NAME    the file that "make" writes; the directory of "extract" and
+                       "from-trace", else the current one
   -j, --json           of "show": one JSON object a file
+      --run N          of "from-trace": the run of the trace, counted from 1, or
+                       with -1 from the last; the last one if not given
   -h, --help           this text
       --version        the version
   --                   what follows is no option
@@ -92,7 +106,8 @@ DESCRIPTION FILE
 
 EXIT STATUS
   0  success; all files are whole; both files are the same
-  1  the file could not be made or taken apart; a file is not whole; the files differ
+  1  the file could not be made, taken apart or rebuilt; a file is not whole; the
+     files differ
   2  wrong arguments; of "diff" also a file that could not be read
 
 EXAMPLES
@@ -100,6 +115,7 @@ EXAMPLES
   zelfwfile check firmware/*.dat
   zelfwfile show --json printer-main.dat
   zelfwfile extract printer-main.dat -o sources
+  zelfwfile from-trace /tmp/zelfwtrace.log -o sent
 )";
 
 constexpr char make_takes_one[] = "'make' takes one description; -o names the output";
@@ -109,12 +125,20 @@ struct Arguments {
     bool version = false;
     bool json = false;
     std::optional<std::string> output;
+    std::optional<std::int64_t> run;
     std::vector<std::string> operands;
 };
 
 int usage_error(const std::string& reason) {
     fprintf(stderr, "zelfwfile: %s\nTry 'zelfwfile --help'.\n", reason.c_str());
     return exit_usage;
+}
+
+std::optional<std::int64_t> run_number(std::string_view text) {
+    std::int64_t run = 0;
+    const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), run);
+    const bool is_number = error == std::errc{} && end == text.data() + text.size();
+    return is_number && run != 0 && run >= INT32_MIN ? std::optional(run) : std::nullopt;
 }
 
 /// Reads one option at `at` and moves it to the option's last argument; gives the reason when it
@@ -136,6 +160,11 @@ std::optional<std::string> take_option(const std::vector<std::string>& given, st
             return "option '" + option + "' was given twice";
         }
         arguments.output = given[++at];
+    } else if (option == "--run") {
+        if (at + 1 >= given.size() || !(arguments.run = run_number(given[at + 1]))) {
+            return "option '--run' needs a number, 1 for the first run, -1 for the last";
+        }
+        ++at;
     } else {
         return "unknown option '" + option + "'";
     }
@@ -243,11 +272,75 @@ int extract(const std::string& file, const std::string& directory) {
     return exit_success;
 }
 
+/// Writes a rebuilt file and tells what it is. False when it is not whole, or not written.
+bool write_rebuilt(const RebuiltFirmware& file, const std::string& directory) {
+    const std::string target = (std::filesystem::path(directory) / file.name).string();
+    if (file.bytes.empty()) {
+        failure(target + ": not written: " + file.words);
+        return false;
+    }
+    if (zelf::exists(target) && zelf::read_bytes_of(target) != file.bytes) {
+        failure(target + ": is there with other bytes, and is not replaced; -o names a directory");
+        return false;
+    }
+    write_whole_file(target, file.bytes);
+    printf("%s: %s%s\n", target.c_str(), file.is_whole ? "" : "NOT WHOLE: ", file.words.c_str());
+    for (const std::string& words : file.given) {
+        printf("  %s\n", words.c_str());
+    }
+    for (const std::string& words : file.guessed) {
+        printf("  guess: %s\n", words.c_str());
+    }
+    return file.is_whole;
+}
+
+std::string no_image_words(const SentImages& sent) {
+    std::string words = "run " + std::to_string(sent.run) + " sent no image";
+    if (sent.runs_with_images.empty()) {
+        return words + (sent.runs == 1 ? "" : ", and no other run did");
+    }
+    constexpr std::size_t most_named = 8;
+    words += "; --run takes";
+    std::size_t named = 0;
+    for (const std::uint32_t run : sent.runs_with_images) {
+        words += (named == 0 ? " " : ", ") + std::to_string(run);
+        if (++named == most_named) {
+            break;
+        }
+    }
+    return words;
+}
+
+int from_trace(const std::string& trace, std::int64_t run, const std::string& directory) {
+    try {
+        const SentImages sent = read_sent_images(trace, run);
+        if (!sent.damage.empty()) {
+            failure(trace + ": damaged: " + sent.damage);
+        }
+        if (sent.images.empty()) {
+            return failure(trace + ": " + no_image_words(sent));
+        }
+        const std::vector<RebuiltFirmware> files = rebuilt_firmware(sent.images);
+        if (std::all_of(files.begin(), files.end(),
+                        [](const RebuiltFirmware& file) { return file.is_redacted; })) {
+            return failure(trace + ": is redacted: the bytes of its images are zeros");
+        }
+        zelf::create_directories(directory);
+        int result = exit_success;
+        for (const RebuiltFirmware& file : files) {
+            result = write_rebuilt(file, directory) ? result : exit_failure;
+        }
+        return result;
+    } catch (const std::exception& error) {
+        return failure(trace + ": " + error.what());
+    }
+}
+
 /// A command's files: at least and at most so many, and which options go with them.
 struct Command {
     const char* name;
     std::size_t least, most;
-    bool takes_output, takes_json;
+    bool takes_output, takes_json, takes_run;
     const char* wrong_count;
     int (*run)(const std::vector<std::string>& files, const Arguments& arguments);
 };
@@ -255,17 +348,21 @@ struct Command {
 constexpr std::size_t any_number = SIZE_MAX;
 
 const Command commands[] = {
-    {"make", 1, 1, true, false, make_takes_one,
+    {"make", 1, 1, true, false, false, make_takes_one,
      [](const auto& files, const auto& arguments) { return make(files[0], arguments.output); }},
-    {"check", 1, any_number, false, false, "'check' needs a file",
+    {"check", 1, any_number, false, false, false, "'check' needs a file",
      [](const auto& files, const auto&) { return check(files); }},
-    {"show", 1, any_number, false, true, "'show' needs a file",
+    {"show", 1, any_number, false, true, false, "'show' needs a file",
      [](const auto& files, const auto& arguments) { return show(files, arguments.json); }},
-    {"diff", 2, 2, false, false, "'diff' takes two files",
+    {"diff", 2, 2, false, false, false, "'diff' takes two files",
      [](const auto& files, const auto&) { return diff(files[0], files[1]); }},
-    {"extract", 1, 1, true, false, "'extract' takes one file; -o names the directory",
+    {"extract", 1, 1, true, false, false, "'extract' takes one file; -o names the directory",
      [](const auto& files, const auto& arguments) {
          return extract(files[0], arguments.output.value_or("."));
+     }},
+    {"from-trace", 1, 1, true, false, true, "'from-trace' takes one trace; -o names the directory",
+     [](const auto& files, const auto& arguments) {
+         return from_trace(files[0], arguments.run.value_or(-1), arguments.output.value_or("."));
      }},
 };
 
@@ -276,6 +373,9 @@ int run_command(const Command& command, const Arguments& arguments) {
     }
     if (arguments.json && !command.takes_json) {
         return usage_error("'--json' goes with 'show' only");
+    }
+    if (arguments.run && !command.takes_run) {
+        return usage_error("'--run' goes with 'from-trace' only");
     }
     if (files.size() < command.least || files.size() > command.most) {
         return usage_error(command.wrong_count);
