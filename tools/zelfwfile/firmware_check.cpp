@@ -197,7 +197,7 @@ std::string FirmwareChecker::run() {
 std::string further_words(const std::string& path) {
     const FirmwareContent content = read_firmware_content(path);
     std::string words =
-        ", build " + std::to_string(content.build) + ", type " + type_word(content.type);
+        ", build " + std::to_string(content.build) + ", type " + described_type(content.type);
     if (content.name) {
         words += ", name " + quoted_text(*content.name);
     }

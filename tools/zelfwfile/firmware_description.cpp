@@ -227,11 +227,11 @@ std::vector<InformationRecord> all_information_records() {
     return all;
 }
 
-std::string type_word(int type) {
+std::string described_type(int type) {
     return word_of(static_cast<FirmwareFileType>(type), type_words);
 }
 
-std::string control_word(int control) {
+std::string described_control(int control) {
     return word_of(static_cast<VersionMethod>(control), control_words);
 }
 

@@ -26,8 +26,8 @@ enum class InformationRecord {
 std::vector<InformationRecord> all_information_records();
 
 // The words of a description for what a file says; "unknown" where it has none.
-std::string type_word(int type);
-std::string control_word(int control);
+std::string described_type(int type);
+std::string described_control(int control);
 std::string information_word(InformationRecord record);
 
 struct FirmwareDescription {

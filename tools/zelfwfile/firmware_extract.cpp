@@ -167,8 +167,8 @@ std::string head_text(const FirmwareDescription& description) {
     if (!description.name.empty()) {
         text += "name = " + toml_string(description.name) + "\n";
     }
-    text += "type = \"" + type_word(description.type) + "\"\n";
-    text += "control = \"" + control_word(description.control) + "\"\n";
+    text += "type = \"" + described_type(description.type) + "\"\n";
+    text += "control = \"" + described_control(description.control) + "\"\n";
     std::string words;
     for (const InformationRecord record : description.information) {
         words += (words.empty() ? "\"" : ", \"") + information_word(record) + "\"";

@@ -55,8 +55,8 @@ std::string shown_as_text(const std::string& path, const FirmwareContent& conten
     add_field(text, "Version", version_digit(content));
     add_field(text, "Component", std::to_string(content.component));
     add_field(text, "Build", printed("%02x", static_cast<unsigned int>(content.build)));
-    add_field(text, "Type", type_word(content.type));
-    add_field(text, "Control", control_word(content.control));
+    add_field(text, "Type", described_type(content.type));
+    add_field(text, "Control", described_control(content.control));
     if (content.name) {
         add_field(text, "Name", quoted_text(*content.name));
     }
@@ -91,8 +91,8 @@ std::string shown_as_json(const std::string& path, const FirmwareContent& conten
     json["version_digit"] = content.version_digit;
     json["component"] = content.component;
     json["build"] = content.build;
-    json["type"] = type_word(content.type);
-    json["control"] = control_word(content.control);
+    json["type"] = described_type(content.type);
+    json["control"] = described_control(content.control);
     if (content.name) {
         json["name"] = *content.name;
     }
