@@ -267,6 +267,13 @@ TEST_F(ZelfwfileFromTrace, LeavesTheDirectoryForNoName) {
         EXPECT_THAT(names(), testing::ElementsAre("3c35-0-0105.dat")) << name;
         EXPECT_THAT(run.output, Not(HasSubstr("\x1b")));
     }
+    // Nor is it printed where nothing is written.
+    TraceBytes silent = run_of("zelfwupdate -U");
+    silent.text("\nFirmware file found:  a\x1b[2J.dat\n").text("  File   - PID: 3c35  COMP: 00\n");
+    EXPECT_THAT(
+        rebuild(send(silent, FirmwareFile{.product = 0x3C35, .extended_list = false}).bytes())
+            .output,
+        AllOf(HasSubstr("/3c35-0.dat: not written: "), Not(HasSubstr("\x1b"))));
 }
 
 TEST_F(ZelfwfileFromTrace, SaysWhatIsNoTrace) {

@@ -97,6 +97,32 @@ TEST_F(ZelfwtraceRedact, NameInFrontOfItsFirstMentionIsReplacedToo) {
                                             "-     text: SPR77 PR778 a"));
 }
 
+TEST_F(ZelfwtraceRedact, NameThatIsAWordOfTheLogIsReplacedWhereANameStandsOnly) {
+    const std::string kept[] = {
+        "    Starting firmware update of Product ID 3c35 COMP: 0",
+        "Erase completed, now sending 123 firmware update records from file",
+        "Read device not connected, rc=-4", "  update  "};
+    TraceBytes trace;
+    trace.text("Command line:  zelfwupdate -U -p firmware -l update -s 123 -s 3c35\n");
+    for (const std::string& text : kept) {
+        trace.text(text);
+    }
+    set_trace(trace.text("Looking firmware files in directory firmware\n")
+                  .text("  update    PID: 3c35 COMP: 0 TYPE: FW   EC=01.05\n")
+                  .text("  Device - PID: 3c35 (SN='3c35') (SN='123')\n")
+                  .bytes());
+    redact();
+    const std::vector<std::string> words = copied_words();
+    ASSERT_EQ(words.size(), 8U);
+    EXPECT_THAT(words[0], HasSubstr("-p file1 -l file2 -s SN0001 -s SN0002"));
+    for (std::size_t i = 0; i < std::size(kept); ++i) {
+        EXPECT_THAT(words[i + 1], testing::EndsWith("text: " + kept[i]));
+    }
+    EXPECT_THAT(words[5], HasSubstr("in directory file1"));
+    EXPECT_THAT(words[6], HasSubstr("  file2    PID: 3c35 COMP: 0"));
+    EXPECT_THAT(words[7], HasSubstr("PID: 3c35 (SN='SN0002') (SN='SN0001')"));
+}
+
 TEST_F(ZelfwtraceRedact, FiltersPickWhatIsCopied) {
     set_trace(TraceBytes().version().text("(SN='PR77')").version().text("PR77").bytes());
     redact("--run -1");

@@ -165,6 +165,10 @@ class Builder {
         const std::size_t slash = image_.file.rfind('/');
         file_.name = image_.file.substr(slash == std::string::npos ? 0 : slash + 1);
         has_name_ = is_plain_name(file_.name);
+        if (!has_name_) {
+            file_.name =
+                four_digits(image_.product) + "-" + std::to_string(component_of(image_)) + ".dat";
+        }
     }
 
     std::optional<int> take_level() {

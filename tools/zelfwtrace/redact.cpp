@@ -15,7 +15,7 @@
 
 namespace {
 
-/// A shorter name may be part of any text: it is replaced between quotes only.
+/// A shorter name may be part of any text.
 constexpr std::size_t shortest_free_name = 3;
 constexpr std::size_t longest_extension = 5;
 constexpr std::string_view command_line_mark = "Command line: ";
@@ -38,14 +38,35 @@ bool is_harmless(const std::string& word) {
     return std::regex_match(word, harmless);
 }
 
-/// Whether the name stands at `at` by itself, or between quotes when it is short.
-bool stands_alone(std::string_view text, std::size_t at, std::size_t size) {
+/// Whether a name may as well be a word or a number of the program's own texts: it is short, of
+/// letters only, of digits only, or four hexadecimal digits.
+bool is_plain_word(std::string_view name) {
+    static const std::regex plain("[A-Za-z]+|[0-9]+|[0-9A-Fa-f]{4}");
+    return name.size() < shortest_free_name || std::regex_match(name.begin(), name.end(), plain);
+}
+
+/// Whether a text names a file or device at `at`, by what stands around.
+bool is_place_of_name(std::string_view text, std::size_t at, std::size_t size) {
+    const std::string_view before = text.substr(0, at);
+    const std::string_view behind = text.substr(at + size);
+    if (before.ends_with('\'') && behind.starts_with('\'')) {
+        return true;
+    }
+    const std::size_t column = behind.find_first_not_of(' ');
+    const bool is_listed = before == "  " && column != 0 && column != std::string_view::npos &&
+                           behind.substr(column).starts_with("PID: ");
+    return is_listed || text.starts_with(command_line_mark) ||
+           std::any_of(std::begin(file_marks), std::end(file_marks),
+                       [before](std::string_view mark) { return before.ends_with(mark); });
+}
+
+/// Whether the name stands at `at` by itself.
+bool stands_alone(std::string_view text, std::size_t at, std::string_view name) {
+    const std::size_t size = name.size();
     const char before = at == 0 ? ' ' : text[at - 1];
     const char behind = at + size == text.size() ? ' ' : text[at + size];
-    if (size < shortest_free_name) {
-        return before == '\'' && behind == '\'';
-    }
-    return !is_letter_or_digit(before) && !is_letter_or_digit(behind);
+    return !is_letter_or_digit(before) && !is_letter_or_digit(behind) &&
+           (!is_plain_word(name) || is_place_of_name(text, at, size));
 }
 
 void zero_behind(std::string& payload, std::size_t kept) {
@@ -238,8 +259,7 @@ std::string StandIns::replace(std::string_view text) const {
     for (std::size_t at = 0; at < text.size();) {
         const auto found =
             std::find_if(stand_ins_.begin(), stand_ins_.end(), [text, at](const auto& one) {
-                return text.substr(at).starts_with(one.first) &&
-                       stands_alone(text, at, one.first.size());
+                return text.substr(at).starts_with(one.first) && stands_alone(text, at, one.first);
             });
         if (found == stand_ins_.end()) {
             result += text[at];
