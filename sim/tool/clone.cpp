@@ -32,7 +32,7 @@ int clone_devices(std::span<const char* const> arguments) {
         throw zelf::FileError(program, 0, "the list ended with exit code " + std::to_string(code));
     }
     const std::string bus =
-        zelfsim::twin_of(zelfsim::read_story(trace, 0), "a list of the attached devices");
+        zelfsim::twin_of(zelfsim::read_story(trace, -1), "a list of the attached devices");
     if (output.empty()) {
         std::fputs(bus.c_str(), stdout);
     } else {

@@ -19,12 +19,12 @@ constexpr int kWrongArguments = 1;
 struct TwinOptions {
     std::string trace;
     std::string output;
-    unsigned run = 0;
+    int run = -1;
 };
 
-bool parse_run(std::string_view text, unsigned& run) {
+bool parse_run(std::string_view text, int& run) {
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), run);
-    return error == std::errc{} && end == text.data() + text.size() && run > 0;
+    return error == std::errc{} && end == text.data() + text.size() && run != 0;
 }
 
 std::optional<TwinOptions> parse(std::span<const char* const> arguments) {

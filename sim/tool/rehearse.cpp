@@ -128,7 +128,7 @@ std::string bus_of(const std::string& origin, const std::string& place) {
         zelfsim::read_bus_file(origin);
         return origin;
     }
-    const zelfsim::Story story = zelfsim::read_story(origin, 0);
+    const zelfsim::Story story = zelfsim::read_story(origin, -1);
     const std::string bus = zelfsim::twin_of(story, origin, zelfsim::WithFaults::no);
     std::string file = place + "/bus.toml";
     zelf::replace_file(file, std::string_view(bus));

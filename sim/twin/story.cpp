@@ -10,8 +10,11 @@
 #include <charconv>
 #include <cstdio>
 #include <cstring>
+#include <functional>
 #include <memory>
+#include <set>
 #include <string_view>
+#include <utility>
 
 namespace zelfsim {
 
@@ -221,37 +224,51 @@ class Teller {
         }
     }
 
+    /// How well a line names a device. Each component of a device has one such line in a run, so
+    /// that devices of one product and serial number, or none, follow each other.
+    int fitness(std::size_t index, std::uint16_t product, const std::optional<std::string>& serial,
+                std::optional<int> component) const {
+        enum { other_product, other_serial, named_before, without_serial, exact };
+        const ToldDevice& device = story_.devices[index];
+        if (device.product != product) {
+            return other_product;
+        }
+        if (serial && device.serial && device.serial != serial) {
+            return other_serial;
+        }
+        if (component && named_.contains({index, *component})) {
+            return named_before;
+        }
+        return device.serial == serial ? exact : without_serial;
+    }
+
     /// A device's line of the log: by its serial number, which the first such line gives it.
-    void select(std::uint16_t product, const std::optional<std::string>& serial) {
+    void select(std::uint16_t product, const std::optional<std::string>& serial,
+                std::optional<int> component = {}) {
         current_ = kNone;
+        int best = 0;
         for (std::size_t i = 0; i < story_.devices.size(); ++i) {
-            const ToldDevice& device = story_.devices[i];
-            if (device.product == product &&
-                (!serial || !device.serial || device.serial == serial)) {
-                if (device.serial == serial || current_ == kNone) {
-                    current_ = i;
-                }
-                if (device.serial == serial) {
-                    break;
-                }
+            const int fits = fitness(i, product, serial, component);
+            if (fits > best) {
+                best = fits;
+                current_ = i;
             }
         }
-        if (current_ == kNone) {
-            for (std::size_t i = 0; i < story_.devices.size(); ++i) {
-                if (story_.devices[i].product == product) {
-                    current_ = i;
-                    break;
-                }
-            }
+        if (current() == nullptr) {
+            return;
         }
-        if (current() != nullptr && serial && !current()->serial) {
+        if (component) {
+            named_.insert({current_, *component});
+        }
+        if (serial && !current()->serial) {
             current()->serial = serial;
         }
     }
 
     void select_by_line(std::string_view line) {
         if (const auto product = number_behind(line, "PID:", 16)) {
-            select(static_cast<std::uint16_t>(*product), serial_of(line));
+            select(static_cast<std::uint16_t>(*product), serial_of(line),
+                   number_behind(line, "COMP:", 16).value_or(-1));
         }
     }
 
@@ -395,6 +412,7 @@ class Teller {
     std::size_t row_ = kNone;
     std::size_t steps_ = 0;
     std::vector<std::size_t> listed_;
+    std::set<std::pair<std::size_t, int>> named_;  ///< devices and components that had their line
     unsigned discoveries_ = 0;
     bool discovering_ = false;
     bool just_opened_ = false;
@@ -404,47 +422,64 @@ class Teller {
     std::optional<Sighting> pending_open_;
 };
 
-}  // namespace
-
-Story read_story(const std::string& trace, unsigned run) {
-    Story story;
-    {
-        const Stream stream = open_trace(trace);
-        TraceReader reader(stream.get());
-        for (TraceEntry entry; reader.next(entry);) {
-            story.runs += entry.kind == trace_kind::version ? 1 : 0;
-        }
-    }
-    story.run = run == 0 ? story.runs : run;
-    if (story.run == 0 || story.run > story.runs) {
-        throw FileError(trace, 0,
-                        story.runs == 0 ? "no run of the updater in it"
-                                        : "it has " + std::to_string(story.runs) + " runs");
-    }
+/// Reads the file record by record until `take` has enough; damaged places are stepped over.
+void read_entries(const std::string& trace, Story& story,
+                  const std::function<bool(const TraceEntry&)>& take) {
     const Stream stream = open_trace(trace);
     TraceReader reader(stream.get());
+    do {
+        for (TraceEntry entry; reader.next(entry);) {
+            if (!take(entry)) {
+                return;
+            }
+        }
+        if (reader.damage() && story.damage.empty()) {
+            story.damage = "offset " + std::to_string(reader.damage()->offset) + ": " +
+                           reader.damage()->reason;
+        }
+    } while (reader.step_over_damage());
+}
+
+std::string why_no_run(const Story& story, int run) {
+    if (story.runs == 0) {
+        return "no run of the updater in it";
+    }
+    return "there is no run " + std::to_string(run) + ", it has " + std::to_string(story.runs) +
+           (story.runs == 1 ? " run" : " runs");
+}
+
+}  // namespace
+
+Story read_story(const std::string& trace, int run) {
+    Story story;
+    read_entries(trace, story, [&story](const TraceEntry& entry) {
+        story.runs += entry.kind == trace_kind::version ? 1 : 0;
+        return true;
+    });
+    const std::int64_t number = run < 0 ? std::int64_t{story.runs} + 1 + run : run;
+    if (number < 1 || number > story.runs) {
+        throw FileError(trace, 0, why_no_run(story, run));
+    }
+    story.run = static_cast<unsigned>(number);
     Teller teller(story);
     unsigned begun = 0;
     std::optional<std::uint32_t> process;
-    for (TraceEntry entry; reader.next(entry);) {
+    read_entries(trace, story, [&](const TraceEntry& entry) {
         if (entry.kind == trace_kind::version) {
             if (++begun == story.run) {
                 process = entry.process;
-                continue;
+                return true;
             }
             if (process == entry.process) {
-                break;
+                return false;
             }
         }
         if (process == entry.process) {
             teller.take(entry);
         }
-    }
+        return true;
+    });
     teller.finish();
-    if (reader.damage()) {
-        story.damage =
-            "offset " + std::to_string(reader.damage()->offset) + ": " + reader.damage()->reason;
-    }
     return story;
 }
 

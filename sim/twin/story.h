@@ -79,10 +79,11 @@ struct Story {
     unsigned runs = 0;  ///< how many the file has
     std::string command_line;
     std::vector<ToldDevice> devices;
-    std::string damage;  ///< where the file stopped making sense; empty for a whole one
+    std::string damage;  ///< the first place that makes no sense; empty when there is none
 };
 
-/// Reads a run, counted from 1; 0 is the last one. Throws FileError.
-Story read_story(const std::string& trace, unsigned run);
+/// Reads a run, counted from 1, or with a negative number from the last, which is -1. Throws
+/// FileError.
+Story read_story(const std::string& trace, int run);
 
 }  // namespace zelfsim

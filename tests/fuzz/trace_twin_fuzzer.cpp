@@ -17,7 +17,7 @@ namespace {
 bool is_bus_file(const std::string& trace, zelfsim::WithFaults faults) {
     std::string bus;
     try {
-        bus = zelfsim::twin_of(zelfsim::read_story(trace, 0), "trace", faults);
+        bus = zelfsim::twin_of(zelfsim::read_story(trace, -1), "trace", faults);
     } catch (const zelf::FileError&) {
         return true;  // the trace met no device
     }

@@ -91,6 +91,33 @@ level = "01.06"
     EXPECT_EQ(high.code, 0);
 }
 
+TEST_F(Rehearsal, TellsThatAnEarlierFileWasFirst) {
+    // The updater takes the first file of its list for a component, whatever the level of another.
+    std::filesystem::copy(files_ + "/printer-main.dat", files_ + "/second.dat");
+    const Outcome plan = rehearse(trace_of("-L"));
+    const bool is_second = plan.output.find("second.dat, 15882 bytes") != std::string::npos;
+    const std::string used = is_second ? "second.dat" : "printer-main.dat";
+    const std::string other = is_second ? "printer-main.dat" : "second.dat";
+    EXPECT_THAT(plan.output, HasSubstr(used + ", 15882 bytes"));
+    EXPECT_THAT(plan.output,
+                HasSubstr("Not used: " + other + ": an earlier file was first: " + used + "\n"));
+    EXPECT_EQ(plan.code, 0);
+    const auto json = nlohmann::json::parse(rehearse(trace_of("-L"), "--json").output);
+    ASSERT_EQ(json["not_used"].size(), 1U);
+    EXPECT_EQ(json["not_used"][0]["file"], other);
+    EXPECT_EQ(json["not_used"][0]["reason"], "an earlier file was first: " + used);
+}
+
+TEST_F(Rehearsal, TellsThatTheVersionDigitIsAnother) {
+    std::string bytes = workspace_.read("files/printer-main.dat");
+    bytes.replace(0, 8, "3c350205");
+    workspace_.write("files/printer-main.dat", bytes);
+    const Outcome plan = rehearse(trace_of("-L"));
+    EXPECT_THAT(plan.output, HasSubstr("Not used: printer-main.dat: its version digit 2 is not the "
+                                       "device's 1\n"));
+    EXPECT_EQ(plan.code, 0);
+}
+
 TEST_F(Rehearsal, TakesNoMarkerAway) {
     workspace_.write("files/printer-main.dat.force", "");
     const Outcome plan = rehearse(trace_of("-L"));

@@ -116,13 +116,13 @@ class Twin : public testing::Test {
                                   " && timeout 50 " ZELFWSIM_TOOL
                                   " run --virtual --state state bus.toml -- " ZELFWUPDATE " " +
                                   command + " -l log -t trace");
-        return {run.code, timeless(run.output), zelfsim::read_story(place + "/trace", 0)};
+        return {run.code, timeless(run.output), zelfsim::read_story(place + "/trace", -1)};
     }
 
     /// Why the twin's run is not the same; empty when it is.
     std::string difference(const Fault& fault, const std::string& command = kUpdate) {
         const std::string number = std::to_string(++cases_);
-        const RunEnd first = run_on(kBus + fault.text(), "a" + number, command);
+        const RunEnd first = run_on(bus_ + fault.text(), "a" + number, command);
         const std::string bus = zelfsim::twin_of(first.story, "trace");
         const RunEnd second = run_on(bus, "b" + number, command);
         std::string text;
@@ -149,6 +149,7 @@ class Twin : public testing::Test {
 
     static constexpr const char* kUpdate = "-U -p " DEMO_FIRMWARE;
     const Workspace workspace_;
+    std::string bus_ = kBus;
     int cases_ = 0;
 };
 
@@ -241,6 +242,76 @@ TEST_F(Twin, OfAGoodRunHasNoFaults) {
     EXPECT_EQ(first.code, 0);
     EXPECT_THAT(zelfsim::twin_of(first.story, "trace"),
                 testing::Not(testing::HasSubstr("[[fault]]")));
+}
+
+std::string printer(const std::string& name, const std::string& serial, const std::string& level) {
+    return "\n[[device]]\nname = \"" + name + "\"\nvendor = 0x7A01\nproduct = 0x3C35\n" +
+           (serial.empty() ? "" : "serial = \"" + serial + "\"\n") +
+           "[[device.interface]]\nkind = \"flash\"\n[[device.interface.component]]\nid = 0\nlevel "
+           "= \"" +
+           level + "\"\n";
+}
+
+TEST_F(Twin, OfSeveralDevicesOfOneProductFailsAtTheSameOne) {
+    bus_ = printer("one", "PR1", "01.02") + printer("two", "PR2", "01.01") +
+           printer("three", "PR3", "01.04");
+    for (const char* device : {"one", "two", "three"}) {
+        for (const char* action : {"stall", "reject", "no-answer", "unplug"}) {
+            EXPECT_EQ(difference({device, "record", 17, action}), "") << device << " " << action;
+            EXPECT_EQ(difference({device, "record", 17, action}, std::string(kUpdate) + " -a"), "")
+                << device << " " << action << " -a";
+        }
+        EXPECT_EQ(difference({device, "record", 17, "unplug", "replug_ms = 200\n"}), "") << device;
+        EXPECT_EQ(difference({device, "reset", 1, "no-answer"}), "") << device;
+    }
+}
+
+TEST_F(Twin, OfDevicesWithoutSerialNumbersFailsAtTheSameOne) {
+    bus_ = printer("one", "", "01.02") + printer("two", "", "01.02");
+    for (const char* action : {"stall", "reject", "no-answer"}) {
+        EXPECT_EQ(difference({"two", "record", 17, action}), "") << action;
+    }
+}
+
+TEST_F(Twin, IsOfTheRunThatIsAskedFor) {
+    workspace_.write("bus.toml", kBus + Fault{"printer", "record", 17, "stall"}.text());
+    const std::string at = "cd " + workspace_.path("") + " && ";
+    const std::string updater =
+        at + ZELFWSIM_TOOL " run --virtual --state state bus.toml -- " ZELFWUPDATE " ";
+    ::run(updater + kUpdate + " -l log -t trace");
+    EXPECT_EQ(::run(updater + "-L -l log -t trace").code, 0);
+    const auto twin = [&](const std::string& options) {
+        return ::run(at + ZELFWSIM_TOOL " from-trace trace " + options);
+    };
+    const Outcome first = twin("--run 1");
+    EXPECT_THAT(first.output, testing::HasSubstr("action = \"stall\""));
+    EXPECT_EQ(twin("--run -2").output, first.output);
+    const Outcome last = twin("");
+    EXPECT_THAT(last.output, testing::AllOf(testing::HasSubstr("of run 2 of 2"),
+                                            testing::Not(testing::HasSubstr("[[fault]]"))));
+    EXPECT_EQ(twin("--run -1").output, last.output);
+    EXPECT_EQ(twin("--run 2").output, last.output);
+    for (const char* none : {"3", "-3"}) {
+        const Outcome outcome = twin(std::string("--run ") + none);
+        EXPECT_EQ(outcome.code, 2);
+        EXPECT_THAT(outcome.output,
+                    testing::HasSubstr(std::string("there is no run ") + none + ", it has 2 runs"));
+    }
+    for (const char* wrong : {"0", "x", "1x", ""}) {
+        EXPECT_EQ(twin("--run '" + std::string(wrong) + "'").code, 1) << wrong;
+    }
+}
+
+TEST_F(Twin, StepsOverADamagedPlaceAndNamesIt) {
+    const RunEnd first = run_on(kBus, "first", "-L");
+    const RunEnd second =
+        run_on(kBus + Fault{"printer", "record", 7, "stall"}.text(), "second", kUpdate);
+    workspace_.write("trace", workspace_.read("first/trace") + std::string(40, 'x') +
+                                  workspace_.read("second/trace"));
+    const Outcome twin = ::run(ZELFWSIM_TOOL " from-trace " + workspace_.path("trace"));
+    EXPECT_EQ(twin.code, 0);
+    EXPECT_THAT(twin.output, testing::HasSubstr(": offset "));
+    EXPECT_THAT(twin.output, testing::HasSubstr("action = \"stall\""));
 }
 
 TEST_F(Twin, SaysWhenItDiffers) {
