@@ -272,6 +272,14 @@ TEST(ToolPages, ExplainEveryKindOfRecord) {
     EXPECT_THAT(quoted_words(Page("zelfwtrace.1.scd")), IsSupersetOf(kinds));
 }
 
+TEST(ToolPages, ExplainEveryMemberOfAnExplanationInJson) {
+    std::set<std::string> members =
+        found_in_sources("tools/zelfwtrace", R"re(json\["([a-z_]+)"\])re", "explain_output");
+    members.merge(found_in_sources("tools/zelfwtrace", R"re(\{"([a-z_]+)", )re", "explain_output"));
+    EXPECT_THAT(members, IsSupersetOf({"cause", "evidence", "records_taken", "command_line"}));
+    EXPECT_THAT(explained_keys(Page("zelfwtrace.1.scd")), IsSupersetOf(members));
+}
+
 TEST(ToolPages, ExplainEveryCommandOptionAndExitCodeOfZelfwsim) {
     const Page page("zelfwsim.1.scd");
     const std::string help = run_command({ZELFWSIM, "--help"}).output;
