@@ -133,6 +133,7 @@ class Teller {
     bool take_identity(std::string_view line, double clock) {
         if (line.starts_with("Command line:")) {
             story_.command_line = line.substr(line.find(':') + 1);
+            story_.command_line.resize(story_.command_line.find_last_not_of('\n') + 1);
             return true;
         }
         if (line.starts_with("Processing ")) {

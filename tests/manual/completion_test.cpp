@@ -289,7 +289,7 @@ TEST_F(Completion, OffersZelfwtraceTheOptionsOfItsHelp) {
     EXPECT_THAT(all, testing::UnorderedElementsAreArray(options));
     EXPECT_THAT(offered({"pcap", "-"}, "zelfwtrace"), Not(Contains("--hex")));
     EXPECT_THAT(offered({"explain", "--"}, "zelfwtrace"),
-                testing::UnorderedElementsAre("--utc", "--json", "--help", "--version"));
+                testing::UnorderedElementsAre("--utc", "--run", "--json", "--help", "--version"));
     EXPECT_THAT(offered({"show", "-"}, "zelfwtrace"), Not(Contains("--output")));
 }
 

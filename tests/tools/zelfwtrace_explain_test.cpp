@@ -4,6 +4,7 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <nlohmann/json.hpp>
 #include <utility>
 
@@ -216,12 +217,26 @@ TEST_F(ZelfwtraceExplain, ForeignTextIsNeitherObeyedNorBelieved) {
     EXPECT_EQ(explained()["devices"][0]["outcome"], "well");
 }
 
+TEST_F(ZelfwtraceExplain, TellsOneRunWhenAsked) {
+    TraceBytes trace = begun_run();
+    set_trace(trace.version().text("Command line:  zelfwupdate -R\n").version().bytes());
+    const std::vector<std::string> all = show("explain").lines();
+    const std::vector<std::string> second = show("explain --run 2").lines();
+    EXPECT_THAT(second, testing::Contains(HasSubstr("zelfwupdate -R")));
+    EXPECT_THAT(second.at(0), testing::StartsWith("Run 2: "));
+    const auto at = std::search(all.begin(), all.end(), second.begin(), second.end());
+    EXPECT_NE(at, all.end());
+    EXPECT_EQ(show("explain --run -2").lines(), second);
+    EXPECT_THAT(show("explain --run -1").lines().at(0), testing::StartsWith("Run 3: "));
+    EXPECT_THAT(show("explain --run 4").errors, HasSubstr("there is no run 4"));
+}
+
 TEST_F(ZelfwtraceExplain, TakesNoFilter) {
     set_trace(begun_run().bytes());
     for (const char* filter : {"-d 3C35", "-k text", "--from @1", "--to @1"}) {
         const ToolRun run = show(std::string("explain ") + filter);
         EXPECT_EQ(run.code, 2);
-        EXPECT_THAT(run.errors, HasSubstr("'explain' takes no filter"));
+        EXPECT_THAT(run.errors, HasSubstr("'explain' takes no filter but '--run'"));
     }
     EXPECT_THAT(show("explain --hex").errors, HasSubstr("'--hex' goes with lines of text only"));
 }

@@ -60,8 +60,8 @@ FILTERS
       --to TIME        only records up to this time
   -d and -k may be given several times, or with a list: -k sent,status. TIME is
   "2026-11-20 17:18:07.123", with the end left out as you like ("2026-11-20 17"),
-  or today's "17:18", or as --json has it, or @SECONDS since 1970. "explain" needs
-  all records and takes no filter.
+  or today's "17:18", or as --json has it, or @SECONDS since 1970. "explain" takes
+  no filter but --run.
 
 OTHER OPTIONS
   -h, --help           this text
@@ -265,9 +265,9 @@ Reason check_combination(const TraceArguments& arguments) {
     }
     const TraceFilter& filter = arguments.filter;
     const bool is_filtered =
-        !filter.products.empty() || !filter.kinds.empty() || filter.from || filter.to || filter.run;
+        !filter.products.empty() || !filter.kinds.empty() || filter.from || filter.to;
     if (arguments.command == TraceCommand::explain && is_filtered) {
-        return "'explain' takes no filter";
+        return "'explain' takes no filter but '--run'";
     }
     return std::nullopt;
 }

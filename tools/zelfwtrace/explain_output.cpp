@@ -143,7 +143,7 @@ void print_attempt(const Attempt& attempt, const Explanation& explanation) {
 }
 
 void print_run(const Run& run, std::size_t number, zelf::TimeZone zone, std::size_t& explained) {
-    printf("%sRun %zu: %s, %.3f seconds, process %u\n", number == 1 ? "" : "\n", number,
+    printf("Run %zu: %s, %.3f seconds, process %u\n", number,
            zelf::time_text(run.time, zone).c_str(), seconds(run.length), run.process);
     printf("  Command line: %s\n", run.has_command ? one_line(run.command).c_str() : "not known");
     if (!run.has_begin) {
@@ -254,13 +254,14 @@ Json json_of(const Run& run, std::size_t& explained) {
 
 class ExplainOutput : public TraceOutput {
   public:
-    ExplainOutput(zelf::TimeZone zone, bool is_json) : zone_(zone), is_json_(is_json) {}
+    ExplainOutput(zelf::TimeZone zone, bool is_json, std::uint32_t first_run)
+        : zone_(zone), is_json_(is_json), first_run_(first_run) {}
 
     void take(const TraceEntry& entry, const Meaning& meaning) override {
         stories_.take(entry, meaning);
     }
     std::string finish() override {
-        std::size_t number = 0;
+        std::size_t number = first_run_;
         for (const Run& run : stories_.runs()) {
             if (is_json_) {
                 // What a device sent need not be UTF-8.
@@ -268,7 +269,8 @@ class ExplainOutput : public TraceOutput {
                          .dump(-1, ' ', false, Json::error_handler_t::replace)
                          .c_str());
             } else {
-                print_run(run, ++number, zone_, explained_);
+                fputs(number == first_run_ ? "" : "\n", stdout);
+                print_run(run, number++, zone_, explained_);
             }
         }
         return "";
@@ -278,12 +280,14 @@ class ExplainOutput : public TraceOutput {
   private:
     zelf::TimeZone zone_;
     bool is_json_;
+    std::uint32_t first_run_;
     std::size_t explained_ = 0;
     RunStories stories_;
 };
 
 }  // namespace
 
-std::unique_ptr<TraceOutput> explain_output(zelf::TimeZone zone, bool is_json) {
-    return std::make_unique<ExplainOutput>(zone, is_json);
+std::unique_ptr<TraceOutput> explain_output(zelf::TimeZone zone, bool is_json,
+                                            std::uint32_t first_run) {
+    return std::make_unique<ExplainOutput>(zone, is_json, first_run);
 }

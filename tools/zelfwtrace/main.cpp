@@ -95,8 +95,8 @@ bool is_progress_wanted(const TraceArguments& arguments) {
            isatty(STDOUT_FILENO) != 0;
 }
 
-std::unique_ptr<TraceOutput> make_output(const TraceArguments& arguments, const Survey& known,
-                                         std::string& reason) {
+std::unique_ptr<TraceOutput> make_output(const TraceArguments& arguments, const TraceFilter& filter,
+                                         const Survey& known, std::string& reason) {
     if (arguments.command == TraceCommand::redact) {
         return redacted_output(arguments.capture, known.names, reason);
     }
@@ -107,7 +107,8 @@ std::unique_ptr<TraceOutput> make_output(const TraceArguments& arguments, const 
         return arguments.json ? summary_json_output() : summary_output(arguments.zone);
     }
     if (arguments.command == TraceCommand::explain) {
-        return explain_output(arguments.zone, arguments.json);
+        return explain_output(arguments.zone, arguments.json,
+                              static_cast<std::uint32_t>(filter.run.value_or(1)));
     }
     if (arguments.json) {
         return json_output();
@@ -218,7 +219,7 @@ int show(FILE* stream, const std::string& name, const TraceArguments& arguments)
     if (!reason.empty()) {
         return failure(name, reason);
     }
-    const std::unique_ptr<TraceOutput> output = make_output(arguments, known, reason);
+    const std::unique_ptr<TraceOutput> output = make_output(arguments, filter, known, reason);
     if (output == nullptr) {
         return failure(arguments.capture, reason);
     }

@@ -47,7 +47,8 @@ std::unique_ptr<TraceOutput> summary_json_output();
 
 /// Why each run failed, on standard output at the end, as paragraphs or one JSON object a run and
 /// line. The exit code is 3 when a failure was explained.
-std::unique_ptr<TraceOutput> explain_output(zelf::TimeZone zone, bool is_json);
+std::unique_ptr<TraceOutput> explain_output(zelf::TimeZone zone, bool is_json,
+                                            std::uint32_t first_run);
 
 /// A capture of the transfers as they went over the bus, in pcapng format, the lines of the log as
 /// comments; "-" is standard output. Null and the reason when the file can't be written.

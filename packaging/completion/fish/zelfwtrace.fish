@@ -18,6 +18,6 @@ complete -c zelfwtrace -n "$command pcap redact" -s o -l output -r -F -d 'the fi
 complete -c zelfwtrace -n "not $command explain" -s d -l device -x -d 'only this product ID'
 complete -c zelfwtrace -n "not $command explain" -s k -l kind -x -d 'only this kind of record' \
     -a '(__fish_append , version text sent status data)'
-complete -c zelfwtrace -n "not $command explain" -l run -x -d 'only this run, -1 is the last'
+complete -c zelfwtrace -l run -x -d 'only this run, -1 is the last'
 complete -c zelfwtrace -n "not $command explain" -l from -x -d 'only from this time on'
 complete -c zelfwtrace -n "not $command explain" -l to -x -d 'only up to this time'

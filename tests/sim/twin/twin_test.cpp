@@ -286,6 +286,7 @@ TEST_F(Twin, IsOfTheRunThatIsAskedFor) {
     const Outcome first = twin("--run 1");
     EXPECT_THAT(first.output, testing::HasSubstr("action = \"stall\""));
     EXPECT_EQ(twin("--run -2").output, first.output);
+    EXPECT_THAT(first.output, testing::HasSubstr(" -l log -t trace\n"));
     const Outcome last = twin("");
     EXPECT_THAT(last.output, testing::AllOf(testing::HasSubstr("of run 2 of 2"),
                                             testing::Not(testing::HasSubstr("[[fault]]"))));
