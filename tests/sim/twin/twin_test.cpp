@@ -303,6 +303,23 @@ TEST_F(Twin, IsOfTheRunThatIsAskedFor) {
     }
 }
 
+TEST_F(Twin, OfARedactedTraceFailsInTheSameWay) {
+    for (const char* action : {"stall", "reject", "no-answer", "unplug"}) {
+        const std::string fault = Fault{"printer", "record", 17, action}.text();
+        const RunEnd first = run_on(kBus + fault, action, kUpdate);
+        const std::string copy = workspace_.path("copy");
+        const Outcome redacted =
+            ::run(ZELFWTRACE " redact " + workspace_.path(std::string(action) + "/trace") + " -o " +
+                  copy);
+        ASSERT_EQ(redacted.code, 0) << redacted.output;
+        const std::string bus = zelfsim::twin_of(zelfsim::read_story(copy, -1), "copy");
+        EXPECT_THAT(bus, testing::Not(testing::HasSubstr("PR40021")));
+        const RunEnd second = run_on(bus, std::string("twin-") + action, kUpdate);
+        EXPECT_EQ(second.code, first.code) << action;
+        EXPECT_EQ(messages_of(second.story), messages_of(first.story)) << action;
+    }
+}
+
 TEST_F(Twin, StepsOverADamagedPlaceAndNamesIt) {
     const RunEnd first = run_on(kBus, "first", "-L");
     const RunEnd second =
