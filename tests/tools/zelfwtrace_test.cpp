@@ -586,7 +586,7 @@ TEST_F(Zelfwtrace, ReasonNamesTheWrongArgument) {
     EXPECT_THAT(run("pcap x").errors,
                 StartsWith("zelfwtrace: 'pcap' needs '-o' and the file to write\n"));
     EXPECT_THAT(run("summary -o y x").errors,
-                StartsWith("zelfwtrace: '-o' goes with 'pcap' and 'redact' only\n"));
+                StartsWith("zelfwtrace: '-o' goes with 'pcap', 'redact' and 'report' only\n"));
     EXPECT_THAT(
         run("pcap -j -o y x").errors,
         StartsWith("zelfwtrace: '--json' goes with 'show', 'summary' and 'explain' only\n"));

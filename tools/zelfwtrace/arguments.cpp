@@ -18,6 +18,8 @@ SYNOPSIS
   zelfwtrace pcap [OPTION...] FILE -o OUT.pcapng
   zelfwtrace explain [OPTION...] FILE
   zelfwtrace redact [OPTION...] FILE -o OUT
+  zelfwtrace report [OPTION...] [NAME=]FILE... -o OUT.html
+  zelfwtrace report [OPTION...] --tills TILLS.json -o OUT.html
   zelfwtrace [COMMAND] --help | --version
 
   FILE is a trace file, or "-" for standard input. A damaged place is told with its
@@ -42,11 +44,18 @@ COMMANDS
            number and file name has a stand-in (SN0001, file1.dat), the same one
            everywhere. A trace holds whole firmware images. Look through the copy.
 
+  report   Writes a page for a browser, one file that asks nobody for more: each run
+           with its devices, what failed, its course of time, the answer times, and
+           the conversation. Of a fleet: a row a till, and the same as JSON and CSV.
+
 OUTPUT
   -j, --json           of "show", "summary" and "explain": one JSON object a
                        record, device or run, and line; times are UTC
   -x, --hex            of "show": also each transfer's bytes
-  -o, --output OUT     of "pcap", "redact": the file to write, "-" for standard output
+  -o, --output OUT     of "pcap", "redact", "report": the file to write, "-" for standard
+                       output
+      --tills LIST     of "report": the tills of a fleet, a JSON array; writes OUT.json
+                       and OUT.csv beside the page, too
   -u, --utc            show and take times as UTC, not as local time
       --follow         of "show": go on as the file grows, until interrupted; on a
                        terminal the records of an image are one line that is rewritten
@@ -60,8 +69,8 @@ FILTERS
       --to TIME        only records up to this time
   -d and -k may be given several times, or with a list: -k sent,status. TIME is
   "2026-11-20 17:18:07.123", with the end left out as you like ("2026-11-20 17"),
-  or today's "17:18", or as --json has it, or @SECONDS since 1970. "explain" takes
-  no filter but --run.
+  or today's "17:18", or as --json has it, or @SECONDS since 1970. "explain" and
+  "report" take no filter but --run.
 
 OTHER OPTIONS
   -h, --help           this text
@@ -80,6 +89,7 @@ EXAMPLES
   zelfwtrace summary --from 2026-11-20 /tmp/zelfwtrace.log
   zelfwtrace pcap /tmp/zelfwtrace.log -o exchange.pcapng
   zelfwtrace explain /tmp/zelfwtrace.log
+  zelfwtrace report --run -1 till7=/tmp/zelfwtrace.log -o till7.html
 )";
 
 namespace {
@@ -91,7 +101,7 @@ constexpr int hexadecimal_base = 16;
 
 /// What the options say, before it is understood as a whole.
 struct Given {
-    std::vector<std::string> devices, kinds, captures, runs, from, to, operands;
+    std::vector<std::string> devices, kinds, captures, runs, from, to, tills, operands;
 };
 
 struct ValueOption {
@@ -103,6 +113,7 @@ const ValueOption value_options[] = {
     {"-d", "--device", &Given::devices},  {"-k", "--kind", &Given::kinds},
     {"-o", "--output", &Given::captures}, {nullptr, "--from", &Given::from},
     {nullptr, "--to", &Given::to},        {nullptr, "--run", &Given::runs},
+    {nullptr, "--tills", &Given::tills},
 };
 
 struct FlagOption {
@@ -121,7 +132,7 @@ const FlagOption flag_options[] = {
 constexpr std::pair<std::string_view, TraceCommand> commands[] = {
     {"show", TraceCommand::show},     {"summary", TraceCommand::summary},
     {"pcap", TraceCommand::pcap},     {"explain", TraceCommand::explain},
-    {"redact", TraceCommand::redact},
+    {"redact", TraceCommand::redact}, {"report", TraceCommand::report},
 };
 
 /// True when the first word is a command; else it is left to be an option or a file.
@@ -245,16 +256,53 @@ Reason take_run(const std::vector<std::string>& values, std::optional<std::int64
     return std::nullopt;
 }
 
+bool writes_a_file(TraceCommand command) {
+    return command == TraceCommand::pcap || command == TraceCommand::redact ||
+           command == TraceCommand::report;
+}
+
+std::string quoted_name(TraceCommand command) {
+    for (const auto& [name, one] : commands) {
+        if (one == command) {
+            return "'" + std::string(name) + "'";
+        }
+    }
+    return "";
+}
+
+/// "explain" and "report" follow whole runs.
+Reason check_filter(const TraceArguments& arguments) {
+    const TraceFilter& filter = arguments.filter;
+    const bool is_torn =
+        !filter.products.empty() || !filter.kinds.empty() || filter.from || filter.to;
+    const bool follows =
+        arguments.command == TraceCommand::explain || arguments.command == TraceCommand::report;
+    return is_torn && follows ? quoted_name(arguments.command) + " takes no filter but '--run'"
+                              : Reason();
+}
+
+Reason check_tills(const TraceArguments& arguments) {
+    if (arguments.tills.empty()) {
+        return std::nullopt;
+    }
+    if (arguments.command != TraceCommand::report) {
+        return "'--tills' goes with 'report' only";
+    }
+    if (arguments.capture == "-") {
+        return "'--tills' needs a file to write, not standard output";
+    }
+    return arguments.filter.run ? Reason("'--run' does not go with '--tills'") : std::nullopt;
+}
+
 Reason check_combination(const TraceArguments& arguments) {
-    const bool is_pcap = arguments.command == TraceCommand::pcap;
-    const bool is_redact = arguments.command == TraceCommand::redact;
-    if ((is_pcap || is_redact) && arguments.capture.empty()) {
-        return std::string(is_pcap ? "'pcap'" : "'redact'") + " needs '-o' and the file to write";
+    const bool writes = writes_a_file(arguments.command);
+    if (writes && arguments.capture.empty()) {
+        return quoted_name(arguments.command) + " needs '-o' and the file to write";
     }
-    if (!is_pcap && !is_redact && !arguments.capture.empty()) {
-        return "'-o' goes with 'pcap' and 'redact' only";
+    if (!writes && !arguments.capture.empty()) {
+        return "'-o' goes with 'pcap', 'redact' and 'report' only";
     }
-    if ((is_pcap || is_redact) && arguments.json) {
+    if (writes && arguments.json) {
         return "'--json' goes with 'show', 'summary' and 'explain' only";
     }
     if (arguments.with_bytes && (arguments.command != TraceCommand::show || arguments.json)) {
@@ -263,12 +311,26 @@ Reason check_combination(const TraceArguments& arguments) {
     if (arguments.follow && arguments.command != TraceCommand::show) {
         return "'--follow' goes with 'show' only";
     }
-    const TraceFilter& filter = arguments.filter;
-    const bool is_filtered =
-        !filter.products.empty() || !filter.kinds.empty() || filter.from || filter.to;
-    if (arguments.command == TraceCommand::explain && is_filtered) {
-        return "'explain' takes no filter but '--run'";
+    if (auto reason = check_tills(arguments)) {
+        return reason;
     }
+    return check_filter(arguments);
+}
+
+/// One file; of "report" as many as are given, or a list.
+Reason take_operands(const Given& given, TraceArguments& arguments) {
+    const bool is_report = arguments.command == TraceCommand::report;
+    if (!arguments.tills.empty()) {
+        return given.operands.empty() ? Reason() : "'--tills' names all files: give no other";
+    }
+    if (given.operands.empty()) {
+        return "no file given";
+    }
+    if (given.operands.size() > 1 && !is_report) {
+        return "more than one file given";
+    }
+    arguments.files = given.operands;
+    arguments.file = given.operands.front();
     return std::nullopt;
 }
 
@@ -290,14 +352,15 @@ Reason understand(const Given& given, TraceArguments& arguments) {
         return reason;
     }
     arguments.capture = capture.value_or("");
+    std::optional<std::string> tills;
+    if (auto reason = take_once(given.tills, "--tills", tills)) {
+        return reason;
+    }
+    arguments.tills = tills.value_or("");
     if (auto reason = check_combination(arguments)) {
         return reason;
     }
-    if (given.operands.size() != 1) {
-        return given.operands.empty() ? "no file given" : "more than one file given";
-    }
-    arguments.file = given.operands.front();
-    return std::nullopt;
+    return take_operands(given, arguments);
 }
 
 }  // namespace

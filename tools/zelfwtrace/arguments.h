@@ -9,7 +9,7 @@
 #include <string>
 #include <vector>
 
-enum class TraceCommand { show, summary, pcap, explain, redact };
+enum class TraceCommand { show, summary, pcap, explain, redact, report };
 
 struct TraceArguments {
     bool help = false;
@@ -19,9 +19,11 @@ struct TraceArguments {
     bool with_bytes = false;
     bool follow = false;
     zelf::TimeZone zone = zelf::TimeZone::local;
-    std::string capture;  ///< of `pcap` and `redact`: the file that is written
+    std::string capture;  ///< of `pcap`, `redact` and `report`: the file that is written
     TraceFilter filter;
-    std::string file;  ///< "-": standard input
+    std::string file;                ///< "-": standard input
+    std::vector<std::string> files;  ///< of `report`: all of them, some as NAME=FILE
+    std::string tills;               ///< of `report`: the list of a fleet
 };
 
 extern const char trace_help_text[];

@@ -1,5 +1,5 @@
-// Shows the trace file of the updater: as text, as JSON, as a summary, or as a capture; or explains
-// what failed.
+// Shows the trace file of the updater: as text, as JSON, as a summary, as a capture, or as a page;
+// or explains what failed.
 
 #include "journal/file_handle.h"
 #include "zelfwtrace/arguments.h"
@@ -7,6 +7,7 @@
 #include "zelfwtrace/escape.h"
 #include "zelfwtrace/output.h"
 #include "zelfwtrace/redact.h"
+#include "zelfwtrace/report/report_command.h"
 #include "zelfwtrace/run_counter.h"
 #include "zelfwtrace/trace_reader.h"
 
@@ -237,6 +238,34 @@ int show(FILE* stream, const std::string& name, const TraceArguments& arguments)
     return damage != exit_success ? damage : output->exit_code();
 }
 
+/// Reads a file of a report: the reason when nothing of it can be read.
+std::string read_reported(FILE* stream, const std::string& name, const TraceArguments& arguments,
+                          TraceOutput& output, bool& is_damaged) {
+    TraceFilter filter = arguments.filter;
+    if (filter.run) {
+        const std::string reason = settle_run(survey(stream), filter.run);
+        if (!reason.empty()) {
+            return reason;
+        }
+    }
+    Reading reading{.reader = TraceReader(stream), .conversations = Conversations(), .runs = {}};
+    is_damaged = show_all(reading, filter, output, name) != exit_success;
+    return reading.records == 0 ? "there is nothing to report" : "";
+}
+
+int report(const TraceArguments& arguments) {
+    const TraceRead read = [&arguments](const std::string& path, TraceOutput& output,
+                                        bool& is_damaged) -> std::string {
+        if (path == "-") {
+            return read_reported(stdin, "standard input", arguments, output, is_damaged);
+        }
+        const FileHandle file(fopen(path.c_str(), "rbe"));
+        return file == nullptr ? strerror(errno)
+                               : read_reported(file.get(), path, arguments, output, is_damaged);
+    };
+    return write_report(arguments, read, failure) ? exit_success : exit_failure;
+}
+
 int run(const TraceArguments& arguments) {
     if (arguments.help) {
         fputs(trace_help_text, stdout);
@@ -245,6 +274,9 @@ int run(const TraceArguments& arguments) {
     if (arguments.version) {
         printf("zelfwtrace %s\n", ZELF_VERSION);
         return exit_success;
+    }
+    if (arguments.command == TraceCommand::report) {
+        return report(arguments);
     }
     if (arguments.file == "-") {
         return show(stdin, "standard input", arguments);

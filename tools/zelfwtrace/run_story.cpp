@@ -144,6 +144,15 @@ RunStories::Present& RunStories::present_of(const TraceEntry& entry) {
     return present;
 }
 
+StoryPlace RunStories::place_of(std::uint32_t process) const {
+    const Present& present = present_.at(process);
+    StoryPlace place = {.run = present.run, .attempt = {}};
+    if (present.in_attempt) {
+        place.attempt = runs_[present.run].attempts.size() - 1;
+    }
+    return place;
+}
+
 void RunStories::take(const TraceEntry& entry, const Meaning& meaning) {
     Present& present = present_of(entry);
     Run& run = runs_[present.run];

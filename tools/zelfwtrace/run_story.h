@@ -93,11 +93,19 @@ struct Run {
     std::deque<StoryLine> last_lines;
 };
 
+/// Where a process has come to.
+struct StoryPlace {
+    std::size_t run = 0;                 ///< in `runs`
+    std::optional<std::size_t> attempt;  ///< that is under way, in the run's `attempts`
+};
+
 class RunStories {
   public:
     /// Takes the records one by one, in the order of the file.
     void take(const TraceEntry& entry, const Meaning& meaning);
     const std::vector<Run>& runs() const { return runs_; }
+    /// Of a process that has had a record.
+    StoryPlace place_of(std::uint32_t process) const;
 
   private:
     /// What the run's next attempt will know, and which message waits for its answer.
