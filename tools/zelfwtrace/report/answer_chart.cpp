@@ -10,8 +10,10 @@ namespace {
 
 constexpr std::size_t one_in = 100;
 /// An outlier takes this many times the median's time, and this many milliseconds more.
-constexpr std::uint32_t outlier_factor = 2;
-constexpr std::uint32_t outlier_distance = 3;
+constexpr std::uint32_t outlier_factor = 3;
+constexpr std::uint32_t outlier_distance = 5;
+/// More of them are folded.
+constexpr std::size_t few_outliers = 6;
 /// The drawing's own units.
 constexpr int chart_width = 1000;
 constexpr int chart_height = 100;
@@ -136,7 +138,9 @@ PageJson answer_chart_of(const std::vector<RecordAnswer>& records, std::size_t m
                      {"grid", grid_of(top)},
                      {"dots", dots_of(records, top, most_dots)},
                      {"outliers", PageJson::array()},
-                     {"has_outliers", !times.outliers.empty()}};
+                     {"has_outliers", !times.outliers.empty()},
+                     {"has_many_outliers", times.outliers.size() > few_outliers},
+                     {"outlier_count", counted_words(times.outliers.size(), "outlier")}};
     for (const std::size_t number : times.outliers) {
         json["outliers"].push_back(outlier_of(records, number, top));
     }

@@ -9,13 +9,13 @@
 namespace {
 
 /// A page is to stay below three megabytes, and to open in a second.
-constexpr std::size_t most_dots = 50'000;
-constexpr std::size_t most_conversation_bytes = 800'000;
+constexpr std::size_t most_dots = 40'000;
+constexpr std::size_t most_conversation_bytes = 400'000;
 constexpr std::size_t most_sections = 64;
 constexpr std::size_t most_listed = 1000;
 
 std::string till_name(const ReportedTill& till) {
-    return till.name.empty() ? file_name_of(till.file) : one_line(till.name);
+    return one_line(till.name.empty() ? till.file : till.name);
 }
 
 struct Chosen {
@@ -64,7 +64,7 @@ std::string anchor_of(std::size_t number) {
 
 void add_till(PageJson& json, const Chosen& chosen) {
     json["till"] = till_name(*chosen.till);
-    json["path"] = one_line(chosen.till->file);
+    json["path"] = chosen.till->name.empty() ? "" : one_line(chosen.till->file);
     json["is_damaged"] = chosen.till->is_damaged;
     const std::size_t runs = chosen.till->runs->runs().size();
     json["number"] = "run " + grouped(chosen.run + 1) + " of " + grouped(runs);
@@ -72,10 +72,13 @@ void add_till(PageJson& json, const Chosen& chosen) {
 }
 
 std::string title_of(const std::vector<ReportedTill>& tills, std::size_t runs) {
+    const auto is_named = [](const ReportedTill& till) { return !till.name.empty(); };
     if (tills.size() == 1) {
-        return till_name(tills.front());
+        return is_named(tills.front()) ? till_name(tills.front())
+                                       : file_name_of(tills.front().file);
     }
-    return counted_words(tills.size(), "till") + ", " + counted_words(runs, "run");
+    const char* const thing = std::all_of(tills.begin(), tills.end(), is_named) ? "till" : "file";
+    return counted_words(tills.size(), thing) + ", " + counted_words(runs, "run");
 }
 
 }  // namespace

@@ -103,6 +103,8 @@ PageJson reasons_of(const Explanation& explanation) {
     json["has_evidence"] = !explanation.evidence.empty();
     json["consequences"] = lines_of(explanation.consequences);
     json["has_consequences"] = !explanation.consequences.empty();
+    json["has_details"] = !explanation.state.empty() || !explanation.evidence.empty() ||
+                          !explanation.consequences.empty();
     return json;
 }
 
@@ -126,6 +128,7 @@ PageJson failures_of(const Run& run, const std::vector<Explanation>& explanation
         json["anchor"] = failure_anchor(anchor, i);
         json["subject"] = subject(attempt);
         json["is_component"] = true;
+        json["has_details"] = true;
         json["task"] = task(attempt);
         json["progress"] = progress_words(attempt);
         json["has_wire"] = attempt.last.has_value();
@@ -155,7 +158,7 @@ PageJson attempt_rows(const Run& run, const std::vector<Explanation>& explanatio
                                      attempt.component ? std::to_string(*attempt.component) : "",
                                      attempt.serial.value_or(""));
         add_outcome(row, explanations[i].outcome);
-        row["task"] = kind_name(attempt.kind);
+        row["task"] = attempt.kind == Attempt::Kind::update ? "" : kind_name(attempt.kind);
         row["file"] = file_name_of(attempt.file);
         row["from"] = one_line(attempt.level_before);
         row["to"] = one_line(attempt.level_after);
@@ -236,6 +239,6 @@ PageJson run_section(const Run& run, const RunDigest& digest, zelf::TimeZone zon
     json["charts"] = charts_of(run, digest, limits.dots);
     json["has_charts"] = !json["charts"].empty();
     json["conversation"] = conversation_rows(digest, limits.conversation_bytes);
-    json["talk_lines"] = grouped(json["conversation"].size());
+    json["talk_lines"] = counted_words(json["conversation"].size(), "line");
     return json;
 }

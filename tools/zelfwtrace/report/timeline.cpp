@@ -23,23 +23,29 @@ int devices_of(const Run& run, unsigned int product) {
     return most;
 }
 
-std::set<std::string> serials_of(const Run& run, unsigned int product) {
+std::set<std::string> serials_of(const Run& run, const RunDigest& digest, unsigned int product) {
     std::set<std::string> serials;
+    for (const ListedLevel& level : digest.levels) {
+        if (level.product == printed("%04x", product)) {
+            serials.insert(level.serial);
+        }
+    }
     for (const Attempt& attempt : run.attempts) {
         if (attempt.product == product && attempt.serial) {
-            serials.insert(*attempt.serial);
+            serials.insert(one_line(*attempt.serial));
         }
     }
     return serials;
 }
 
 /// A query names no serial number: with one device of the product it is that one's.
-Lanes::Lane lane_of(const Run& run, const Attempt& attempt) {
-    Lanes::Lane lane = {.product = attempt.product, .serial = attempt.serial.value_or("")};
+Lanes::Lane lane_of(const Run& run, const RunDigest& digest, const Attempt& attempt) {
+    Lanes::Lane lane = {.product = attempt.product,
+                        .serial = one_line(attempt.serial.value_or(""))};
     if (attempt.kind != Attempt::Kind::query) {
         return lane;
     }
-    const std::set<std::string> serials = serials_of(run, attempt.product);
+    const std::set<std::string> serials = serials_of(run, digest, attempt.product);
     if (devices_of(run, attempt.product) > 1 || serials.size() > 1) {
         lane.is_all = true;
     } else if (!serials.empty()) {
@@ -68,10 +74,23 @@ PageJson block_of(const Phase& phase, double length) {
 
 PageJson row_of(const Lanes::Lane& lane, const Phase& phase) {
     return {{"device", printed("%04x", lane.product)},
-            {"serial", one_line(lane.serial)},
+            {"serial", lane.serial},
             {"phase", phase_name(phase.kind)},
             {"begin", printed("%.3f", seconds(phase.begin))},
             {"length", printed("%.3f", seconds(phase.end - phase.begin))}};
+}
+
+/// Of the phases that occur, for the legend.
+PageJson kinds_of(const RunDigest& digest) {
+    std::set<Phase::Kind> kinds;
+    for (const Phase& phase : digest.phases) {
+        kinds.insert(phase.kind);
+    }
+    PageJson json = PageJson::array();
+    for (const Phase::Kind kind : kinds) {
+        json.push_back({{"kind", phase_name(kind)}});
+    }
+    return json;
 }
 
 PageJson mark_of(const Run& run, std::size_t attempt, const Explanation& explanation,
@@ -130,10 +149,10 @@ std::string failure_anchor(const std::string& run_anchor, std::size_t attempt) {
     return run_anchor + "-failure" + std::to_string(attempt + 1);
 }
 
-Lanes lanes_of(const Run& run) {
+Lanes lanes_of(const Run& run, const RunDigest& digest) {
     Lanes lanes;
     for (const Attempt& attempt : run.attempts) {
-        const Lanes::Lane lane = lane_of(run, attempt);
+        const Lanes::Lane lane = lane_of(run, digest, attempt);
         const auto found =
             std::find_if(lanes.lanes.begin(), lanes.lanes.end(),
                          [&lane](const Lanes::Lane& one) { return is_same(one, lane); });
@@ -147,18 +166,17 @@ Lanes lanes_of(const Run& run) {
 
 PageJson timeline_of(const Run& run, const RunDigest& digest,
                      const std::vector<Explanation>& explanations, const std::string& run_anchor) {
-    const Lanes lanes = lanes_of(run);
+    const Lanes lanes = lanes_of(run, digest);
     if (lanes.lanes.empty() || run.length <= 0) {
         return {};
     }
     const double step = round_step(run.length, most_ticks);
-    PageJson json = {{"ticks", ticks_of(run.length, step)},
-                     {"step", percent(step, run.length)},
-                     {"lanes", PageJson::array()},
-                     {"rows", PageJson::array()}};
+    PageJson json = {{"ticks", ticks_of(run.length, step)}, {"step", percent(step, run.length)},
+                     {"kinds", kinds_of(digest)},           {"has_marks", false},
+                     {"lanes", PageJson::array()},          {"rows", PageJson::array()}};
     for (const Lanes::Lane& lane : lanes.lanes) {
         PageJson one = {{"device", printed("%04x", lane.product)},
-                        {"serial", lane.is_all ? "all, lists" : one_line(lane.serial)},
+                        {"serial", lane.is_all ? "all, lists" : lane.serial},
                         {"blocks", PageJson::array()},
                         {"marks", PageJson::array()}};
         json["lanes"].push_back(std::move(one));
@@ -166,6 +184,7 @@ PageJson timeline_of(const Run& run, const RunDigest& digest,
     add_phases(run, digest, lanes, json);
     for (std::size_t attempt = 0; attempt < run.attempts.size(); ++attempt) {
         if (explanations[attempt].cause != nullptr) {
+            json["has_marks"] = true;
             json["lanes"][lanes.of_attempt[attempt]]["marks"].push_back(
                 mark_of(run, attempt, explanations[attempt], run_anchor));
         }

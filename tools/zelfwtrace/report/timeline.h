@@ -13,13 +13,13 @@
 struct Lanes {
     struct Lane {
         unsigned int product = 0;
-        std::string serial;   ///< may be empty
+        std::string serial;   ///< made safe; may be empty
         bool is_all = false;  ///< the lists of several devices that the trace does not tell apart
     };
     std::vector<Lane> lanes;
     std::vector<std::size_t> of_attempt;
 };
-Lanes lanes_of(const Run& run);
+Lanes lanes_of(const Run& run, const RunDigest& digest);
 
 /// Where the page tells of the failure of an attempt: "run1-failure2".
 std::string failure_anchor(const std::string& run_anchor, std::size_t attempt);
