@@ -286,6 +286,9 @@ TEST_F(Completion, OffersZelfwtraceTheOptionsOfItsHelp) {
         EXPECT_THAT(some, testing::IsSupersetOf({"--device", "--utc", "--help", "--version"}));
         all.insert(some.begin(), some.end());
     }
+    const std::vector<std::string> report = offered({"report", "-"}, "zelfwtrace");
+    EXPECT_THAT(report, Not(Contains("--device")));
+    all.insert(report.begin(), report.end());
     EXPECT_THAT(all, testing::UnorderedElementsAreArray(options));
     EXPECT_THAT(offered({"pcap", "-"}, "zelfwtrace"), Not(Contains("--hex")));
     EXPECT_THAT(offered({"explain", "--"}, "zelfwtrace"),
@@ -300,6 +303,7 @@ TEST_F(Completion, OffersZelfwtraceKindsAndFiles) {
     EXPECT_THAT(offered({"pcap", "-o", "tr"}, "zelfwtrace"), ElementsAre("trace.log"));
     EXPECT_THAT(offered({"summary", "tr"}, "zelfwtrace"), ElementsAre("trace.log"));
     EXPECT_THAT(offered({"tr"}, "zelfwtrace"), ElementsAre("trace.log"));
+    EXPECT_THAT(offered({"report", "--tills", "tr"}, "zelfwtrace"), ElementsAre("trace.log"));
     EXPECT_THAT(offered({"su"}, "zelfwtrace"), ElementsAre("summary"));
     EXPECT_THAT(offered({"--from", "t"}, "zelfwtrace"), IsEmpty());
 }
