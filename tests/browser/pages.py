@@ -130,38 +130,37 @@ class Pages(unittest.TestCase):
         probe = (pathlib.Path(__file__).parent / "probe.js").read_text(encoding="utf-8")
         return json.loads(self.browser.evaluate(probe))
 
-    def each_page(self):
+    def test_pages_ask_for_nothing_and_complain_of_nothing(self):
         for name in self.pages:
             with self.subTest(page=name):
-                yield name
-
-    def test_pages_ask_for_nothing_and_complain_of_nothing(self):
-        for name in self.each_page():
-            page = self.seen(name)
-            self.assertEqual(self.browser.asked_for(), [self.pages[name].as_uri()])
-            self.assertEqual(self.browser.complaints(), [])
-            self.assertEqual((page["scripts"], page["foreign"], page["handlers"]), (0, 0, 0))
+                page = self.seen(name)
+                self.assertEqual(self.browser.asked_for(), [self.pages[name].as_uri()])
+                self.assertEqual(self.browser.complaints(), [])
+                self.assertEqual((page["scripts"], page["foreign"], page["handlers"]), (0, 0, 0))
 
     def test_pages_fit_every_width_and_can_be_read_in_the_dark(self):
-        for name in self.each_page():
-            for width, dark in [(1280, True), (375, False)]:
-                page = self.seen(name, width=width, dark=dark)
-                self.assertLessEqual(page["width"], width)
-                self.assertEqual(page["faint"], [])
+        for name in self.pages:
+            with self.subTest(page=name):
+                for width, dark in [(1280, True), (375, False)]:
+                    page = self.seen(name, width=width, dark=dark)
+                    self.assertLessEqual(page["width"], width)
+                    self.assertEqual(page["faint"], [])
 
     def test_pages_are_clear_without_eyes(self):
-        for name in self.each_page():
-            page = self.seen(name)
-            self.assertGreater(page["tables"], 0)
-            for fault in ["bare_tables", "bare_heads", "bare_drawings", "dead_links"]:
-                self.assertEqual(page[fault], 0, fault)
-            self.assertEqual((page["dead_labels"], page["skipped_levels"]), (0, 0))
-            self.assertEqual(page["repeated"], [])
+        for name in self.pages:
+            with self.subTest(page=name):
+                page = self.seen(name)
+                self.assertGreater(page["tables"], 0)
+                for fault in ["bare_tables", "bare_heads", "bare_drawings", "dead_links"]:
+                    self.assertEqual(page[fault], 0, fault)
+                self.assertEqual((page["dead_labels"], page["skipped_levels"]), (0, 0))
+                self.assertEqual(page["repeated"], [])
 
     def test_pages_are_valid(self):
-        for name in self.each_page():
-            done = run("tidy", "-quiet", "-errors", "-utf8", self.pages[name], codes=(0, 1, 2))
-            self.assertEqual((done.returncode, done.stderr), (0, ""))
+        for name in self.pages:
+            with self.subTest(page=name):
+                done = run("tidy", "-quiet", "-errors", "-utf8", self.pages[name], codes=(0, 1, 2))
+                self.assertEqual((done.returncode, done.stderr), (0, ""))
 
     def test_pages_can_be_printed(self):
         for name in ["failed", "fleet"]:
@@ -229,7 +228,7 @@ class Pages(unittest.TestCase):
     def test_page_of_several_runs_leads_to_each(self):
         page = self.seen("several")
         self.assertIn("3 files, 3 runs", page["text"])
-        self.assertEqual([link for link in page["links"][:3]], ["#run1", "#run2", "#run3"])
+        self.assertEqual(page["links"][:3], ["#run1", "#run2", "#run3"])
 
     def test_fleet_shows_each_till_with_its_levels_and_cause(self):
         page = self.seen("fleet")
