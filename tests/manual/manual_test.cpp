@@ -259,7 +259,8 @@ TEST(ToolPages, ExplainEveryCommandOfZelfwfile) {
 TEST(ToolPages, ExplainEveryCommandOfZelfwtrace) {
     const std::string help = run_command({ZELFWTRACE, "--help"}).output;
     const std::set<std::string> commands = all_matches(help, R"(\n  zelfwtrace ([a-z]+) )");
-    EXPECT_THAT(commands, testing::ElementsAre("explain", "pcap", "redact", "report", "show", "summary"));
+    EXPECT_THAT(commands,
+                testing::ElementsAre("explain", "pcap", "redact", "report", "show", "summary"));
     for (const std::string& command : commands) {
         EXPECT_THAT(Page("zelfwtrace.1.scd").source(), HasSubstr("\n*" + command + "* _"));
     }
