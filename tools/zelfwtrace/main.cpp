@@ -243,7 +243,7 @@ std::string read_reported(FILE* stream, const std::string& name, const TraceArgu
                           TraceOutput& output, bool& is_damaged) {
     TraceFilter filter = arguments.filter;
     if (filter.run) {
-        const std::string reason = settle_run(survey(stream), filter.run);
+        std::string reason = settle_run(survey(stream), filter.run);
         if (!reason.empty()) {
             return reason;
         }

@@ -121,6 +121,7 @@ PageJson totals_model(const std::vector<FleetTill>& tills) {
 /// Those that need somebody come first, else in the list's order.
 std::vector<const FleetTill*> in_order(const std::vector<FleetTill>& tills) {
     std::vector<const FleetTill*> order;
+    order.reserve(tills.size());
     for (const FleetTill& till : tills) {
         order.push_back(&till);
     }

@@ -17,7 +17,7 @@ constexpr std::size_t group = 3;
 }  // namespace
 
 std::string grouped(std::uint64_t number) {
-    const std::string digits = std::to_string(number);
+    std::string digits = std::to_string(number);
     if (digits.size() <= group + 1) {
         return digits;
     }

@@ -45,7 +45,7 @@ bool write_file(const std::string& path, const std::string& text, const TellFail
 std::string read_till(const std::string& file, RunDigests& runs, const TraceRead& read,
                       bool& is_damaged) {
     DigestOutput output(runs);
-    const std::string reason = read(file, output, is_damaged);
+    std::string reason = read(file, output, is_damaged);
     output.finish();
     return reason;
 }

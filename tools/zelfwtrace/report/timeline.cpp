@@ -133,12 +133,14 @@ void add_phases(const Run& run, const RunDigest& digest, const Lanes& lanes, Pag
 
 PageJson ticks_of(double length, double step) {
     PageJson ticks = PageJson::array();
-    for (double at = 0; at <= length; at += step) {
+    const int last = static_cast<int>(length / step);
+    for (int i = 0; i <= last; ++i) {
+        const double at = i * step;
         ticks.push_back(
             {{"x", percent(at, length)},
              {"text", step < 1000 ? printed("%.0f ms", at) : printed("%.0f s", seconds(at))},
-             {"is_first", at == 0},
-             {"is_last", at > 0 && at > length * 0.9}});
+             {"is_first", i == 0},
+             {"is_last", i > 0 && at > length * 0.9}});
     }
     return ticks;
 }
