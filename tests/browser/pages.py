@@ -85,7 +85,7 @@ def report(page, *operands, codes=(0,)):
     return page
 
 
-def fleet_in(place, traces):
+def fleet_in(place, traces, more=()):
     tills = [
         {"name": "till-01", "state": "updated", "trace": "updated.trace", "report": "updated.html"},
         {
@@ -99,7 +99,7 @@ def fleet_in(place, traces):
         {"name": "till-04", "state": "unreachable", "reason": "No route to host"},
         {"name": "till-05", "state": "held back", "reason": "till-02 of its batch failed"},
         {"name": "till-06", "state": "not begun"},
-        {"name": HOSTILE, "state": "not begun", "report": "javascript:alert(1)"},
+        *more,
     ]
     (place / "tills.json").write_text(json.dumps(tills), encoding="utf-8")
     page = place / "report.html"
@@ -121,7 +121,8 @@ class Pages(unittest.TestCase):
         cls.pages["several"] = report(
             place / "several.html", traces["failed"], traces["listed"], traces["restarted"]
         )
-        cls.pages["fleet"] = fleet_in(place, traces)
+        hostile = {"name": HOSTILE, "state": "not begun", "report": "javascript:alert(1)"}
+        cls.pages["fleet"] = fleet_in(place, traces, [hostile])
         cls.browser = Browser()
         cls.addClassCleanup(cls.browser.__exit__)
 
