@@ -58,6 +58,8 @@ class ActionModule(ActionBase):
         return self._execute_module(module_args=arguments, task_vars=self.task_vars)
 
     def _ask(self):
+        if self.rollout.till(self.name).get("outcome") == "failed":
+            return None
         try:
             answer = self._module()
             if answer.get("to_bring"):
