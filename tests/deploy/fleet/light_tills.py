@@ -1,9 +1,12 @@
 """Makes tills that are directories of this machine: each has a simulated bus of its own, and the
 updater on it in virtual time."""
 
+import atexit
 import os
 import shutil
+import tempfile
 
+COLLECTION = os.path.join(os.path.dirname(os.path.abspath(__file__)), "../../../deploy/ansible")
 BUSES = os.path.join(os.path.dirname(os.path.abspath(__file__)), "buses")
 USUAL = ("printer", "scanner", "keyboard")
 
@@ -20,6 +23,18 @@ until [ "$(wc -l <{till}/record)" -gt 60 ]; do sleep 0.01; done 2>/dev/null
 kill -9 $!
 touch {till}/off
 """
+
+
+def collections_path(name):
+    """Where Ansible finds the collection; of "tree" a path that leads to the sources."""
+    if name != "tree":
+        return os.path.abspath(name)
+    place = tempfile.mkdtemp(prefix="zelfwupdate-collections-")
+    atexit.register(shutil.rmtree, place)
+    os.makedirs(os.path.join(place, "ansible_collections/zelfwupdate"))
+    link = os.path.join(place, "ansible_collections/zelfwupdate/fleet")
+    os.symlink(os.path.abspath(COLLECTION), link)
+    return place
 
 
 class Shop:

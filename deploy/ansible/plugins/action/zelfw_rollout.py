@@ -50,6 +50,7 @@ class ActionModule(ActionBase):
             result.update(self._begin(rollout, arguments, task_vars))
         elif arguments["state"] == "batch":
             result["stop"] = rollout.stop_before(task_vars["ansible_play_batch"])
+            rollout.keep_stop(result["stop"])
         else:
             rollout.put(
                 task_vars["inventory_hostname"],

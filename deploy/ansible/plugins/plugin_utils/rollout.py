@@ -96,6 +96,11 @@ class Rollout:
             )
         return ""
 
+    def keep_stop(self, reason):
+        """From now on it is stopped, for this reason; not without one."""
+        if reason:
+            write_json(self.file, {**self.plan(), "stop": reason})
+
     def stop_before(self, tills):
         """The same before a batch: behind the canaries one of them must have been tried."""
         reason = self.stop()

@@ -30,14 +30,19 @@ class Connection(LocalConnection):
 
     def exec_command(self, cmd, in_data=None, sudoable=True):
         self._connect()
-        command = "env -i HOME=/root PATH=/usr/sbin:/usr/bin:/sbin:/bin LANG=C.UTF-8 chroot %s /bin/sh -c %s" % (
-            shlex.quote(self.get_option("root")),
-            shlex.quote("cd && " + cmd),
+        command = (
+            "env -i HOME=/root PATH=/usr/sbin:/usr/bin:/sbin:/bin LANG=C.UTF-8 chroot %s /bin/sh -c %s"
+            % (
+                shlex.quote(self.get_option("root")),
+                shlex.quote("cd && " + cmd),
+            )
         )
         return super().exec_command(command, in_data=in_data, sudoable=False)
 
     def _inside(self, path):
-        return self.get_option("root") + os.path.normpath("/root/" + path if path[0] != "/" else path)
+        return self.get_option("root") + os.path.normpath(
+            "/root/" + path if path[0] != "/" else path
+        )
 
     def put_file(self, in_path, out_path):
         self._connect()
