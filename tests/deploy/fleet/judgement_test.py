@@ -4,10 +4,7 @@ import importlib.util
 import pathlib
 import unittest
 
-MODULE = (
-    pathlib.Path(__file__).parents[3]
-    / "deploy/ansible/roles/zelfwupdate/library/zelfw_update.py"
-)
+MODULE = pathlib.Path(__file__).parents[3] / "deploy/ansible/plugins/modules/zelfw_update.py"
 found = importlib.util.spec_from_file_location("zelfw_update", MODULE)
 zelfw_update = importlib.util.module_from_spec(found)
 found.loader.exec_module(zelfw_update)
@@ -105,6 +102,27 @@ class Update(unittest.TestCase):
 
     def test_failed_when_the_look_afterwards_fails(self):
         self.assertIn("exit code 12", zelfw_update.fault_of_update(0, 12, [], []))
+
+
+class Metrics(unittest.TestCase):
+    def test_count_devices_that_are_alike_and_name_no_series_twice(self):
+        levels = {
+            ("3c12", 0, "NO SERIAL NUMBER"): ["01.05.00", "01.05.00"],
+            ("3c12", 1, "NO SERIAL NUMBER"): ["01.00.00", "01.01.00"],
+            PRINTER: ["01.05.01"],
+        }
+        answer = {"outcome": "current", "exit_code": 6, "due": []}
+        text = zelfw_update.metrics_text(answer, levels, 1.5, 2.25)
+        self.assertIn("\nzelfwupdate_devices 3\n", text)
+        self.assertIn('serial="NO SERIAL NUMBER",level="01.05.00"} 2\n', text)
+        series = [line.rsplit(" ", 1)[0] for line in text.splitlines() if line[0] != "#"]
+        self.assertEqual(len(series), len(set(series)))
+
+    def test_serial_number_cannot_end_its_label(self):
+        levels = {("3c35", 0, 'A"} 1\\'): ["01.00.00"]}
+        answer = {"outcome": "due", "exit_code": 0, "due": [{}]}
+        text = zelfw_update.metrics_text(answer, levels, 0, 0)
+        self.assertIn('serial="A\\"} 1\\\\",level', text)
 
 
 class Names(unittest.TestCase):
