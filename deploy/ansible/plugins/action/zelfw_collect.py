@@ -5,6 +5,7 @@ import io
 import tarfile
 
 from ansible.errors import AnsibleError
+from ansible.module_utils.parsing.convert_bool import boolean
 from ansible.plugins.action import ActionBase
 from ansible_collections.zelfwupdate.fleet.plugins.plugin_utils.rollout import COLLECTED, Rollout
 
@@ -29,7 +30,7 @@ class ActionModule(ActionBase):
         result = super().run(tmp, task_vars)
         arguments = dict(self._task.args)
         rollout = Rollout(arguments.pop("collection"))
-        always = arguments.pop("always")
+        always = boolean(arguments.pop("always"))
         name = task_vars["inventory_hostname"]
         till = rollout.till(name)
         # What lies there from an earlier run would be taken for this one's.

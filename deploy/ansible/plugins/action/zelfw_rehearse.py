@@ -1,5 +1,6 @@
 """Rehearses here what the tills of a batch are to do, and holds back those that had better not."""
 
+from ansible.module_utils.parsing.convert_bool import boolean
 from ansible.plugins.action import ActionBase
 from ansible_collections.zelfwupdate.fleet.plugins.plugin_utils.rehearsal import (
     arguments_of_rehearsal,
@@ -24,7 +25,7 @@ class ActionModule(ActionBase):
             for name, till in known.items()
             if till.get("outcome") == "due"
         ]
-        chosen = arguments_of_rehearsal(arguments["arguments"], arguments["force"])
+        chosen = arguments_of_rehearsal(arguments["arguments"], boolean(arguments["force"]))
         came = rehearse_all(tills, arguments["source"], list(arguments["files"]), chosen)
         result["rehearsed"], result["held_back"] = {}, {}
         for name, rehearsal in came.items():

@@ -1,9 +1,11 @@
 """Begins a roll-out and each of its batches, on the controller."""
 
 import os
+import shutil
 
 import yaml
 
+from ansible.module_utils.parsing.convert_bool import boolean
 from ansible.plugins.action import ActionBase
 from ansible_collections.zelfwupdate.fleet.plugins.plugin_utils.firmware import (
     faults_of_files,
@@ -101,6 +103,8 @@ class ActionModule(ActionBase):
             return "zelfwupdate_batch is no number or per cent: %s" % arguments["batch"]
         if int(arguments["max_failures"]) < 0 or int(arguments["at_once"]) < 1:
             return "zelfwupdate_max_failures is below 0, or zelfwupdate_at_once below 1"
+        if boolean(arguments["rehearsal"]) and not shutil.which("zelfwsim"):
+            return "A rehearsal wants zelfwsim here; zelfwupdate_rehearsal leaves it out"
         if not os.path.isdir(arguments["firmware"]) or not firmware_files(arguments["firmware"]):
             return "There are no *.dat files in %s" % arguments["firmware"]
         return None

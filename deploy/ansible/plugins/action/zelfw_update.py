@@ -6,6 +6,7 @@ import os
 import zlib
 
 from ansible.errors import AnsibleConnectionFailure, AnsibleError
+from ansible.module_utils.parsing.convert_bool import boolean
 from ansible.plugins.action import ActionBase
 from ansible_collections.zelfwupdate.fleet.plugins.plugin_utils.rollout import Rollout
 
@@ -73,7 +74,7 @@ class ActionModule(ActionBase):
         except AnsibleError as error:
             answer = {"failed": True, "msg": str(error)}
         answer = judged(answer)
-        if answer["outcome"] == "no devices" and self._task.args["devices_required"]:
+        if answer["outcome"] == "no devices" and boolean(self._task.args["devices_required"]):
             answer["outcome"] = "failed"
         if self._task.check_mode:
             answer["changed"] = answer["outcome"] == "due"

@@ -34,6 +34,9 @@ options:
   max_failures:
     description: How many failures stop the roll-out.
     type: int
+  rehearsal:
+    description: Whether updates are to be rehearsed.
+    type: bool
   msg:
     description: Why a till has failed.
     type: str

@@ -20,7 +20,12 @@ def faults_of_files(directory, names):
     """What is wrong with files that are not whole, a line each."""
     command = ["zelfwfile", "check", "--"]
     command += [os.path.join(os.path.abspath(directory), name) for name in names]
-    check = subprocess.run(command, capture_output=True, text=True, errors="replace", check=False)
+    try:
+        check = subprocess.run(
+            command, capture_output=True, text=True, errors="replace", check=False
+        )
+    except OSError as error:
+        return [str(error)]
     if check.returncode == 0:
         return []
     lines = (check.stdout + check.stderr).splitlines()
