@@ -11,8 +11,7 @@ BUSES = os.path.join(os.path.dirname(os.path.abspath(__file__)), "buses")
 USUAL = ("printer", "scanner", "keyboard")
 
 # A till with a file "dies" is switched off while its first image is sent.
-UPDATER = """\
-#!/bin/sh
+UPDATER = """#!/bin/sh
 bus="--state {till}/state {till}/bus.toml -- {updater}"
 case "$* " in
     *"-o 99 "* | *"-L "*) exec {simulator} run --virtual $bus "$@" ;;
