@@ -75,9 +75,8 @@ def listed_till(rollout, till, row):
     entry = {"name": till, "state": STATES.get(row["outcome"], "not begun")}
     if entry["state"] not in ("updated", "current") or row["outcome"] == "no devices":
         entry["reason"] = "; ".join(filter(None, [row["msg"], *level_texts(row)]))
-    trace = rollout.path(till, "trace.log")
-    if os.path.exists(trace):
-        entry["trace"] = os.path.abspath(trace)
+    if os.path.exists(rollout.path(till, "trace.log")):
+        entry["trace"] = os.path.join(till, "trace.log")
     return entry
 
 
@@ -107,8 +106,8 @@ def write_pages(rollout, tills):
             os.remove(page)
         if "trace" not in entry:
             return ""
-        fault = run_report([entry["trace"], "-o", page])
-        if not fault:
+        fault = run_report([os.path.join(rollout.collection, entry["trace"]), "-o", page])
+        if os.path.exists(page):
             entry["report"] = "tills/" + entry["name"] + ".html"
         return fault
 
