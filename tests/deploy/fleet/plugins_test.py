@@ -66,6 +66,13 @@ class Limit(unittest.TestCase):
             self.rollout.put(till, FAILED)
         self.assertEqual(self.rollout.stop(), "")
 
+    def test_is_met_by_one_canary_that_fails(self):
+        self.rollout.begin(TILLS, ["b"], 9)
+        self.rollout.put("a", FAILED)
+        self.assertEqual(self.rollout.stop(), "")
+        self.rollout.put("b", FAILED)
+        self.assertEqual(self.rollout.stop(), "The canary b failed: broken")
+
     def test_one_canary_that_was_tried_is_enough(self):
         self.rollout.begin(TILLS, ["a", "b"], 1)
         self.rollout.put("a", {**FAILED, "outcome": "unreachable"})
