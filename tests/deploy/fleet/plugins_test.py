@@ -58,7 +58,7 @@ class Limit(unittest.TestCase):
             self.rollout.put(till, FAILED)
         self.assertEqual(self.rollout.stop(), "")
         self.rollout.put("b", FAILED)
-        self.assertIn("The limit of 2 failures was met by a, b", self.rollout.stop())
+        self.assertIn("The limit of failures (2) was met by a, b", self.rollout.stop())
 
     def test_of_0_stops_nothing(self):
         self.rollout.begin(TILLS, [], 0)

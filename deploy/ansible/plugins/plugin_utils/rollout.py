@@ -89,7 +89,7 @@ class Rollout:
                 return "The canary %(till)s failed: %(msg)s" % failure
         limit = plan.get("max_failures", 0)
         if limit and len(failures) >= limit:
-            return "The limit of %d failures was met by %s: %s" % (
+            return "The limit of failures (%d) was met by %s: %s" % (
                 limit,
                 ", ".join(sorted({failure["till"] for failure in failures})),
                 failures[-1]["msg"],
