@@ -106,7 +106,9 @@ def write_pages(rollout, tills):
             os.remove(page)
         if "trace" not in entry:
             return ""
-        fault = run_report([os.path.join(rollout.collection, entry["trace"]), "-o", page])
+        trace = os.path.join(rollout.collection, entry["trace"])
+        fault = run_report([entry["name"] + "=" + trace, "-o", page])
+        # Of a damaged trace there is a page, too, of what can be read.
         if os.path.exists(page):
             entry["report"] = "tills/" + entry["name"] + ".html"
         return fault
