@@ -302,6 +302,10 @@ TEST_F(FirmwareFile, VersionRecordsTooShortForTheirFieldsTellNothing) {
     EXPECT_EQ(s.build_level, 0);
 }
 
+TEST_F(FirmwareFile, LowestLevelShowsTheRecords) {
+    EXPECT_EQ(summary(FirmwareBytes("3C020001").record(0xFF, 2, {5, 9, 9, 7, 9})).component, 5);
+}
+
 TEST_F(FirmwareFile, LevelBelowOneHidesTheRecords) {
     const Summary s = summary(FirmwareBytes("3C020000").record(0xFF, 2, {5, 9, 9, 7, 9}), "a.bin");
     EXPECT_EQ(s.ec_level, 0);

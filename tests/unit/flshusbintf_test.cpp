@@ -751,6 +751,16 @@ TEST_F(UsbInterface, ReadsAnInterfaceWithoutEndpointsOnce) {
     EXPECT_EQ(log.count("Reading USB information again"), 0);
 }
 
+TEST_F(UsbInterface, ReadsNoEndpointsThatAreCountedButNotListed) {
+    FakeUsbDevice& device = flash_device();
+    FakeSetting& setting = device.configurations[0].interfaces[0][0];
+    setting.endpoints = {interrupt_endpoint(0x81, 64), interrupt_endpoint(0x02, 64)};
+    setting.hides_endpoints = true;
+    claim(device);
+    EXPECT_EQ(log.count("3:Endpoints: 2\n"), 1);
+    EXPECT_EQ(intf().EndpointIndex, 0);
+}
+
 TEST_F(UsbInterface, ClaimsAnInterfaceThatTheConfigurationDoesNotHave) {
     FakeUsbDevice& device = flash_device();
     ASSERT_EQ(open(flash_path(device)), 0);

@@ -115,6 +115,16 @@ TEST_F(Enumeration, GivesHubAndPortOfADevice) {
     EXPECT_EQ(tree->find_device_port(3, 17), -1);
 }
 
+TEST_F(Enumeration, GivesNothingOutsideItsTables) {
+    usb.add_hub(1, 1);
+    add(1, 5, {""});
+    build();
+    for (const int index : {-1, 256, 1000}) {
+        EXPECT_EQ(tree->getDevice(index), nullptr) << index;
+        EXPECT_EQ(tree->getHidDevice(index), nullptr) << index;
+    }
+}
+
 TEST_F(Enumeration, KeepsPortZeroAndCountsHubsForADeviceThatNoHubNames) {
     usb.add_hub(1, 1);
     add(1, 5, {""});

@@ -84,7 +84,7 @@ void fill_setting(Configuration& memory, const FakeSetting& from,
     setting.bInterfaceClass = from.interface_class;
     setting.iInterface = from.string_index;
     setting.bNumEndpoints = static_cast<uint8_t>(from.endpoints.size());
-    if (!from.endpoints.empty()) {
+    if (!from.endpoints.empty() && !from.hides_endpoints) {
         setting.endpoint = memory.endpoints.emplace_back(from.endpoints).data();
     }
     if (!from.extra.empty()) {

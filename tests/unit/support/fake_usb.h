@@ -25,6 +25,8 @@ struct FakeSetting {
     uint8_t string_index = 0;
     Bytes extra;
     std::vector<libusb_endpoint_descriptor> endpoints;
+    /// The library counts the endpoints, but has no list of them.
+    bool hides_endpoints = false;
 };
 
 struct FakeConfiguration {
