@@ -278,7 +278,7 @@ int rehearse(std::span<const char* const> arguments) {
     const Pass first = run_pass(*options, bus, place, "first", options->forces);
     const Pass second = run_pass(*options, bus, place, "second", false);
     (options->json ? print_json : print_text)(*options, first, second);
-    if (std::fflush(stdout) != 0) {
+    if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
         return kUnusable;
     }
     return is_due(first, second) ? kStillDue : kSuccess;

@@ -244,7 +244,7 @@ int run(std::span<const char* const> arguments) {
 int main(int argc, char** argv) {
     try {
         const int code = run(std::span(argv, static_cast<std::size_t>(argc)).subspan(1));
-        if (std::fflush(stdout) != 0) {
+        if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
             std::perror("zelfwsim: standard output");
             return kUnusable;
         }

@@ -388,7 +388,9 @@ TEST_F(ZelfwtraceReport, RefusesWordsThatDoNotGoTogether) {
 
 TEST_F(ZelfwtraceReport, ManyDevicesAndRecordsStayBelowThreeMegabytes) {
     constexpr int records = 4096;
-    const int devices = std::string(ZELF_SANITIZED).empty() ? 128 : 16;
+    // With a sanitizer fewer, none of whose lines must be left out.
+    const bool are_many = std::string(ZELF_SANITIZED).empty();
+    const int devices = are_many ? 128 : 16;
     TraceBytes image;
     for (int i = 0; i < records; ++i) {
         add_record(image, i, i % 97 == 0 ? 40 : 2 + i % 3);
@@ -406,7 +408,7 @@ TEST_F(ZelfwtraceReport, ManyDevicesAndRecordsStayBelowThreeMegabytes) {
     const std::string page = page_of_trace(trace);
     EXPECT_EQ(done.code, 0) << done.errors;
     // Not with a matcher, which would print the page.
-    EXPECT_NE(page.find("lines are left out here"), std::string::npos);
+    EXPECT_EQ(page.find("lines are left out here") != std::string::npos, are_many);
     EXPECT_NE(page.find("3c35/0 <small>PR" + std::to_string(devices - 1)), std::string::npos);
     EXPECT_NE(page.find("41 outliers"), std::string::npos);
     EXPECT_THAT(page.size(), Lt(3'000'000U));

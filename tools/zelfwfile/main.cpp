@@ -413,7 +413,8 @@ int main(int argc, char** argv) {
         return usage_error(*reason);
     }
     const int result = run(arguments);
-    if (fflush(stdout) != 0) {
+    // What is longer than the stream's buffer has failed before the flush.
+    if (fflush(stdout) != 0 || ferror(stdout) != 0) {
         perror("zelfwfile: standard output");
         return exit_failure;
     }
