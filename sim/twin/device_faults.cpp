@@ -265,10 +265,23 @@ class FaultFinder {
         return std::nullopt;
     }
 
+    /// How long after the message it went. Both stamps are whole milliseconds: data that could not
+    /// be fetched any more must not be fetched in the twin.
+    static double gone_after(const Step& step, const ToldFailure& failure) {
+        const double told = failure.clock - step.clock;
+        const bool lost_data = std::any_of(step.data.begin(), step.data.end(),
+                                           [](const ToldData& data) { return !data.bytes; });
+        if (!lost_data) {
+            return std::max(0.5, told);
+        }
+        const double heard = step.reports.empty() ? 0 : step.reports.back().clock - step.clock;
+        return std::max(heard + 0.5, told - 1.5);
+    }
+
     void take_failures(const Step& step) {
         const auto failure = fresh_failure(step);
         if (failure && failure->rc == kGone) {
-            unplug(step, failure->clock, std::max(0.5, failure->clock - step.clock),
+            unplug(step, failure->clock, gone_after(step, *failure),
                    "it was gone while its status was read");
         }
     }
