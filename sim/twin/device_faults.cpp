@@ -17,6 +17,7 @@ constexpr int kGone = -4;
 constexpr int kNotClaimed = -2;
 /// Milliseconds that the updater gives a device to answer the stop command.
 constexpr double kPatienceAtClose = 900;
+constexpr double kHalfStamp = 0.5;  ///< of a clock that tells whole milliseconds
 
 // Codes of the USB library.
 FaultAction action_of(int rc) {
@@ -265,17 +266,17 @@ class FaultFinder {
         return std::nullopt;
     }
 
-    /// How long after the message it went. Both stamps are whole milliseconds: data that could not
-    /// be fetched any more must not be fetched in the twin.
+    /// How many milliseconds after the message it went. Both stamps are whole ones, so that it may
+    /// have been one earlier: data that could not be fetched any more must not be in the twin.
     static double gone_after(const Step& step, const ToldFailure& failure) {
         const double told = failure.clock - step.clock;
         const bool lost_data = std::any_of(step.data.begin(), step.data.end(),
                                            [](const ToldData& data) { return !data.bytes; });
         if (!lost_data) {
-            return std::max(0.5, told);
+            return std::max(kHalfStamp, told);
         }
         const double heard = step.reports.empty() ? 0 : step.reports.back().clock - step.clock;
-        return std::max(heard + 0.5, told - 1.5);
+        return std::max(heard + kHalfStamp, told - 3 * kHalfStamp);
     }
 
     void take_failures(const Step& step) {
