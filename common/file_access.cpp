@@ -15,7 +15,7 @@ namespace zelf {
 
 namespace {
 
-constexpr mode_t kMode = 0644;
+constexpr mode_t mode = 0644;
 
 void write_all(int descriptor, const std::string& file, const void* data, std::size_t size) {
     const auto* bytes = static_cast<const char*>(data);
@@ -37,10 +37,10 @@ void write_all(int descriptor, const std::string& file, const void* data, std::s
 class NewFile {
   public:
     explicit NewFile(const std::string& target) : target_(target) {
-        for (int number = 0; number < kMostNames && !descriptor_.is_open(); ++number) {
+        for (int number = 0; number < most_names && !descriptor_.is_open(); ++number) {
             name_ = target + ".new-" + std::to_string(getpid()) + "-" + std::to_string(number);
             descriptor_ = FileDescriptor(
-                open(name_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, kReplacedMode));
+                open(name_.c_str(), O_WRONLY | O_CREAT | O_EXCL | O_CLOEXEC, replaced_mode));
             if (!descriptor_.is_open() && errno != EEXIST) {
                 break;
             }
@@ -64,8 +64,8 @@ class NewFile {
     }
 
   private:
-    static constexpr int kMostNames = 100;
-    static constexpr mode_t kReplacedMode = 0666;
+    static constexpr int most_names = 100;
+    static constexpr mode_t replaced_mode = 0666;
 
     std::string target_;
     std::string name_;
@@ -91,7 +91,7 @@ FileDescriptor::~FileDescriptor() {
 
 FileDescriptor open_for_append(const std::string& file, bool empty) {
     const int flags = O_WRONLY | O_CREAT | O_APPEND | O_CLOEXEC | (empty ? O_TRUNC : 0);
-    FileDescriptor handle(open(file.c_str(), flags, kMode));
+    FileDescriptor handle(open(file.c_str(), flags, mode));
     if (!handle.is_open()) {
         throw FileError(file, 0, std::strerror(errno));
     }
@@ -129,10 +129,10 @@ bool is_directory(const std::string& path) {
 }
 
 void create_directories(const std::string& path) {
-    constexpr mode_t kDirectoryMode = 0777;
+    constexpr mode_t directory_mode = 0777;
     for (std::size_t end = path.find('/', 1);; end = path.find('/', end + 1)) {
         const std::string part = path.substr(0, end);
-        const int error = mkdir(part.c_str(), kDirectoryMode) == 0 ? 0 : errno;
+        const int error = mkdir(part.c_str(), directory_mode) == 0 ? 0 : errno;
         if (error != 0 && !is_directory(part)) {
             throw FileError(path, 0, std::strerror(error));
         }

@@ -6,8 +6,8 @@
 namespace zelf {
 
 std::string printed(const char* format, ...) {
-    constexpr std::size_t kLongest = 1024;
-    char text[kLongest];
+    constexpr std::size_t longest = 1024;
+    char text[longest];
     va_list arguments;
     va_start(arguments, format);
     vsnprintf(text, sizeof(text), format, arguments);

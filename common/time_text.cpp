@@ -11,8 +11,7 @@ namespace zelf {
 
 namespace {
 
-constexpr int kFirstYearOfTm = 1900;
-constexpr std::int64_t kMillisecondsOfASecond = 1000;
+constexpr int first_year_of_tm = 1900;
 
 struct Fields {
     int year, month, day, hour, minute, second;
@@ -41,7 +40,7 @@ std::optional<Fields> local_fields(std::int64_t seconds) {
     if (localtime_r(&time, &local) == nullptr) {
         return std::nullopt;
     }
-    return Fields{local.tm_year + kFirstYearOfTm,
+    return Fields{local.tm_year + first_year_of_tm,
                   local.tm_mon + 1,
                   local.tm_mday,
                   local.tm_hour,
@@ -67,7 +66,7 @@ std::optional<std::int64_t> seconds_of(const Fields& at, TimeZone zone) {
         return time.time_since_epoch().count();
     }
     std::tm local = {};
-    local.tm_year = at.year - kFirstYearOfTm;
+    local.tm_year = at.year - first_year_of_tm;
     local.tm_mon = at.month - 1;
     local.tm_mday = at.day;
     local.tm_hour = at.hour;
@@ -91,8 +90,8 @@ int number_or_zero(const std::string& digits) {
 }  // namespace
 
 std::string time_text(std::int64_t milliseconds, TimeZone zone) {
-    const std::int64_t seconds = milliseconds / kMillisecondsOfASecond;
-    const auto rest = static_cast<int>(milliseconds % kMillisecondsOfASecond);
+    const std::int64_t seconds = milliseconds / milliseconds_of_a_second;
+    const auto rest = static_cast<int>(milliseconds % milliseconds_of_a_second);
     const auto fields =
         zone == TimeZone::utc ? std::optional(utc_fields(seconds)) : local_fields(seconds);
     return fields ? fields_text(*fields, " ", rest)
@@ -100,8 +99,8 @@ std::string time_text(std::int64_t milliseconds, TimeZone zone) {
 }
 
 std::string iso_time_text(std::int64_t milliseconds) {
-    return fields_text(utc_fields(milliseconds / kMillisecondsOfASecond), "T",
-                       static_cast<int>(milliseconds % kMillisecondsOfASecond)) +
+    return fields_text(utc_fields(milliseconds / milliseconds_of_a_second), "T",
+                       static_cast<int>(milliseconds % milliseconds_of_a_second)) +
            "Z";
 }
 
@@ -117,7 +116,7 @@ std::optional<std::int64_t> parse_time(const std::string& text, TimeZone zone, s
         R"((\d{4})-(\d\d)-(\d\d)(?:[ T](\d\d)(?::(\d\d)(?::(\d\d)(?:\.(\d{1,3}))?)?)?(Z)?)?)");
     std::smatch parts;
     if (std::regex_match(text, parts, since_epoch)) {
-        return std::stoll(parts[1].str()) * kMillisecondsOfASecond + fraction(parts[2].str());
+        return std::stoll(parts[1].str()) * milliseconds_of_a_second + fraction(parts[2].str());
     }
     if (std::regex_match(text, time_of_day)) {
         const std::string today = time_text(now, text.back() == 'Z' ? TimeZone::utc : zone);
@@ -134,7 +133,7 @@ std::optional<std::int64_t> parse_time(const std::string& text, TimeZone zone, s
     if (!seconds) {
         return std::nullopt;
     }
-    return *seconds * kMillisecondsOfASecond + fraction(parts[7].str());
+    return *seconds * milliseconds_of_a_second + fraction(parts[7].str());
 }
 
 }  // namespace zelf

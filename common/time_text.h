@@ -8,6 +8,8 @@
 
 namespace zelf {
 
+constexpr std::int64_t milliseconds_of_a_second = 1000;
+
 enum class TimeZone { local, utc };
 
 std::int64_t milliseconds_now();

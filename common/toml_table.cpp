@@ -13,9 +13,9 @@ namespace zelf {
 
 namespace {
 
-constexpr double kLongestMilliseconds = 600000;
-constexpr std::size_t kLongestText = 4096;
-constexpr std::size_t kLongestKey = 32;  ///< that is compared with known ones
+constexpr double longest_milliseconds = 600000;
+constexpr std::size_t longest_text = 4096;
+constexpr std::size_t longest_key = 32;  ///< that is compared with known ones
 
 std::string quoted(std::string_view key) {
     return "\"" + std::string(key) + "\"";
@@ -50,10 +50,10 @@ std::size_t slips(std::string_view left, std::string_view right) {
 
 /// The key that `written` most likely stands for; empty when none is near.
 std::string_view nearest(std::initializer_list<TomlTable::Keys> lists, std::string_view written) {
-    constexpr std::size_t kLettersOfASlip = 3;
+    constexpr std::size_t letters_of_a_slip = 3;
     std::string_view found;
-    std::size_t least = written.size() / kLettersOfASlip + 1;
-    if (written.size() > kLongestKey) {
+    std::size_t least = written.size() / letters_of_a_slip + 1;
+    if (written.size() > longest_key) {
         return found;
     }
     for (const TomlTable::Keys& list : lists) {
@@ -183,7 +183,7 @@ std::optional<std::chrono::microseconds> TomlTable::milliseconds(std::string_vie
         fail(key, quoted(key) + " must be a number of milliseconds");
     }
     const double value = node->value<double>().value_or(-1);
-    if (!(value >= 0 && value <= kLongestMilliseconds)) {
+    if (!(value >= 0 && value <= longest_milliseconds)) {
         fail(key, quoted(key) + " must be 0 to 600000");
     }
     return std::chrono::microseconds(
@@ -251,7 +251,7 @@ std::vector<std::string> TomlTable::texts(std::string_view key) const {
     }
     for (const toml::node& element : *node->as_array()) {
         const toml::value<std::string>* value = element.as_string();
-        if (value == nullptr || value->get().size() > kLongestText) {
+        if (value == nullptr || value->get().size() > longest_text) {
             fail(key, quoted(key) + " must hold texts");
         }
         found.push_back(value->get());

@@ -8,9 +8,9 @@ unsigned char byte_at(std::string_view text, std::size_t at) {
     return at < text.size() ? static_cast<unsigned char>(text[at]) : 0;
 }
 
-constexpr unsigned char kContinuationMask = 0xC0;
-constexpr unsigned char kContinuation = 0x80;
-constexpr unsigned kContinuationBits = 6;
+constexpr unsigned char continuation_mask = 0xC0;
+constexpr unsigned char continuation = 0x80;
+constexpr unsigned continuation_bits = 6;
 
 }  // namespace
 
@@ -30,7 +30,7 @@ std::size_t character_length(std::string_view text) {
     }
     const std::size_t length = lead < 0xE0 ? 2 : lead < 0xF0 ? 3 : 4;
     for (std::size_t i = 2; i < length; ++i) {
-        if ((byte_at(text, i) & kContinuationMask) != kContinuation) {
+        if ((byte_at(text, i) & continuation_mask) != continuation) {
             return 0;
         }
     }
@@ -45,7 +45,7 @@ char32_t code_point(std::string_view character) {
     // The lead byte of n bytes has n ones and a zero in front of its own bits.
     char32_t code = lead & (0x7FU >> character.size());
     for (std::size_t i = 1; i < character.size(); ++i) {
-        code = code << kContinuationBits | (byte_at(character, i) & ~kContinuationMask & 0xFFU);
+        code = code << continuation_bits | (byte_at(character, i) & ~continuation_mask & 0xFFU);
     }
     return code;
 }

@@ -17,7 +17,7 @@ namespace {
 
 using namespace zelfsim::guard;
 
-constexpr std::size_t kMostFound = 8;
+constexpr std::size_t most_found = 8;
 
 /// The next definition of a function. Its type is known only to the caller.
 template <typename Function>
@@ -31,13 +31,13 @@ void* pass_dlopen(const char* name, int flags) {
 }
 
 bool is_usb_library(const char* name) {
-    constexpr const char* kStem = "libusb-1.0";
+    constexpr const char* stem = "libusb-1.0";
     const char* slash = std::strrchr(name, '/');
-    return std::strncmp(slash != nullptr ? slash + 1 : name, kStem, std::strlen(kStem)) == 0;
+    return std::strncmp(slash != nullptr ? slash + 1 : name, stem, std::strlen(stem)) == 0;
 }
 
 void report(char event) {
-    const char* file = std::getenv(kReportVariable);
+    const char* file = std::getenv(report_variable);
     if (file == nullptr) {
         return;
     }
@@ -49,24 +49,24 @@ void report(char event) {
 }
 
 [[noreturn]] void refuse(const char* library, const char* reason) {
-    report(kRefused);
+    report(refused);
     std::array<char, 1024> text{};
     std::snprintf(text.data(), text.size(), "zelfwsim: %s: %s; nothing was sent\n", library,
                   reason != nullptr ? reason : "cannot be opened");
     static_cast<void>(!write(STDERR_FILENO, text.data(), std::strlen(text.data())));
-    _exit(kRefusedExit);
+    _exit(refused_exit);
 }
 
 bool is_simulation(void* library) {
-    return dlsym(library, kMark) != nullptr;
+    return dlsym(library, simulation_mark) != nullptr;
 }
 
 void* open_simulation(int flags) {
-    const char* library = std::getenv(kLibraryVariable);
+    const char* library = std::getenv(library_variable);
     if (library == nullptr) {
-        refuse(kLibraryVariable, "not set; it names the simulation");
+        refuse(library_variable, "not set; it names the simulation");
     }
-    report(kAsked);
+    report(asked);
     void* handle = pass_dlopen(library, flags);
     if (handle == nullptr) {
         refuse(library, dlerror());
@@ -74,19 +74,19 @@ void* open_simulation(int flags) {
     if (!is_simulation(handle)) {
         refuse(library, "not a simulation");
     }
-    report(kOpened);
+    report(opened);
     return handle;
 }
 
 struct Found {
-    std::array<const char*, kMostFound> names{};
+    std::array<const char*, most_found> names{};
     std::size_t count = 0;
 };
 
 int note_usb_library(dl_phdr_info* object, std::size_t, void* argument) {
     auto& found = *static_cast<Found*>(argument);
     if (object->dlpi_name != nullptr && is_usb_library(object->dlpi_name) &&
-        found.count < kMostFound) {
+        found.count < most_found) {
         found.names[found.count++] = object->dlpi_name;
     }
     return 0;
@@ -106,7 +106,7 @@ void refuse_loaded_libraries() {
 }
 
 __attribute__((constructor)) void begin() {
-    report(kGuarded);
+    report(guarded);
     refuse_loaded_libraries();
 }
 

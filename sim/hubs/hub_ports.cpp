@@ -73,16 +73,16 @@ HubPorts ports_of(const BusDescription& description, std::size_t hub) {
 }  // namespace
 
 std::optional<DeviceNode> parse_node(const char* path) {
-    constexpr std::string_view kPrefix = "/proc/bus/usb/";
-    constexpr std::size_t kLength = kPrefix.size() + 7;
+    constexpr std::string_view prefix = "/proc/bus/usb/";
+    constexpr std::size_t length = prefix.size() + 7;
     const std::string_view text = path != nullptr ? path : "";
-    if (text.size() != kLength || !text.starts_with(kPrefix) || text[kPrefix.size() + 3] != '/') {
+    if (text.size() != length || !text.starts_with(prefix) || text[prefix.size() + 3] != '/') {
         return std::nullopt;
     }
     DeviceNode node;
-    for (std::size_t at = kPrefix.size(); at < kLength; ++at) {
-        unsigned& number = at < kPrefix.size() + 3 ? node.bus : node.address;
-        if (at == kPrefix.size() + 3) {
+    for (std::size_t at = prefix.size(); at < length; ++at) {
+        unsigned& number = at < prefix.size() + 3 ? node.bus : node.address;
+        if (at == prefix.size() + 3) {
             continue;
         }
         if (text[at] < '0' || text[at] > '9') {

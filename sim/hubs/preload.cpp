@@ -26,13 +26,13 @@ struct InnerRequest {
     void* data;
 };
 
-constexpr unsigned kUsbIoctlType = 'U';
-constexpr unsigned kPassRequest = 18;
-constexpr unsigned kHubPortInfo = 19;
-constexpr int kDescriptors = 1024;
+constexpr unsigned usb_ioctl_type = 'U';
+constexpr unsigned pass_request = 18;
+constexpr unsigned hub_port_info = 19;
+constexpr int descriptors = 1024;
 
 /// The node behind a descriptor as bus * 256 + address; 0 for a descriptor that is not ours.
-std::array<std::atomic<unsigned>, kDescriptors> nodes;
+std::array<std::atomic<unsigned>, descriptors> nodes;
 
 /// The next definition of a function. Its type is known only to the caller.
 template <typename Function>
@@ -52,7 +52,7 @@ int open_node(const DeviceNode& node, int flags) {
         return -1;
     }
     const int descriptor = pass_open("/dev/null", flags & (O_ACCMODE | O_CLOEXEC), 0);
-    if (descriptor >= 0 && descriptor < kDescriptors) {
+    if (descriptor >= 0 && descriptor < descriptors) {
         nodes[static_cast<std::size_t>(descriptor)] = node.bus * 256 + node.address;
     }
     return descriptor;
@@ -68,17 +68,18 @@ int open_any(const char* path, int flags, mode_t mode) {
 }
 
 unsigned node_of(int descriptor) {
-    return descriptor >= 0 && descriptor < kDescriptors
+    return descriptor >= 0 && descriptor < descriptors
                ? nodes[static_cast<std::size_t>(descriptor)].load()
                : 0;
 }
 
 int answer(const DeviceNode& node, unsigned long request, void* argument) {
     const auto* inner = static_cast<const InnerRequest*>(argument);
-    constexpr unsigned long kPass = _IOWR(kUsbIoctlType, kPassRequest, InnerRequest);
-    constexpr unsigned long kPorts = _IOR(kUsbIoctlType, kHubPortInfo, zelfsim::HubPorts);
-    if ((request & 0xFFFFFFFFU) != kPass || inner == nullptr ||
-        static_cast<unsigned>(inner->code) != kPorts || inner->data == nullptr) {
+    constexpr unsigned long pass = _IOWR(usb_ioctl_type, pass_request, InnerRequest);
+    constexpr unsigned long hub_ports_request =
+        _IOR(usb_ioctl_type, hub_port_info, zelfsim::HubPorts);
+    if ((request & 0xFFFFFFFFU) != pass || inner == nullptr ||
+        static_cast<unsigned>(inner->code) != hub_ports_request || inner->data == nullptr) {
         errno = ENOTTY;
         return -1;
     }
@@ -148,7 +149,7 @@ ZELF_VISIBLE int __open64_2(const char* path, int flags) {
 
 ZELF_VISIBLE int close(int descriptor) {
     static const auto real = next<int (*)(int)>("close");
-    if (descriptor >= 0 && descriptor < kDescriptors) {
+    if (descriptor >= 0 && descriptor < descriptors) {
         nodes[static_cast<std::size_t>(descriptor)] = 0;
     }
     return real(descriptor);

@@ -9,9 +9,9 @@ namespace zelfsim::usb {
 
 namespace {
 
-constexpr std::size_t kConfigurationSize = 9;
-constexpr std::size_t kInterfaceSize = 9;
-constexpr std::size_t kEndpointSize = 7;
+constexpr std::size_t configuration_size = 9;
+constexpr std::size_t interface_size = 9;
+constexpr std::size_t endpoint_size = 7;
 
 /// Walks the descriptors one by one.
 class Walk {
@@ -95,16 +95,16 @@ std::unique_ptr<ConfigurationTree> build_tree(const Bytes& bytes) {
     auto tree = std::make_unique<ConfigurationTree>();
     tree->bytes = bytes;
     Walk walk(tree->bytes);
-    if (walk.next().size() != kConfigurationSize) {
+    if (walk.next().size() != configuration_size) {
         return nullptr;
     }
     fill_head(*tree);
     for (ByteView found = walk.next(); !found.empty(); found = walk.next()) {
-        if (found[1] == kDescriptorInterface && found.size() >= kInterfaceSize) {
+        if (found[1] == descriptor_interface && found.size() >= interface_size) {
             tree->settings.push_back(setting_of(found));
         } else if (tree->settings.empty()) {
             return nullptr;
-        } else if (found[1] == kDescriptorEndpoint && found.size() >= kEndpointSize) {
+        } else if (found[1] == descriptor_endpoint && found.size() >= endpoint_size) {
             tree->endpoints.push_back(endpoint_of(found));
             ++tree->settings.back().bNumEndpoints;
         } else {

@@ -55,7 +55,7 @@ int libusb_get_config_descriptor(libusb_device* device, uint8_t index,
 int libusb_get_config_descriptor_by_value(libusb_device* device, uint8_t value,
                                           libusb_config_descriptor** configuration) {
     return guarded<int>(LIBUSB_ERROR_OTHER, [&]() -> int {
-        return value == zelfsim::kConfigurationValue ? give_configuration(device, configuration)
+        return value == zelfsim::configuration_value ? give_configuration(device, configuration)
                                                      : LIBUSB_ERROR_NOT_FOUND;
     });
 }

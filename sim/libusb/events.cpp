@@ -11,7 +11,7 @@ using zelfsim::usb::World;
 
 namespace {
 
-constexpr timeval kDefaultWait{60, 0};
+constexpr timeval default_wait{60, 0};
 
 std::chrono::microseconds duration_of(const timeval* wait) {
     return wait == nullptr
@@ -132,7 +132,7 @@ int libusb_handle_events_timeout(libusb_context* /*context*/, timeval* wait) {
 }
 
 int libusb_handle_events(libusb_context* /*context*/) {
-    return wait_in_vain(&kDefaultWait);
+    return wait_in_vain(&default_wait);
 }
 
 int libusb_handle_events_locked(libusb_context* /*context*/, timeval* wait) {

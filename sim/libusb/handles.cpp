@@ -17,7 +17,7 @@ using zelfsim::usb::World;
 
 namespace {
 
-constexpr int kHighestInterface = 31;
+constexpr int highest_interface = 31;
 
 /// What an operation on a handle gives: its code, and whether a crash was asked for instead.
 struct Outcome {
@@ -101,7 +101,7 @@ Outcome open_device(World& world, libusb_device* raw, libusb_device_handle** han
 }
 
 Outcome claim(World& world, libusb_device_handle& handle, Peripheral& peripheral, int number) {
-    if (number < 0 || number > kHighestInterface) {
+    if (number < 0 || number > highest_interface) {
         return {LIBUSB_ERROR_INVALID_PARAM, false};
     }
     const auto interface = static_cast<std::uint8_t>(number);
@@ -130,7 +130,7 @@ Outcome detach(libusb_device_handle& handle, Peripheral& peripheral, int number)
         return {LIBUSB_ERROR_NO_DEVICE, false};
     }
     const auto interface = static_cast<std::uint8_t>(number);
-    if (number < 0 || number > kHighestInterface || peripheral.interface(interface) == nullptr) {
+    if (number < 0 || number > highest_interface || peripheral.interface(interface) == nullptr) {
         return {LIBUSB_ERROR_INVALID_PARAM, false};
     }
     if (!peripheral.driver_bound(interface)) {
@@ -150,7 +150,7 @@ Outcome attach(const World& world, libusb_device_handle& handle, Peripheral& per
     }
     const auto interface = static_cast<std::uint8_t>(number);
     const auto* description =
-        number < 0 || number > kHighestInterface ? nullptr : peripheral.interface(interface);
+        number < 0 || number > highest_interface ? nullptr : peripheral.interface(interface);
     if (description == nullptr) {
         return {LIBUSB_ERROR_INVALID_PARAM, false};
     }
@@ -168,7 +168,7 @@ Outcome set_configuration(libusb_device_handle& handle, int configuration) {
     if (!is_alive(handle)) {
         return {LIBUSB_ERROR_NO_DEVICE, false};
     }
-    if (configuration != zelfsim::kConfigurationValue) {
+    if (configuration != zelfsim::configuration_value) {
         return {LIBUSB_ERROR_NOT_FOUND, false};
     }
     return {handle.claims.empty() ? LIBUSB_SUCCESS : LIBUSB_ERROR_BUSY, false};
@@ -248,7 +248,7 @@ int libusb_claim_interface(libusb_device_handle* handle, int number) {
 int libusb_release_interface(libusb_device_handle* handle, int number) {
     return on_handle(handle, "release", std::to_string(number),
                      [&](World&, libusb_device_handle& found, Peripheral&) -> Outcome {
-                         if (number < 0 || number > kHighestInterface) {
+                         if (number < 0 || number > highest_interface) {
                              return {LIBUSB_ERROR_INVALID_PARAM, false};
                          }
                          if (found.claims.erase(static_cast<std::uint8_t>(number)) == 0) {
@@ -266,7 +266,7 @@ int libusb_kernel_driver_active(libusb_device_handle* handle, int number) {
         if (!found || !is_alive(*found)) {
             return LIBUSB_ERROR_NO_DEVICE;
         }
-        return number >= 0 && number <= kHighestInterface &&
+        return number >= 0 && number <= highest_interface &&
                        found->device->peripheral->driver_bound(static_cast<std::uint8_t>(number))
                    ? 1
                    : 0;
@@ -294,7 +294,7 @@ int libusb_get_configuration(libusb_device_handle* handle, int* configuration) {
     if (!found || !is_alive(*found)) {
         return LIBUSB_ERROR_NO_DEVICE;
     }
-    *configuration = zelfsim::kConfigurationValue;
+    *configuration = zelfsim::configuration_value;
     return LIBUSB_SUCCESS;
 }
 
@@ -312,7 +312,7 @@ int libusb_set_interface_alt_setting(libusb_device_handle* handle, int number, i
             if (!is_alive(found)) {
                 return {LIBUSB_ERROR_NO_DEVICE, false};
             }
-            const bool known = number >= 0 && number <= kHighestInterface &&
+            const bool known = number >= 0 && number <= highest_interface &&
                                found.claims.contains(static_cast<std::uint8_t>(number));
             return {known && setting == 0 ? LIBUSB_SUCCESS : LIBUSB_ERROR_NOT_FOUND, false};
         });

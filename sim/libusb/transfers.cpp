@@ -27,7 +27,7 @@ using zelfsim::usb::World;
 
 namespace {
 
-constexpr std::uint16_t kLongestControl = 4096;
+constexpr std::uint16_t longest_control = 4096;
 
 /// The time-out of a transfer; 0 milliseconds means for ever.
 Duration patience_of(unsigned milliseconds) {
@@ -62,10 +62,10 @@ bool claim_for_transfer(World& world, libusb_device_handle& handle,
 bool may_send(World& world, libusb_device_handle& handle, const Setup& setup) {
     const Peripheral& peripheral = *handle.device->peripheral;
     const auto target = static_cast<std::uint8_t>(setup.index & 0xFF);
-    switch (setup.type & zelfsim::kRecipientMask) {
-        case zelfsim::kToInterface:
+    switch (setup.type & zelfsim::recipient_mask) {
+        case zelfsim::to_interface:
             return claim_for_transfer(world, handle, peripheral.interface(target));
-        case zelfsim::kToEndpoint:
+        case zelfsim::to_endpoint:
             return (target & 0x0F) == 0 ||
                    claim_for_transfer(world, handle, peripheral.interface_of_endpoint(target));
         default:
@@ -87,7 +87,7 @@ void wait_out(Reply& reply, unsigned timeout) {
 }
 
 int control(libusb_device_handle* raw, const Setup& setup, unsigned char* data, unsigned timeout) {
-    const bool in = (setup.type & zelfsim::kIn) != 0;
+    const bool in = (setup.type & zelfsim::direction_in) != 0;
     World& world = World::instance();
     Reply reply;
     HandlePointer handle;
@@ -179,7 +179,7 @@ Reply write_endpoint(World& world, std::unique_lock<std::mutex>& lock, libusb_de
 
 int transfer(libusb_device_handle* raw, const char* kind, unsigned char endpoint,
              unsigned char* data, int length, int* actual, unsigned timeout) {
-    const bool in = (endpoint & zelfsim::kIn) != 0;
+    const bool in = (endpoint & zelfsim::direction_in) != 0;
     World& world = World::instance();
     std::unique_lock lock(world.mutex);
     const HandlePointer handle = world.find(raw, kind);
@@ -228,7 +228,7 @@ extern "C" {
 int libusb_control_transfer(libusb_device_handle* handle, uint8_t type, uint8_t request,
                             uint16_t value, uint16_t index, unsigned char* data, uint16_t length,
                             unsigned int timeout) {
-    if (length > kLongestControl) {
+    if (length > longest_control) {
         return LIBUSB_ERROR_INVALID_PARAM;
     }
     return guarded<int>(LIBUSB_ERROR_OTHER, [&] {
@@ -252,20 +252,20 @@ int libusb_bulk_transfer(libusb_device_handle* handle, unsigned char endpoint, u
 
 int libusb_get_string_descriptor_ascii(libusb_device_handle* handle, uint8_t index,
                                        unsigned char* data, int length) {
-    constexpr unsigned kTimeout = 1000;
-    constexpr std::uint8_t kLongest = 255;
-    std::array<unsigned char, kLongest> text{};
+    constexpr unsigned default_timeout = 1000;
+    constexpr std::uint8_t longest = 255;
+    std::array<unsigned char, longest> text{};
     if (index == 0 || length < 1) {
         return LIBUSB_ERROR_INVALID_PARAM;
     }
     const int got =
-        libusb_control_transfer(handle, zelfsim::kIn, zelfsim::kGetDescriptor,
-                                static_cast<std::uint16_t>(zelfsim::kDescriptorString << 8 | index),
-                                zelfsim::kLanguage, text.data(), kLongest, kTimeout);
+        libusb_control_transfer(handle, zelfsim::direction_in, zelfsim::get_descriptor_request,
+                                static_cast<std::uint16_t>(zelfsim::descriptor_string << 8 | index),
+                                zelfsim::us_english, text.data(), longest, default_timeout);
     if (got < 0) {
         return got;
     }
-    if (got < 2 || text[1] != zelfsim::kDescriptorString || text[0] > got) {
+    if (got < 2 || text[1] != zelfsim::descriptor_string || text[0] > got) {
         return LIBUSB_ERROR_IO;
     }
     int count = 0;

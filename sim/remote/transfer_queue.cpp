@@ -11,7 +11,7 @@ namespace zelfsim::remote {
 namespace {
 
 /// How long to look away from a report that is ready and that nobody reads.
-constexpr Duration kUnreadPause = std::chrono::milliseconds(5);
+constexpr Duration unread_pause = std::chrono::milliseconds(5);
 
 /// The record's codes, which are those of the USB library.
 long code_of(Completion completion) {
@@ -55,7 +55,7 @@ void TransferQueue::control(std::uint32_t id, const Setup& setup, ByteView out, 
     entry.kind = "control";
     entry.setup = setup_text(setup);
     entry.out.assign(out.begin(), out.end());
-    entry.endpoint = setup.type & kIn;
+    entry.endpoint = setup.type & direction_in;
     answer(std::move(entry), peripheral_.control(setup, out, Duration::max(), time), time);
 }
 
@@ -126,8 +126,9 @@ std::vector<Finished> TransferQueue::finish(TimePoint time) {
         }
         long code = code_of(entry->result.completion);
         if (code == 0 && entry->kind == "control") {
-            code = static_cast<long>((entry->endpoint & kIn) != 0 ? entry->result.data.size()
-                                                                  : entry->result.accepted);
+            code =
+                static_cast<long>((entry->endpoint & direction_in) != 0 ? entry->result.data.size()
+                                                                        : entry->result.accepted);
         }
         record(*entry, code);
         finished.push_back(std::move(entry->result));
@@ -155,7 +156,7 @@ bool TransferQueue::cancel(std::uint32_t id) {
 std::optional<TimePoint> TransferQueue::next_event(TimePoint time) const {
     std::optional<TimePoint> next = peripheral_.next_event();
     if (next && *next <= time) {
-        next = time + kUnreadPause;
+        next = time + unread_pause;
     }
     for (const Entry& entry : entries_) {
         if (entry.due) {

@@ -20,15 +20,15 @@ namespace zelfsim {
 namespace {
 
 /// Those that a command is ended or told something by, and its own end.
-constexpr std::array kSignals = {SIGINT,  SIGTERM, SIGHUP,   SIGQUIT,
-                                 SIGUSR1, SIGUSR2, SIGWINCH, SIGCHLD};
+constexpr std::array known_signals = {SIGINT,  SIGTERM, SIGHUP,   SIGQUIT,
+                                      SIGUSR1, SIGUSR2, SIGWINCH, SIGCHLD};
 
 /// Blocks the signals for as long as it lives, so that they can be waited for.
 class HeldSignals {
   public:
     HeldSignals() {
         sigemptyset(&signals_);
-        for (const int number : kSignals) {
+        for (const int number : known_signals) {
             sigaddset(&signals_, number);
         }
         sigprocmask(SIG_BLOCK, &signals_, &before_);

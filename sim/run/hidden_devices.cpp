@@ -16,10 +16,10 @@ namespace zelfsim {
 
 namespace {
 
-constexpr std::array<const char*, 2> kNodes = {"/dev/bus/usb", "/proc/bus/usb"};
-constexpr std::array<const char*, 3> kNames = {"libusb-1.0.so", "libusb-1.0.so.0",
-                                               "libusb-1.0.so.0.0.0"};
-constexpr std::array<const char*, 10> kFolders = {
+constexpr std::array<const char*, 2> nodes = {"/dev/bus/usb", "/proc/bus/usb"};
+constexpr std::array<const char*, 3> names = {"libusb-1.0.so", "libusb-1.0.so.0",
+                                              "libusb-1.0.so.0.0.0"};
+constexpr std::array<const char*, 10> folders = {
     "/lib",       "/lib32",         "/lib/x86_64-linux-gnu",     "/lib/i386-linux-gnu",
     "/usr/lib",   "/usr/lib32",     "/usr/lib/x86_64-linux-gnu", "/usr/lib/i386-linux-gnu",
     "/usr/lib64", "/usr/local/lib",
@@ -32,8 +32,8 @@ constexpr std::array<const char*, 10> kFolders = {
 /// The files behind all names that the loader knows by itself, without simulations.
 std::set<std::string> real_libraries() {
     std::set<std::string> files;
-    for (const char* folder : kFolders) {
-        for (const char* name : kNames) {
+    for (const char* folder : folders) {
+        for (const char* name : names) {
             std::error_code error;
             const auto file = std::filesystem::canonical(std::string(folder) + "/" + name, error);
             if (!error && !is_simulation(file)) {
@@ -47,7 +47,7 @@ std::set<std::string> real_libraries() {
 }  // namespace
 
 bool has_device_nodes() {
-    for (const char* folder : kNodes) {
+    for (const char* folder : nodes) {
         std::error_code error;
         if (std::filesystem::directory_iterator(folder, error) !=
             std::filesystem::directory_iterator()) {
@@ -64,11 +64,11 @@ void hide_devices() {
     if (mount(nullptr, "/", nullptr, MS_REC | MS_PRIVATE, nullptr) != 0) {
         fail("a private mount namespace");
     }
-    for (const char* folder : kNodes) {
-        constexpr unsigned long kFlags = MS_RDONLY | MS_NOSUID | MS_NODEV | MS_NOEXEC;
+    for (const char* folder : nodes) {
+        constexpr unsigned long flags = MS_RDONLY | MS_NOSUID | MS_NODEV | MS_NOEXEC;
         std::error_code error;
         if (std::filesystem::is_directory(folder, error) &&
-            mount("tmpfs", folder, "tmpfs", kFlags, "mode=755") != 0) {
+            mount("tmpfs", folder, "tmpfs", flags, "mode=755") != 0) {
             fail(folder);
         }
     }

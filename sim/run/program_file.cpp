@@ -77,7 +77,7 @@ bool is_simulation(const std::string& file) {
         return false;
     }
     const zelf::Bytes bytes = zelf::read_bytes_of(file);
-    const std::string_view mark = guard::kMark;
+    const std::string_view mark = guard::simulation_mark;
     // With the ending, so that no longer name passes for it.
     const auto end = mark.data() + mark.size() + 1;
     return std::search(bytes.begin(), bytes.end(), mark.data(), end) != bytes.end();

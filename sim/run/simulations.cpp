@@ -22,8 +22,8 @@ const char* architecture(WordSize size) {
 }
 
 bool holds_simulation(const std::string& directory, WordSize size) {
-    const std::string simulation = directory + "/" + kSimulationFile;
-    return word_size_of(directory + "/" + kGuardFile) == size && word_size_of(simulation) == size &&
+    const std::string simulation = directory + "/" + simulation_file;
+    return word_size_of(directory + "/" + guard_file) == size && word_size_of(simulation) == size &&
            is_simulation(simulation);
 }
 

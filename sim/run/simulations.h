@@ -9,9 +9,9 @@
 
 namespace zelfsim {
 
-inline constexpr const char* kSimulationFile = "libusb-1.0.so";
-inline constexpr const char* kGuardFile = "libzelfwsim-guard.so";
-inline constexpr const char* kHubsFile = "libzelfwsim-hubs.so";
+inline constexpr const char* simulation_file = "libusb-1.0.so";
+inline constexpr const char* guard_file = "libzelfwsim-guard.so";
+inline constexpr const char* hubs_file = "libzelfwsim-hubs.so";
 
 /// As Debian names it: the folder below /usr/lib, and the architecture of a package.
 const char* triplet(WordSize size);

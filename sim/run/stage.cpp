@@ -17,7 +17,7 @@ namespace zelfsim {
 
 namespace {
 
-constexpr mode_t kReadableByAll = 0755;
+constexpr mode_t readable_by_all = 0755;
 
 std::string make_directory() {
     // Root has a place that no one else writes to and that a restart empties.
@@ -37,7 +37,7 @@ std::string name_of(const std::string& file) {
 
 Stage::Stage() : directory_(make_directory()) {
     // For a command that gives up its rights.
-    chmod(directory_.c_str(), kReadableByAll);
+    chmod(directory_.c_str(), readable_by_all);
     zelf::open_for_append(report_file(), true);
 }
 
@@ -54,7 +54,7 @@ std::string Stage::folder(WordSize size) const {
 
 void Stage::set_library(WordSize size, const std::string& file) {
     std::filesystem::create_symlink(std::filesystem::absolute(file),
-                                    folder(size) + "/" + kSimulationFile);
+                                    folder(size) + "/" + simulation_file);
 }
 
 void Stage::preload(WordSize size, const std::string& file) {
@@ -78,8 +78,8 @@ std::map<std::string, std::string> Stage::environment() const {
         list += std::string(":") + own;
     }
     return {{"LD_PRELOAD", list},
-            {guard::kLibraryVariable, place + kSimulationFile},
-            {guard::kReportVariable, report_file()}};
+            {guard::library_variable, place + simulation_file},
+            {guard::report_variable, report_file()}};
 }
 
 std::string Stage::report() const {

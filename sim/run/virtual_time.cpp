@@ -16,7 +16,7 @@ struct Option {
     const char* variable;
 };
 
-constexpr std::array<Option, 7> kOptions{{
+constexpr std::array<Option, 7> known_options{{
     {"--seed", "ZELFWSIM_TIME_SEED"},
     {"--from-epoch", "ZELFWSIM_TIME_EPOCH"},
     {"--hold-up", "ZELFWSIM_TIME_HOLD_UP"},
@@ -29,7 +29,7 @@ constexpr std::array<Option, 7> kOptions{{
 }  // namespace
 
 const char* virtual_time_variable(std::string_view option) {
-    for (const Option& known : kOptions) {
+    for (const Option& known : known_options) {
         if (known.name == option) {
             return known.variable;
         }
@@ -38,14 +38,14 @@ const char* virtual_time_variable(std::string_view option) {
 }
 
 void begin_virtual_time(const std::map<std::string, std::string>& settings) {
-    for (const Option& option : kOptions) {
+    for (const Option& option : known_options) {
         unsetenv(option.variable);
     }
     for (const auto& [name, value] : settings) {
         setenv(name.c_str(), value.c_str(), 1);
     }
-    constexpr unsigned long kAsItIs = 0xFFFFFFFF;
-    const int persona = personality(kAsItIs);
+    constexpr unsigned long as_it_is = 0xFFFFFFFF;
+    const int persona = personality(as_it_is);
     if (persona < 0 || personality(static_cast<unsigned long>(persona) | ADDR_NO_RANDOMIZE) < 0) {
         throw std::system_error(errno, std::generic_category(), "personality");
     }

@@ -8,7 +8,7 @@
 
 namespace zelfsim {
 
-inline constexpr const char* kTimeFile = "libzelfwsim-time.so";
+inline constexpr const char* time_file = "libzelfwsim-time.so";
 
 /// The variable for an option of virtual time that takes an argument; null when there is none of
 /// that name.

@@ -121,7 +121,7 @@ ZELF_EXPORTED int ftime(timeb* now) {
     const Call call("ftime", nullptr, ZELF_CALLER);
     const Instant instant = look(call, ClockKind::wall);
     *now = {};
-    now->millitm = static_cast<unsigned short>(instant % kSecond / kMillisecond);
+    now->millitm = static_cast<unsigned short>(instant % second / millisecond);
     return failure(put_seconds(instant, now->time));
 }
 
@@ -134,7 +134,7 @@ ZELF_EXPORTED int timespec_get(timespec* moment, int base) noexcept {
 ZELF_EXPORTED clock_t clock() noexcept {
     timespec moment = {};
     get_clock("clock", CLOCK_PROCESS_CPUTIME_ID, &moment, ZELF_CALLER);
-    return static_cast<clock_t>(moment.tv_sec * CLOCKS_PER_SEC + moment.tv_nsec / kMicrosecond);
+    return static_cast<clock_t>(moment.tv_sec * CLOCKS_PER_SEC + moment.tv_nsec / microsecond);
 }
 
 // NOLINTBEGIN(bugprone-reserved-identifier): the names are the C library's

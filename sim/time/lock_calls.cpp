@@ -27,8 +27,8 @@ int give_back(pthread_mutex_t* mutex) {
 
 /// Whether the calling thread has a mutex of the kind that finds such errors.
 bool would_lock_twice(const Call& call, const pthread_mutex_t* mutex) {
-    constexpr int kKindMask = 3;
-    return (mutex->__data.__kind & kKindMask) == PTHREAD_MUTEX_ERRORCHECK &&
+    constexpr int kind_mask = 3;
+    return (mutex->__data.__kind & kind_mask) == PTHREAD_MUTEX_ERRORCHECK &&
            mutex->__data.__owner == call.thread().id;
 }
 
@@ -95,8 +95,8 @@ int wait_until(const char* name, pthread_cond_t* condition, pthread_mutex_t* mut
 
 /// The clock that the condition variable was made for.
 clockid_t clock_of(const pthread_cond_t* condition) {
-    constexpr unsigned kClockMask = 2;
-    return (condition->__data.__wrefs & kClockMask) != 0 ? CLOCK_MONOTONIC : CLOCK_REALTIME;
+    constexpr unsigned clock_mask = 2;
+    return (condition->__data.__wrefs & clock_mask) != 0 ? CLOCK_MONOTONIC : CLOCK_REALTIME;
 }
 
 }  // namespace

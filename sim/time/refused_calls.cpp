@@ -21,7 +21,7 @@
 namespace {
 
 /// The kernel's own calls that wait, or show a clock.
-constexpr std::array kRefused {
+constexpr std::array waiting_calls {
     SYS_futex, SYS_select, SYS_poll, SYS_nanosleep, SYS_clock_nanosleep, SYS_epoll_wait,
         SYS_clock_gettime, SYS_gettimeofday, SYS_time, SYS_pselect6, SYS_ppoll, SYS_epoll_pwait,
         SYS_rt_sigtimedwait, SYS_pause, SYS_clone,
@@ -36,7 +36,7 @@ constexpr std::array kRefused {
 extern "C" {
 
 ZELF_EXPORTED long syscall(long number, ...) {
-    if (std::find(kRefused.begin(), kRefused.end(), number) != kRefused.end()) {
+    if (std::find(waiting_calls.begin(), waiting_calls.end(), number) != waiting_calls.end()) {
         zelfsim::virtual_time::end_refused("syscall", " " + std::to_string(number), ZELF_CALLER);
     }
     std::array<long, 6> arguments{};

@@ -20,13 +20,13 @@ namespace zelfsim::virtual_time {
 namespace {
 
 /// How seldom a thread is put off where it could have gone on, in a run with a seed.
-constexpr std::uint64_t kSwitchOneIn = 4;
+constexpr std::uint64_t switch_one_in = 4;
 /// How seldom a thread that could go on is held up, as on a busy machine, and for how long at most.
-constexpr std::uint64_t kHeldUpOneIn = 16;
-constexpr Instant kLongestHoldUp = 20 * kMillisecond;
-constexpr std::uint64_t kHeldUpLongOneIn = 1024;
+constexpr std::uint64_t held_up_one_in = 16;
+constexpr Instant short_hold_up = 20 * millisecond;
+constexpr std::uint64_t held_up_long_one_in = 1024;
 /// In the plain order a thread that never waits gives way after so many calls.
-constexpr std::uint64_t kLongestTurn = 1000;
+constexpr std::uint64_t longest_turn = 1000;
 
 // The model is the one for objects that are there from the start.
 __attribute__((tls_model("initial-exec"))) thread_local Thread* current = nullptr;
@@ -84,13 +84,13 @@ Thread* Scheduler::self() {
 }
 
 Instant Scheduler::look_at_clock() {
-    clock_.go_on_to(clock_.now() + kMicrosecond);
+    clock_.go_on_to(clock_.now() + microsecond);
     return clock_.now();
 }
 
 std::string Scheduler::instant_text() const {
     char text[32];
-    const Instant elapsed = (clock_.now() - clock_.begin()) / kMicrosecond;
+    const Instant elapsed = (clock_.now() - clock_.begin()) / microsecond;
     std::snprintf(text, sizeof text, "%lld.%06lld s", static_cast<long long>(elapsed / 1'000'000),
                   static_cast<long long>(elapsed % 1'000'000));
     return text;
@@ -98,7 +98,7 @@ std::string Scheduler::instant_text() const {
 
 void Scheduler::count_step(const Place& place) {
     last_steps_[next_step_] = {current->number, place};
-    next_step_ = (next_step_ + 1) % kRemembered;
+    next_step_ = (next_step_ + 1) % remembered;
     ++steps_of_turn_;
     all_steps_.store(all_steps_ + 1);
     if (++steps_ > settings_.most_steps) {
@@ -111,7 +111,7 @@ void Scheduler::enter(const Place& place) {
     count_step(place);
     expire();
     const bool put_off =
-        settings_.seed != 0 ? chance_.one_in(kSwitchOneIn) : steps_of_turn_ > kLongestTurn;
+        settings_.seed != 0 ? chance_.one_in(switch_one_in) : steps_of_turn_ > longest_turn;
     if (put_off) {
         give_way();
     }
@@ -160,9 +160,9 @@ void Scheduler::make_ready(Thread& thread, Wake wake) {
 
 void Scheduler::hold_up(Thread& thread) {
     Instant longest = 0;
-    if (chance_.one_in(kHeldUpOneIn)) {
-        longest = std::min(kLongestHoldUp, settings_.longest_hold_up);
-    } else if (chance_.one_in(kHeldUpLongOneIn)) {
+    if (chance_.one_in(held_up_one_in)) {
+        longest = std::min(short_hold_up, settings_.longest_hold_up);
+    } else if (chance_.one_in(held_up_long_one_in)) {
         longest = settings_.longest_hold_up;
     }
     if (longest > 0) {
@@ -230,7 +230,7 @@ void Scheduler::jump_to(Instant instant) {
     clock_.go_on_to(instant);
     steps_ = 0;
     if (clock_.now() - clock_.begin() > settings_.limit) {
-        end_livelocked("the run takes more than " + std::to_string(settings_.limit / kSecond) +
+        end_livelocked("the run takes more than " + std::to_string(settings_.limit / second) +
                        " seconds");
     }
     expire();
@@ -388,14 +388,14 @@ void Scheduler::end_deadlocked() {
         }
     }
     tell(text);
-    end_run(kDeadlock);
+    end_run(deadlock);
 }
 
 void Scheduler::end_livelocked(const std::string& reason) {
     std::string text =
         "zelfwsim: livelock after " + instant_text() + ": " + reason + "; the last calls:\n";
-    for (std::size_t index = 0; index < kRemembered; ++index) {
-        const Step& step = last_steps_[(next_step_ + index) % kRemembered];
+    for (std::size_t index = 0; index < remembered; ++index) {
+        const Step& step = last_steps_[(next_step_ + index) % remembered];
         if (step.place.call != nullptr) {
             Thread shown;
             shown.number = step.thread;
@@ -404,7 +404,7 @@ void Scheduler::end_livelocked(const std::string& reason) {
         }
     }
     tell(text);
-    end_run(kLivelock);
+    end_run(livelock);
 }
 
 Call::Call(const char* name, const void* object, const void* caller) : thread_(Scheduler::self()) {

@@ -112,7 +112,7 @@ class Scheduler {
     std::string describe(const Thread& thread) const;
     std::string instant_text() const;
 
-    static constexpr std::size_t kRemembered = 12;
+    static constexpr std::size_t remembered = 12;
     struct Step {
         unsigned thread = 0;
         Place place;
@@ -128,7 +128,7 @@ class Scheduler {
     std::uint64_t steps_of_turn_ = 0;  // since the thread's turn began
     std::atomic<std::uint32_t> all_steps_{0};
     std::uint32_t steps_at_last_look_ = 0;
-    std::array<Step, kRemembered> last_steps_;
+    std::array<Step, remembered> last_steps_;
     std::size_t next_step_ = 0;
     Thread* ending_ = nullptr;  // has passed its turn on, and is on its way out
 };

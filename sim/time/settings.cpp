@@ -9,12 +9,12 @@ namespace zelfsim::virtual_time {
 
 namespace {
 
-constexpr long long kLongest = 4'000'000'000;
-constexpr long long kDefaultLimit = 3600;
-constexpr long long kDefaultHoldUp = 20;
-constexpr long long kLongestHoldUp = 60000;
-constexpr long long kDefaultBusy = 20;
-constexpr long long kDefaultSteps = 1'000'000;
+constexpr long long longest = 4'000'000'000;
+constexpr long long default_limit = 3600;
+constexpr long long default_hold_up = 20;
+constexpr long long hold_up_limit = 60000;
+constexpr long long default_busy = 20;
+constexpr long long default_steps = 1'000'000;
 
 /// The number at `text`, and where it ends.
 long long number_at(const char* name, const char* text, long long least, long long most,
@@ -50,11 +50,11 @@ std::optional<ClockStep> clock_step(const char* name) {
     }
     const char* end = nullptr;
     ClockStep step;
-    step.by = number_at(name, text, -kLongest, kLongest, &end) * kSecond;
+    step.by = number_at(name, text, -longest, longest, &end) * second;
     if (*end != '@') {
         end_unusable(name, text);
     }
-    step.after = number_at(name, end + 1, 0, kLongest, &end) * kMillisecond;
+    step.after = number_at(name, end + 1, 0, longest, &end) * millisecond;
     if (*end != '\0') {
         end_unusable(name, text);
     }
@@ -66,17 +66,17 @@ std::optional<ClockStep> clock_step(const char* name) {
 Settings Settings::from_environment() {
     Settings settings;
     settings.seed =
-        static_cast<std::uint64_t>(number("ZELFWSIM_TIME_SEED", 0, kLongest).value_or(0));
-    if (const auto epoch = number("ZELFWSIM_TIME_EPOCH", 0, kLongest)) {
-        settings.epoch = *epoch * kSecond;
+        static_cast<std::uint64_t>(number("ZELFWSIM_TIME_SEED", 0, longest).value_or(0));
+    if (const auto epoch = number("ZELFWSIM_TIME_EPOCH", 0, longest)) {
+        settings.epoch = *epoch * second;
     }
-    settings.limit = number("ZELFWSIM_TIME_LIMIT", 1, kLongest).value_or(kDefaultLimit) * kSecond;
+    settings.limit = number("ZELFWSIM_TIME_LIMIT", 1, longest).value_or(default_limit) * second;
     settings.most_steps = static_cast<std::uint64_t>(
-        number("ZELFWSIM_TIME_STEPS", 1, kLongest).value_or(kDefaultSteps));
+        number("ZELFWSIM_TIME_STEPS", 1, longest).value_or(default_steps));
     settings.longest_hold_up =
-        number("ZELFWSIM_TIME_HOLD_UP", 0, kLongestHoldUp).value_or(kDefaultHoldUp) * kMillisecond;
+        number("ZELFWSIM_TIME_HOLD_UP", 0, hold_up_limit).value_or(default_hold_up) * millisecond;
     settings.longest_busy =
-        static_cast<long>(number("ZELFWSIM_TIME_BUSY", 1, kDefaultLimit).value_or(kDefaultBusy));
+        static_cast<long>(number("ZELFWSIM_TIME_BUSY", 1, default_limit).value_or(default_busy));
     settings.step = clock_step("ZELFWSIM_TIME_STEP");
     return settings;
 }

@@ -144,7 +144,7 @@ int poll_descriptors(pollfd* descriptors, nfds_t count, int milliseconds, const 
     }
     Instant rest = 0;
     return select_nothing(
-        call, milliseconds < 0 ? std::nullopt : std::optional(milliseconds * kMillisecond), rest);
+        call, milliseconds < 0 ? std::nullopt : std::optional(milliseconds * millisecond), rest);
 }
 
 }  // namespace

@@ -19,7 +19,7 @@ namespace zelfsim::virtual_time {
 namespace {
 
 /// The process's number, the same in every run.
-constexpr pid_t kProcess = 1000;
+constexpr pid_t process_number = 1000;
 
 void* run_thread(void* raw) {
     auto* thread = static_cast<Thread*>(raw);
@@ -95,7 +95,7 @@ int join_until(const char* name, pthread_t handle, void** result, clockid_t cloc
 }
 
 bool is_this_process(pid_t process) {
-    return process == kProcess || process == kernel(SYS_getpid);
+    return process == process_number || process == kernel(SYS_getpid);
 }
 
 }  // namespace
@@ -178,12 +178,12 @@ ZELF_EXPORTED int pthread_once(pthread_once_t* control, void (*routine)()) {
 }
 
 ZELF_EXPORTED pid_t getpid() noexcept {
-    return kProcess;
+    return process_number;
 }
 
 ZELF_EXPORTED pid_t gettid() noexcept {
     const Thread* const thread = Scheduler::self();
-    return kProcess + (thread != nullptr ? static_cast<pid_t>(thread->number) - 1 : 0);
+    return process_number + (thread != nullptr ? static_cast<pid_t>(thread->number) - 1 : 0);
 }
 
 /// A signal for this process is one for its main thread, and handled when that goes on.

@@ -28,31 +28,31 @@ struct Timeval64 {
 /// None for a time that is none.
 template <typename Time>
 std::optional<Instant> from_moment(const Time& moment) {
-    if (moment.tv_sec < 0 || moment.tv_nsec < 0 || moment.tv_nsec >= kSecond) {
+    if (moment.tv_sec < 0 || moment.tv_nsec < 0 || moment.tv_nsec >= second) {
         return std::nullopt;
     }
-    constexpr std::int64_t kLongest = std::numeric_limits<Instant>::max() / kSecond / 2;
-    const std::int64_t seconds = moment.tv_sec < kLongest ? std::int64_t{moment.tv_sec} : kLongest;
-    return seconds * kSecond + moment.tv_nsec;
+    constexpr std::int64_t longest = std::numeric_limits<Instant>::max() / second / 2;
+    const std::int64_t seconds = moment.tv_sec < longest ? std::int64_t{moment.tv_sec} : longest;
+    return seconds * second + moment.tv_nsec;
 }
 
 template <typename Value>
 std::optional<Instant> from_value(const Value& value) {
-    constexpr std::int64_t kMicroseconds = 1'000'000;
+    constexpr std::int64_t microseconds_of_a_second = 1'000'000;
     // More than a second in the second field is taken, as the kernel does.
     if (value.tv_sec < 0 || value.tv_usec < 0) {
         return std::nullopt;
     }
     const std::int64_t microseconds = value.tv_usec;
-    return from_moment(Timespec64{value.tv_sec + microseconds / kMicroseconds,
-                                  static_cast<std::int32_t>(microseconds % kMicroseconds * 1000),
-                                  0});
+    return from_moment(
+        Timespec64{value.tv_sec + microseconds / microseconds_of_a_second,
+                   static_cast<std::int32_t>(microseconds % microseconds_of_a_second * 1000), 0});
 }
 
 /// 0, or EOVERFLOW when the seconds do not fit.
 template <typename Seconds>
 int put_seconds(Instant instant, Seconds& seconds) {
-    const std::int64_t whole = instant / kSecond;
+    const std::int64_t whole = instant / second;
     if (whole > std::numeric_limits<Seconds>::max()) {
         return EOVERFLOW;
     }
@@ -62,13 +62,13 @@ int put_seconds(Instant instant, Seconds& seconds) {
 
 template <typename Time>
 int put_moment(Instant instant, Time& moment) {
-    moment.tv_nsec = static_cast<decltype(moment.tv_nsec)>(instant % kSecond);
+    moment.tv_nsec = static_cast<decltype(moment.tv_nsec)>(instant % second);
     return put_seconds(instant, moment.tv_sec);
 }
 
 template <typename Value>
 int put_value(Instant instant, Value& value) {
-    value.tv_usec = static_cast<decltype(value.tv_usec)>(instant % kSecond / kMicrosecond);
+    value.tv_usec = static_cast<decltype(value.tv_usec)>(instant % second / microsecond);
     return put_seconds(instant, value.tv_sec);
 }
 

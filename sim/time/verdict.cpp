@@ -40,7 +40,7 @@ void end_run(int code) {
 void end_refused(const char* call, const std::string& why, const void* caller) {
     tell("zelfwsim: virtual time does not know " + std::string(call) + why + ", called from " +
          place_of(caller) + "\n");
-    end_run(kRefused);
+    end_run(refused);
 }
 
 void end_refused(const char* call, const void* caller) {
@@ -49,7 +49,7 @@ void end_refused(const char* call, const void* caller) {
 
 void end_unusable(const char* variable, const char* text) {
     tell("zelfwsim: " + std::string(variable) + "=" + text + ": not a number in range\n");
-    end_run(kRefused);
+    end_run(refused);
 }
 
 }  // namespace zelfsim::virtual_time

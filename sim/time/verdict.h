@@ -7,9 +7,9 @@
 namespace zelfsim::virtual_time {
 
 /// Exit codes, away from those of the program and of the tools.
-constexpr int kDeadlock = 116;
-constexpr int kLivelock = 117;
-constexpr int kRefused = 118;
+constexpr int deadlock = 116;
+constexpr int livelock = 117;
+constexpr int refused = 118;
 
 /// "zelfwupdate+0x1234" for an address in a file that is loaded.
 std::string place_of(const void* address);

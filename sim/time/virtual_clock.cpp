@@ -12,13 +12,13 @@ namespace zelfsim::virtual_time {
 
 namespace {
 
-constexpr const char* kFile = "virtual-clock";
+constexpr const char* file = "virtual-clock";
 
 /// The instant in the file, as memory that outlives the process; null when there can be none.
 Instant* map_instant(const char* directory) {
     char name[4096];
     mkdir(directory, 0755);
-    std::snprintf(name, sizeof name, "%s/%s", directory, kFile);
+    std::snprintf(name, sizeof name, "%s/%s", directory, file);
     const int descriptor = open(name, O_RDWR | O_CREAT | O_CLOEXEC | O_NOFOLLOW, 0644);
     if (descriptor < 0) {
         return nullptr;
@@ -34,12 +34,12 @@ Instant* map_instant(const char* directory) {
 }  // namespace
 
 void VirtualClock::start(const char* directory) {
-    constexpr Instant kLatest = 4'000'000'000 * kSecond;
+    constexpr Instant latest = 4'000'000'000 * second;
     if (directory != nullptr && *directory != '\0') {
         kept_ = map_instant(directory);
     }
     if (kept_ != nullptr) {
-        now_ = std::clamp(*kept_, kOrigin, kLatest);
+        now_ = std::clamp(*kept_, origin, latest);
     }
     begin_ = now_;
 }

@@ -10,13 +10,13 @@ namespace zelfsim::virtual_time {
 /// Nanoseconds; of the clock that is never set, unless said otherwise.
 using Instant = std::int64_t;
 
-constexpr Instant kMicrosecond = 1'000;
-constexpr Instant kMillisecond = 1'000'000;
-constexpr Instant kSecond = 1'000'000'000;
+constexpr Instant microsecond = 1'000;
+constexpr Instant millisecond = 1'000'000;
+constexpr Instant second = 1'000'000'000;
 
 /// The first instant of a state directory, or of a run without one: 2026-01-01 00:00:00 UTC. Far
 /// from what the real steady clock shows, so that no device waits for an instant of the other kind.
-constexpr Instant kOrigin = 1'767'225'600 * kSecond;
+constexpr Instant origin = 1'767'225'600 * second;
 
 /// The clocks a deadline can be told by.
 enum class ClockKind { steady, wall };
@@ -47,8 +47,8 @@ class VirtualClock {
     void go_on_to(Instant instant);
 
   private:
-    Instant now_ = kOrigin;
-    Instant begin_ = kOrigin;
+    Instant now_ = origin;
+    Instant begin_ = origin;
     Instant wall_offset_ = 0;
     Instant* kept_ = nullptr;  // in the state directory
 };

@@ -2,6 +2,7 @@
 
 #include "common/file_access.h"
 #include "tool/child.h"
+#include "tool/exit_code.h"
 #include "twin/story.h"
 #include "twin/twin.h"
 
@@ -10,15 +11,13 @@
 #include <string_view>
 
 int clone_devices(std::span<const char* const> arguments) {
-    constexpr int kSuccess = 0;
-    constexpr int kWrongArguments = 1;
     std::string output;
     std::string updater;
     for (std::size_t at = 0; at < arguments.size(); ++at) {
         const std::string_view name = arguments[at];
         if ((name != "-o" && name != "--updater") || at + 1 == arguments.size()) {
             std::fprintf(stderr, "zelfwsim: wrong arguments of clone\nTry: zelfwsim --help\n");
-            return kWrongArguments;
+            return wrong_arguments;
         }
         (name == "-o" ? output : updater) = arguments[++at];
     }
@@ -38,5 +37,5 @@ int clone_devices(std::span<const char* const> arguments) {
     } else {
         zelf::replace_file(output, std::string_view(bus));
     }
-    return kSuccess;
+    return success;
 }

@@ -1,6 +1,7 @@
 #include "tool/from_trace.h"
 
 #include "common/file_access.h"
+#include "tool/exit_code.h"
 #include "twin/story.h"
 #include "twin/twin.h"
 
@@ -13,9 +14,6 @@
 
 namespace {
 
-constexpr int kSuccess = 0;
-constexpr int kWrongArguments = 1;
-
 struct TwinOptions {
     std::string trace;
     std::string output;
@@ -27,7 +25,7 @@ bool parse_run(std::string_view text, int& run) {
     return error == std::errc{} && end == text.data() + text.size() && run != 0;
 }
 
-std::optional<TwinOptions> parse(std::span<const char* const> arguments) {
+std::optional<TwinOptions> parse_twin(std::span<const char* const> arguments) {
     TwinOptions options;
     for (std::size_t at = 0; at < arguments.size(); ++at) {
         const std::string_view name = arguments[at];
@@ -50,10 +48,10 @@ std::optional<TwinOptions> parse(std::span<const char* const> arguments) {
 }  // namespace
 
 int make_twin(std::span<const char* const> arguments) {
-    const auto options = parse(arguments);
+    const auto options = parse_twin(arguments);
     if (!options) {
         std::fprintf(stderr, "zelfwsim: wrong arguments of from-trace\nTry: zelfwsim --help\n");
-        return kWrongArguments;
+        return wrong_arguments;
     }
     const zelfsim::Story story = zelfsim::read_story(options->trace, options->run);
     const std::string bus = zelfsim::twin_of(story, options->trace);
@@ -65,5 +63,5 @@ int make_twin(std::span<const char* const> arguments) {
     } else {
         zelf::replace_file(options->output, std::string_view(bus));
     }
-    return kSuccess;
+    return success;
 }

@@ -3,6 +3,7 @@
 #include "common/file_access.h"
 #include "model/bus_file/bus_file.h"
 #include "tool/child.h"
+#include "tool/exit_code.h"
 #include "twin/plan.h"
 #include "twin/story.h"
 #include "twin/twin.h"
@@ -27,12 +28,9 @@ using zelfsim::PlannedFile;
 using zelfsim::PlannedUpdate;
 using zelfsim::UpdatePlan;
 
-constexpr int kSuccess = 0;
-constexpr int kWrongArguments = 1;
-constexpr int kUnusable = 2;
-constexpr int kStillDue = 3;
+constexpr int still_due = 3;
 /// The first exit code that tells of the simulation, not of the updater.
-constexpr int kFirstOfSimulation = 116;
+constexpr int first_of_simulation = 116;
 
 struct RehearsalOptions {
     std::string origin;
@@ -46,12 +44,12 @@ struct RehearsalOptions {
 /// Options of the updater that choose devices or change how it goes on; the others write files, or
 /// are commands.
 bool takes_argument(std::string_view option) {
-    constexpr std::array<std::string_view, 8> kOptions{"-d", "-s", "-o", "-0",
-                                                       "-1", "-2", "-3", "-4"};
-    return std::find(kOptions.begin(), kOptions.end(), option) != kOptions.end();
+    constexpr std::array<std::string_view, 8> known_options{"-d", "-s", "-o", "-0",
+                                                            "-1", "-2", "-3", "-4"};
+    return std::find(known_options.begin(), known_options.end(), option) != known_options.end();
 }
 
-std::optional<RehearsalOptions> parse(std::span<const char* const> arguments) {
+std::optional<RehearsalOptions> parse_rehearsal(std::span<const char* const> arguments) {
     RehearsalOptions options;
     for (std::size_t at = 0; at < arguments.size(); ++at) {
         const std::string name = arguments[at];
@@ -165,7 +163,7 @@ Pass run_pass(const RehearsalOptions& options, const std::string& bus, const std
     }
     Pass pass;
     pass.code = run_child(command, place + "/" + name + ".console");
-    if (pass.code >= kFirstOfSimulation || !zelf::exists(trace)) {
+    if (pass.code >= first_of_simulation || !zelf::exists(trace)) {
         throw zelf::FileError(options.origin, 0,
                               "the updater could not run, exit code " + std::to_string(pass.code));
     }
@@ -260,10 +258,10 @@ void print_text(const RehearsalOptions& options, const Pass& first, const Pass& 
 }  // namespace
 
 int rehearse(std::span<const char* const> arguments) {
-    const auto options = parse(arguments);
+    const auto options = parse_rehearsal(arguments);
     if (!options) {
         std::fprintf(stderr, "zelfwsim: wrong arguments of rehearse\nTry: zelfwsim --help\n");
-        return kWrongArguments;
+        return wrong_arguments;
     }
     const PrivateDirectory directory;
     const std::string place = directory.path("rehearsal");
@@ -279,7 +277,7 @@ int rehearse(std::span<const char* const> arguments) {
     const Pass second = run_pass(*options, bus, place, "second", false);
     (options->json ? print_json : print_text)(*options, first, second);
     if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
-        return kUnusable;
+        return unusable;
     }
-    return is_due(first, second) ? kStillDue : kSuccess;
+    return is_due(first, second) ? still_due : success;
 }

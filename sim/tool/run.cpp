@@ -31,12 +31,12 @@ namespace {
 using zelfsim::WordSize;
 
 // None that the updater uses, nor those of a shell.
-constexpr int kWrongArguments = 120;
-constexpr int kUnusableBus = 121;
-constexpr int kNoSimulation = 122;
-constexpr int kCannotStart = 123;
-constexpr int kDevicesInReach = 124;
-constexpr int kNotSimulated = zelfsim::guard::kRefusedExit;
+constexpr int wrong_run_arguments = 120;
+constexpr int unusable_bus = 121;
+constexpr int no_simulation = 122;
+constexpr int cannot_start = 123;
+constexpr int devices_in_reach = 124;
+constexpr int not_simulated = zelfsim::guard::refused_exit;
 
 struct RunOptions {
     std::map<std::string, std::string> environment;  ///< of the bus
@@ -67,9 +67,9 @@ std::string absolute(const std::string& file) {
 bool take_switch(std::string_view name, RunOptions& options) {
     if (name == "--virtual") {
         options.virtual_time = true;
-        options.features.insert(zelfsim::kTimeFile);
+        options.features.insert(zelfsim::time_file);
     } else if (name == "--hubs") {
-        options.features.insert(zelfsim::kHubsFile);
+        options.features.insert(zelfsim::hubs_file);
     } else {
         return false;
     }
@@ -94,23 +94,24 @@ bool take_option(std::string_view name, const std::string& value, RunOptions& op
     return true;
 }
 
-RunOptions parse(std::span<const char* const> arguments) {
+RunOptions parse_run(std::span<const char* const> arguments) {
     RunOptions options;
     std::size_t at = 0;
     for (; at < arguments.size() && arguments[at][0] == '-'; ++at) {
         const std::string_view name = arguments[at];
         if (!take_switch(name, options) &&
             (at + 1 == arguments.size() || !take_option(name, arguments[++at], options))) {
-            throw RunError(kWrongArguments, "unknown option of run, or its argument is missing: " +
-                                                std::string(name));
+            throw RunError(
+                wrong_run_arguments,
+                "unknown option of run, or its argument is missing: " + std::string(name));
         }
     }
     if (arguments.size() < at + 3 || std::string_view(arguments[at + 1]) != "--") {
-        throw RunError(kWrongArguments, "run takes a bus file, --, and a command");
+        throw RunError(wrong_run_arguments, "run takes a bus file, --, and a command");
     }
     if (!options.virtual_time && !options.time_settings.empty()) {
         throw RunError(
-            kWrongArguments,
+            wrong_run_arguments,
             "--seed, --from-epoch, --hold-up, --limit, --steps, --busy and --set-clock go with "
             "--virtual");
     }
@@ -125,7 +126,7 @@ void check_bus(const RunOptions& options) {
     try {
         zelfsim::read_bus_file(options.bus);
     } catch (const std::exception& error) {
-        throw RunError(kUnusableBus, error.what());
+        throw RunError(unusable_bus, error.what());
     }
 }
 
@@ -134,25 +135,25 @@ std::string find_program(const RunOptions& options) {
     const std::string& command = options.command.front();
     std::string file = zelfsim::find_command(command);
     if (file.empty()) {
-        throw RunError(kCannotStart, command + ": no such command");
+        throw RunError(cannot_start, command + ": no such command");
     }
     if (zelfsim::changes_rights(file)) {
-        throw RunError(kCannotStart, command +
+        throw RunError(cannot_start, command +
                                          " changes the user and leaves the simulation behind; "
                                          "put it in front: " +
                                          command + " zelfwsim run ...");
     }
     if (!zelfsim::word_size_of(file) && !zelfsim::is_script(file)) {
-        throw RunError(kCannotStart, command + ": neither a program nor a script");
+        throw RunError(cannot_start, command + ": neither a program nor a script");
     }
     return file;
 }
 
 /// The simulation that the user has named.
 std::string named_library(const RunOptions& options) {
-    std::string file = options.library + "/" + zelfsim::kSimulationFile;
+    std::string file = options.library + "/" + zelfsim::simulation_file;
     if (!zelfsim::is_simulation(file)) {
-        throw RunError(kNoSimulation, file + ": no simulation");
+        throw RunError(no_simulation, file + ": no simulation");
     }
     return file;
 }
@@ -171,7 +172,7 @@ std::string library_for(WordSize size, const std::string& place, const std::stri
             return "";
         }
     }
-    return place + "/" + zelfsim::kSimulationFile;
+    return place + "/" + zelfsim::simulation_file;
 }
 
 /// Provides for the programs of one word size; false when there is nothing to provide.
@@ -189,7 +190,7 @@ bool equip(zelfsim::Stage& stage, WordSize size, const std::string& program,
         }
     }
     stage.set_library(size, library);
-    stage.preload(size, place + "/" + zelfsim::kGuardFile);
+    stage.preload(size, place + "/" + zelfsim::guard_file);
     for (const std::string& feature : options.features) {
         stage.preload(size, std::string(place).append("/").append(feature));
     }
@@ -205,10 +206,10 @@ bool equip(zelfsim::Stage& stage, WordSize size, const std::string& program,
                                   const RunOptions& options) {
     const std::string kind = zelfsim::word_size_name(size);
     if (!options.library.empty()) {
-        throw RunError(kNoSimulation, program + " is a " + kind + " program, " + options.library +
+        throw RunError(no_simulation, program + " is a " + kind + " program, " + options.library +
                                           " has no " + kind + " simulation");
     }
-    throw RunError(kNoSimulation, program + " is a " + kind +
+    throw RunError(no_simulation, program + " is a " + kind +
                                       " program, and there is no simulation for it: install "
                                       "zelfwupdate-sim:" +
                                       zelfsim::architecture(size) + ", or name it with --library");
@@ -219,7 +220,7 @@ bool equip(zelfsim::Stage& stage, WordSize size, const std::string& program,
 void equip_all(zelfsim::Stage& stage, const std::string& program, const RunOptions& options) {
     for (const std::string& object : options.preloads) {
         if (!zelfsim::word_size_of(object)) {
-            throw RunError(kCannotStart, object + ": cannot be preloaded");
+            throw RunError(cannot_start, object + ": cannot be preloaded");
         }
     }
     const std::optional<WordSize> own = zelfsim::word_size_of(program);
@@ -246,7 +247,7 @@ bool shut_devices_out() {
     try {
         zelfsim::hide_devices_if_any();
     } catch (const std::system_error& error) {
-        throw RunError(kDevicesInReach,
+        throw RunError(devices_in_reach,
                        std::string("the attached devices cannot be hidden: ") + error.what());
     }
     return true;
@@ -258,11 +259,11 @@ int checked(int status, const std::string& report) {
         return std::count(report.begin(), report.end(), event);
     };
     using namespace zelfsim::guard;
-    if (times(kRefused) > 0 || times(kAsked) > times(kOpened)) {
-        throw RunError(kNotSimulated, "the command did not run on the simulated bus");
+    if (times(refused) > 0 || times(asked) > times(opened)) {
+        throw RunError(not_simulated, "the command did not run on the simulated bus");
     }
-    if (WIFEXITED(status) && times(kGuarded) == 0) {
-        throw RunError(kNotSimulated, "the command ran without the guard, exit code " +
+    if (WIFEXITED(status) && times(guarded) == 0) {
+        throw RunError(not_simulated, "the command ran without the guard, exit code " +
                                           std::to_string(WEXITSTATUS(status)));
     }
     return status;
@@ -287,20 +288,20 @@ int run_guarded(const RunOptions& options) {
 
 int run_on_bus(std::span<const char* const> arguments) {
     try {
-        const int status = run_guarded(parse(arguments));
+        const int status = run_guarded(parse_run(arguments));
         if (WIFSIGNALED(status)) {
             zelfsim::end_by_signal(WTERMSIG(status));
         }
         return WEXITSTATUS(status);
     } catch (const RunError& error) {
-        const bool names_itself = error.code() == kUnusableBus;
+        const bool names_itself = error.code() == unusable_bus;
         std::fprintf(stderr, "%s%s\n", names_itself ? "" : "zelfwsim: ", error.what());
-        if (error.code() == kWrongArguments) {
+        if (error.code() == wrong_run_arguments) {
             std::fprintf(stderr, "Try: zelfwsim --help\n");
         }
         return error.code();
     } catch (const std::exception& error) {
         std::fprintf(stderr, "zelfwsim: %s\n", error.what());
-        return kCannotStart;
+        return cannot_start;
     }
 }

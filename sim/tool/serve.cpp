@@ -1,6 +1,7 @@
 #include "tool/serve.h"
 
 #include "model/device/bus.h"
+#include "tool/exit_code.h"
 #include "usbip/server.h"
 
 #include <sys/signalfd.h>
@@ -18,13 +19,9 @@
 
 namespace {
 
-constexpr int kSuccess = 0;
-constexpr int kWrongArguments = 1;
-constexpr int kUnusable = 2;
-
 struct ServeOptions {
     std::string address = "127.0.0.1";
-    std::uint16_t port = zelfsim::usbip::kDefaultPort;
+    std::uint16_t port = zelfsim::usbip::default_port;
     bool attach = false;
     zelfsim::BusFiles files;
 };
@@ -39,7 +36,7 @@ bool parse_port(std::string_view text, std::uint16_t& port) {
     return error == std::errc{} && end == text.data() + text.size();
 }
 
-std::optional<ServeOptions> parse(std::span<const char* const> arguments) {
+std::optional<ServeOptions> parse_serve(std::span<const char* const> arguments) {
     ServeOptions options;
     options.files.state = environment("ZELFWSIM_STATE");
     options.files.record = environment("ZELFWSIM_RECORD");
@@ -89,10 +86,10 @@ zelf::FileDescriptor catch_signals() {
 }  // namespace
 
 int serve(std::span<const char* const> arguments) {
-    const auto options = parse(arguments);
+    const auto options = parse_serve(arguments);
     if (!options) {
         std::fprintf(stderr, "zelfwsim: wrong arguments of serve\nTry: zelfwsim --help\n");
-        return kWrongArguments;
+        return wrong_arguments;
     }
     const zelf::FileDescriptor stop = catch_signals();
     zelfsim::Bus bus(options->files);
@@ -101,7 +98,7 @@ int serve(std::span<const char* const> arguments) {
         zelfsim::usbip::KernelPorts ports;
         if (!ports.present()) {
             std::fprintf(stderr, "zelfwsim: no virtual host controller; try: modprobe vhci-hcd\n");
-            return kUnusable;
+            return unusable;
         }
         server.attach_to(ports);
     } else {
@@ -109,5 +106,5 @@ int serve(std::span<const char* const> arguments) {
         note("Listening on " + options->address + " port " + std::to_string(port));
     }
     server.run(stop.get());
-    return kSuccess;
+    return success;
 }

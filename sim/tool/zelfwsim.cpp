@@ -5,6 +5,7 @@
 #include "model/bus_file/fleet.h"
 #include "model/device/bus.h"
 #include "tool/clone.h"
+#include "tool/exit_code.h"
 #include "tool/from_trace.h"
 #include "tool/rehearse.h"
 #include "tool/run.h"
@@ -20,11 +21,7 @@
 
 namespace {
 
-constexpr int kSuccess = 0;
-constexpr int kWrongArguments = 1;
-constexpr int kUnusable = 2;
-
-constexpr const char* kHelp =
+constexpr const char* help =
     "zelfwsim: the simulated bus of peripherals\n"
     "\n"
     "  zelfwsim check BUSFILE              read a bus file and say what is on it, or what is "
@@ -87,9 +84,9 @@ using zelfsim::DeviceDescription;
 using zelfsim::DeviceState;
 using zelfsim::DeviceStore;
 
-int wrong_arguments(const char* message) {
+int refuse_arguments(const char* message) {
     std::fprintf(stderr, "zelfwsim: %s\nTry: zelfwsim --help\n", message);
-    return kWrongArguments;
+    return wrong_arguments;
 }
 
 std::string place(const BusDescription& bus, const DeviceDescription& device) {
@@ -123,7 +120,7 @@ int check(const std::string& file) {
         std::printf("\n");
     }
     warn_of_unreached_faults(file, bus);
-    return kSuccess;
+    return success;
 }
 
 const char* image_text(const ComponentState& component, bool updated) {
@@ -178,18 +175,18 @@ int show(const std::string& file, const std::string& state) {
     for (const DeviceDescription& device : bus.devices) {
         show_device(bus, device, zelfsim::device_directory(state, device.name));
     }
-    return kSuccess;
+    return success;
 }
 
 int generate(std::string_view text) {
     unsigned count = 0;
     const auto [end, error] = std::from_chars(text.data(), text.data() + text.size(), count);
     if (error != std::errc{} || end != text.data() + text.size() || count < 1 ||
-        count > zelfsim::kLargestFleet) {
-        return wrong_arguments("generate takes a number from 1 to 1000");
+        count > zelfsim::largest_fleet) {
+        return refuse_arguments("generate takes a number from 1 to 1000");
     }
     std::fputs(zelfsim::fleet(count).c_str(), stdout);
-    return kSuccess;
+    return success;
 }
 
 /// Whether the option stands in front, or directly behind a command.
@@ -202,12 +199,12 @@ int run(std::span<const char* const> arguments) {
     const std::string_view command = arguments.empty() ? "" : arguments[0];
     const std::size_t count = arguments.size();
     if (asks_for(arguments, "--help") || asks_for(arguments, "-h")) {
-        std::fputs(kHelp, stdout);
-        return kSuccess;
+        std::fputs(help, stdout);
+        return success;
     }
     if (asks_for(arguments, "--version")) {
         std::printf("zelfwsim %s\n", ZELF_VERSION);
-        return kSuccess;
+        return success;
     }
     if (command == "check" && count == 2) {
         return check(arguments[1]);
@@ -234,9 +231,9 @@ int run(std::span<const char* const> arguments) {
         return clone_devices(arguments.subspan(1));
     }
     if (command == "check" || command == "generate" || command == "show") {
-        return wrong_arguments("wrong number of arguments");
+        return refuse_arguments("wrong number of arguments");
     }
-    return wrong_arguments(command.empty() ? "no command given" : "unknown command");
+    return refuse_arguments(command.empty() ? "no command given" : "unknown command");
 }
 
 }  // namespace
@@ -246,11 +243,11 @@ int main(int argc, char** argv) {
         const int code = run(std::span(argv, static_cast<std::size_t>(argc)).subspan(1));
         if (std::fflush(stdout) != 0 || std::ferror(stdout) != 0) {
             std::perror("zelfwsim: standard output");
-            return kUnusable;
+            return unusable;
         }
         return code;
     } catch (const std::exception& error) {
         std::fprintf(stderr, "%s\n", error.what());
-        return kUnusable;
+        return unusable;
     }
 }

@@ -12,17 +12,17 @@ namespace zelfsim {
 
 namespace {
 
-constexpr std::size_t kMostFaults = 500;
-constexpr int kGone = -4;
-constexpr int kNotClaimed = -2;
+constexpr std::size_t most_faults = 500;
+constexpr int device_gone = -4;
+constexpr int not_claimed = -2;
 /// Milliseconds that the updater gives a device to answer the stop command.
-constexpr double kPatienceAtClose = 900;
-constexpr double kHalfStamp = 0.5;  ///< of a clock that tells whole milliseconds
+constexpr double patience_at_close = 900;
+constexpr double half_stamp = 0.5;  ///< of a clock that tells whole milliseconds
 
 // Codes of the USB library.
 FaultAction action_of(int rc) {
     switch (rc) {
-        case kGone:
+        case device_gone:
             return FaultAction::unplug;
         case -7:
             return FaultAction::timeout;
@@ -66,7 +66,7 @@ class FaultFinder {
         : device_(device), told_(told), model_(device) {}
 
     std::vector<FaultGuess> run() {
-        for (std::size_t i = 0; i < told_.steps.size() && faults_.size() < kMostFaults; ++i) {
+        for (std::size_t i = 0; i < told_.steps.size() && faults_.size() < most_faults; ++i) {
             take_sightings(i);
             take_step(i);
         }
@@ -187,7 +187,7 @@ class FaultFinder {
 
     void take_step(std::size_t index) {
         const Step& step = told_.steps[index];
-        if (step.write_rc == kNotClaimed) {
+        if (step.write_rc == not_claimed) {
             if (!away_ && !told_unclaimed_) {
                 told_unclaimed_ = true;
                 add(FaultEvent::claim, FaultAction::busy, claims_before_ + 1, step.clock,
@@ -196,12 +196,12 @@ class FaultFinder {
             }
             return;
         }
-        if (away_ && step.write_rc == kGone) {
+        if (away_ && step.write_rc == device_gone) {
             return;
         }
         away_ = false;
         count_command(step);
-        if (step.write_rc && !(step.kind == CommandKind::reset && step.write_rc == kGone)) {
+        if (step.write_rc && !(step.kind == CommandKind::reset && step.write_rc == device_gone)) {
             const FaultAction action = action_of(*step.write_rc);
             const std::string remark =
                 "the message was not taken, rc=" + std::to_string(*step.write_rc);
@@ -231,7 +231,7 @@ class FaultFinder {
         const bool stays = next != nullptr && !next->write_rc && next->closes &&
                            (!step.reports.empty() || step.failures.empty());
         if (!stays) {
-            if (step.write_rc == kGone && !device_.flash->reset_fails) {
+            if (step.write_rc == device_gone && !device_.flash->reset_fails) {
                 unplug(step, step.clock, 0, "it was gone at the reset");
             } else {
                 leave(true, step.clock);
@@ -273,15 +273,15 @@ class FaultFinder {
         const bool lost_data = std::any_of(step.data.begin(), step.data.end(),
                                            [](const ToldData& data) { return !data.bytes; });
         if (!lost_data) {
-            return std::max(kHalfStamp, told);
+            return std::max(half_stamp, told);
         }
         const double heard = step.reports.empty() ? 0 : step.reports.back().clock - step.clock;
-        return std::max(heard + kHalfStamp, told - 3 * kHalfStamp);
+        return std::max(heard + half_stamp, told - 3 * half_stamp);
     }
 
     void take_failures(const Step& step) {
         const auto failure = fresh_failure(step);
-        if (failure && failure->rc == kGone) {
+        if (failure && failure->rc == device_gone) {
             unplug(step, failure->clock, gone_after(step, *failure),
                    "it was gone while its status was read");
         }
@@ -324,7 +324,7 @@ class FaultFinder {
         if (!failure) {
             return;
         }
-        if (failure->rc == kGone) {
+        if (failure->rc == device_gone) {
             take_failures(step);
         } else if (step.reports.size() > 1) {
             add_interrupt(*failure);
@@ -385,12 +385,12 @@ class FaultFinder {
         const Step* next = next_of(index);
         const auto failure = fresh_failure(step);
         // The end of the host's own patience ends its read in the same way.
-        if (failure && failure->rc == kGone && step.closes &&
-            failure->clock - step.clock >= kPatienceAtClose) {
+        if (failure && failure->rc == device_gone && step.closes &&
+            failure->clock - step.clock >= patience_at_close) {
             add_command(step, FaultAction::no_answer, "no status came");
             return;
         }
-        if (failure && failure->rc == kGone) {
+        if (failure && failure->rc == device_gone) {
             model_.take(step.message);
             take_carried_out(step);
             take_failures(step);
@@ -447,7 +447,8 @@ class FaultFinder {
             return;
         }
         const Step* next = next_of(index);
-        const bool gone = data.rc == kGone || (next != nullptr && next->write_rc == kGone);
+        const bool gone =
+            data.rc == device_gone || (next != nullptr && next->write_rc == device_gone);
         add(FaultEvent::get_feature,
             gone           ? FaultAction::unplug
             : data.rc == 0 ? FaultAction::stall

@@ -12,10 +12,10 @@ namespace zelfsim {
 
 namespace {
 
-constexpr std::size_t kEntries = component_list_answer::entries;
-constexpr std::size_t kExtendedEntry = sizeof(extended_component_id);
-constexpr std::size_t kPlainEntry = sizeof(component_id);
-constexpr std::uint8_t kHighestComponent = 14;
+constexpr std::size_t entries = component_list_answer::entries;
+constexpr std::size_t extended_entry = sizeof(extended_component_id);
+constexpr std::size_t plain_entry = sizeof(component_id);
+constexpr std::uint8_t highest_component = 14;
 
 bool has_flags(const ToldReport& report, unsigned flags) {
     return !report.bytes.empty() && report.bytes[0] == flags;
@@ -27,21 +27,21 @@ bool is_refused(const ToldReport& report) {
 
 /// Whether the data answer is a well-formed list of one kind.
 bool is_list(const Bytes& data, std::uint8_t subtype, std::size_t entry) {
-    return data.size() > kEntries && data[0] == 1 && data[3] == 0xFF && data[4] == 0 &&
+    return data.size() > entries && data[0] == 1 && data[3] == 0xFF && data[4] == 0 &&
            data[5] == subtype && data[2] > 0 && data[2] % entry == 0 &&
-           data.size() >= kEntries + data[2];
+           data.size() >= entries + data[2];
 }
 
 /// False when an entry is not one of a device that the bus file can describe.
 bool take_entries(const Bytes& data, std::size_t entry, std::vector<ComponentDescription>& taken) {
     std::vector<ComponentDescription> components;
-    for (std::size_t at = kEntries; at + entry <= kEntries + data[2]; at += entry) {
+    for (std::size_t at = entries; at + entry <= entries + data[2]; at += entry) {
         ComponentDescription component;
         component.id = data[at];
         component.version = {data[at + 2], data[at + 1],
-                             entry == kExtendedEntry ? data[at + 4] : std::uint8_t{0}};
+                             entry == extended_entry ? data[at + 4] : std::uint8_t{0}};
         const unsigned type = data[at + 3] >> 1;
-        if (component.id > kHighestComponent || type > 3) {
+        if (component.id > highest_component || type > 3) {
             return false;
         }
         component.type = static_cast<ComponentType>(type);
@@ -161,10 +161,10 @@ class Guesser {
             if (data == nullptr || listed_) {
                 continue;
             }
-            listed_ = is_extended ? is_list(*data, 2, kExtendedEntry) &&
-                                        take_entries(*data, kExtendedEntry, flash().components)
-                                  : is_list(*data, 1, kPlainEntry) &&
-                                        take_entries(*data, kPlainEntry, flash().components);
+            listed_ = is_extended ? is_list(*data, 2, extended_entry) &&
+                                        take_entries(*data, extended_entry, flash().components)
+                                  : is_list(*data, 1, plain_entry) &&
+                                        take_entries(*data, plain_entry, flash().components);
         }
         const bool asks_extended = features_ && (*features_ & 0x40) != 0;
         flash().list = extended || (asks_extended && !refused_extended) ? ListKind::extended
@@ -192,7 +192,7 @@ class Guesser {
             return;
         }
         const auto id = static_cast<std::uint8_t>((*data)[3] & 0xF);
-        if (id <= kHighestComponent) {
+        if (id <= highest_component) {
             versions_.emplace(id, Version{(*data)[7], (*data)[6], 0});
         }
     }
@@ -243,7 +243,7 @@ class Guesser {
         }
         for (const auto& [id, told] : told_.levels) {
             Version version;
-            if (id <= kHighestComponent &&
+            if (id <= highest_component &&
                 (!listed_ || changed_.contains(static_cast<std::uint8_t>(id))) &&
                 parse_level(told.level, version)) {
                 version.build = static_cast<std::uint8_t>(told.build);

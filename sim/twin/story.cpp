@@ -21,8 +21,8 @@ namespace zelfsim {
 namespace {
 
 /// More devices than a run's table holds, or messages than a long night of updates sends.
-constexpr std::size_t kMostDevices = 1024;
-constexpr std::size_t kMostSteps = 4U << 20U;
+constexpr std::size_t most_devices = 1024;
+constexpr std::size_t most_steps = 4U << 20U;
 
 struct Closer {
     void operator()(FILE* stream) const { std::fclose(stream); }
@@ -51,13 +51,14 @@ std::optional<int> number_behind(std::string_view line, std::string_view key, in
 }
 
 std::optional<std::string> serial_of(std::string_view line) {
-    constexpr std::string_view kKey = "SN='";
-    const std::size_t at = line.find(kKey);
+    constexpr std::string_view serial_key = "SN='";
+    const std::size_t at = line.find(serial_key);
     const std::size_t end = line.rfind('\'');
-    if (at == std::string_view::npos || end == std::string_view::npos || end < at + kKey.size()) {
+    if (at == std::string_view::npos || end == std::string_view::npos ||
+        end < at + serial_key.size()) {
         return std::nullopt;
     }
-    return std::string(line.substr(at + kKey.size(), end - at - kKey.size()));
+    return std::string(line.substr(at + serial_key.size(), end - at - serial_key.size()));
 }
 
 /// Follows one process's records.
@@ -75,7 +76,7 @@ class Teller {
     void finish() { end_discovery(); }
 
   private:
-    static constexpr std::size_t kNone = ~std::size_t{0};
+    static constexpr std::size_t none = ~std::size_t{0};
 
     ToldDevice* current() {
         return current_ < story_.devices.size() ? &story_.devices[current_] : nullptr;
@@ -107,7 +108,7 @@ class Teller {
 
     void add_step(double clock, const Bytes& message) {
         ToldDevice& device = *current();
-        if (steps_++ >= kMostSteps) {
+        if (steps_++ >= most_steps) {
             return;
         }
         Step step;
@@ -178,7 +179,7 @@ class Teller {
         const auto fits = [&](const ToldDevice& device) {
             return device.vendor == *vendor && device.product == *product;
         };
-        current_ = kNone;
+        current_ = none;
         for (std::size_t i = 0; i < story_.devices.size(); ++i) {
             if (fits(story_.devices[i]) &&
                 std::find(listed_.begin(), listed_.end(), i) == listed_.end()) {
@@ -186,8 +187,8 @@ class Teller {
                 break;
             }
         }
-        if (current_ == kNone) {
-            if (story_.devices.size() == kMostDevices) {
+        if (current_ == none) {
+            if (story_.devices.size() == most_devices) {
                 return;
             }
             current_ = story_.devices.size();
@@ -207,7 +208,7 @@ class Teller {
         }
         path_.reset();
         just_opened_ = true;
-        row_ = kNone;
+        row_ = none;
     }
 
     /// The devices that the walk did not come across were not there.
@@ -246,7 +247,7 @@ class Teller {
     /// A device's line of the log: by its serial number, which the first such line gives it.
     void select(std::uint16_t product, const std::optional<std::string>& serial,
                 std::optional<int> component = {}) {
-        current_ = kNone;
+        current_ = none;
         int best = 0;
         for (std::size_t i = 0; i < story_.devices.size(); ++i) {
             const int fits = fitness(i, product, serial, component);
@@ -282,7 +283,7 @@ class Teller {
             static_cast<std::uint16_t>(number_behind(line, "PID:", 16).value_or(0));
         if (*component == 0) {
             // The next row of the table: rows with one serial number, or none, follow each other.
-            std::size_t next = row_ == kNone ? 0 : row_ + 1;
+            std::size_t next = row_ == none ? 0 : row_ + 1;
             while (next < story_.devices.size() && story_.devices[next].product != product) {
                 ++next;
             }
@@ -409,8 +410,8 @@ class Teller {
     }
 
     Story& story_;
-    std::size_t current_ = kNone;
-    std::size_t row_ = kNone;
+    std::size_t current_ = none;
+    std::size_t row_ = none;
     std::size_t steps_ = 0;
     std::vector<std::size_t> listed_;
     std::set<std::pair<std::size_t, int>> named_;  ///< devices and components that had their line

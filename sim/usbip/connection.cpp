@@ -14,12 +14,12 @@ namespace zelfsim::usbip {
 
 namespace {
 
-constexpr std::size_t kLongestTransfer = 65536;
-constexpr std::size_t kMostTransfers = 256;
+constexpr std::size_t longest_transfer = 65536;
+constexpr std::size_t most_transfers = 256;
 /// A host that does not read its answers is not read from either.
-constexpr std::size_t kMostOutput = std::size_t{1} << 20U;
+constexpr std::size_t most_output = std::size_t{1} << 20U;
 /// How long a host has to close its side once its device is gone.
-constexpr Duration kLeavePatience = std::chrono::seconds(1);
+constexpr Duration leave_patience = std::chrono::seconds(1);
 
 int error_number(Completion completion) {
     switch (completion) {
@@ -55,7 +55,7 @@ Connection::~Connection() {
 }
 
 bool Connection::wants_to_read() const {
-    return !over() && output_.size() < kMostOutput;
+    return !over() && output_.size() < most_output;
 }
 
 void Connection::receive(TimePoint time) {
@@ -77,7 +77,7 @@ void Connection::receive(TimePoint time) {
 }
 
 bool Connection::take_operation(TimePoint time) {
-    if (input_.size() < kOperationSize) {
+    if (input_.size() < operation_size) {
         return false;
     }
     const auto code = static_cast<OperationCode>(read_operation(input_).code);
@@ -86,7 +86,7 @@ bool Connection::take_operation(TimePoint time) {
         leave(time);
     } else if (code != OperationCode::import_request) {
         phase_ = Phase::over;
-    } else if (input_.size() < kOperationSize + kBusIdSize) {
+    } else if (input_.size() < operation_size + bus_id_size) {
         return false;
     } else {
         import_device(time);
@@ -105,8 +105,8 @@ void Connection::send_device_list(TimePoint time) {
 }
 
 void Connection::import_device(TimePoint time) {
-    const std::string id = read_bus_id(ByteView(input_).subspan(kOperationSize));
-    input_.erase(input_.begin(), input_.begin() + kOperationSize + kBusIdSize);
+    const std::string id = read_bus_id(ByteView(input_).subspan(operation_size));
+    input_.erase(input_.begin(), input_.begin() + operation_size + bus_id_size);
     Peripheral* device = exports_.find(id, time);
     OperationStatus status = OperationStatus::ok;
     if (device == nullptr) {
@@ -134,22 +134,22 @@ void Connection::attach(Peripheral& peripheral) {
 }
 
 bool Connection::take_urb(TimePoint time) {
-    if (input_.size() < kUrbHeaderSize) {
+    if (input_.size() < urb_header_size) {
         return false;
     }
     const UrbRequest request = read_urb(input_);
     const bool submits = request.is(UrbCommand::submit);
     if ((!submits && !request.is(UrbCommand::unlink)) || request.isochronous() ||
-        request.length > kLongestTransfer) {
+        request.length > longest_transfer) {
         phase_ = Phase::over;
         return false;
     }
     const std::size_t payload = submits && !request.in ? request.length : 0;
-    const std::size_t whole = kUrbHeaderSize + payload;
+    const std::size_t whole = urb_header_size + payload;
     if (input_.size() < whole) {
         return false;
     }
-    const Bytes out(input_.begin() + kUrbHeaderSize,
+    const Bytes out(input_.begin() + urb_header_size,
                     input_.begin() + static_cast<std::ptrdiff_t>(whole));
     input_.erase(input_.begin(), input_.begin() + static_cast<std::ptrdiff_t>(whole));
     if (submits) {
@@ -161,7 +161,7 @@ bool Connection::take_urb(TimePoint time) {
 }
 
 void Connection::submit(const UrbRequest& request, ByteView out, TimePoint time) {
-    if (outstanding_ >= kMostTransfers || queue_->has(request.sequence)) {
+    if (outstanding_ >= most_transfers || queue_->has(request.sequence)) {
         phase_ = Phase::over;
         return;
     }
@@ -170,13 +170,13 @@ void Connection::submit(const UrbRequest& request, ByteView out, TimePoint time)
     if (endpoint == 0) {
         Setup setup = request.setup;
         setup.length = static_cast<std::uint16_t>(std::min<std::uint32_t>(request.length, 0xFFFF));
-        if (request.length > 0 && request.in != ((setup.type & kIn) != 0)) {
+        if (request.length > 0 && request.in != ((setup.type & direction_in) != 0)) {
             phase_ = Phase::over;
             return;
         }
         queue_->control(request.sequence, setup, out, time);
     } else if (request.in) {
-        queue_->interrupt_in(request.sequence, endpoint | kIn, request.length);
+        queue_->interrupt_in(request.sequence, endpoint | direction_in, request.length);
     } else {
         queue_->interrupt_out(request.sequence, endpoint, out, time);
     }
@@ -228,7 +228,7 @@ std::optional<TimePoint> Connection::next_event(TimePoint time) const {
 
 void Connection::leave(TimePoint time) {
     phase_ = Phase::leaving;
-    give_up_at_ = time + kLeavePatience;
+    give_up_at_ = time + leave_patience;
 }
 
 void Connection::send(const Bytes& bytes) {

@@ -15,7 +15,7 @@ namespace zelfsim::usbip {
 namespace {
 
 /// Of a port's states the one that says: nothing attached.
-constexpr int kFree = 4;
+constexpr int free = 4;
 
 }  // namespace
 
@@ -39,7 +39,7 @@ std::vector<unsigned> KernelPorts::free_ports() const {
             std::string hub;
             unsigned port = 0;
             int state = 0;
-            if (fields >> hub >> port >> state && hub == "hs" && state == kFree) {
+            if (fields >> hub >> port >> state && hub == "hs" && state == free) {
                 found.push_back(port);
             }
         }
@@ -52,7 +52,7 @@ int KernelPorts::attach(unsigned port, int socket, std::uint32_t device) const {
         return errno;
     }
     const std::string text = std::to_string(port) + " " + std::to_string(socket) + " " +
-                             std::to_string(device) + " " + std::to_string(kFullSpeed);
+                             std::to_string(device) + " " + std::to_string(full_speed);
     return write(file.get(), text.data(), text.size()) < 0 ? errno : 0;
 }
 

@@ -10,11 +10,11 @@ namespace zelfsim::usbip {
 
 namespace {
 
-constexpr std::uint16_t kVersion = 0x0111;
+constexpr std::uint16_t protocol_version = 0x0111;
 
 // A device is its path, its bus ID, three numbers, three halves and six bytes.
-static_assert(kDeviceSize ==
-              kPathSize + kBusIdSize + 3 * sizeof(std::uint32_t) + 3 * sizeof(std::uint16_t) + 6);
+static_assert(device_size ==
+              path_size + bus_id_size + 3 * sizeof(std::uint32_t) + 3 * sizeof(std::uint16_t) + 6);
 
 class Writer {
   public:
@@ -77,7 +77,7 @@ Operation read_operation(ByteView bytes) {
 
 Bytes operation_reply(OperationCode code, OperationStatus status) {
     return Writer()
-        .half(kVersion)
+        .half(protocol_version)
         .half(static_cast<std::uint16_t>(code))
         .word(static_cast<std::uint32_t>(status))
         .take();
@@ -88,7 +88,7 @@ Bytes count_bytes(std::size_t count) {
 }
 
 std::string read_bus_id(ByteView bytes) {
-    const auto field = bytes.first(kBusIdSize);
+    const auto field = bytes.first(bus_id_size);
     return {field.begin(), std::find(field.begin(), field.end(), 0)};
 }
 
@@ -101,11 +101,11 @@ Bytes device_record(const Peripheral& peripheral) {
     const Bytes descriptor = device_descriptor(device, peripheral.state().bcd);
     const std::string id = remote::bus_id(peripheral);
     Writer writer;
-    writer.text("/sys/devices/zelfwsim/" + device.name + "/" + id, kPathSize).text(id, kBusIdSize);
-    writer.word(device.bus).word(peripheral.address()).word(kFullSpeed);
+    writer.text("/sys/devices/zelfwsim/" + device.name + "/" + id, path_size).text(id, bus_id_size);
+    writer.word(device.bus).word(peripheral.address()).word(full_speed);
     writer.half(device.vendor).half(device.product).half(little_at(descriptor, 12));
     writer.byte(descriptor[4]).byte(descriptor[5]).byte(descriptor[6]);
-    writer.byte(kConfigurationValue).byte(descriptor[17]).byte(device.interfaces.size());
+    writer.byte(configuration_value).byte(descriptor[17]).byte(device.interfaces.size());
     return writer.take();
 }
 
@@ -113,7 +113,7 @@ Bytes interface_records(const Peripheral& peripheral) {
     const Bytes bytes = configuration_descriptor(peripheral.description());
     Writer writer;
     for (std::size_t at = 0; at < bytes.size(); at += bytes[at]) {
-        if (bytes[at + 1] == kDescriptorInterface) {
+        if (bytes[at + 1] == descriptor_interface) {
             writer.byte(bytes[at + 5]).byte(bytes[at + 6]).byte(bytes[at + 7]).byte(0);
         }
     }

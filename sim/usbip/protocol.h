@@ -13,17 +13,17 @@
 
 namespace zelfsim::usbip {
 
-constexpr std::uint16_t kDefaultPort = 3240;
+constexpr std::uint16_t default_port = 3240;
 
 // Sizes on the wire.
-constexpr std::size_t kOperationSize = 8;
-constexpr std::size_t kPathSize = 256;
-constexpr std::size_t kBusIdSize = 32;
-constexpr std::size_t kDeviceSize = 312;
-constexpr std::size_t kUrbHeaderSize = 48;
+constexpr std::size_t operation_size = 8;
+constexpr std::size_t path_size = 256;
+constexpr std::size_t bus_id_size = 32;
+constexpr std::size_t device_size = 312;
+constexpr std::size_t urb_header_size = 48;
 
 /// Full speed, in the kernel's numbers.
-constexpr std::uint32_t kFullSpeed = 2;
+constexpr std::uint32_t full_speed = 2;
 
 enum class OperationCode : std::uint16_t {
     list_request = 0x8005,
@@ -40,18 +40,18 @@ struct Operation {
     std::uint16_t code = 0;
 };
 
-/// Reads `kOperationSize` bytes.
+/// Reads `operation_size` bytes.
 Operation read_operation(ByteView bytes);
 Bytes operation_reply(OperationCode code, OperationStatus status);
 /// The number of devices of a list.
 Bytes count_bytes(std::size_t count);
 
-/// Reads `kBusIdSize` bytes up to the first NUL.
+/// Reads `bus_id_size` bytes up to the first NUL.
 std::string read_bus_id(ByteView bytes);
 
 /// The number by which a host's transfers name an imported device.
 std::uint32_t device_number(const Peripheral& peripheral);
-/// `kDeviceSize` bytes.
+/// `device_size` bytes.
 Bytes device_record(const Peripheral& peripheral);
 /// 4 bytes for each interface.
 Bytes interface_records(const Peripheral& peripheral);
@@ -78,7 +78,7 @@ struct UrbRequest {
     bool isochronous() const { return packets != 0 && packets != 0xFFFFFFFF; }
 };
 
-/// Reads `kUrbHeaderSize` bytes.
+/// Reads `urb_header_size` bytes.
 UrbRequest read_urb(ByteView bytes);
 
 /// `status` is 0 or a negative error number of Linux.

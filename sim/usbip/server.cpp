@@ -18,9 +18,9 @@ namespace zelfsim::usbip {
 
 namespace {
 
-constexpr std::size_t kMostConnections = 256;
+constexpr std::size_t most_connections = 256;
 /// How soon a device that came back is noticed.
-constexpr Duration kIdlePause = std::chrono::milliseconds(20);
+constexpr Duration idle_pause = std::chrono::milliseconds(20);
 
 [[noreturn]] void fail(const std::string& what) {
     throw std::system_error(errno, std::generic_category(), what);
@@ -98,7 +98,7 @@ void Server::run(int stop) {
                                (connection.wants_to_write() ? POLLOUT : 0);
             files.push_back({connection.socket(), static_cast<short>(events), 0});
         }
-        const bool room = listener_.is_open() && connections_.size() < kMostConnections;
+        const bool room = listener_.is_open() && connections_.size() < most_connections;
         if (room) {
             files.push_back({listener_.get(), POLLIN, 0});
         }
@@ -180,7 +180,7 @@ void Server::complain(const Peripheral& peripheral, const std::string& reason) {
 }
 
 std::optional<Duration> Server::wait_time(TimePoint time) const {
-    std::optional<Duration> wait = kernel_ ? std::optional(kIdlePause) : std::nullopt;
+    std::optional<Duration> wait = kernel_ ? std::optional(idle_pause) : std::nullopt;
     for (const Connection& connection : connections_) {
         if (const auto next = connection.next_event(time)) {
             const Duration rest = std::max(*next - time, Duration{0});

@@ -19,7 +19,6 @@ namespace {
 constexpr char option_string[] = "ULRC:F:G:SD:VE:c:d:s:famr:p:l:t:n:o:w:?0:1:2:3:4:";
 constexpr std::size_t longest_text = 254;
 constexpr std::size_t longest_product_id = 19;
-constexpr int go_on = -1;
 
 int refuse_with_usage() {
     usage();
@@ -41,7 +40,7 @@ int copy_text(char option, const char* text, char* to, std::size_t longest) {
         return EXIT_USAGE;
     }
     snprintf(to, longest + 1, "%s", text);
-    return go_on;
+    return run_goes_on;
 }
 
 /// Adds an argument to a list whose rows `row_text` gives by index.
@@ -53,7 +52,7 @@ int append_text(char option, const char* text, RowText row_text, int& count, std
         return EXIT_USAGE;
     }
     const int result = copy_text(option, text, row_text(count), longest);
-    if (result == go_on) {
+    if (result == run_goes_on) {
         ++count;
     }
     return result;
@@ -66,7 +65,7 @@ int set_level(const char* text) {
     }
     OutputLevel = level == 0 ? 0 : level + 1;
     Verbose = level == 0 ? 0 : 1;
-    return go_on;
+    return run_goes_on;
 }
 
 struct MiscellaneousSwitch {
@@ -91,7 +90,7 @@ int set_miscellaneous_switch(const char* text) {
     for (const MiscellaneousSwitch& entry : miscellaneous_switches) {
         if (entry.number == number) {
             *entry.variable = entry.value;
-            return go_on;
+            return run_goes_on;
         }
     }
     return refuse_with_usage();
@@ -116,7 +115,7 @@ int handle_selection(char option, const char* argument) {
 
 int handle_number(int& variable, const char* argument) {
     variable = read_number(argument);
-    return go_on;
+    return run_goes_on;
 }
 
 int handle_time_out(char option, const char* argument) {
@@ -130,29 +129,29 @@ int handle_switch(char option, Command& command) {
         case 'U':
             command = COMMAND_UPDATE;
             device_firmware_match_only = 1;
-            return go_on;
+            return run_goes_on;
         case 'L':
             command = COMMAND_LIST;
             list_devices = 1;
-            return go_on;
+            return run_goes_on;
         case 'R':
             command = COMMAND_RESET;
-            return go_on;
+            return run_goes_on;
         case 'S':
             command = COMMAND_SHOW_FILES;
-            return go_on;
+            return run_goes_on;
         case 'V':
             command = COMMAND_VERSION;
-            return go_on;
+            return run_goes_on;
         case 'f':
             force_update = 1;
-            return go_on;
+            return run_goes_on;
         case 'a':
             continue_on_failure = 1;
-            return go_on;
+            return run_goes_on;
         case 'm':
             display_desktop_progress = 1;
-            return go_on;
+            return run_goes_on;
         default:
             usage();
             help();
@@ -239,7 +238,7 @@ int parse_options(int argc, char** argv, RunRequest& request) {
     for (int option = getopt(argc, argv, option_string); option != -1;
          option = getopt(argc, argv, option_string)) {
         const int result = handle_option(static_cast<char>(option), current, request);
-        if (result != go_on) {
+        if (result != run_goes_on) {
             return result;
         }
         if (request.command == COMMAND_NONE) {
@@ -252,5 +251,5 @@ int parse_options(int argc, char** argv, RunRequest& request) {
         return refuse_with_usage();
     }
     name_ignored_arguments(argc, argv);
-    return go_on;
+    return run_goes_on;
 }

@@ -16,6 +16,9 @@ enum Command {
     COMMAND_GET_COMPONENT = 11,
 };
 
+/// Given in place of an exit code: nothing ends the run yet.
+constexpr int run_goes_on = -1;
+
 /// What the command line asks of `main` itself.
 struct RunRequest {
     Command command = COMMAND_NONE;
@@ -30,5 +33,5 @@ struct RunRequest {
 int emptyArg(const char* text);
 
 /// Parses the command line into the option variables and `request`, printing what an option or a
-/// usage error asks for. Returns -1 when the run goes on, else the exit code that ends it.
+/// usage error asks for. Returns `run_goes_on`, or the exit code that ends the run.
 int parse_options(int argc, char** argv, RunRequest& request);

@@ -12,8 +12,6 @@
 
 namespace {
 
-constexpr int go_on = -1;
-
 struct OutputFile {
     char option;
     const char* name;  ///< empty when nothing is written
@@ -66,5 +64,5 @@ int refuse_shared_files(const RunRequest& request) {
             }
         }
     }
-    return go_on;
+    return run_goes_on;
 }

@@ -5,6 +5,6 @@
 struct RunRequest;
 
 /// Refuses a command line that names one file for two purposes, of which one would destroy what the
-/// other wrote; a line on standard error names both options. Returns -1 when the run goes on, else
-/// the exit code that ends it.
+/// other wrote; a line on standard error names both options. Returns `run_goes_on`, or the exit
+/// code that ends the run.
 int refuse_shared_files(const RunRequest& request);

@@ -1,16 +1,9 @@
 #include "session/answer_count.h"
 
 #include "journal/output.h"
+#include "session/plural.h"
 
 #include <algorithm>
-
-namespace {
-
-const char* plural(int count) {
-    return count == 1 ? "" : "s";
-}
-
-}  // namespace
 
 void AnswerCount::start() {
     messages_ = 0;

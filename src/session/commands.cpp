@@ -5,6 +5,7 @@
 #include "journal/output.h"
 #include "process/signal_hold.h"
 #include "session/exchange.h"
+#include "session/plural.h"
 #include "session/zelflash.h"
 #include "settings.h"
 #include "usb/flshusbintf.h"
@@ -18,10 +19,6 @@ constexpr unsigned long sleep_between_passes = 4000;  // milliseconds
 
 /// A device that never says that a block is its last would fill the disk.
 constexpr int most_blocks = 1 << 16;
-
-const char* plural(int count) {
-    return count == 1 ? "" : "s";
-}
 
 void report_flash_error(int result) {
     writelog(1, "Error %d flashing devices\n", result);

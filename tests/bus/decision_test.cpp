@@ -11,7 +11,6 @@ using testing::HasSubstr;
 
 namespace {
 
-constexpr char erase[] = "04000100";
 constexpr char not_lower[] =
     "    File EC level smaller or equal, no update needed for PID: 3c35  COMP: 1";
 
@@ -25,7 +24,7 @@ class UpdateDecision : public BusTest {
     }
     bool has_erased() const {
         const auto sent = commands("printer");
-        return std::find(sent.begin(), sent.end(), erase) != sent.end();
+        return std::find(sent.begin(), sent.end(), erase_command) != sent.end();
     }
     void expect_updated(const RunResult& result) {
         EXPECT_EQ(result.exit_code, 0);

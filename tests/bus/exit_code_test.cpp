@@ -14,12 +14,6 @@ namespace {
 
 class ExitCode : public BusTest {};
 
-SimDevice two_components() {
-    SimDevice device;
-    device.components = {{}, {.id = 1}};
-    return device;
-}
-
 }  // namespace
 
 TEST_F(ExitCode, VersionGives0AndOpensNoBus) {

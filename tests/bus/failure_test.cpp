@@ -16,8 +16,6 @@ using testing::Not;
 
 namespace {
 
-constexpr char erase[] = "04000100";
-
 /// Lines between the decision and the end of a failed update of the printer's component 1.
 constexpr char gone[] =
     "Firmware update FAILED\n"
@@ -83,7 +81,7 @@ class Failure : public BusTest {
     static void wait_for_return() { std::this_thread::sleep_for(std::chrono::milliseconds(400)); }
     int erases() const {
         const auto sent = commands("printer");
-        return static_cast<int>(std::count(sent.begin(), sent.end(), erase));
+        return static_cast<int>(std::count(sent.begin(), sent.end(), erase_command));
     }
 
     const FirmwareFile image_file = {.component = 1};

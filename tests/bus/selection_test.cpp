@@ -10,9 +10,6 @@ using testing::Not;
 
 namespace {
 
-constexpr char erase[] = "04000100";
-constexpr char reset[] = "04000040";
-
 /// Two printers and a scanner.
 class SelectedDevices : public BusTest {
   protected:
@@ -70,7 +67,7 @@ TEST_F(SelectedDevices, UpdateLeavesDevicesAloneThatTheFilterLeavesOut) {
     EXPECT_EQ(result.exit_code, 0);
     EXPECT_THAT(result.console, EndsWith("Updated 1 device\n"));
     EXPECT_EQ(image("printer-2", 0), file.body());
-    EXPECT_THAT(commands("printer-1"), Not(Contains(erase)));
+    EXPECT_THAT(commands("printer-1"), Not(Contains(erase_command)));
     EXPECT_EQ(image("printer-1", 0), "");
 }
 
@@ -81,7 +78,7 @@ TEST_F(SelectedDevices, UpdateWithAFilterThatNothingPassesUpdatesNothing) {
         const RunResult result = update(filter);
         EXPECT_EQ(result.exit_code, 6);
         EXPECT_THAT(result.console, EndsWith("\nNo devices updated\n"));
-        EXPECT_THAT(commands("printer-1"), Not(Contains(erase)));
+        EXPECT_THAT(commands("printer-1"), Not(Contains(erase_command)));
     }
 }
 
@@ -92,8 +89,8 @@ TEST_F(SelectedDevices, ResetTakesTheFilter) {
               "Resetting device PID:3c36 SN='SC0001'\n"
               "Device PID:3c36 reset successfully\n"
               "Reset successful on 1 device\n");
-    EXPECT_THAT(commands("printer-1"), Not(Contains(reset)));
-    EXPECT_THAT(commands("scanner"), Contains(reset));
+    EXPECT_THAT(commands("printer-1"), Not(Contains(reset_command)));
+    EXPECT_THAT(commands("scanner"), Contains(reset_command));
 }
 
 TEST_F(SelectedDevices, OnlyDevicesWithAFirmwareFileGetCommandsInAnUpdate) {

@@ -15,9 +15,6 @@ using testing::StartsWith;
 namespace {
 
 // Command messages in hexadecimal.
-constexpr char erase[] = "04000100";
-constexpr char reset[] = "04000040";
-constexpr char stop[] = "02000080";
 constexpr char ec_level_query[] = "02000080";
 constexpr char device_information_query[] = "0300000001";
 constexpr char connection_probe[] = "0300000001";
@@ -35,12 +32,6 @@ class Wire : public BusTest {
     }
 };
 
-SimDevice two_components() {
-    SimDevice device;
-    device.components = {{}, {.id = 1}};
-    return device;
-}
-
 std::vector<std::string> joined(const std::vector<std::vector<std::string>>& parts) {
     std::vector<std::string> all;
     for (const auto& part : parts) {
@@ -49,8 +40,8 @@ std::vector<std::string> joined(const std::vector<std::vector<std::string>>& par
     return all;
 }
 
-const std::vector<std::string> information_queries = {connection_probe, device_information_query,
-                                                      ec_level_query, extended_list_query, stop};
+const std::vector<std::string> information_queries = {
+    connection_probe, device_information_query, ec_level_query, extended_list_query, stop_command};
 
 }  // namespace
 
@@ -97,8 +88,9 @@ TEST_F(Wire, PlainListIsAskedForWithoutExtendedVersioning) {
     device.interface_keys = "list = \"plain\"";
     set_bus({device});
     EXPECT_EQ(run({"-L"}).exit_code, 0);
-    EXPECT_THAT(commands("printer"), ElementsAre(connection_probe, device_information_query,
-                                                 ec_level_query, component_list_query, stop));
+    EXPECT_THAT(commands("printer"),
+                ElementsAre(connection_probe, device_information_query, ec_level_query,
+                            component_list_query, stop_command));
 }
 
 TEST_F(Wire, DeviceWithoutListsIsAskedForTheVersionOfComponentOne) {
@@ -108,7 +100,7 @@ TEST_F(Wire, DeviceWithoutListsIsAskedForTheVersionOfComponentOne) {
     EXPECT_EQ(run({"-L"}).exit_code, 0);
     EXPECT_THAT(commands("printer"),
                 ElementsAre(connection_probe, device_information_query, ec_level_query,
-                            component_list_query, "0600200002f10001", stop));
+                            component_list_query, "0600200002f10001", stop_command));
 }
 
 TEST_F(Wire, RejectedExtendedListIsFollowedByThePlainOneAtOnce) {
@@ -116,7 +108,7 @@ TEST_F(Wire, RejectedExtendedListIsFollowedByThePlainOneAtOnce) {
     EXPECT_EQ(run({"-L"}).exit_code, 0);
     EXPECT_THAT(commands("printer"),
                 ElementsAre(connection_probe, device_information_query, ec_level_query,
-                            extended_list_query, component_list_query, stop));
+                            extended_list_query, component_list_query, stop_command));
 }
 
 TEST_F(Wire, UpdateSendsEraseEveryRecordAndTheChecksum) {
@@ -125,7 +117,8 @@ TEST_F(Wire, UpdateSendsEraseEveryRecordAndTheChecksum) {
     add_firmware("boot.dat", file);
     EXPECT_EQ(update().exit_code, 0);
     EXPECT_THAT(commands("printer"),
-                ElementsAreArray(joined({information_queries, {erase}, file.messages(), {stop}})));
+                ElementsAreArray(joined(
+                    {information_queries, {erase_command}, file.messages(), {stop_command}})));
 }
 
 TEST_F(Wire, RecordMessageIsCountOperationLengthAndTheFilesBytes) {
@@ -161,10 +154,11 @@ TEST_F(Wire, UpdateOfTheMainComponentEndsWithAReset) {
     add_firmware("main.dat", file);
     EXPECT_EQ(update().exit_code, 0);
     // The stop command fails, since the device is gone; then the table is built anew.
-    EXPECT_THAT(
-        commands("printer"),
-        ElementsAreArray(joined(
-            {information_queries, {erase}, file.messages(), {reset, stop}, information_queries})));
+    EXPECT_THAT(commands("printer"), ElementsAreArray(joined({information_queries,
+                                                              {erase_command},
+                                                              file.messages(),
+                                                              {reset_command, stop_command},
+                                                              information_queries})));
 }
 
 TEST_F(Wire, UpdateWithReportIdsArrivesWhole) {
@@ -176,7 +170,7 @@ TEST_F(Wire, UpdateWithReportIdsArrivesWhole) {
     EXPECT_EQ(update().exit_code, 0);
     const std::vector<std::string> sent = commands("printer");
     ASSERT_GT(sent.size(), 6U);
-    EXPECT_EQ(sent[5], "01" + std::string(erase));
+    EXPECT_EQ(sent[5], "01" + std::string(erase_command));
     EXPECT_EQ(sent[6], "01" + file.messages().front());
     EXPECT_EQ(image("printer", 1), file.body());
 }
@@ -185,14 +179,15 @@ TEST_F(Wire, ResetCommandSendsNothingButTheReset) {
     set_bus({SimDevice{}});
     EXPECT_EQ(run({"-R"}).exit_code, 0);
     EXPECT_THAT(commands("printer"),
-                ElementsAreArray(joined({information_queries, {reset, stop}})));
+                ElementsAreArray(joined({information_queries, {reset_command, stop_command}})));
 }
 
 TEST_F(Wire, ReadingAComponentAsksForItsRecordsAndFetchesThemBlockByBlock) {
     set_bus({two_components()});
     EXPECT_EQ(run({"-G", "1", "-w", path("read.dat")}).exit_code, 0);
-    EXPECT_THAT(commands("printer"),
-                ElementsAreArray(joined({information_queries, {"06002100ff100000", stop}})));
+    EXPECT_THAT(
+        commands("printer"),
+        ElementsAreArray(joined({information_queries, {"06002100ff100000", stop_command}})));
     const auto requests = record().class_requests("printer");
     std::size_t blocks = 0;
     for (const Transfer& one : requests) {

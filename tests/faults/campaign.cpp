@@ -28,8 +28,6 @@ constexpr milliseconds return_time{400};
 
 constexpr unsigned int jobs_of_late_cases = 4;
 
-constexpr const char* commands[] = {"update", "list", "reset", "read"};
-
 /// Calls `work` with 0 to `count` - 1, in as many threads as there are jobs.
 void in_parallel(std::size_t count, unsigned int jobs,
                  const std::function<void(std::size_t)>& work) {
@@ -119,11 +117,11 @@ std::optional<Schedule> Campaign::schedule_of(const Case& one) const {
 bool Campaign::measure_sound_runs() {
     std::mutex mutex;
     bool is_sound = true;
-    for (const char* command : commands) {
+    for (const char* command : campaign_commands) {
         sound_[command];
     }
-    in_parallel(std::size(commands) * 2, 8, [&](std::size_t i) {
-        const std::string command = commands[i / 2];
+    in_parallel(std::size(campaign_commands) * 2, 8, [&](std::size_t i) {
+        const std::string command = campaign_commands[i / 2];
         Workplace place(settings_.program, schedule_of({}));
         constexpr milliseconds longest{120000};
         SoundRun& sound = sound_[command][i % 2];

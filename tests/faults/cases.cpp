@@ -9,7 +9,6 @@
 
 namespace {
 
-constexpr const char* commands[] = {"update", "list", "reset", "read"};
 constexpr char next_run_mark[] = "next/";
 
 using Injections = std::function<std::vector<Injection>(const TransferRecord&, const Injection&)>;
@@ -17,7 +16,7 @@ using Injections = std::function<std::vector<Injection>(const TransferRecord&, c
 /// What `make` gives for every command, device and way to go on after a failure.
 std::vector<Case> cases_of_runs(const CaseSource& source, const Injections& make) {
     std::vector<Case> cases;
-    for (const char* command : commands) {
+    for (const char* command : campaign_commands) {
         const TransferRecord& record = source.sound.at(command)[0].run.record;
         for (const char* device : {"printer", "scanner"}) {
             for (const bool goes_on : {false, true}) {

@@ -12,6 +12,8 @@
 #include <string>
 #include <vector>
 
+inline constexpr const char* campaign_commands[] = {"update", "list", "reset", "read"};
+
 /// A second fault that is drawn when a run with the first has shown which transfers follow it.
 enum class Draw {
     none,

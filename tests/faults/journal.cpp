@@ -10,20 +10,20 @@
 
 namespace {
 
-constexpr std::array results = {"Flash succeeded",
-                                "Firmware file corrupt",
-                                "Error updating the device",
-                                "Device did not respond",
-                                "Device EC version greather or equal than firmware file",
-                                "Device is not attached to the system",
-                                "Error at device reset",
-                                "Reset succeeded",
-                                "Firmware file not found",
-                                "",
-                                "EC matched, firmware update forced",
-                                "No Firmware update attempted",
-                                "",
-                                "Interface not avilable"};
+constexpr std::array result_texts = {"Flash succeeded",
+                                     "Firmware file corrupt",
+                                     "Error updating the device",
+                                     "Device did not respond",
+                                     "Device EC version greather or equal than firmware file",
+                                     "Device is not attached to the system",
+                                     "Error at device reset",
+                                     "Reset succeeded",
+                                     "Firmware file not found",
+                                     "",
+                                     "EC matched, firmware update forced",
+                                     "No Firmware update attempted",
+                                     "",
+                                     "Interface not avilable"};
 
 constexpr std::array complaints = {"Bad status",
                                    "Could not",
@@ -166,14 +166,16 @@ Results read_results(const std::string& text) {
 }
 
 std::string result_text(int code) {
-    return code >= 0 && code < static_cast<int>(results.size())
-               ? results[static_cast<std::size_t>(code)]
+    return code >= 0 && code < static_cast<int>(result_texts.size())
+               ? result_texts[static_cast<std::size_t>(code)]
                : "";
 }
 
 int result_code(const std::string& text) {
-    const auto* const found = std::find(results.begin(), results.end(), text);
-    return found == results.end() ? -1 : static_cast<int>(std::distance(results.begin(), found));
+    const auto* const found = std::find(result_texts.begin(), result_texts.end(), text);
+    return found == result_texts.end()
+               ? -1
+               : static_cast<int>(std::distance(result_texts.begin(), found));
 }
 
 bool complains(const std::string& log, const std::string& sound_log) {

@@ -4,7 +4,6 @@
 
 namespace {
 
-constexpr char erase[] = "04000100";
 constexpr char command_setup[] = "21 09 02";
 
 /// The line in which the report that nobody asked for is read; the number of lines for none.
@@ -126,7 +125,7 @@ bool has_visible_surplus(const TransferRecord& record, const Target& target, dou
         }
         if (line.kind == "interrupt" && line.result == 0) {
             reports.push_back(line.time);
-        } else if (line.kind == "control" && line.data == erase) {
+        } else if (line.kind == "control" && line.data == erase_command) {
             messages = 1;
             is_visible = false;
             reports.clear();
@@ -145,7 +144,7 @@ bool has_visible_surplus(const TransferRecord& record, const Target& target, dou
 
 int count_erases(const TransferRecord& record, const std::string& device) {
     const auto commands = record.commands(device);
-    return static_cast<int>(std::count(commands.begin(), commands.end(), erase));
+    return static_cast<int>(std::count(commands.begin(), commands.end(), erase_command));
 }
 
 int count_drops(const TransferRecord& record, const std::string& device,

@@ -9,7 +9,6 @@
 namespace {
 
 constexpr char probe[] = "0300000001";
-constexpr char erase[] = "04000100";
 /// A gap without any transfer can be as long as a restart.
 constexpr int longest_gap = 400;
 /// A report that comes so long after the next message can still be taken for its answer.
@@ -51,7 +50,7 @@ std::vector<SentCommand> sent_commands(const TransferRecord& record, const std::
 }
 
 bool is_of_image(const std::string& message) {
-    return message == erase || (message.size() > 8 && message.substr(4, 4) == "0200");
+    return message == erase_command || (message.size() > 8 && message.substr(4, 4) == "0200");
 }
 
 /// How long the program waits for the answer before it goes on: whole polls of 15 ms.
@@ -63,13 +62,12 @@ int patience_for(const SentCommand& command) {
     return (is_of_image(command.message) ? other_timeouts : information_timeout) / poll * poll;
 }
 
-Injection timed(const Injection& place, const SentCommand& command, const char* kind,
-                int milliseconds) {
+Injection timed(const Injection& place, const SentCommand& command, const char* kind, int delay) {
     Injection injection = place;
     injection.event = "command";
     injection.number = command.number;
     injection.kind = find_fault_kind(kind);
-    injection.milliseconds = milliseconds;
+    injection.milliseconds = delay;
     return injection;
 }
 
@@ -85,7 +83,7 @@ std::vector<Injection> late_answers(const TransferRecord& record, const Injectio
     bool is_main_image = false;
     bool had_image = false;
     for (const SentCommand& command : sent_commands(record, place.device)) {
-        if (command.message == erase) {
+        if (command.message == erase_command) {
             // After a failed main image the device is reset, and its answers are lost.
             is_main_image = !had_image;
             had_image = true;

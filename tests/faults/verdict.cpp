@@ -9,11 +9,6 @@
 
 namespace {
 
-constexpr int exit_ok = 0;
-constexpr int exit_no_devices = 5;
-constexpr int exit_nothing_updated = 6;
-constexpr int exit_device_failed = 8;
-
 std::string level_text(const std::string& digits) {
     return digits.substr(0, 2) + "." + digits.substr(2);
 }

@@ -9,9 +9,6 @@
 
 namespace {
 
-constexpr int exit_ok = 0;
-constexpr int exit_no_devices = 5;
-constexpr int exit_device_failed = 8;
 constexpr std::size_t header_size = 8;  // of a firmware file
 constexpr int result_failed = 6;
 constexpr int result_succeeded = 7;

@@ -5,6 +5,12 @@
 #include "strike.h"
 #include "verdict.h"
 
+// Of the program.
+inline constexpr int exit_ok = 0;
+inline constexpr int exit_no_devices = 5;
+inline constexpr int exit_nothing_updated = 6;
+inline constexpr int exit_device_failed = 8;
+
 /// All that is known of a run with a fault.
 struct Evidence {
     const Run& run;

@@ -7,9 +7,6 @@
 
 namespace {
 
-constexpr int exit_ok = 0;
-constexpr int exit_no_devices = 5;
-constexpr int exit_nothing_updated = 6;
 constexpr int result_forced = 10;
 constexpr int result_not_attempted = 11;
 constexpr int result_no_file = 8;

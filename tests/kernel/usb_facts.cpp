@@ -34,9 +34,9 @@ Function* bind(const char* name) {
 
 using Handle = libusb_device_handle*;
 
-constexpr unsigned kPatience = 1000;
-constexpr std::array<unsigned char, 4> kStatusRequest{0x04, 0x00, 0x00, 0x20};
-constexpr std::array<unsigned char, 4> kResetCommand{0x04, 0x00, 0x00, 0x40};
+constexpr unsigned longest_wait = 1000;
+constexpr std::array<unsigned char, 4> status_request{0x04, 0x00, 0x00, 0x20};
+constexpr std::array<unsigned char, 4> reset_command{0x04, 0x00, 0x00, 0x40};
 
 void tell(const char* what, long answer) {
     std::printf("%s: %ld\n", what, answer);
@@ -56,7 +56,7 @@ Handle open_device(libusb_context* context, const std::string& serial) {
         std::array<unsigned char, 255> text{};
         USB(libusb_control_transfer)
         (handle, 0x80, 6, static_cast<std::uint16_t>(0x0300 | descriptor.iSerialNumber), 0x0409,
-         text.data(), text.size(), kPatience);
+         text.data(), text.size(), longest_wait);
         std::string ascii;
         for (std::size_t at = 2; at < text[0]; at += 2) {
             ascii += static_cast<char>(text.at(at));
@@ -74,14 +74,14 @@ Handle open_device(libusb_context* context, const std::string& serial) {
 int send(Handle handle, int interface, std::array<unsigned char, 4> command) {
     return USB(libusb_control_transfer)(handle, 0x21, 9, 0x0200,
                                         static_cast<std::uint16_t>(interface), command.data(),
-                                        static_cast<std::uint16_t>(command.size()), kPatience);
+                                        static_cast<std::uint16_t>(command.size()), longest_wait);
 }
 
 int ask(Handle handle, std::uint8_t type, std::uint8_t request, std::uint16_t value,
         std::uint16_t index, std::uint16_t length) {
     std::array<unsigned char, 512> data{};
     return USB(libusb_control_transfer)(handle, type, request, value, index, data.data(), length,
-                                        kPatience);
+                                        longest_wait);
 }
 
 std::string read_text(const char* what, Handle handle, unsigned char endpoint, int length,
@@ -108,7 +108,7 @@ void tell_claims(Handle handle, Handle other, int interface) {
     const auto release = USB(libusb_release_interface);
     tell("driver active at first", USB(libusb_kernel_driver_active)(handle, interface));
     tell("claim under the driver", claim(handle, interface));
-    tell("transfer under the driver", send(handle, interface, kStatusRequest));
+    tell("transfer under the driver", send(handle, interface, status_request));
     tell("claim of an interface that is not there", claim(handle, 9));
     tell("detach of one that is not there", detach(handle, 9));
     tell("release without a claim", release(handle, interface));
@@ -153,15 +153,15 @@ void tell_requests(Handle handle, int interface) {
 
 void tell_reports(Handle handle, int interface) {
     read_report("read with nothing to come", handle, 0x81, 64, 100);
-    tell("command", send(handle, interface, kStatusRequest));
-    read_report("its status", handle, 0x81, 64, kPatience);
-    tell("command", send(handle, interface, kStatusRequest));
-    read_report("its status into too small a buffer", handle, 0x81, 4, kPatience);
+    tell("command", send(handle, interface, status_request));
+    read_report("its status", handle, 0x81, 64, longest_wait);
+    tell("command", send(handle, interface, status_request));
+    read_report("its status into too small a buffer", handle, 0x81, 4, longest_wait);
     read_report("read after that", handle, 0x81, 64, 100);
     read_report("read of no endpoint", handle, 0x8F, 64, 100);
-    tell("command", send(handle, interface, kStatusRequest));
+    tell("command", send(handle, interface, status_request));
     std::this_thread::sleep_for(std::chrono::milliseconds(200));
-    read_report("a status that waited", handle, 0x81, 64, kPatience);
+    read_report("a status that waited", handle, 0x81, 64, longest_wait);
 }
 
 /// What a blocked read gets when `act` happens meanwhile; the answer of `act` comes first.
@@ -188,13 +188,13 @@ void tell_driver(Handle handle, int interface) {
     tell("detach", USB(libusb_detach_kernel_driver)(handle, interface));
     tell("claim", claim(handle, interface));
     tell("attach under a claim", attach(handle, interface));
-    tell("command", send(handle, interface, kStatusRequest));
-    read_report("its status", handle, 0x81, 64, kPatience);
+    tell("command", send(handle, interface, status_request));
+    read_report("its status", handle, 0x81, 64, longest_wait);
 }
 
 void tell_reset(Handle handle, Handle other, int interface) {
-    tell_blocked("reset command", handle, [&] { return send(handle, interface, kResetCommand); });
-    tell("command after the reset", send(handle, interface, kStatusRequest));
+    tell_blocked("reset command", handle, [&] { return send(handle, interface, reset_command); });
+    tell("command after the reset", send(handle, interface, status_request));
     read_report("read after the reset", handle, 0x81, 64, 100);
     tell("device request after the reset", ask(handle, 0x80, 6, 0x0100, 0, 18));
     tell("release after the reset", USB(libusb_release_interface)(handle, interface));

@@ -12,7 +12,7 @@
 
 namespace {
 
-constexpr int kPatience = 10000;
+constexpr int longest_wait = 10000;
 
 void add(Octets& bytes, std::uint32_t value, unsigned size = 4) {
     while (size-- > 0) {
@@ -76,8 +76,9 @@ Octets UsbIpClient::receive(std::size_t count) {
     std::size_t got = 0;
     while (got < count) {
         pollfd file{socket_, POLLIN, 0};
-        const ssize_t part =
-            poll(&file, 1, kPatience) == 1 ? recv(socket_, bytes.data() + got, count - got, 0) : 0;
+        const ssize_t part = poll(&file, 1, longest_wait) == 1
+                                 ? recv(socket_, bytes.data() + got, count - got, 0)
+                                 : 0;
         if (part <= 0) {
             break;
         }
@@ -172,7 +173,7 @@ UrbReply UsbIpClient::next() {
 bool UsbIpClient::ends() {
     std::uint8_t byte = 0;
     pollfd file{socket_, POLLIN, 0};
-    return poll(&file, 1, kPatience) == 1 && recv(socket_, &byte, 1, 0) <= 0;
+    return poll(&file, 1, longest_wait) == 1 && recv(socket_, &byte, 1, 0) <= 0;
 }
 
 bool UsbIpClient::silent() const {

@@ -20,11 +20,11 @@ namespace {
 using testing::ElementsAre;
 using testing::HasSubstr;
 
-constexpr int kSubmitReply = 3;
-constexpr int kUnlinkReply = 4;
-const Octets kStatusRequest{0x04, 0x00, 0x00, 0x20};
-const Octets kResetCommand{0x04, 0x00, 0x00, 0x40};
-const Octets kGetDevice{0x80, 6, 0, 1, 0, 0, 18, 0};
+constexpr int submit_reply = 3;
+constexpr int unlink_reply = 4;
+const Octets status_request{0x04, 0x00, 0x00, 0x20};
+const Octets reset_command{0x04, 0x00, 0x00, 0x40};
+const Octets get_device{0x80, 6, 0, 1, 0, 0, 18, 0};
 
 Octets set_report(std::size_t length) {
     return {0x21, 9, 0, 2, 0, 0, static_cast<std::uint8_t>(length), 0};
@@ -129,9 +129,9 @@ TEST_F(UsbIpServer, CarriesControlTransfers) {
     start({SimDevice{}});
     UsbIpClient client(port);
     ASSERT_EQ(client.import("1-1"), 0U);
-    client.submit_control(7, kGetDevice);
+    client.submit_control(7, get_device);
     const UrbReply reply = client.next();
-    EXPECT_EQ(reply.command, kSubmitReply);
+    EXPECT_EQ(reply.command, submit_reply);
     EXPECT_EQ(reply.sequence, 7U);
     EXPECT_EQ(reply.status, 0);
     ASSERT_EQ(reply.data.size(), 18U);
@@ -157,7 +157,7 @@ TEST_F(UsbIpServer, HoldsAnInterruptReadUntilTheStatusArrives) {
     ASSERT_EQ(client.import("1-1"), 0U);
     client.submit_interrupt_in(1, 1, 64);
     EXPECT_TRUE(client.silent());
-    client.submit_control(2, set_report(4), kStatusRequest);
+    client.submit_control(2, set_report(4), status_request);
     const UrbReply sent = client.next();
     EXPECT_EQ(sent.sequence, 2U);
     EXPECT_EQ(sent.status, 0);
@@ -175,7 +175,7 @@ TEST_F(UsbIpServer, TakesBackAWaitingTransfer) {
     client.submit_interrupt_in(1, 1, 64);
     client.unlink(2, 1);
     const UrbReply reply = client.next();
-    EXPECT_EQ(reply.command, kUnlinkReply);
+    EXPECT_EQ(reply.command, unlink_reply);
     EXPECT_EQ(reply.sequence, 2U);
     EXPECT_EQ(reply.status, -ECONNRESET);
     client.unlink(3, 1);
@@ -186,7 +186,7 @@ TEST_F(UsbIpServer, LeavesATransferThatIsNeverAnsweredToTheHost) {
     start({SimDevice{}}, fault_text("printer", "set-report", "timeout"));
     UsbIpClient client(port);
     ASSERT_EQ(client.import("1-1"), 0U);
-    client.submit_control(1, set_report(4), kStatusRequest);
+    client.submit_control(1, set_report(4), status_request);
     EXPECT_TRUE(client.silent());
     client.unlink(2, 1);
     EXPECT_EQ(client.next().status, -ECONNRESET);
@@ -197,11 +197,11 @@ TEST_F(UsbIpServer, MapsFaultsToErrorNumbers) {
                              fault_text("printer", "set-report", "overflow", "number = 2\n"));
     UsbIpClient client(port);
     ASSERT_EQ(client.import("1-1"), 0U);
-    client.submit_control(1, set_report(4), kStatusRequest);
+    client.submit_control(1, set_report(4), status_request);
     EXPECT_EQ(client.next().status, -EPROTO);
-    client.submit_control(2, set_report(4), kStatusRequest);
+    client.submit_control(2, set_report(4), status_request);
     EXPECT_EQ(client.next().status, -EOVERFLOW);
-    client.submit_control(3, set_report(4), kStatusRequest);
+    client.submit_control(3, set_report(4), status_request);
     EXPECT_EQ(client.next().status, 0);
 }
 
@@ -211,7 +211,7 @@ TEST_F(UsbIpServer, AnswersTheResetCommandThenDisconnectsAndComesBackAtTheSamePl
         UsbIpClient client(port);
         ASSERT_EQ(client.import("1-1"), 0U);
         client.submit_interrupt_in(1, 1, 64);
-        client.submit_control(2, set_report(4), kResetCommand);
+        client.submit_control(2, set_report(4), reset_command);
         const UrbReply reply = client.next();
         EXPECT_EQ(reply.sequence, 2U);
         EXPECT_EQ(reply.status, 0);
@@ -219,7 +219,7 @@ TEST_F(UsbIpServer, AnswersTheResetCommandThenDisconnectsAndComesBackAtTheSamePl
     }
     std::unique_ptr<UsbIpClient> client;
     ASSERT_TRUE(import_soon(port, "1-1", client));
-    client->submit_control(1, kGetDevice);
+    client->submit_control(1, get_device);
     EXPECT_EQ(client->next().status, 0);
     EXPECT_THAT(record(), HasSubstr("drop\treset"));
 }
@@ -230,10 +230,10 @@ TEST_F(UsbIpServer, EndsTheConnectionOfADeviceThatIsUnplugged) {
     UsbIpClient other(port);
     ASSERT_EQ(printer.import("1-1"), 0U);
     ASSERT_EQ(other.import("1-2"), 0U);
-    printer.submit_control(1, set_report(4), kStatusRequest);
+    printer.submit_control(1, set_report(4), status_request);
     EXPECT_TRUE(printer.ends());
     EXPECT_EQ(UsbIpClient(port).import("1-1"), 4U);
-    other.submit_control(1, kGetDevice);
+    other.submit_control(1, get_device);
     EXPECT_EQ(other.next().status, 0) << "the other device stays";
 }
 
@@ -245,11 +245,11 @@ TEST_F(UsbIpServer, ServesSeveralDevicesAtOnce) {
     ASSERT_EQ(other.import("1-2"), 0U);
     printer.submit_interrupt_in(1, 1, 64);
     other.submit_interrupt_in(1, 1, 64);
-    other.submit_control(2, set_report(4), kStatusRequest);
+    other.submit_control(2, set_report(4), status_request);
     EXPECT_EQ(other.next().sequence, 2U);
     EXPECT_EQ(other.next().data.size(), 8U);
     EXPECT_TRUE(printer.silent()) << "each gets its own status only";
-    printer.submit_control(2, set_report(4), kStatusRequest);
+    printer.submit_control(2, set_report(4), status_request);
     EXPECT_EQ(printer.next().sequence, 2U);
     EXPECT_EQ(printer.next().data.size(), 8U);
 }
@@ -259,7 +259,7 @@ TEST_F(UsbIpServer, TakesMessagesInPieces) {
     UsbIpClient client(port);
     ASSERT_EQ(client.import("1-1"), 0U);
     Octets bytes = urb_header(1, 9, false, 0, 4, set_report(4));
-    bytes.insert(bytes.end(), kStatusRequest.begin(), kStatusRequest.end());
+    bytes.insert(bytes.end(), status_request.begin(), status_request.end());
     for (const std::uint8_t byte : bytes) {
         client.send({byte});
         usleep(1000);
@@ -289,7 +289,7 @@ TEST_P(UsbIpServerNonsense, EndsThatConnectionAndNoOther) {
     }
     bad.send(GetParam().bytes);
     EXPECT_TRUE(bad.ends());
-    good.submit_control(1, kGetDevice);
+    good.submit_control(1, get_device);
     EXPECT_EQ(good.next().status, 0);
 }
 

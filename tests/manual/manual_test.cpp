@@ -98,9 +98,9 @@ std::set<std::string> found_in_sources(const std::string& directory, const std::
 /// The keys that a reader of TOML takes for known.
 std::set<std::string> listed_keys(const std::string& directory, const std::string& name_start) {
     std::set<std::string> keys;
-    for (const std::string& list : found_in_sources(
-             directory, R"re(std::string_view, [0-9]+> [A-Za-z_]+[kK]eys\{([^}]*)\})re",
-             name_start)) {
+    for (const std::string& list :
+         found_in_sources(directory, R"re(std::string_view, [0-9]+> [A-Za-z_]+[k]eys\{([^}]*)\})re",
+                          name_start)) {
         keys.merge(all_matches(list, R"re("([a-z_]+)")re"));
     }
     return keys;

@@ -14,16 +14,15 @@ namespace {
 using std::chrono::milliseconds;
 using std::chrono::steady_clock;
 
-constexpr int kPrinter = 0x3C35;
-constexpr unsigned kDay = 86400000;
-constexpr milliseconds kInTheEnd{30000};
+constexpr unsigned day = 86400000;
+constexpr milliseconds in_the_end{30000};
 
 class BlockingRead : public testing::Test {
   protected:
     void begin(const std::string& more = "") {
         workspace.use_bus(printer_bus("driver = false\n", more));
         context = std::make_unique<UsbContext>();
-        handle = context->open(kPrinter);
+        handle = context->open(printer_product);
         ASSERT_EQ(usb.claim_interface(handle, 0), 0);
     }
 
@@ -36,12 +35,12 @@ class BlockingRead : public testing::Test {
     }
     /// Starts a read that waits for long, and gives it time to block.
     void block() {
-        start_read(kDay);
+        start_read(day);
         ASSERT_EQ(read.wait_for(milliseconds(100)), std::future_status::timeout);
     }
 
     Read finish() {
-        if (read.wait_for(kInTheEnd) != std::future_status::ready) {
+        if (read.wait_for(in_the_end) != std::future_status::ready) {
             ADD_FAILURE() << "the read still blocks";
             usb.close(handle);
         }
@@ -140,14 +139,14 @@ TEST_F(BlockingRead, DoesNotHoldUpOtherThreads) {
     workspace.use_bus(printer_bus("driver = false\n"));
     const UsbContext shared;
     std::atomic<int> good{0};
-    constexpr int kThreadCount = 4;
+    constexpr int thread_count = 4;
     std::vector<std::thread> threads;
-    threads.reserve(kThreadCount);
-    for (int number = 0; number < kThreadCount; ++number) {
+    threads.reserve(thread_count);
+    for (int number = 0; number < thread_count; ++number) {
         threads.emplace_back([&] {
             const UsbContext own;
             for (int round = 0; round < 20; ++round) {
-                libusb_device_handle* mine = own.open(kPrinter);
+                libusb_device_handle* mine = own.open(printer_product);
                 std::array<unsigned char, 64> text{};
                 good += usb.get_string_descriptor_ascii(mine, 3, text.data(), 64) == 3 ? 1 : 0;
                 usb.claim_interface(mine, 0);

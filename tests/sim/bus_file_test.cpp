@@ -61,7 +61,7 @@ TEST(BusFile, ReadsTheBusThatComesWithIt) {
 
 namespace {
 
-const std::string kMouse =
+const std::string mouse =
     "[[device]]\nname = \"m\"\nvendor = 1\nproduct = 2\n[[device.interface]]\nkind = \"mouse\"\n";
 
 struct Mistake {
@@ -86,14 +86,14 @@ INSTANTIATE_TEST_SUITE_P(
     testing::Values(
         Mistake{"\n\nx = ", ":3: "},  //
         Mistake{"\ntypo = 1\n", ":2: unknown key \"typo\""},
-        Mistake{kMouse + "colour = 1\n", ":7: unknown key \"colour\""},
+        Mistake{mouse + "colour = 1\n", ":7: unknown key \"colour\""},
         Mistake{"[[device]]\nname = \"m\"\nvendor = 1\nproduct = 70000\n",
                 ":4: \"product\" must be 0 to 65535"},
         Mistake{"[[device]]\nname = \"m\"\nvendor = \"x\"\n",
                 ":3: \"vendor\" must be a whole number"},
         Mistake{"[[device]]\nname = \"m\"\nvendor = 1\nproduct = 2\n",
                 ":1: a device needs 1 to 15 interfaces"},
-        Mistake{kMouse + kMouse, ":8: the name \"m\" is used twice"},
+        Mistake{mouse + mouse, ":8: the name \"m\" is used twice"},
         Mistake{"[[device]]\nname = \"../m\"\n", ":2: a name consists of"},
         Mistake{"[[device]]\nname = \"m\"\nhub = \"h\"\n", ":3: there is no hub \"h\""},
         Mistake{"[[hub]]\nname = \"a\"\nbus = 1\n[[hub]]\nname = \"b\"\nhub = \"a\"\nport = 5\n",
@@ -108,35 +108,35 @@ INSTANTIATE_TEST_SUITE_P(
         Mistake{"[timing]\nerase_ms = -1\n", ":2: \"erase_ms\" must be 0 to 600000"},
         Mistake{"[timing]\nerase_ms = nan\n", ":2: \"erase_ms\" must be 0 to 600000"},
         Mistake{"device = 5\n", ":1: \"device\" must be an array of tables"},
-        Mistake{kMouse + "[[fault]]\ndevice = \"x\"\n", ":8: there is no device \"x\""},
-        Mistake{kMouse + "[[fault]]\ndevice = \"m\"\nat = \"noon\"\n",
+        Mistake{mouse + "[[fault]]\ndevice = \"x\"\n", ":8: there is no device \"x\""},
+        Mistake{mouse + "[[fault]]\ndevice = \"m\"\nat = \"noon\"\n",
                 ":9: unknown event \"noon\"; the events are \"control\", \"get-descriptor\", "},
         Mistake{
-            kMouse + "[[fault]]\ndevice = \"m\"\nat = \"claim\"\naction = \"bsuy\"\n",
+            mouse + "[[fault]]\ndevice = \"m\"\nat = \"claim\"\naction = \"bsuy\"\n",
             ":10: unknown action \"bsuy\"; at \"claim\" there are \"unplug\", \"crash\", \"busy\""},
-        Mistake{kMouse + "[[fault]]\ndevice = \"m\"\nat = \"open\"\naction = \"stall\"\n",
+        Mistake{mouse + "[[fault]]\ndevice = \"m\"\nat = \"open\"\naction = \"stall\"\n",
                 ":10: \"stall\" cannot happen at \"open\", only \"unplug\", \"crash\", \"refuse\""},
-        Mistake{kMouse + "[[fault]]\ndevice = \"m\"\nat = \"open\"\naction = \"refuse\"\nms = 3\n",
+        Mistake{mouse + "[[fault]]\ndevice = \"m\"\nat = \"open\"\naction = \"refuse\"\nms = 3\n",
                 ":11: \"ms\" goes only with"},
-        Mistake{kMouse + "[[fault]]\ndevice = \"m\"\nat = \"open\"\naction = \"signal\"\n",
+        Mistake{mouse + "[[fault]]\ndevice = \"m\"\nat = \"open\"\naction = \"signal\"\n",
                 ":7: \"signal\" is missing"},
-        Mistake{kMouse + "[[fault]]\ndevice = \"m\"\nat = \"open\"\naction = \"signal\"\n"
-                         "signal = \"SIGSEGV\"\n",
+        Mistake{mouse + "[[fault]]\ndevice = \"m\"\nat = \"open\"\naction = \"signal\"\n"
+                        "signal = \"SIGSEGV\"\n",
                 ":11: unknown signal \"SIGSEGV\""},
-        Mistake{kMouse + "[[fault]]\ndevice = \"m\"\nat = \"open\"\naction = \"refuse\"\n"
-                         "signal = \"SIGTERM\"\n",
+        Mistake{mouse + "[[fault]]\ndevice = \"m\"\nat = \"open\"\naction = \"refuse\"\n"
+                        "signal = \"SIGTERM\"\n",
                 ":11: \"signal\" goes only with action = \"signal\""},
         Mistake{
-            kMouse +
+            mouse +
                 "[[fault]]\ndevice = \"m\"\nat = \"string\"\naction = \"answer\"\nbytes = \"0\"\n",
             ":11: \"bytes\" must be pairs"},
-        Mistake{kMouse + "[[fault]]\ndevice = \"m\"\nat = \"open\"\naction = \"refuse\"\n"
-                         "[[fault]]\ndevice = \"m\"\nat = \"open\"\naction = \"refuse\"\n",
+        Mistake{mouse + "[[fault]]\ndevice = \"m\"\nat = \"open\"\naction = \"refuse\"\n"
+                        "[[fault]]\ndevice = \"m\"\nat = \"open\"\naction = \"refuse\"\n",
                 ":13: the fault open#1:refuse of \"m\" is there twice"}));
 
 TEST(BusFile, TellsAWronglyWrittenKeyAndTheNearestOne) {
     const std::string hub = "[[hub]]\nname = \"a\"\nbus = 1\n";
-    const std::string flash = kMouse.substr(0, kMouse.find("kind")) + "kind = \"flash\"\n";
+    const std::string flash = mouse.substr(0, mouse.find("kind")) + "kind = \"flash\"\n";
     // A missing key, a wrong value or a wrong choice would come later: the wrong key is the cause.
     EXPECT_EQ(refusal("[[device]]\nname = \"m\"\nvendro = 1\nproduct = 70000\n"),
               ":3: unknown key \"vendro\", did you mean \"vendor\"?");
@@ -149,7 +149,7 @@ TEST(BusFile, TellsAWronglyWrittenKeyAndTheNearestOne) {
               ":6: unknown key \"kidn\", did you mean \"kind\"?");
     EXPECT_EQ(refusal(flash + "[[device.interface.component]]\nid = 0\nlevl = \"01.00\"\n"),
               ":9: unknown key \"levl\", did you mean \"level\"?");
-    EXPECT_EQ(refusal(kMouse + "[[fault]]\ndevcie = \"m\"\n"),
+    EXPECT_EQ(refusal(mouse + "[[fault]]\ndevcie = \"m\"\n"),
               ":8: unknown key \"devcie\", did you mean \"device\"?");
 }
 
@@ -158,12 +158,12 @@ TEST(BusFile, TellsTheFirstOfSeveralUnknownKeys) {
 }
 
 TEST(BusFile, RefusesAKeyOfAnotherKindOfInterface) {
-    EXPECT_EQ(refusal(kMouse + "in_packet = 8\n"), ":7: unknown key \"in_packet\"");
+    EXPECT_EQ(refusal(mouse + "in_packet = 8\n"), ":7: unknown key \"in_packet\"");
 }
 
 TEST(BusFile, ListsEveryEventToWhoMistakesOne) {
     const std::string message =
-        refusal(kMouse + "[[fault]]\ndevice = \"m\"\nat = \"erased\"\naction = \"stall\"\n");
+        refusal(mouse + "[[fault]]\ndevice = \"m\"\nat = \"erased\"\naction = \"stall\"\n");
     for (const char* event : {"control", "string", "interrupt", "erase", "record", "checksum",
                               "extended-list", "open", "claim", "detach"}) {
         EXPECT_THAT(message, HasSubstr("\"" + std::string(event) + "\""));
@@ -183,7 +183,7 @@ TEST(BusFile, RefusesComponentsThatDoNotBelongTogether) {
 TEST(BusFile, RefusesMoreDevicesThanABusHasAddresses) {
     std::string text = "[[hub]]\nname = \"root\"\nbus = 1\nports = 127\n";
     for (int number = 0; number < 127; ++number) {
-        std::string device = kMouse;
+        std::string device = mouse;
         device.replace(device.find("\"m\""), 3, "\"m" + std::to_string(number) + "\"");
         text += device;
     }

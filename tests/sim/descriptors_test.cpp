@@ -20,7 +20,7 @@ zelfsim::DeviceDescription device_of(const std::string& text) {
     return bus.devices.at(1);
 }
 
-constexpr const char* kKeyboard = R"(
+constexpr const char* keyboard = R"(
 [[device]]
 name = "keyboard"
 vendor = 0x7A01
@@ -42,13 +42,13 @@ level = "01.07"
 }  // namespace
 
 TEST(Descriptors, DescribeTheDevice) {
-    EXPECT_THAT(zelfsim::device_descriptor(device_of(kKeyboard), 0x0107),
+    EXPECT_THAT(zelfsim::device_descriptor(device_of(keyboard), 0x0107),
                 ElementsAre(18, 1, 0x10, 0x01, 0, 0, 0, 64, 0x01, 0x7A, 0x02, 0x3C, 0x07, 0x01, 1,
                             2, 3, 1));
 }
 
 TEST(Descriptors, DescribeTheConfigurationWithHidAndEndpoints) {
-    const auto device = device_of(kKeyboard);
+    const auto device = device_of(keyboard);
     const std::size_t keys = zelfsim::report_descriptor(device, device.interfaces[0]).size();
     const std::size_t flash = zelfsim::report_descriptor(device, device.interfaces[1]).size();
     const Bytes expected{
@@ -70,7 +70,7 @@ TEST(Descriptors, DescribeTheConfigurationWithHidAndEndpoints) {
 }
 
 TEST(Descriptors, DescribeTheFlashReports) {
-    const auto device = device_of(kKeyboard);
+    const auto device = device_of(keyboard);
     EXPECT_THAT(
         zelfsim::report_descriptor(device, device.interfaces[1]),
         ElementsAreArray(Bytes{0x06, 0x45, 0xFF, 0x0A, 0x00, 0xA0, 0xA1, 0x01, 0x15, 0x00, 0x26,
@@ -81,7 +81,7 @@ TEST(Descriptors, DescribeTheFlashReports) {
 }
 
 TEST(Descriptors, GiveStringsInEnglishOnly) {
-    const auto device = device_of(kKeyboard);
+    const auto device = device_of(keyboard);
     EXPECT_THAT(*zelfsim::string_descriptor(device, 0, 0), ElementsAre(4, 3, 0x09, 0x04));
     EXPECT_THAT(*zelfsim::string_descriptor(device, 3, 0x0409),
                 ElementsAre(8, 3, 'K', 0, 0xAC, 0x20, '1', 0));

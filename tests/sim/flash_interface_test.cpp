@@ -11,10 +11,8 @@ using zelfsim::Bytes;
 using zelfsim::Completion;
 using zelfsim::FlashPhase;
 
-const Bytes kLevelOrStop{0x02, 0x00, 0x00, 0x80};
-const Bytes kDeviceInfo{0x03, 0x00, 0x00, 0x00, 0x01};
-const Bytes kPlainList{0x06, 0x00, 0x20, 0x00, 0xFF, 0xFF, 0x00, 0x01};
-const Bytes kExtendedList{0x06, 0x00, 0x20, 0x00, 0xFF, 0xFF, 0x00, 0x02};
+const Bytes level_or_stop{0x02, 0x00, 0x00, 0x80};
+const Bytes extended_list{0x06, 0x00, 0x20, 0x00, 0xFF, 0xFF, 0x00, 0x02};
 
 Bytes version_query(std::uint8_t component) {
     return {0x06, 0x00, 0x20, 0x00, 0x02, static_cast<std::uint8_t>(0xF0 | component), 0x00, 0x01};
@@ -36,33 +34,33 @@ int first(const Bytes& status) {
 
 TEST(FlashInterface, AnswersTheLevelQueryWithPresentAndPreviousLevels) {
     Bench bench(printer_bus("previous_level = \"01.01\"\nprevious_build = 9\n"));
-    EXPECT_THAT(bench.ask(kLevelOrStop), ElementsAre(0x05, 0x02, 0x01, 0x01, 0x01, 3, 9, 0));
+    EXPECT_THAT(bench.ask(level_or_stop), ElementsAre(0x05, 0x02, 0x01, 0x01, 0x01, 3, 9, 0));
 }
 
 TEST(FlashInterface, AnswersDeviceInformationWithDerivedFeatures) {
     Bench bench(printer_bus("device_type = 0x21\ndevice_id = 4\ncommand_set = 7\n"));
-    EXPECT_THAT(bench.ask(kDeviceInfo), ElementsAre(0x09, 0x21, 4, 7, 0xD0, 0, 0, 0));
+    EXPECT_THAT(bench.ask(device_info_query), ElementsAre(0x09, 0x21, 4, 7, 0xD0, 0, 0, 0));
 }
 
 TEST(FlashInterface, TakesTheFeaturesOfTheBusFile) {
     Bench bench(printer_bus("features = 0x20\n"));
-    EXPECT_EQ(bench.ask(kDeviceInfo)[4], 0x20);
+    EXPECT_EQ(bench.ask(device_info_query)[4], 0x20);
 }
 
 TEST(FlashInterface, RejectsQueriesThatTheBusFileSwitchesOff) {
     Bench bench(printer_bus("device_info = false\nec_level = false\nread_records = false\n"));
-    EXPECT_EQ(first(bench.ask(kDeviceInfo)), 0x80);
-    EXPECT_EQ(first(bench.ask(kLevelOrStop)), 0x80);
+    EXPECT_EQ(first(bench.ask(device_info_query)), 0x80);
+    EXPECT_EQ(first(bench.ask(level_or_stop)), 0x80);
     EXPECT_EQ(first(bench.ask(read_records(0))), 0x80);
 }
 
 TEST(FlashInterface, GivesBothListsWhenItHasTheExtendedOne) {
     Bench bench;
-    EXPECT_EQ(first(bench.ask(kExtendedList)), 0x01);
+    EXPECT_EQ(first(bench.ask(extended_list)), 0x01);
     EXPECT_THAT(front(bench.data(), 17), ElementsAre(1, 0, 10, 0xFF, 0, 2,  //
                                                      0, 0x02, 0x01, 2, 3,   //
                                                      1, 0x10, 0x02, 5, 0, 0));
-    EXPECT_EQ(first(bench.ask(kPlainList)), 0x01);
+    EXPECT_EQ(first(bench.ask(plain_list_query)), 0x01);
     EXPECT_THAT(front(bench.data(), 15), ElementsAre(1, 0, 8, 0xFF, 0, 1,  //
                                                      0, 0x02, 0x01, 2,     //
                                                      1, 0x10, 0x02, 5, 0));
@@ -71,11 +69,11 @@ TEST(FlashInterface, GivesBothListsWhenItHasTheExtendedOne) {
 
 TEST(FlashInterface, RejectsTheListsItDoesNotHave) {
     Bench plain(printer_bus("list = \"plain\"\n"));
-    EXPECT_EQ(first(plain.ask(kExtendedList)), 0x80);
-    EXPECT_EQ(first(plain.ask(kPlainList)), 0x01);
+    EXPECT_EQ(first(plain.ask(extended_list)), 0x80);
+    EXPECT_EQ(first(plain.ask(plain_list_query)), 0x01);
     Bench none(printer_bus("list = \"none\"\n"));
-    EXPECT_EQ(first(none.ask(kExtendedList)), 0x80);
-    EXPECT_EQ(first(none.ask(kPlainList)), 0x80);
+    EXPECT_EQ(first(none.ask(extended_list)), 0x80);
+    EXPECT_EQ(first(none.ask(plain_list_query)), 0x80);
     EXPECT_EQ(first(none.ask(version_query(1))), 0x01);
     EXPECT_THAT(front(none.data(), 8), ElementsAre(1, 0, 2, 0xF1, 0, 1, 0x10, 0x02));
     EXPECT_EQ(first(none.ask(version_query(2))), 0x80);
@@ -91,7 +89,7 @@ TEST(FlashInterface, RejectsWhatItDoesNotKnow) {
 
 TEST(FlashInterface, IgnoresPaddingAfterAMessage) {
     Bench bench;
-    Bytes padded = kDeviceInfo;
+    Bytes padded = device_info_query;
     padded.resize(263, 0xEE);
     EXPECT_EQ(first(bench.ask(padded)), 0x09);
     padded.resize(264, 0xEE);
@@ -100,8 +98,8 @@ TEST(FlashInterface, IgnoresPaddingAfterAMessage) {
 
 TEST(FlashInterface, SpeaksWithReportIds) {
     Bench bench(printer_bus("report_ids = true\n"));
-    EXPECT_THAT(bench.ask(kDeviceInfo), ElementsAre(2, 0x09, 1, 1, 1, 0xD0, 0, 0, 0));
-    bench.ask(kPlainList);
+    EXPECT_THAT(bench.ask(device_info_query), ElementsAre(2, 0x09, 1, 1, 1, 0xD0, 0, 0, 0));
+    bench.ask(plain_list_query);
     EXPECT_EQ(bench.data().size(), 262U);
     EXPECT_THAT(front(bench.data(), 4), ElementsAre(3, 1, 0, 8));
 }
@@ -123,10 +121,10 @@ TEST(FlashInterface, TakesAWholeImage) {
 TEST(FlashInterface, RunsNewMainFirmwareOnlyAfterAReset) {
     Bench bench;
     bench.update(make_image(0, {1, 5, 1}));
-    EXPECT_THAT(bench.ask(kLevelOrStop), ElementsAre(0x05, 0x02, 0x01, 0, 0, 3, 0, 0));
+    EXPECT_THAT(bench.ask(level_or_stop), ElementsAre(0x05, 0x02, 0x01, 0, 0, 3, 0, 0));
     EXPECT_EQ(bench.printer().state().bcd, 0x0102);
     bench.reset();
-    EXPECT_THAT(bench.ask(kLevelOrStop), ElementsAre(0x05, 0x05, 0x01, 0x02, 0x01, 1, 3, 0));
+    EXPECT_THAT(bench.ask(level_or_stop), ElementsAre(0x05, 0x05, 0x01, 0x02, 0x01, 1, 3, 0));
     EXPECT_EQ(bench.printer().state().bcd, 0x0105);
 }
 
@@ -192,9 +190,9 @@ TEST(FlashInterface, TakesTheLevelQueryAsStopWhileReceiving) {
     Bench bench;
     bench.erase();
     bench.send_record({0x10, 0, 0, 0xAA});
-    EXPECT_THAT(bench.ask(kLevelOrStop), ElementsAre(0x01, 0, 0, 0, 0, 0, 0, 0));
+    EXPECT_THAT(bench.ask(level_or_stop), ElementsAre(0x01, 0, 0, 0, 0, 0, 0, 0));
     EXPECT_EQ(bench.printer().state().phase, FlashPhase::idle);
-    EXPECT_EQ(first(bench.ask(kLevelOrStop)), 0x05);
+    EXPECT_EQ(first(bench.ask(level_or_stop)), 0x05);
     EXPECT_EQ(first(bench.send_record({0x10, 0, 1, 0xAA})), 0x80);
     EXPECT_TRUE(bench.printer().state().components[1].broken);
 }
@@ -308,7 +306,7 @@ type = "unspecified"
 id = 1
 level = "01.00"
 )");
-    bench.ask(kExtendedList);
+    bench.ask(extended_list);
     EXPECT_EQ(bench.data()[6], 1);
     EXPECT_EQ(bench.data()[11], 0);
 }
@@ -325,7 +323,7 @@ TEST(FlashInterface, KeepsTheHostWaitingWhileItErases) {
     Bench bench;
     bench.send({0x04, 0x00, 0x01, 0x00});
     const auto begin = bench.time();
-    EXPECT_EQ(bench.send(kDeviceInfo), Completion::ok);
+    EXPECT_EQ(bench.send(device_info_query), Completion::ok);
     EXPECT_GE(bench.time() - begin, std::chrono::milliseconds(29));
 }
 
@@ -346,7 +344,7 @@ TEST(FlashInterface, ComesBackFromAResetUnderAnotherAddress) {
     const int before = bench.printer().address();
     bench.send({0x04, 0x00, 0x00, 0x40});
     EXPECT_FALSE(bench.printer().attached());
-    EXPECT_EQ(bench.send(kDeviceInfo), Completion::no_device);
+    EXPECT_EQ(bench.send(device_info_query), Completion::no_device);
     bench.pass(std::chrono::milliseconds(90));
     bench.printer().advance(bench.time());
     EXPECT_FALSE(bench.printer().attached());

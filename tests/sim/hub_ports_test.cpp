@@ -11,7 +11,7 @@ namespace {
 
 using testing::HasSubstr;
 
-constexpr const char* kBus = R"(
+constexpr const char* one_bus = R"(
 [[hub]]
 name = "root"
 bus = 3
@@ -44,7 +44,7 @@ std::string query(const std::string& path, const std::string& before = "") {
 class HubPorts : public testing::Test {
   protected:
     void SetUp() override {
-        workspace.use_bus(kBus);
+        workspace.use_bus(one_bus);
         // A sanitizer's own library must come first.
         const std::string sanitizer =
             run("ldd " ZELFWSIM_HUB_QUERY " | grep -oE '/[^ ]*lib[at]san[^ ]*'").output;

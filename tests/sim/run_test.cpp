@@ -19,9 +19,9 @@ using testing::HasSubstr;
 using testing::Not;
 using testing::StartsWith;
 
-const std::string kRun = ZELFWSIM_TOOL " run ";
-const std::string kList = " " ZELFWUPDATE " -l 0 -t 0 -L";
-const std::string kListed = "PID: 3c35  COMP: 00  TYPE: FW   EC: 01.02.03 (SN='PR1')\n";
+const std::string run_tool = ZELFWSIM_TOOL " run ";
+const std::string list = " " ZELFWUPDATE " -l 0 -t 0 -L";
+const std::string listed = "PID: 3c35  COMP: 00  TYPE: FW   EC: 01.02.03 (SN='PR1')\n";
 
 /// A bus with one printer, and a library of the USB library's name that is no simulation.
 class Run : public testing::Test {
@@ -36,7 +36,7 @@ class Run : public testing::Test {
     /// Runs a command, with its arguments, on the bus.
     Outcome on_bus(const std::string& command, const std::string& options = "",
                    const std::string& before = "") const {
-        return run(before + kRun + options + " " + workspace.bus() + " -- " + command);
+        return run(before + run_tool + options + " " + workspace.bus() + " -- " + command);
     }
     std::string script(const std::string& name, const std::string& text) const {
         const std::string file = workspace.write(name, text);
@@ -74,19 +74,19 @@ class RunAsRoot : public Run {
 }  // namespace
 
 TEST_F(RunAsRoot, ListsTheDevicesOfTheBusFile) {
-    const Outcome result = on_bus(kList);
+    const Outcome result = on_bus(list);
     EXPECT_EQ(result.code, 0);
-    EXPECT_THAT(result.output, StartsWith(kListed));
+    EXPECT_THAT(result.output, StartsWith(listed));
 }
 
 TEST_F(RunAsRoot, DoesSoWithoutAnyEnvironment) {
     // A sanitizer's settings are its own affair.
-    EXPECT_THAT(on_bus(kList, "", "env -i ${ASAN_OPTIONS:+ASAN_OPTIONS=$ASAN_OPTIONS} ").output,
-                StartsWith(kListed));
+    EXPECT_THAT(on_bus(list, "", "env -i ${ASAN_OPTIONS:+ASAN_OPTIONS=$ASAN_OPTIONS} ").output,
+                StartsWith(listed));
 }
 
 TEST_F(RunAsRoot, NeverLoadsTheLibraryOfASearchPath) {
-    EXPECT_THAT(on_bus(kList, "", decoy_path).output, StartsWith(kListed));
+    EXPECT_THAT(on_bus(list, "", decoy_path).output, StartsWith(listed));
     EXPECT_FALSE(decoy_was_loaded());
 }
 
@@ -166,10 +166,10 @@ TEST_F(Run, FailsWhenTheCommandTakesNoGuard) {
 
 TEST_F(RunAsRoot, RunsScripts) {
     const std::string file =
-        script("rehearse", "#!/bin/sh\n" + kList + "\necho \"code $?\"\nexit 5\n");
+        script("rehearse", "#!/bin/sh\n" + list + "\necho \"code $?\"\nexit 5\n");
     const Outcome result = on_bus(file, "", decoy_path);
     EXPECT_EQ(result.code, 5);
-    EXPECT_THAT(result.output, StartsWith(kListed));
+    EXPECT_THAT(result.output, StartsWith(listed));
     EXPECT_THAT(result.output, HasSubstr("code 0\n"));
     EXPECT_FALSE(decoy_was_loaded());
 }
@@ -192,7 +192,7 @@ TEST_F(Run, HandsSignalsToTheCommand) {
                                     "#!/bin/sh\ntrap 'exit 9' TERM\ntrap 'exit 8' INT\n: >ready\n"
                                     "while :; do sleep 0.05; done\n");
     for (const auto& [name, code] : {std::pair("TERM", 9), std::pair("INT", 8)}) {
-        const std::string start = kRun + workspace.bus() + " -- " + file;
+        const std::string start = run_tool + workspace.bus() + " -- " + file;
         // A shell's background commands ignore what a terminal sends.
         EXPECT_EQ(run("cd " + workspace.path("") + "; rm -f ready; env --default-signal=INT " +
                       start + " & until [ -e " + workspace.path("ready") +
@@ -204,13 +204,13 @@ TEST_F(Run, HandsSignalsToTheCommand) {
 
 TEST_F(RunAsRoot, HidesTheNodesOfDevices) {
     EXPECT_THAT(with_a_node("find /dev/bus/usb").output, HasSubstr("/dev/bus/usb/001/004\n"));
-    EXPECT_EQ(with_a_node(kRun + workspace.bus() + " -- find /dev/bus/usb").output,
+    EXPECT_EQ(with_a_node(run_tool + workspace.bus() + " -- find /dev/bus/usb").output,
               "/dev/bus/usb\n");
-    EXPECT_EQ(with_a_node(kRun + workspace.bus() + " -- touch /dev/bus/usb/x").code, 1);
+    EXPECT_EQ(with_a_node(run_tool + workspace.bus() + " -- touch /dev/bus/usb/x").code, 1);
 }
 
 TEST_F(RunAsRoot, StartsNothingWhenItCannotHideThem) {
-    const std::string weak = "setpriv --bounding-set=-sys_admin --inh-caps=-sys_admin " + kRun;
+    const std::string weak = "setpriv --bounding-set=-sys_admin --inh-caps=-sys_admin " + run_tool;
     const Outcome result = with_a_node(weak + workspace.bus() + " -- echo started");
     EXPECT_EQ(result.code, 124);
     EXPECT_THAT(result.output, HasSubstr("the attached devices cannot be hidden: "));
@@ -222,7 +222,7 @@ TEST_F(RunAsRoot, LeavesNoRealLibraryToAProgramThatDropsItsEnvironment) {
         "unshare --mount --propagation private sh -ec 'mount --bind " USB_DECOY
         " /usr/local/lib; exec ";
     const std::string opener = "env -i DECOY_NOTE=" + note + " LTDL_LIBRARY_PATH=/usr/local/lib ";
-    const Outcome result = run(start + kRun + workspace.bus() + " -- " + opener + kList + "'");
+    const Outcome result = run(start + run_tool + workspace.bus() + " -- " + opener + list + "'");
     EXPECT_EQ(result.code, 3);
     EXPECT_THAT(result.output, HasSubstr("Failed loading libusb-1.0.so"));
     EXPECT_FALSE(decoy_was_loaded());
@@ -236,7 +236,7 @@ TEST_F(RunAsRoot, TellsAnOrdinaryUserThatTheUpdaterNeedsRoot) {
     EXPECT_EQ(result.output,
               "zelfwsim: the updater needs root, even here: sudo zelfwsim run ...\n"
               "NoNewPrivs:\t1\n");
-    EXPECT_EQ(on_bus(kList, "", user).code, 2);
+    EXPECT_EQ(on_bus(list, "", user).code, 2);
 }
 
 TEST_F(Run, RefusesCommandsThatChangeTheUser) {
@@ -260,10 +260,10 @@ TEST_F(Run, RefusesWhatItCannotStart) {
 
 TEST_F(Run, RefusesABusFileWithAnError) {
     const std::string bad = workspace.write("bad.toml", "\n\nname = 3\n");
-    const Outcome result = run(kRun + bad + " -- echo started");
+    const Outcome result = run(run_tool + bad + " -- echo started");
     EXPECT_EQ(result.code, 121);
     EXPECT_EQ(result.output, bad + ":3: unknown key \"name\"\n");
-    EXPECT_EQ(run(kRun + "/does/not/exist -- true").code, 121);
+    EXPECT_EQ(run(run_tool + "/does/not/exist -- true").code, 121);
 }
 
 TEST_F(Run, TellsWhatItTakes) {
@@ -271,7 +271,7 @@ TEST_F(Run, TellsWhatItTakes) {
     for (const std::string& wrong : std::vector<std::string>{
              "", bus, bus + " --", bus + " true", "-- true", bus + " true -- true",
              "--fly " + bus + " -- true", "--state", "--hubs"}) {
-        const Outcome result = run(kRun + wrong);
+        const Outcome result = run(run_tool + wrong);
         EXPECT_EQ(result.code, 120) << wrong;
         EXPECT_THAT(result.output, HasSubstr("Try: zelfwsim --help")) << wrong;
     }
@@ -280,7 +280,7 @@ TEST_F(Run, TellsWhatItTakes) {
 TEST_F(RunAsRoot, KeepsStateAndRecordWhereItIsTold) {
     const std::string options =
         "--state " + workspace.path("till") + " --record " + workspace.path("record");
-    EXPECT_EQ(on_bus(kList, options).code, 0);
+    EXPECT_EQ(on_bus(list, options).code, 0);
     EXPECT_TRUE(std::filesystem::exists(workspace.path("till/devices/printer")));
     EXPECT_THAT(workspace.read("record"), HasSubstr("\tcontrol\t"));
 }

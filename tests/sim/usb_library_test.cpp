@@ -17,10 +17,9 @@ using testing::ElementsAre;
 using testing::EndsWith;
 using testing::HasSubstr;
 
-constexpr int kPrinter = 0x3C35;
-constexpr int kGenerous = 30000;  // milliseconds
-const std::vector<unsigned char> kDeviceInfo{0x03, 0x00, 0x00, 0x00, 0x01};
-const std::vector<unsigned char> kReset{0x04, 0x00, 0x00, 0x40};
+constexpr int generous = 30000;  // milliseconds
+const std::vector<unsigned char> device_info{0x03, 0x00, 0x00, 0x00, 0x01};
+const std::vector<unsigned char> reset{0x04, 0x00, 0x00, 0x40};
 
 class Usb : public testing::Test {
   protected:
@@ -30,14 +29,10 @@ class Usb : public testing::Test {
     const UsbLibrary& usb = UsbLibrary::get();
 };
 
-std::string with_fault(const std::string& fault) {
-    return printer_bus("", "\n[[fault]]\ndevice = \"printer\"\n" + fault);
-}
-
 }  // namespace
 
 TEST_F(Usb, HasAllTheFunctionsThatAreBound) {
-    for (const char* name : kUsbFunctions) {
+    for (const char* name : usb_functions) {
         EXPECT_NE(usb_symbol(name), nullptr) << name;
     }
 }
@@ -100,7 +95,7 @@ TEST_F(Usb, KeepsADeviceThatIsReferenced) {
 TEST_F(Usb, GivesTheConfigurationAsATree) {
     use();
     const UsbContext context;
-    libusb_device_handle* handle = context.open(kPrinter);
+    libusb_device_handle* handle = context.open(printer_product);
     libusb_device* device = usb.get_device(handle);
     libusb_config_descriptor* config = nullptr;
     ASSERT_EQ(usb.get_active_config_descriptor(device, &config), 0);
@@ -127,7 +122,7 @@ TEST_F(Usb, GivesTheConfigurationAsATree) {
 TEST_F(Usb, ReadsStrings) {
     use();
     const UsbContext context;
-    libusb_device_handle* handle = context.open(kPrinter);
+    libusb_device_handle* handle = context.open(printer_product);
     std::array<unsigned char, 64> text{};
     EXPECT_EQ(usb.get_string_descriptor_ascii(handle, 3, text.data(), 64), 3);
     EXPECT_STREQ(reinterpret_cast<char*>(text.data()), "PR1");
@@ -139,7 +134,7 @@ TEST_F(Usb, ReadsStrings) {
 TEST_F(Usb, ClaimsOnlyWhatNobodyHolds) {
     use();
     const UsbContext context;
-    libusb_device_handle* handle = context.open(kPrinter);
+    libusb_device_handle* handle = context.open(printer_product);
     EXPECT_EQ(usb.claim_interface(handle, 1), LIBUSB_ERROR_NOT_FOUND);
     EXPECT_EQ(usb.claim_interface(handle, 0), LIBUSB_ERROR_BUSY) << "the kernel driver";
     EXPECT_EQ(usb.kernel_driver_active(handle, 0), 1);
@@ -148,7 +143,7 @@ TEST_F(Usb, ClaimsOnlyWhatNobodyHolds) {
     EXPECT_EQ(usb.detach_kernel_driver(handle, 0), LIBUSB_ERROR_NOT_FOUND);
     EXPECT_EQ(usb.claim_interface(handle, 0), 0);
     EXPECT_EQ(usb.claim_interface(handle, 0), 0) << "again by the same handle";
-    libusb_device_handle* other = context.open(kPrinter);
+    libusb_device_handle* other = context.open(printer_product);
     EXPECT_EQ(usb.claim_interface(other, 0), LIBUSB_ERROR_BUSY);
     EXPECT_EQ(usb.attach_kernel_driver(other, 0), LIBUSB_ERROR_BUSY);
     EXPECT_EQ(usb.release_interface(handle, 0), 0);
@@ -166,8 +161,8 @@ TEST_F(Usb, KeepsClaimsOfOtherContextsApart) {
     use(printer_bus("driver = false\n"));
     const UsbContext one;
     const UsbContext two;
-    libusb_device_handle* first = one.open(kPrinter);
-    libusb_device_handle* second = two.open(kPrinter);
+    libusb_device_handle* first = one.open(printer_product);
+    libusb_device_handle* second = two.open(printer_product);
     EXPECT_NE(usb.get_device(first), usb.get_device(second));
     EXPECT_EQ(usb.claim_interface(first, 0), 0);
     EXPECT_EQ(usb.claim_interface(second, 0), LIBUSB_ERROR_BUSY);
@@ -179,12 +174,12 @@ TEST_F(Usb, KeepsClaimsOfOtherContextsApart) {
 TEST_F(Usb, ClaimsForATransferWhatIsFree) {
     use();
     const UsbContext context;
-    libusb_device_handle* handle = context.open(kPrinter);
-    EXPECT_EQ(send_command(handle, kDeviceInfo), LIBUSB_ERROR_IO) << "the kernel driver holds it";
+    libusb_device_handle* handle = context.open(printer_product);
+    EXPECT_EQ(send_command(handle, device_info), LIBUSB_ERROR_IO) << "the kernel driver holds it";
     usb.detach_kernel_driver(handle, 0);
-    EXPECT_EQ(send_command(handle, kDeviceInfo), 5);
-    libusb_device_handle* other = context.open(kPrinter);
-    EXPECT_EQ(send_command(other, kDeviceInfo), LIBUSB_ERROR_IO);
+    EXPECT_EQ(send_command(handle, device_info), 5);
+    libusb_device_handle* other = context.open(printer_product);
+    EXPECT_EQ(send_command(other, device_info), LIBUSB_ERROR_IO);
     usb.close(other);
     usb.close(handle);
 }
@@ -195,20 +190,20 @@ TEST_F(Usb, BindsTheDriverAgainAfterAReset) {
     bus.replace(bus.find("reset_ms = 100"), 14, "reset_ms = 2000");
     use(bus);
     const UsbContext context;
-    const int before = context.address_of(kPrinter);
-    libusb_device_handle* handle = context.open(kPrinter);
+    const int before = context.address_of(printer_product);
+    libusb_device_handle* handle = context.open(printer_product);
     usb.detach_kernel_driver(handle, 0);
-    EXPECT_EQ(send_command(handle, kReset), 4);
+    EXPECT_EQ(send_command(handle, reset), 4);
     EXPECT_EQ(context.count(), 1) << "the root hub alone";
-    EXPECT_EQ(send_command(handle, kDeviceInfo), LIBUSB_ERROR_NO_DEVICE);
+    EXPECT_EQ(send_command(handle, device_info), LIBUSB_ERROR_NO_DEVICE);
     EXPECT_EQ(usb.claim_interface(handle, 0), LIBUSB_ERROR_NO_DEVICE);
-    for (int waited = 0; context.count() < 2 && waited < kGenerous; waited += 20) {
+    for (int waited = 0; context.count() < 2 && waited < generous; waited += 20) {
         std::this_thread::sleep_for(std::chrono::milliseconds(20));
     }
     EXPECT_EQ(context.count(), 2);
-    EXPECT_NE(context.address_of(kPrinter), before);
-    EXPECT_EQ(send_command(handle, kDeviceInfo), LIBUSB_ERROR_NO_DEVICE) << "an old handle";
-    libusb_device_handle* again = context.open(kPrinter);
+    EXPECT_NE(context.address_of(printer_product), before);
+    EXPECT_EQ(send_command(handle, device_info), LIBUSB_ERROR_NO_DEVICE) << "an old handle";
+    libusb_device_handle* again = context.open(printer_product);
     EXPECT_EQ(usb.claim_interface(again, 0), LIBUSB_ERROR_BUSY);
     usb.close(again);
     usb.close(handle);
@@ -219,9 +214,9 @@ TEST_F(Usb, RefusesToOpenADeviceThatIsAway) {
     const UsbContext context;
     libusb_device** list = nullptr;
     ASSERT_EQ(usb.get_device_list(context.get(), &list), 2);
-    libusb_device_handle* handle = context.open(kPrinter);
+    libusb_device_handle* handle = context.open(printer_product);
     usb.detach_kernel_driver(handle, 0);
-    send_command(handle, kReset);
+    send_command(handle, reset);
     libusb_device_handle* other = nullptr;
     EXPECT_EQ(usb.open(list[1], &other), LIBUSB_ERROR_NO_DEVICE);
     EXPECT_EQ(other, nullptr);
@@ -232,10 +227,10 @@ TEST_F(Usb, RefusesToOpenADeviceThatIsAway) {
 TEST_F(Usb, StandsAHandleThatWasClosed) {
     use();
     const UsbContext context;
-    libusb_device_handle* handle = context.open(kPrinter);
+    libusb_device_handle* handle = context.open(printer_product);
     usb.close(handle);
     EXPECT_EQ(usb.claim_interface(handle, 0), LIBUSB_ERROR_NO_DEVICE);
-    EXPECT_EQ(send_command(handle, kDeviceInfo), LIBUSB_ERROR_NO_DEVICE);
+    EXPECT_EQ(send_command(handle, device_info), LIBUSB_ERROR_NO_DEVICE);
     EXPECT_EQ(read_interrupt(handle, 10).code, LIBUSB_ERROR_NO_DEVICE);
     usb.close(handle);
     EXPECT_EQ(count_kind(read_record(workspace.record()), "misuse"), 4);
@@ -246,10 +241,10 @@ TEST_F(Usb, TimesOutWhenTheDeviceIsBusy) {
     slow.replace(slow.find("erase_ms = 30"), 13, "erase_ms = 3000");
     use(slow);
     const UsbContext context;
-    libusb_device_handle* handle = context.open(kPrinter);
+    libusb_device_handle* handle = context.open(printer_product);
     EXPECT_EQ(send_command(handle, {0x04, 0x00, 0x01, 0x00}), 4);
-    EXPECT_EQ(send_command(handle, kDeviceInfo, 50), LIBUSB_ERROR_TIMEOUT);
-    EXPECT_EQ(send_command(handle, kDeviceInfo, kGenerous), 5);
+    EXPECT_EQ(send_command(handle, device_info, 50), LIBUSB_ERROR_TIMEOUT);
+    EXPECT_EQ(send_command(handle, device_info, generous), 5);
     usb.close(handle);
 }
 
@@ -257,9 +252,9 @@ TEST_F(Usb, RecordsEveryTransferWithItsBytes) {
     use(printer_bus("driver = false\n"));
     {
         const UsbContext context;
-        libusb_device_handle* handle = context.open(kPrinter);
+        libusb_device_handle* handle = context.open(printer_product);
         usb.claim_interface(handle, 0);
-        send_command(handle, kDeviceInfo);
+        send_command(handle, device_info);
         read_interrupt(handle, 1000);
         usb.release_interface(handle, 0);
         usb.close(handle);
@@ -286,18 +281,18 @@ TEST_F(Usb, RecordsEveryTransferWithItsBytes) {
 }
 
 TEST_F(Usb, RefusesToOpenWhenTheFaultSaysSo) {
-    use(with_fault("at = \"open\"\naction = \"refuse\"\n"));
+    use(printer_with_fault("at = \"open\"\naction = \"refuse\"\n"));
     const UsbContext context;
     libusb_device_handle* handle = nullptr;
-    EXPECT_EQ(context.try_open(kPrinter, &handle), LIBUSB_ERROR_ACCESS);
-    EXPECT_EQ(context.try_open(kPrinter, &handle), 0);
+    EXPECT_EQ(context.try_open(printer_product, &handle), LIBUSB_ERROR_ACCESS);
+    EXPECT_EQ(context.try_open(printer_product, &handle), 0);
     usb.close(handle);
 }
 
 TEST_F(Usb, KeepsTheInterfaceBusyWhenTheFaultSaysSo) {
-    use(with_fault("at = \"claim\"\naction = \"busy\"\ntimes = \"always\"\n"));
+    use(printer_with_fault("at = \"claim\"\naction = \"busy\"\ntimes = \"always\"\n"));
     const UsbContext context;
-    libusb_device_handle* handle = context.open(kPrinter);
+    libusb_device_handle* handle = context.open(printer_product);
     EXPECT_EQ(usb.detach_kernel_driver(handle, 0), 0);
     EXPECT_EQ(usb.claim_interface(handle, 0), LIBUSB_ERROR_BUSY);
     EXPECT_EQ(usb.claim_interface(handle, 0), LIBUSB_ERROR_BUSY);
@@ -305,9 +300,9 @@ TEST_F(Usb, KeepsTheInterfaceBusyWhenTheFaultSaysSo) {
 }
 
 TEST_F(Usb, RefusesToDetachWhenTheFaultSaysSo) {
-    use(with_fault("at = \"detach\"\naction = \"refuse\"\n"));
+    use(printer_with_fault("at = \"detach\"\naction = \"refuse\"\n"));
     const UsbContext context;
-    libusb_device_handle* handle = context.open(kPrinter);
+    libusb_device_handle* handle = context.open(printer_product);
     EXPECT_EQ(usb.detach_kernel_driver(handle, 0), LIBUSB_ERROR_OTHER);
     EXPECT_EQ(usb.kernel_driver_active(handle, 0), 1);
     usb.close(handle);
@@ -320,13 +315,13 @@ using UsbDeathTest = Usb;
 }  // namespace
 
 TEST_F(UsbDeathTest, CrashesForRealWhenTheFaultSaysSo) {
-    use(with_fault("at = \"string\"\naction = \"crash\"\n"));
+    use(printer_with_fault("at = \"string\"\naction = \"crash\"\n"));
     const auto provoke = [&] {
         // A sanitizer would turn the signal into an exit of its own.
         (void)std::signal(SIGSEGV, SIG_DFL);
         const UsbContext context;
         std::array<unsigned char, 64> text{};
-        usb.get_string_descriptor_ascii(context.open(kPrinter), 3, text.data(), 64);
+        usb.get_string_descriptor_ascii(context.open(printer_product), 3, text.data(), 64);
     };
     EXPECT_EXIT(provoke(), testing::KilledBySignal(SIGSEGV), "");
 }
@@ -334,8 +329,8 @@ TEST_F(UsbDeathTest, CrashesForRealWhenTheFaultSaysSo) {
 TEST_F(Usb, TakesCommandsOnAnOutEndpoint) {
     use(printer_bus("driver = false\nout_packet = 64\n"));
     const UsbContext context;
-    libusb_device_handle* handle = context.open(kPrinter);
-    std::vector<unsigned char> message = kDeviceInfo;
+    libusb_device_handle* handle = context.open(printer_product);
+    std::vector<unsigned char> message = device_info;
     int actual = 0;
     EXPECT_EQ(usb.interrupt_transfer(handle, 0x01, message.data(), 5, &actual, 1000), 0);
     EXPECT_EQ(actual, 5);
@@ -346,7 +341,7 @@ TEST_F(Usb, TakesCommandsOnAnOutEndpoint) {
 TEST_F(Usb, ManagesConfigurationAndSettings) {
     use(printer_bus("driver = false\n"));
     const UsbContext context;
-    libusb_device_handle* handle = context.open(kPrinter);
+    libusb_device_handle* handle = context.open(printer_product);
     int configuration = 0;
     EXPECT_EQ(usb.get_configuration(handle, &configuration), 0);
     EXPECT_EQ(configuration, 1);
@@ -366,7 +361,8 @@ TEST_F(Usb, ManagesConfigurationAndSettings) {
 TEST_F(Usb, OpensByVendorAndProduct) {
     use();
     const UsbContext context;
-    libusb_device_handle* handle = usb.open_device_with_vid_pid(context.get(), 0x7A01, kPrinter);
+    libusb_device_handle* handle =
+        usb.open_device_with_vid_pid(context.get(), 0x7A01, printer_product);
     ASSERT_NE(handle, nullptr);
     usb.close(handle);
     EXPECT_EQ(usb.open_device_with_vid_pid(context.get(), 0x7A01, 0x9999), nullptr);
@@ -398,9 +394,9 @@ TEST_F(Usb, LetsAHandleOutliveItsContext) {
     libusb_device_handle* handle = nullptr;
     {
         const UsbContext context;
-        handle = context.open(kPrinter);
+        handle = context.open(printer_product);
     }
-    EXPECT_EQ(send_command(handle, kDeviceInfo), 5);
+    EXPECT_EQ(send_command(handle, device_info), 5);
     usb.close(handle);
 }
 

@@ -11,16 +11,16 @@ namespace {
 using testing::HasSubstr;
 using testing::StartsWith;
 
-const std::string kTool = ZELFWSIM_TOOL;
+const std::string tool = ZELFWSIM_TOOL;
 
 }  // namespace
 
 TEST(Zelfwsim, ChecksABusFile) {
-    const Outcome good = run(kTool + " check " ZELFWSIM_BUSES "/demo.toml");
+    const Outcome good = run(tool + " check " ZELFWSIM_BUSES "/demo.toml");
     EXPECT_EQ(good.code, 0);
     EXPECT_THAT(good.output, HasSubstr("printer              7a01:3c35  bus 1 address 3"));
     const Workspace workspace;
-    const Outcome bad = run(kTool + " check " + workspace.write("bad.toml", "\n\nname = 3\n"));
+    const Outcome bad = run(tool + " check " + workspace.write("bad.toml", "\n\nname = 3\n"));
     EXPECT_EQ(bad.code, 2);
     EXPECT_EQ(bad.output, workspace.path("bad.toml") + ":3: unknown key \"name\"\n");
 }
@@ -41,7 +41,7 @@ TEST(Zelfwsim, WarnsOfFaultsThatNoRunReaches) {
                         fault("printer", "at = \"checksum\"\nnumber = 2\ncomponent = 0\n") +
                         fault("printer", "at = \"erase\"\nnumber = 900\n") +
                         fault("printer", "at = \"erase\"\n"));
-    const Outcome outcome = run("{ " + kTool + " check " + bus + " >/dev/null; }");
+    const Outcome outcome = run("{ " + tool + " check " + bus + " >/dev/null; }");
     EXPECT_EQ(outcome.code, 0);
     const std::string start = bus + ": warning: the fault ";
     EXPECT_THAT(
@@ -60,12 +60,12 @@ TEST(Zelfwsim, WarnsOfFaultsThatNoRunReaches) {
 }
 
 TEST(Zelfwsim, GeneratesTheSameBusEveryTime) {
-    EXPECT_EQ(run(kTool + " generate 4 | cmp - " ZELFWSIM_GOLDEN "/fleet-4.toml").output, "");
+    EXPECT_EQ(run(tool + " generate 4 | cmp - " ZELFWSIM_GOLDEN "/fleet-4.toml").output, "");
 }
 
 TEST(Zelfwsim, GeneratesBusesOfEverySize) {
     const Workspace workspace;
-    for (const unsigned count : {1U, 7U, 8U, 96U, 97U, 128U, zelfsim::kLargestFleet}) {
+    for (const unsigned count : {1U, 7U, 8U, 96U, 97U, 128U, zelfsim::largest_fleet}) {
         const auto bus =
             zelfsim::read_bus_file(workspace.write("fleet.toml", zelfsim::fleet(count)));
         unsigned devices = 0;
@@ -82,7 +82,7 @@ TEST(Zelfwsim, GeneratesBusesOfEverySize) {
 TEST(Zelfwsim, ShowsDevicesAsTheyAreNow) {
     Bench bench;
     bench.update(make_image(0, {1, 5, 1}));
-    const std::string command = kTool + " show " + bench.workspace().bus() + " ";
+    const std::string command = tool + " show " + bench.workspace().bus() + " ";
     EXPECT_THAT(run(command + bench.workspace().state()).output,
                 HasSubstr("01.05.01  firmware       increasing  waits for the reset"));
     bench.reset();
@@ -93,15 +93,15 @@ TEST(Zelfwsim, ShowsDevicesAsTheyAreNow) {
 }
 
 TEST(Zelfwsim, TellsWhatItTakes) {
-    EXPECT_EQ(run(kTool + " --help").code, 0);
-    EXPECT_THAT(run(kTool + " --help").output, StartsWith("zelfwsim: the simulated bus"));
+    EXPECT_EQ(run(tool + " --help").code, 0);
+    EXPECT_THAT(run(tool + " --help").output, StartsWith("zelfwsim: the simulated bus"));
     for (const char* command : {" ", " check ", " generate ", " show ", " serve "}) {
-        EXPECT_EQ(run(kTool + command + "--help").output, run(kTool + " -h").output) << command;
-        EXPECT_EQ(run(kTool + command + "--version").output, "zelfwsim " ZELF_VERSION "\n");
+        EXPECT_EQ(run(tool + command + "--help").output, run(tool + " -h").output) << command;
+        EXPECT_EQ(run(tool + command + "--version").output, "zelfwsim " ZELF_VERSION "\n");
     }
     for (const char* wrong : {"", " fly", " check", " check a b", " generate", " generate 0",
                               " generate 1001", " generate x", " show"}) {
-        const Outcome result = run(kTool + wrong);
+        const Outcome result = run(tool + wrong);
         EXPECT_EQ(result.code, 1) << wrong;
         EXPECT_THAT(result.output, HasSubstr("Try: zelfwsim --help")) << wrong;
     }

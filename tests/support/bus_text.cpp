@@ -29,6 +29,12 @@ std::string device_text(const SimDevice& device) {
     return text.str();
 }
 
+SimDevice two_components() {
+    SimDevice device;
+    device.components = {{}, {.id = 1}};
+    return device;
+}
+
 std::string fault_text(const std::string& device, const std::string& at, const std::string& action,
                        const std::string& keys) {
     return "[[fault]]\ndevice = \"" + device + "\"\nat = \"" + at + "\"\naction = \"" + action +

@@ -23,6 +23,9 @@ struct SimDevice {
     std::string interface_keys{};  ///< further lines of the flash interface
 };
 
+/// With components 0 and 1.
+SimDevice two_components();
+
 /// `[timing]` with times that keep a test quick.
 std::string quick_timing();
 

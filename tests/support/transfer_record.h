@@ -7,6 +7,12 @@
 #include <utility>
 #include <vector>
 
+// Command messages, as a record of transfers has them.
+inline constexpr char erase_command[] = "04000100";
+inline constexpr char reset_command[] = "04000040";
+/// Asks for the level before an image, and ends one.
+inline constexpr char stop_command[] = "02000080";
+
 struct Transfer {
     double time = 0;  ///< milliseconds of the monotonic clock
     std::string device;

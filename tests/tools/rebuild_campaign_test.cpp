@@ -62,7 +62,7 @@ class Rebuilt : public testing::Test {
     Outcome sent_and_rebuilt(const std::string& file, const std::string& fault = "",
                              const std::string& options = "") {
         workspace_.write("files/image.dat", file);
-        workspace_.write("bus.toml", kBus + fault);
+        workspace_.write("bus.toml", one_bus + fault);
         std::filesystem::remove_all(workspace_.path("out"));
         std::filesystem::remove(workspace_.path("trace"));
         sent_ = run("cd " + workspace_.path("") +
@@ -76,7 +76,7 @@ class Rebuilt : public testing::Test {
         return std::filesystem::exists(workspace_.path("out/" + name));
     }
 
-    static constexpr const char* kBus = R"(
+    static constexpr const char* one_bus = R"(
 [[device]]
 name = "printer"
 vendor = 0x7A01

@@ -60,3 +60,9 @@ TraceBytes& TraceBytes::append(std::uint32_t kind, const std::string& payload) {
     bytes_ += header_.bytes(static_cast<std::uint32_t>(payload.size())) + payload;
     return *this;
 }
+
+TraceBytes begun_run() {
+    TraceBytes trace;
+    trace.version().text("Command line:  zelfwupdate -U\n");
+    return trace;
+}

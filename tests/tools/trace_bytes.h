@@ -5,6 +5,13 @@
 #include <cstdint>
 #include <string>
 
+// Reports: commands, and statuses.
+inline constexpr char erase_report[] = "04 00 01 00";
+inline constexpr char stop_report[] = "02 00 00 80";
+inline constexpr char checksum_report[] = "05 00 02 00 00 1e 86";
+inline constexpr char completed_report[] = "01 00 00 00 00 00 00 00";
+inline constexpr char done_report[] = "00 00 00 00 00 00 00 00";
+
 /// The fields of a record's header. What is not set is as the program writes it.
 struct RecordHeader {
     std::uint32_t kind = 0;
@@ -49,3 +56,6 @@ class TraceBytes {
     unsigned int product_ = 0x3C35;
     std::string bytes_;
 };
+
+/// The start of an update's trace.
+TraceBytes begun_run();

@@ -21,12 +21,8 @@ using testing::SizeIs;
 
 namespace {
 
-constexpr char erase[] = "04 00 01 00";
-constexpr char stop[] = "02 00 00 80";
 constexpr char device_information_query[] = "03 00 00 00 01";
-constexpr char checksum[] = "05 00 02 00 00 12 34";
-constexpr char completed[] = "01 00 00 00 00 00 00 00";
-constexpr char done[] = "00 00 00 00 00 00 00 00";
+constexpr char odd_checksum[] = "05 00 02 00 00 12 34";
 
 /// tshark with the built dissector, and no other settings than its own.
 class Tshark {
@@ -215,9 +211,12 @@ TEST_F(DissectorOnARun, RecordsThatAreReadBackAreShownToo) {
 
 TEST_F(Dissector, RecordShowsItsNumberComponentTagAndPayload) {
     TraceBytes trace;
-    trace.sent(erase).status(done);
-    trace.sent("08 00 02 00 02 ff 00 01 aa bb").status(done);
-    trace.sent("09 00 02 00 03 12 34 56 01 02 03").status(done).sent(checksum).status(done);
+    trace.sent(erase_report).status(done_report);
+    trace.sent("08 00 02 00 02 ff 00 01 aa bb").status(done_report);
+    trace.sent("09 00 02 00 03 12 34 56 01 02 03")
+        .status(done_report)
+        .sent(odd_checksum)
+        .status(done_report);
     capture_trace(trace);
     EXPECT_THAT(
         fields("zelfw.record", {"zelfw.command", "zelfw.record", "zelfw.component", "zelfw.length",
@@ -233,9 +232,9 @@ TEST_F(Dissector, CommandIsAFilter) {
     capture_trace(TraceBytes()
                       .sent(device_information_query)
                       .sent(device_information_query)
-                      .sent(stop)
-                      .sent(erase)
-                      .sent(stop)
+                      .sent(stop_report)
+                      .sent(erase_report)
+                      .sent(stop_report)
                       .sent("06 00 21 00 ff 30 00 00")
                       .sent("04 00 77 00"));
     EXPECT_THAT(
@@ -248,7 +247,7 @@ TEST_F(Dissector, CommandIsAFilter) {
 
 TEST_F(Dissector, RecordsOfAnImageAreKnownOnceItsChecksumIs) {
     TraceBytes trace;
-    trace.sent(erase).record(20).record(5).sent(checksum);
+    trace.sent(erase_report).record(20).record(5).sent(odd_checksum);
     capture_trace(trace);
     EXPECT_THAT(info("zelfw.record"), ElementsAre("record 1 (component 0, data 000000, 20 bytes)",
                                                   "record 2 (component 0, data 000000, 5 bytes)"));
@@ -259,9 +258,9 @@ TEST_F(Dissector, RecordsOfAnImageAreKnownOnceItsChecksumIs) {
 
 TEST_F(Dissector, LineOfTheLogTellsTheRecordsOfABrokenOffImage) {
     TraceBytes trace;
-    trace.sent(erase).status(done);
+    trace.sent(erase_report).status(done_report);
     trace.text("Erase completed, now sending 50 firmware update records\n");
-    trace.record(20).status(done).record(5).sent(stop);
+    trace.record(20).status(done_report).record(5).sent(stop_report);
     capture_trace(trace);
     const std::string plain = tshark_.run(capture(), "").output;
     EXPECT_THAT(plain, HasSubstr("record 1 of 50 "));
@@ -270,8 +269,11 @@ TEST_F(Dissector, LineOfTheLogTellsTheRecordsOfABrokenOffImage) {
 
 TEST_F(Dissector, StatusFlagIsAFieldWhereItIsSet) {
     TraceBytes trace;
-    trace.sent(erase).status("80 00 00 00 00 00 00 00");
-    trace.sent(erase).status("41 00 00 00 00 00 00 00").sent(erase).status(done);
+    trace.sent(erase_report).status("80 00 00 00 00 00 00 00");
+    trace.sent(erase_report)
+        .status("41 00 00 00 00 00 00 00")
+        .sent(erase_report)
+        .status(done_report);
     capture_trace(trace);
     EXPECT_THAT(fields("zelfw.status.reject", {"zelfw.status", "zelfw.answered"}),
                 ElementsAre("0x80 erase"));
@@ -287,7 +289,7 @@ TEST_F(Dissector, StatusFlagIsAFieldWhereItIsSet) {
 TEST_F(Dissector, LevelsAndDeviceInformationHaveFields) {
     TraceBytes trace;
     trace.sent(device_information_query).status("09 21 04 01 d0 00 00 00");
-    trace.sent(device_information_query).sent(stop).status("05 02 01 07 0a 03 04 00");
+    trace.sent(device_information_query).sent(stop_report).status("05 02 01 07 0a 03 04 00");
     capture_trace(trace);
     EXPECT_THAT(fields("zelfw.device.type", {"zelfw.device.type", "zelfw.device.id",
                                              "zelfw.device.command_set", "zelfw.device.features"}),
@@ -299,11 +301,11 @@ TEST_F(Dissector, LevelsAndDeviceInformationHaveFields) {
 
 TEST_F(Dissector, ComponentListShowsEachEntry) {
     TraceBytes trace;
-    trace.sent("06 00 20 00 ff ff 00 02").status(completed);
+    trace.sent("06 00 20 00 ff ff 00 02").status(completed_report);
     trace.data("00 00 0a 00 00 00 00 02 01 02 03 01 10 02 05 00");
-    trace.sent("06 00 20 00 ff ff 00 01").status(completed);
+    trace.sent("06 00 20 00 ff ff 00 01").status(completed_report);
     trace.data("00 00 04 00 00 00 02 0b 0a 06");
-    trace.sent("06 00 20 00 02 f3 00 01").status(completed).data("00 00 00 00 00 00 34 12");
+    trace.sent("06 00 20 00 02 f3 00 01").status(completed_report).data("00 00 00 00 00 00 34 12");
     capture_trace(trace);
     EXPECT_THAT(fields("zelfw.list.entry || (zelfw.level && !zelfw.status)",
                        {"_ws.col.Info", "zelfw.component", "zelfw.level", "zelfw.list.flags",
@@ -316,7 +318,7 @@ TEST_F(Dissector, ComponentListShowsEachEntry) {
 
 TEST_F(Dissector, ListThatClaimsMoreThanThereIsShowsWhatIsThere) {
     TraceBytes trace;
-    trace.sent("06 00 20 00 ff ff 00 02").status(completed);
+    trace.sent("06 00 20 00 ff ff 00 02").status(completed_report);
     trace.data("00 00 ff 00 00 00 00 02 01 02 03 01 10");
     capture_trace(trace);
     EXPECT_THAT(fields("zelfw.list.length", {"_ws.col.Info", "zelfw.component"}),
@@ -325,11 +327,15 @@ TEST_F(Dissector, ListThatClaimsMoreThanThereIsShowsWhatIsThere) {
 
 TEST_F(Dissector, RejectErrorAndSilenceAreExpertInformation) {
     TraceBytes trace;
-    trace.sent(erase).status("80 00 00 00 00 00 00 00");
-    trace.sent(erase).seconds(1'700'000'001).status("40 00 00 00 00 00 00 00");
-    trace.sent(erase).seconds(1'700'000'003).status(done);
+    trace.sent(erase_report).status("80 00 00 00 00 00 00 00");
+    trace.sent(erase_report).seconds(1'700'000'001).status("40 00 00 00 00 00 00 00");
+    trace.sent(erase_report).seconds(1'700'000'003).status(done_report);
     // Nobody waits for the answer to a stop.
-    trace.sent(stop).seconds(1'700'000'009).sent(erase).seconds(1'700'000'012).sent(stop);
+    trace.sent(stop_report)
+        .seconds(1'700'000'009)
+        .sent(erase_report)
+        .seconds(1'700'000'012)
+        .sent(stop_report);
     capture_trace(trace);
     EXPECT_THAT(experts(), ElementsAre("erase: status rejected", "erase: status operation error",
                                        "2.000 seconds of silence after erase",
@@ -346,8 +352,8 @@ TEST_F(DissectorOnABus, InterfaceIsRecognizedByItsReportDescriptor) {
     device(0x1234, 0x5678);
     configuration();
     add(control_in(address, get_report_descriptor, report_descriptor()));
-    sent(erase);
-    status(done);
+    sent(erase_report);
+    status(done_report);
     write();
     EXPECT_THAT(
         fields("zelfw", {"_ws.col.Info", "zelfw.recognized"}),
@@ -358,25 +364,25 @@ TEST_F(DissectorOnABus, SameBytesOfAnotherInterfaceAreLeftAlone) {
     device(0x7A01, 0x3C35);
     configuration();
     report_descriptor_of(keyboard);
-    sent(erase);
-    status(done);
+    sent(erase_report);
+    status(done_report);
     write();
     EXPECT_THAT(info(), IsEmpty());
 }
 
 TEST_F(DissectorOnABus, WithoutReportDescriptorOnlyAKnownVendorIsRecognized) {
     device(0x7A02, 0x3C12);
-    status(done);
+    status(done_report);
     sent("77");  // Not a message: another interface's output report.
-    sent(erase);
-    status(done);
+    sent(erase_report);
+    status(done_report);
     write();
     EXPECT_THAT(fields("zelfw", {"_ws.col.Info", "zelfw.recognized"}),
                 ElementsAre("erase vendor 7a02", "status flags 00 (erase, 30 ms) vendor 7a02"));
     packets_.clear();
     device(0x1234, 0x3C12);
-    sent(erase);
-    status(done);
+    sent(erase_report);
+    status(done_report);
     write();
     EXPECT_THAT(info(), IsEmpty());
 }
@@ -385,9 +391,9 @@ TEST_F(DissectorOnABus, AddressOfAnotherDeviceIsRecognizedAnew) {
     device(0x7A01, 0x3C35);
     configuration();
     add(control_in(address, get_report_descriptor, report_descriptor()));
-    sent(erase);
+    sent(erase_report);
     device(0x1234, 0x3C35);
-    sent(stop);
+    sent(stop_report);
     write();
     EXPECT_THAT(info(), ElementsAre("erase"));
 }
@@ -408,9 +414,9 @@ TEST_F(DissectorOnABus, FailedTransferIsShownAndItsMessageNotAnswered) {
     device(0x7A01, 0x3C35);
     configuration();
     add(control_in(address, get_report_descriptor, report_descriptor()));
-    sent(erase);
+    sent(erase_report);
     packets_.back().replace(28, 4, from_hex("e0 ff ff ff"));  // the status: -32, stalled
-    status(done);
+    status(done_report);
     write();
     EXPECT_THAT(info(),
                 ElementsAre("erase", "erase was not taken (transfer -32)", "status flags 00"));
@@ -421,9 +427,9 @@ TEST_F(DissectorOnABus, DamagedPacketsCauseNoErrors) {
     device(0x7A01, 0x3C35);
     configuration();
     add(control_in(address, get_report_descriptor, report_descriptor()));
-    const std::vector<std::string> messages = {erase,
-                                               stop,
-                                               checksum,
+    const std::vector<std::string> messages = {erase_report,
+                                               stop_report,
+                                               odd_checksum,
                                                device_information_query,
                                                "08 00 02 00 02 01 00 01 aa bb",
                                                "06 00 20 00 ff ff 00 01",
@@ -481,7 +487,7 @@ TEST_F(Dissector, FieldsOfTheManualExist) {
 }
 
 TEST_F(Dissector, PluginOfTheUserIsFoundByItsPlace) {
-    capture_trace(TraceBytes().sent(erase));
+    capture_trace(TraceBytes().sent(erase_report));
     EXPECT_EQ(
         run_plugin("-r " + quoted(capture()) + " -Y zelfw.command -T fields -e zelfw.command"),
         "erase\n");

@@ -1,13 +1,13 @@
 // zelfwfile takes files apart: show, diff and extract.
 #include "support/firmware_bytes.h"
 #include "support/temporary_directory.h"
-#include "tool_run.h"
 #include "zelfwfile/firmware_content.h"
 #include "zelfwfile/firmware_description.h"
 #include "zelfwfile/firmware_diff.h"
 #include "zelfwfile/firmware_extract.h"
 #include "zelfwfile/firmware_image.h"
 #include "zelfwfile/firmware_show.h"
+#include "zelfwfile_run.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -25,12 +25,7 @@ using testing::IsEmpty;
 
 namespace {
 
-/// Standard error goes with standard output.
-ToolRun zelfwfile(const std::string& arguments) {
-    return run_tool("'" ZELFWFILE "' " + arguments + " 2>&1");
-}
-
-FirmwareDescription small() {
+FirmwareDescription small_font() {
     FirmwareDescription description;
     description.product = 0x3C02;
     description.level = 0x0105;
@@ -127,7 +122,7 @@ TEST_F(ZelfwfileContent, ExtractedRandomFilesAreMadeAgainByteForByte) {
 }
 
 TEST_F(ZelfwfileContent, ExtractedFileWithEachInformationRecordIsMadeAgain) {
-    FirmwareDescription description = small();
+    FirmwareDescription description = small_font();
     description.type = FILE_TYPE_CONFIGURATION;
     for (const InformationRecord record : all_information_records()) {
         description.information = {record};
@@ -156,8 +151,8 @@ TEST_F(ZelfwfileContent, ExtractedDemonstrationIsMadeAgainByTheProgram) {
 }
 
 TEST_F(ZelfwfileContent, FileThatNoDescriptionExpressesIsRefusedWithTheReason) {
-    const std::string good = bytes_of(small());
-    FirmwareDescription other = small();
+    const std::string good = bytes_of(small_font());
+    FirmwareDescription other = small_font();
     std::string upper = good, behind = good + "x", cut = good.substr(0, good.size() - 1);
     upper[1] = 'C';
     std::string number = good;
@@ -178,20 +173,20 @@ TEST_F(ZelfwfileContent, FileThatNoDescriptionExpressesIsRefusedWithTheReason) {
         EXPECT_THAT(refusal(bytes),
                     AllOf(HasSubstr("no description can express this: "), EndsWith(reason)));
     }
-    FirmwareDescription name = small();
+    FirmwareDescription name = small_font();
     name.name = "\xff";
     EXPECT_THAT(refusal(bytes_of(name)), EndsWith("a name that is no UTF-8"));
 }
 
 TEST_F(ZelfwfileContent, ExtractNeverReplacesTheFileItself) {
-    const std::string source = file("main.bin", bytes_of(small()));
+    const std::string source = file("main.bin", bytes_of(small_font()));
     const ToolRun result = zelfwfile("extract '" + source + "' -o '" + path("") + "'");
     EXPECT_EQ(result.code, 1);
     EXPECT_EQ(result.output, source + ": would be replaced by what is extracted from it\n");
 }
 
 TEST_F(ZelfwfileContent, ShowTellsWhatTheFileHolds) {
-    const ToolRun result = zelfwfile("show '" + file("a.dat", bytes_of(small())) + "'");
+    const ToolRun result = zelfwfile("show '" + file("a.dat", bytes_of(small_font())) + "'");
     EXPECT_EQ(result.code, 0);
     for (const char* line :
          {"Product    3c02\n", "Level      01.05\n", "Version    1\n", "Component  2\n",
@@ -204,7 +199,7 @@ TEST_F(ZelfwfileContent, ShowTellsWhatTheFileHolds) {
 }
 
 TEST_F(ZelfwfileContent, ShowNamesAWrongChecksumAndWhatIsNotWhole) {
-    FirmwareDescription description = small();
+    FirmwareDescription description = small_font();
     description.checksum = 0x1234;
     const std::string bytes = bytes_of(description);
     const ToolRun wrong = zelfwfile("show '" + file("a.dat", bytes) + "'");
@@ -218,7 +213,7 @@ TEST_F(ZelfwfileContent, ShowNamesAWrongChecksumAndWhatIsNotWhole) {
 }
 
 TEST_F(ZelfwfileContent, ShownJsonHoldsTheSame) {
-    FirmwareDescription description = small();
+    FirmwareDescription description = small_font();
     description.name = "Boot\x1b\"\xff";
     const ToolRun result = zelfwfile("show --json '" + file("a.dat", bytes_of(description)) + "'");
     EXPECT_EQ(result.code, 0);
@@ -238,31 +233,31 @@ TEST_F(ZelfwfileContent, NameIsShownWithoutControlCharacters) {
 }
 
 TEST_F(ZelfwfileContent, DiffTellsRecordsAndBytes) {
-    FirmwareDescription other = small();
+    FirmwareDescription other = small_font();
     other.level = 0x0106;
     other.records[1] = {4, 9, 6, 8};
-    EXPECT_THAT(differences(bytes_of(small()), bytes_of(other)),
+    EXPECT_THAT(differences(bytes_of(small_font()), bytes_of(other)),
                 AllOf(HasSubstr("header: \"3c020105\", \"3c020106\"\n"),
                       HasSubstr("record 2 (ff0002, extended list): byte 2: 05, 06\n"),
                       HasSubstr("record 5 (200001, data): byte 2: 05, 09; length: 3, 4\n"),
                       HasSubstr("checksum: ")));
-    EXPECT_EQ(differences(bytes_of(small()), bytes_of(small())), "");
+    EXPECT_EQ(differences(bytes_of(small_font()), bytes_of(small_font())), "");
 }
 
 TEST_F(ZelfwfileContent, DiffFindsRecordsThatOneFileLacks) {
-    FirmwareDescription other = small();
+    FirmwareDescription other = small_font();
     other.information.erase(other.information.begin() + 1);
     other.records.pop_back();
-    const std::string there = differences(bytes_of(small()), bytes_of(other));
+    const std::string there = differences(bytes_of(small_font()), bytes_of(other));
     EXPECT_THAT(there, HasSubstr("record 2 (ff0002, extended list, 5 bytes): only in the first"));
     EXPECT_THAT(there, HasSubstr("record 6 (200002, data, 1 bytes): only in the first"));
-    EXPECT_THAT(differences(bytes_of(other), bytes_of(small())),
+    EXPECT_THAT(differences(bytes_of(other), bytes_of(small_font())),
                 AllOf(HasSubstr("record 2 (ff0002, extended list, 5 bytes): only in the second"),
                       testing::Not(HasSubstr("in the first"))));
 }
 
 TEST_F(ZelfwfileContent, DiffTellsAnyDifferenceOfAnyByte) {
-    const std::string bytes = bytes_of(small());
+    const std::string bytes = bytes_of(small_font());
     for (std::size_t at = 0; at < bytes.size(); ++at) {
         std::string changed = bytes;
         changed[at] = static_cast<char>(changed[at] ^ 0x20);
@@ -272,7 +267,7 @@ TEST_F(ZelfwfileContent, DiffTellsAnyDifferenceOfAnyByte) {
 }
 
 TEST_F(ZelfwfileContent, DiffShowsTheFirstBytesAndCountsTheOthers) {
-    FirmwareDescription one = small(), other = small();
+    FirmwareDescription one = small_font(), other = small_font();
     one.records = {zelf::Bytes(20, 1)};
     other.records = {zelf::Bytes(20, 2)};
     EXPECT_THAT(differences(bytes_of(one), bytes_of(other)),
@@ -280,8 +275,8 @@ TEST_F(ZelfwfileContent, DiffShowsTheFirstBytesAndCountsTheOthers) {
 }
 
 TEST_F(ZelfwfileContent, DiffEndsWithTwoWhenAFileCannotBeRead) {
-    const std::string one = "'" + file("a.dat", bytes_of(small())) + "' ";
-    FirmwareDescription description = small();
+    const std::string one = "'" + file("a.dat", bytes_of(small_font())) + "' ";
+    FirmwareDescription description = small_font();
     description.build = 8;
     EXPECT_EQ(zelfwfile("diff " + one + "'" + file("b.dat", bytes_of(description)) + "'").code, 1);
     EXPECT_EQ(zelfwfile("diff " + one + one).code, 0);

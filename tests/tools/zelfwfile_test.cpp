@@ -1,9 +1,9 @@
 #include "support/firmware_bytes.h"
 #include "support/temporary_directory.h"
-#include "tool_run.h"
 #include "zelfwfile/firmware_check.h"
 #include "zelfwfile/firmware_description.h"
 #include "zelfwfile/firmware_image.h"
+#include "zelfwfile_run.h"
 
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
@@ -34,11 +34,6 @@ control = "random"
 [data]
 hex = ["00 11 22", "334455", "6F"]
 )";
-
-/// Runs the built program with these words of a shell, both outputs in one.
-ToolRun zelfwfile(const std::string& arguments) {
-    return run_tool(quoted(ZELFWFILE) + " " + arguments + " 2>&1");
-}
 
 class Zelfwfile : public testing::Test {
   protected:

@@ -57,13 +57,10 @@ class ZelfwtraceRunInWireshark : public BusTest {
     TemporaryDirectory scratch_;
 };
 
-constexpr char erase[] = "04 00 01 00";
-constexpr char completed[] = "01 00 00 00 00 00 00 00";
-
 }  // namespace
 
 TEST_F(ZelfwtraceCapture, LinkTypeIsThatOfUsbmon) {
-    set_trace(TraceBytes().sent(erase).bytes());
+    set_trace(TraceBytes().sent(erase_report).bytes());
     const ToolRun run = write_capture();
     EXPECT_EQ(run.code, 0) << run.errors;
     EXPECT_THAT(run.output, IsEmpty());
@@ -108,7 +105,7 @@ TEST_F(ZelfwtraceCapture, BlocksAreWholeAndOfWholeWords) {
 }
 
 TEST_F(ZelfwtraceCapture, GoesToStandardOutputOnRequest) {
-    set_trace(TraceBytes().text("x").sent(erase).bytes());
+    set_trace(TraceBytes().text("x").sent(erase_report).bytes());
     write_capture();
     const ToolRun run = show("pcap -o -");
     EXPECT_EQ(run.code, 0) << run.errors;
@@ -116,8 +113,8 @@ TEST_F(ZelfwtraceCapture, GoesToStandardOutputOnRequest) {
 }
 
 TEST_F(ZelfwtraceCapture, DamagedTraceGivesACaptureOfWhatIsThere) {
-    const std::string bytes = TraceBytes().sent(erase).status(completed).bytes();
-    set_trace(TraceBytes().sent(erase).bytes());
+    const std::string bytes = TraceBytes().sent(erase_report).status(completed_report).bytes();
+    set_trace(TraceBytes().sent(erase_report).bytes());
     write_capture();
     const std::string whole = read_file(capture());
     set_trace(bytes.substr(0, bytes.size() - 1));
@@ -128,7 +125,7 @@ TEST_F(ZelfwtraceCapture, DamagedTraceGivesACaptureOfWhatIsThere) {
 }
 
 TEST_F(ZelfwtraceCapture, NeverReplacesTheTraceItself) {
-    const std::string bytes = TraceBytes().sent(erase).bytes();
+    const std::string bytes = TraceBytes().sent(erase_report).bytes();
     set_trace(bytes);
     std::filesystem::create_symlink(path("trace.bin"), path("link"));
     for (const char* name : {"trace.bin", "link"}) {
@@ -140,7 +137,7 @@ TEST_F(ZelfwtraceCapture, NeverReplacesTheTraceItself) {
 }
 
 TEST_F(ZelfwtraceCapture, FileThatCannotBeWrittenIsAFailure) {
-    set_trace(TraceBytes().sent(erase).bytes());
+    set_trace(TraceBytes().sent(erase_report).bytes());
     const ToolRun missing = show("pcap -o " + quoted(path("missing/exchange.pcapng")));
     EXPECT_EQ(missing.code, 1);
     EXPECT_THAT(missing.errors, HasSubstr("No such file or directory"));
@@ -150,7 +147,7 @@ TEST_F(ZelfwtraceCapture, FileThatCannotBeWrittenIsAFailure) {
 }
 
 TEST_F(ZelfwtraceInWireshark, CommandIsASetReportRequest) {
-    set_trace(TraceBytes().at(7).sent(erase).bytes());
+    set_trace(TraceBytes().at(7).sent(erase_report).bytes());
     write_capture();
     // Submission and completion, which belong together.
     EXPECT_THAT(
@@ -186,7 +183,11 @@ TEST_F(ZelfwtraceInWireshark, DataAnswerIsAGetReportRequest) {
 
 TEST_F(ZelfwtraceInWireshark, LinesOfTheLogAreCommentsOfThePacketThatFollows) {
     TraceBytes trace;
-    trace.text("first\n\n").text("\n").text("ta\tb \xff\n").sent(erase).status(completed);
+    trace.text("first\n\n")
+        .text("\n")
+        .text("ta\tb \xff\n")
+        .sent(erase_report)
+        .status(completed_report);
     trace.text("the end\n");
     set_trace(trace.bytes());
     write_capture();
@@ -200,7 +201,7 @@ TEST_F(ZelfwtraceInWireshark, MoreLinesThanAPacketTakesAreCounted) {
     for (int i = 0; i < 30; ++i) {
         trace.text(longest);
     }
-    set_trace(trace.sent(erase).bytes());
+    set_trace(trace.sent(erase_report).bytes());
     EXPECT_EQ(write_capture().code, 0);
     const auto all = packets("frame.comment", {"frame.comment"});
     ASSERT_THAT(all, SizeIs(1));
@@ -212,7 +213,7 @@ TEST_F(ZelfwtraceInWireshark, CommentLongerThanAnOptionIsCutBetweenCharacters) {
     for (int i = 0; i < 20000; ++i) {
         text += "\xff";  // four characters each
     }
-    set_trace(TraceBytes().text(text).sent(erase).bytes());
+    set_trace(TraceBytes().text(text).sent(erase_report).bytes());
     EXPECT_EQ(write_capture().code, 0);
     const auto all = packets("frame.comment", {"frame.comment"});
     ASSERT_THAT(all, SizeIs(1));
@@ -221,7 +222,7 @@ TEST_F(ZelfwtraceInWireshark, CommentLongerThanAnOptionIsCutBetweenCharacters) {
 
 TEST_F(ZelfwtraceInWireshark, EachProductHasAnAddressAndDescriptors) {
     TraceBytes trace;
-    trace.sent(erase).product(0x3C02).sent(erase).product(0x3C35).sent(erase);
+    trace.sent(erase_report).product(0x3C02).sent(erase_report).product(0x3C35).sent(erase_report);
     set_trace(trace.bytes());
     write_capture();
     EXPECT_THAT(packets("usb.idProduct || usb.bEndpointAddress || usb.data_fragment",
@@ -234,7 +235,7 @@ TEST_F(ZelfwtraceInWireshark, EachProductHasAnAddressAndDescriptors) {
 TEST_F(ZelfwtraceInWireshark, AddressesGoOnOnTheNextBus) {
     TraceBytes trace;
     for (unsigned int product = 1; product <= 128; ++product) {
-        trace.product(product).sent(erase);
+        trace.product(product).sent(erase_report);
     }
     set_trace(trace.bytes());
     write_capture();
@@ -246,7 +247,7 @@ TEST_F(ZelfwtraceInWireshark, AddressesGoOnOnTheNextBus) {
 
 TEST_F(ZelfwtraceInWireshark, FiltersHoldForTheCapture) {
     TraceBytes trace;
-    trace.text("x").sent(erase).status(completed).product(0x3C02).sent(erase);
+    trace.text("x").sent(erase_report).status(completed_report).product(0x3C02).sent(erase_report);
     set_trace(trace.bytes());
     write_capture("-d 3c35 -k sent");
     EXPECT_THAT(packets("usb.data_fragment || usbhid.data", {"usb.data_fragment"}),

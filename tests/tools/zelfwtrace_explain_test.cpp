@@ -31,12 +31,6 @@ class ZelfwtraceExplain : public TraceToolTest {
     int code_ = -1;
 };
 
-TraceBytes begun_run() {
-    TraceBytes trace;
-    trace.version().text("Command line:  zelfwupdate -U\n");
-    return trace;
-}
-
 TraceBytes begun_update() {
     TraceBytes trace = begun_run();
     trace.at(10).text("Processing 7a01:3c35:a000-1\n").text("\nFirmware file found:  main.dat\n");

@@ -19,10 +19,6 @@ using testing::Not;
 
 namespace {
 
-constexpr char erase[] = "04 00 01 00";
-constexpr char checksum[] = "05 00 02 00 00 1e 86";
-constexpr char stop[] = "02 00 00 80";
-constexpr char done[] = "00 00 00 00 00 00 00 00";
 constexpr char rejected[] = "80 00 00 00 00 00 00 00";
 
 /// A program on a terminal.
@@ -74,7 +70,7 @@ class ZelfwtraceProgress : public TraceToolTest {
     /// An erase, and the line that tells of `records` records; none when 0.
     static TraceBytes image(int records) {
         TraceBytes trace;
-        trace.version().sent(erase).at(300).status(done);
+        trace.version().sent(erase_report).at(300).status(done_report);
         if (records > 0) {
             trace.text("Erase completed, now sending " + std::to_string(records) +
                        " firmware update records\n");
@@ -84,7 +80,7 @@ class ZelfwtraceProgress : public TraceToolTest {
     /// Records of 104 bytes in the file, each answered after 100 ms.
     static TraceBytes& add_records(TraceBytes& trace, int first, int last) {
         for (int i = first; i <= last; ++i) {
-            trace.at(1000 + (i - 1) * 100).record(100).at(1000 + i * 100).status(done);
+            trace.at(1000 + (i - 1) * 100).record(100).at(1000 + i * 100).status(done_report);
         }
         return trace;
     }
@@ -109,13 +105,12 @@ TEST_F(ZelfwtraceProgress, RunningImageIsOneLineThatIsRewritten) {
     set_trace(add_records(begin, 1, 17).bytes());
     const auto terminal = follow();
     const std::string first = terminal->until("0:03 left");
-    EXPECT_THAT(first, EndsWith("\r3c35  component 0  record 17 of 50  34 %  1.0 kB/s  0:03 left"));
+    EXPECT_THAT(first, EndsWith("\r3c35  component 0  record 17 of 50  34 %  1.0 b/s  0:03 left"));
     EXPECT_THAT(first, Not(HasSubstr("record 16")));
     TraceBytes more;
     append(add_records(more, 18, 40));
-    const std::string second = terminal->until("record 40 of 50  80 %  1.0 kB/s  0:01 left");
-    EXPECT_THAT(second,
-                EndsWith("\r3c35  component 0  record 40 of 50  80 %  1.0 kB/s  0:01 left"));
+    const std::string second = terminal->until("record 40 of 50  80 %  1.0 b/s  0:01 left");
+    EXPECT_THAT(second, EndsWith("\r3c35  component 0  record 40 of 50  80 %  1.0 b/s  0:01 left"));
     EXPECT_THAT(second, Not(HasSubstr("\n")));
 }
 
@@ -125,27 +120,27 @@ TEST_F(ZelfwtraceProgress, LineStaysWhenTheImageIsThrough) {
     const auto terminal = follow();
     terminal->until(" left");
     TraceBytes more;
-    add_records(more, 5, 5).sent(checksum);
+    add_records(more, 5, 5).sent(checksum_report);
     append(more);
     const std::string end = terminal->until("checksum (1e.86)\r\n");
     EXPECT_THAT(
-        end, HasSubstr("\r3c35  component 0  record 5 of 5  100 %  1.0 kB/s  after 0:01\r\n2023-"));
+        end, HasSubstr("\r3c35  component 0  record 5 of 5  100 %  1.0 b/s  after 0:01\r\n2023-"));
 }
 
 TEST_F(ZelfwtraceProgress, ImageThatBreaksOffShowsHowFarItCame) {
     TraceBytes trace = image(50);
-    add_records(trace, 1, 2).record(100).status(rejected).sent(stop);
+    add_records(trace, 1, 2).record(100).status(rejected).sent(stop_report);
     set_trace(trace.bytes());
     const std::string shown = follow()->until("stop\r\n");
     EXPECT_THAT(shown,
-                HasSubstr("3c35  component 0  record 3 of 50  4 %  1.0 kB/s  after 0:00\r\n"));
+                HasSubstr("3c35  component 0  record 3 of 50  4 %  1.0 b/s  after 0:00\r\n"));
     EXPECT_THAT(shown, HasSubstr("status rejected (record, 0 ms)\r\n"));
 }
 
 TEST_F(ZelfwtraceProgress, WithoutATotalThereIsNoShareAndNoTimeLeft) {
     TraceBytes trace = image(0);
     set_trace(add_records(trace, 1, 3).bytes());
-    EXPECT_THAT(follow()->until("1.0 kB/s"), EndsWith("\r3c35  component 0  record 3  1.0 kB/s"));
+    EXPECT_THAT(follow()->until("1.0 b/s"), EndsWith("\r3c35  component 0  record 3  1.0 b/s"));
 }
 
 TEST_F(ZelfwtraceProgress, LineOfTheLogStandsAboveTheRewrittenLine) {

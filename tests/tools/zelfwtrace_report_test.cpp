@@ -49,12 +49,6 @@ void add_record(TraceBytes& trace, int number, int time) {
     trace.at(500 + number * 10).record(20).at(500 + number * 10 + time).status(good_status);
 }
 
-TraceBytes begun_run() {
-    TraceBytes trace;
-    trace.version().text("Command line:  zelfwupdate -U\n");
-    return trace;
-}
-
 TraceBytes& ended(TraceBytes& trace) {
     return trace.text("USB Flash ended at Thu Jan  1 00:00:00 2026\n");
 }

@@ -20,11 +20,7 @@ namespace {
 
 using Zelfwtrace = TraceToolTest;
 
-constexpr char erase[] = "04 00 01 00";
-constexpr char checksum[] = "05 00 02 00 00 1e 86";
-constexpr char stop[] = "02 00 00 80";
 constexpr char information[] = "03 00 00 00 01";
-constexpr char completed[] = "01 00 00 00 00 00 00 00";
 
 std::vector<json> objects(const ToolRun& run) {
     std::vector<json> all;
@@ -38,17 +34,17 @@ std::vector<json> objects(const ToolRun& run) {
 TraceBytes image() {
     TraceBytes trace;
     trace.version().text("Erasing\n");
-    trace.at(1000).sent(erase).at(1300).status(completed);
-    trace.at(1310).record(10).at(1312).status(completed);
-    trace.at(1320).record(20).at(1325).status(completed);
-    trace.at(1330).sent(checksum).at(1370).status(completed);
+    trace.at(1000).sent(erase_report).at(1300).status(completed_report);
+    trace.at(1310).record(10).at(1312).status(completed_report);
+    trace.at(1320).record(20).at(1325).status(completed_report);
+    trace.at(1330).sent(checksum_report).at(1370).status(completed_report);
     return trace;
 }
 
 }  // namespace
 
 TEST_F(Zelfwtrace, LineTellsTimeClockProcessThreadAndDevice) {
-    set_trace(TraceBytes().at(61234).sent(erase).bytes());
+    set_trace(TraceBytes().at(61234).sent(erase_report).bytes());
     EXPECT_EQ(show().output, "2023-11-14 22:13:20.005    61.234  4711/00007001  3c35  erase\n");
 }
 
@@ -56,14 +52,14 @@ TEST_F(Zelfwtrace, EveryCommandHasItsName) {
     set_trace(TraceBytes()
                   .sent("04 00 00 20")
                   .sent("04 00 00 40")
-                  .sent(stop)
+                  .sent(stop_report)
                   .sent(information)
-                  .sent(erase)
+                  .sent(erase_report)
                   .sent("06 00 20 00 02 f3 00 01")
                   .sent("06 00 20 00 ff ff 00 01")
                   .sent("06 00 20 00 ff ff 00 02")
                   .sent("06 00 21 00 ff 20 00 00")
-                  .sent(checksum)
+                  .sent(checksum_report)
                   .bytes());
     EXPECT_THAT(words(),
                 ElementsAre("3c35  status request", "3c35  reset", "3c35  stop",
@@ -75,11 +71,11 @@ TEST_F(Zelfwtrace, EveryCommandHasItsName) {
 
 TEST_F(Zelfwtrace, RecordsOfAnImageAreNumbered) {
     set_trace(TraceBytes()
-                  .sent(erase)
+                  .sent(erase_report)
                   .sent("07 00 02 00 01 ff 00 00 02")
                   .sent("08 00 02 00 02 f2 00 00 41 42")
                   .sent("07 00 02 00 01 20 00 0a 55")
-                  .sent(checksum)
+                  .sent(checksum_report)
                   .bytes());
     EXPECT_THAT(words(),
                 ElementsAre("3c35  erase", "3c35  record 1 of 3 (information ff0000, 1 byte)",
@@ -89,22 +85,29 @@ TEST_F(Zelfwtrace, RecordsOfAnImageAreNumbered) {
 }
 
 TEST_F(Zelfwtrace, LongestRecordIsARecord) {
-    set_trace(TraceBytes().sent(erase).record(255).sent(checksum).bytes());
+    set_trace(TraceBytes().sent(erase_report).record(255).sent(checksum_report).bytes());
     EXPECT_THAT(words(), Contains("3c35  record 1 of 1 (component 0, data 000000, 255 bytes)"));
 }
 
 TEST_F(Zelfwtrace, ImageThatDoesNotEndHasNoTotal) {
-    for (const char* end : {"04 00 00 40", stop, erase}) {
-        set_trace(TraceBytes().sent(erase).record(1).sent(end).sent(checksum).bytes());
+    for (const char* end : {"04 00 00 40", stop_report, erase_report}) {
+        set_trace(
+            TraceBytes().sent(erase_report).record(1).sent(end).sent(checksum_report).bytes());
         EXPECT_THAT(words(), Contains("3c35  record 1 (component 0, data 000000, 1 byte)")) << end;
     }
-    set_trace(TraceBytes().sent(erase).record(1).version().sent(checksum).bytes());
+    set_trace(TraceBytes().sent(erase_report).record(1).version().sent(checksum_report).bytes());
     EXPECT_THAT(words(), Contains("3c35  record 1 (component 0, data 000000, 1 byte)"));
 }
 
 TEST_F(Zelfwtrace, SecondEraseCountsFromOneAgain) {
-    set_trace(
-        TraceBytes().sent(erase).record(1).record(2).sent(erase).record(3).sent(checksum).bytes());
+    set_trace(TraceBytes()
+                  .sent(erase_report)
+                  .record(1)
+                  .record(2)
+                  .sent(erase_report)
+                  .record(3)
+                  .sent(checksum_report)
+                  .bytes());
     EXPECT_THAT(
         words(),
         ElementsAre("3c35  erase", StartsWith("3c35  record 1 ("), StartsWith("3c35  record 2 ("),
@@ -112,14 +115,14 @@ TEST_F(Zelfwtrace, SecondEraseCountsFromOneAgain) {
 }
 
 TEST_F(Zelfwtrace, RecordWithoutItsEraseHasNoNumber) {
-    set_trace(TraceBytes().record(1).sent(checksum).bytes());
+    set_trace(TraceBytes().record(1).sent(checksum_report).bytes());
     EXPECT_EQ(words().at(0), "3c35  record (component 0, data 000000, 1 byte)");
 }
 
 TEST_F(Zelfwtrace, ImagesOfTwoProcessesAreCountedApart) {
     TraceBytes trace;
-    trace.process(1).sent(erase).process(2).sent(erase).record(1);
-    trace.process(1).record(1).record(1).sent(checksum).process(2).sent(checksum);
+    trace.process(1).sent(erase_report).process(2).sent(erase_report).record(1);
+    trace.process(1).record(1).record(1).sent(checksum_report).process(2).sent(checksum_report);
     set_trace(trace.bytes());
     EXPECT_THAT(words(), ElementsAre("3c35  erase", "3c35  erase", HasSubstr("record 1 of 1 "),
                                      HasSubstr("record 1 of 2 "), HasSubstr("record 2 of 2 "),
@@ -128,9 +131,9 @@ TEST_F(Zelfwtrace, ImagesOfTwoProcessesAreCountedApart) {
 
 TEST_F(Zelfwtrace, ProcessThatWasSilentLongestIsForgotten) {
     TraceBytes trace;
-    trace.process(1).sent(erase).record(1);
+    trace.process(1).sent(erase_report).record(1);
     for (std::uint32_t process = 100; process < 200; ++process) {
-        trace.process(process).sent(stop);
+        trace.process(process).sent(stop_report);
     }
     trace.process(1).record(1);
     set_trace(trace.bytes());
@@ -141,8 +144,8 @@ TEST_F(Zelfwtrace, ProcessThatWasSilentLongestIsForgotten) {
 
 TEST_F(Zelfwtrace, StopAndLevelQueryAreToldApartByWhatWasAskedBefore) {
     TraceBytes trace;
-    trace.sent(information).sent(information).sent(stop).sent(stop);
-    trace.sent(information).sent(stop);
+    trace.sent(information).sent(information).sent(stop_report).sent(stop_report);
+    trace.sent(information).sent(stop_report);
     set_trace(trace.bytes());
     EXPECT_THAT(words(), ElementsAre(HasSubstr("information"), HasSubstr("information"),
                                      "3c35  EC level query", "3c35  stop", HasSubstr("information"),
@@ -179,12 +182,13 @@ TEST_F(Zelfwtrace, StatusTellsWhatItAnswersAndAfterHowLong) {
 }
 
 TEST_F(Zelfwtrace, SecondStatusAnswersNothing) {
-    set_trace(TraceBytes().sent(erase).status(completed).status(completed).bytes());
+    set_trace(
+        TraceBytes().sent(erase_report).status(completed_report).status(completed_report).bytes());
     EXPECT_EQ(words().at(2), "3c35  status completed");
 }
 
 TEST_F(Zelfwtrace, AnswerStampedBeforeItsCommandTookNoTime) {
-    set_trace(TraceBytes().at(50).sent(erase).at(49).status(completed).bytes());
+    set_trace(TraceBytes().at(50).sent(erase_report).at(49).status(completed_report).bytes());
     EXPECT_EQ(words().at(1), "3c35  status completed (erase, 0 ms)");
 }
 
@@ -243,7 +247,7 @@ TEST_F(Zelfwtrace, TextIsOneLineWithoutControlCharacters) {
 }
 
 TEST_F(Zelfwtrace, BytesAreShownOnDemand) {
-    set_trace(TraceBytes().text("x").sent(erase).status("01 ff").bytes());
+    set_trace(TraceBytes().text("x").sent(erase_report).status("01 ff").bytes());
     EXPECT_THAT(words("--hex"), ElementsAre("-     text: x", "3c35  erase | 04 00 01 00",
                                             "3c35  status completed (erase, 0 ms) | 01 ff"));
 }
@@ -264,10 +268,10 @@ TEST_F(Zelfwtrace, TextTellsTheRecordsOfAnImageThatWasBrokenOff) {
     const std::string sending =
         "Erase completed, now sending 50 firmware update records from file\n";
     TraceBytes trace;
-    trace.sent(erase).process(2).text(sending).process(4711).record(1);
-    trace.sent(erase).text(sending).record(1).record(1).sent(erase).record(1);
-    trace.sent(erase).text("Erase completed, now sending 1 firmware").record(1).record(2);
-    trace.sent(erase).text("Erase completed, now sending 9999999 firmware").record(1);
+    trace.sent(erase_report).process(2).text(sending).process(4711).record(1);
+    trace.sent(erase_report).text(sending).record(1).record(1).sent(erase_report).record(1);
+    trace.sent(erase_report).text("Erase completed, now sending 1 firmware").record(1).record(2);
+    trace.sent(erase_report).text("Erase completed, now sending 9999999 firmware").record(1);
     set_trace(trace.bytes());
     std::vector<std::string> records;
     for (const std::string& line : words("-k sent")) {
@@ -356,8 +360,8 @@ TEST_F(Zelfwtrace, RedirectedInputIsReadTwice) {
 
 TEST_F(Zelfwtrace, DeviceFilterLeavesOutAllElse) {
     TraceBytes trace;
-    trace.version().text("x").product(0x3C02).sent(erase).product(0x3C75).sent(stop);
-    trace.product(0x3C35).sent(erase);
+    trace.version().text("x").product(0x3C02).sent(erase_report).product(0x3C75).sent(stop_report);
+    trace.product(0x3C35).sent(erase_report);
     set_trace(trace.bytes());
     EXPECT_THAT(words("-d 3c35"), ElementsAre("3c35  erase"));
     EXPECT_THAT(words("--device 3C02,3c75"), ElementsAre("3c02  erase", "3c75  stop"));
@@ -367,7 +371,7 @@ TEST_F(Zelfwtrace, DeviceFilterLeavesOutAllElse) {
 
 TEST_F(Zelfwtrace, KindFilterTakesEachKind) {
     TraceBytes trace;
-    trace.version().text("x").sent(erase).status(completed).data("01");
+    trace.version().text("x").sent(erase_report).status(completed_report).data("01");
     set_trace(trace.bytes());
     EXPECT_THAT(words("-k version"), ElementsAre("-     a run begins"));
     EXPECT_THAT(words("-k text"), ElementsAre("-     text: x"));
@@ -453,7 +457,13 @@ TEST_F(Zelfwtrace, BytesThatAreNoUtf8BecomeCharactersOfTheirNumber) {
 
 TEST_F(Zelfwtrace, SummaryCountsMessagesBytesAndAnswers) {
     TraceBytes trace = image();
-    trace.data("01 02 03").product(0x3C02).at(2000).sent(erase).at(2001).status("80 00").sent(stop);
+    trace.data("01 02 03")
+        .product(0x3C02)
+        .at(2000)
+        .sent(erase_report)
+        .at(2001)
+        .status("80 00")
+        .sent(stop_report);
     set_trace(trace.bytes());
     const ToolRun run = show("summary");
     EXPECT_EQ(run.code, 0);
@@ -475,7 +485,7 @@ TEST_F(Zelfwtrace, HistogramCountsAnswersByTheirTimes) {
     TraceBytes trace;
     double clock = 0;
     for (const int time : {0, 1, 1, 2, 3, 9}) {
-        trace.at(clock).sent(erase).at(clock + time).status(completed);
+        trace.at(clock).sent(erase_report).at(clock + time).status(completed_report);
         clock += 100;
     }
     set_trace(trace.bytes());
@@ -491,7 +501,7 @@ TEST_F(Zelfwtrace, HistogramCountsAnswersByTheirTimes) {
 }
 
 TEST_F(Zelfwtrace, SummaryIsAlsoJson) {
-    set_trace(image().product(0x3C02).sent(stop).bytes());
+    set_trace(image().product(0x3C02).sent(stop_report).bytes());
     const std::vector<json> all = objects(show("summary --json"));
     ASSERT_EQ(all.size(), 2U);
     EXPECT_EQ(all[0]["device"], "3c02");
@@ -510,7 +520,7 @@ TEST_F(Zelfwtrace, SummaryIsAlsoJson) {
 }
 
 TEST_F(Zelfwtrace, SummaryCountsWhatPassesTheFilter) {
-    set_trace(image().product(0x3C02).sent(stop).bytes());
+    set_trace(image().product(0x3C02).sent(stop_report).bytes());
     const std::vector<json> all = objects(show("summary -j -k sent -d 3c35"));
     ASSERT_EQ(all.size(), 1U);
     EXPECT_EQ(all[0]["sent"], 4);

@@ -20,10 +20,6 @@
 
 namespace {
 
-constexpr uint16_t product = 0x4123;
-/// On the exclusion list: such a device is listed without a command.
-constexpr uint16_t silent_product = 0x3C75;
-
 class Commands : public FlashTest {
   protected:
     // The program's own 100 ms are short on a busy machine.
@@ -81,7 +77,7 @@ class Commands : public FlashTest {
     }
     /// A device with main component 01.02 and configuration 01.02.
     FlashPeripheral& add_updatable(const char* serial = "SN-0042") {
-        FlashPeripheral& device = bus.add(product, 0x7A01, serial);
+        FlashPeripheral& device = bus.add(flash_product, 0x7A01, serial);
         device.data[wire::component_list_query] =
             list_answer(8, {{0, 0x02, 0x01, 0x02}, {1, 0x02, 0x01, 0x04}});
         return device;
@@ -249,7 +245,7 @@ TEST_F(Commands, ListsNoDevice) {
 }
 
 TEST_F(Commands, ListsComponentsWithTheirLevels) {
-    FlashPeripheral& device = bus.add(product, 0x7A01, "SN-9");
+    FlashPeripheral& device = bus.add(flash_product, 0x7A01, "SN-9");
     device.answers[wire::device_information_query] = {{0x09, 1, 2, 3, 0x40}};
     device.data[wire::extended_list_query] = list_answer(25, {{0, 0x02, 0x01, 0x02, 0x0A},
                                                               {1, 0x05, 0x04, 0x04, 0},
@@ -288,8 +284,8 @@ TEST_F(Commands, UpdatesNothingWithoutDevices) {
 
 TEST_F(Commands, UpdatesMainComponentsFirstAndThenTheOthers) {
     FlashPeripheral& device = add_updatable();
-    add_file(product, 0, 0x0109, image());
-    add_file(product, 1, 0x0109, image(1));
+    add_file(flash_product, 0, 0x0109, image());
+    add_file(flash_product, 1, 0x0109, image(1));
     EXPECT_EQ(flash->flash_all_devices(), 0);
     EXPECT_EQ(device.count(wire::erase), 2);
     EXPECT_EQ(device.count(wire::reset), 1);
@@ -310,7 +306,7 @@ TEST_F(Commands, UpdatesMainComponentsFirstAndThenTheOthers) {
 
 TEST_F(Commands, DoesNotSleepWithoutAReset) {
     add_updatable();
-    add_file(product, 1, 0x0109, image(1));
+    add_file(flash_product, 1, 0x0109, image(1));
     EXPECT_EQ(flash->flash_all_devices(), 0);
     EXPECT_EQ(sleeps.count(4000), 0);
     EXPECT_EQ(log.count("Finding available Flash Devices\n"), 1);
@@ -320,7 +316,7 @@ TEST_F(Commands, DoesNotSleepWithoutAReset) {
 TEST_F(Commands, ChecksForUpdatesWithoutSendingAny) {
     FlashPeripheral& device = add_updatable();
     check_for_update_only = 1;
-    add_file(product, 0, 0x0109, image());
+    add_file(flash_product, 0, 0x0109, image());
     EXPECT_EQ(flash->flash_all_devices(), 0);
     EXPECT_EQ(device.count(wire::erase), 0);
     EXPECT_EQ(sleeps.count(4000), 1);
@@ -330,7 +326,7 @@ TEST_F(Commands, ChecksForUpdatesWithoutSendingAny) {
 TEST_F(Commands, TellsOfTheSleepAndTheCountOnTheConsole) {
     add_updatable();
     check_for_update_only = 1;
-    add_file(product, 0, 0x0109, image());
+    add_file(flash_product, 0, 0x0109, image());
     const std::string shown =
         console_of(1, 0, [this] { EXPECT_EQ(flash->flash_all_devices(), 0); });
     const std::string end =
@@ -340,7 +336,7 @@ TEST_F(Commands, TellsOfTheSleepAndTheCountOnTheConsole) {
 
 TEST_F(Commands, TellsOfBadFilesOnTheConsole) {
     add_updatable();
-    add_file(product, 1, 0x0109, bad_image(1));
+    add_file(flash_product, 1, 0x0109, bad_image(1));
     const std::string shown =
         console_of(1, 0, [this] { EXPECT_EQ(flash->flash_all_devices(), 6); });
     EXPECT_NE(shown.find("Error -14 flashing devices\nFirmware update file "
@@ -350,7 +346,7 @@ TEST_F(Commands, TellsOfBadFilesOnTheConsole) {
 
 TEST_F(Commands, ReportsThatNothingWasUpdated) {
     FlashPeripheral& device = add_updatable();
-    add_file(product, 0, 0x0102, image());
+    add_file(flash_product, 0, 0x0102, image());
     EXPECT_EQ(flash->flash_all_devices(), 6);
     EXPECT_EQ(device.count(wire::erase), 0);
     EXPECT_EQ(logged("No devices updated"), 1);
@@ -359,7 +355,7 @@ TEST_F(Commands, ReportsThatNothingWasUpdated) {
 
 TEST_F(Commands, UpdatesNothingThatIsNotSelected) {
     FlashPeripheral& device = add_updatable();
-    add_file(product, 0, 0x0109, image());
+    add_file(flash_product, 0, 0x0109, image());
     want_serial("elsewhere");
     EXPECT_EQ(flash->flash_all_devices(), 6);
     EXPECT_EQ(device.count(wire::erase), 0);
@@ -370,8 +366,8 @@ TEST_F(Commands, UpdatesNothingThatIsNotSelected) {
 TEST_F(Commands, EndsAfterAFailedFirstPass) {
     FlashPeripheral& device = add_updatable();
     device.answers[wire::erase] = {{0x40}};
-    add_file(product, 0, 0x0109, image());
-    add_file(product, 1, 0x0109, image(1));
+    add_file(flash_product, 0, 0x0109, image());
+    add_file(flash_product, 1, 0x0109, image(1));
     EXPECT_EQ(flash->flash_all_devices(), 6);
     EXPECT_EQ(device.count(wire::erase), 1);
     EXPECT_EQ(sleeps.count(4000), 0);
@@ -387,7 +383,7 @@ TEST_F(Commands, TellsThatTheDeviceIsGone) {
             device.next_write_results = {LIBUSB_ERROR_NO_DEVICE};
         }
     };
-    add_file(product, 0, 0x0109, image());
+    add_file(flash_product, 0, 0x0109, image());
     const std::string shown =
         console_of(1, 0, [this] { EXPECT_EQ(flash->flash_all_devices(), 6); });
     EXPECT_NE(shown.find("Error -5 flashing devices\nDevice disconnected\nNo devices updated\n"),
@@ -396,7 +392,7 @@ TEST_F(Commands, TellsThatTheDeviceIsGone) {
 
 TEST_F(Commands, TellsThatTheFileIsBad) {
     add_updatable();
-    add_file(product, 1, 0x0109, bad_image(1));
+    add_file(flash_product, 1, 0x0109, bad_image(1));
     EXPECT_EQ(flash->flash_all_devices(), 6);
     EXPECT_EQ(logged("Error -14 flashing devices"), 1);
     EXPECT_EQ(logged("Firmware update file bad"), 1);
@@ -405,8 +401,8 @@ TEST_F(Commands, TellsThatTheFileIsBad) {
 
 TEST_F(Commands, KeepsTheFirstPassesUpdatesInTheResult) {
     FlashPeripheral& device = add_updatable();
-    add_file(product, 0, 0x0109, image());
-    add_file(product, 1, 0x0109, image(1));
+    add_file(flash_product, 0, 0x0109, image());
+    add_file(flash_product, 1, 0x0109, image(1));
     device.on_command = [&, erased = 0](const Bytes& command) mutable {
         if (command == wire::erase && ++erased == 2) {
             device.next_write_results = {LIBUSB_ERROR_NO_DEVICE};
@@ -419,18 +415,18 @@ TEST_F(Commands, KeepsTheFirstPassesUpdatesInTheResult) {
 }
 
 TEST_F(Commands, SuccessesBehindAFailureChangeTheErrorThatIsTold) {
-    FlashPeripheral& first = bus.add(product);
-    FlashPeripheral& second = bus.add(product + 1);
+    FlashPeripheral& first = bus.add(flash_product);
+    FlashPeripheral& second = bus.add(flash_product + 1);
     first.data[wire::component_list_query] = list_answer(4, {{1, 0x02, 0x01, 0x02}});
     std::vector<Bytes> components;
     for (unsigned char number = 1; number <= 9; ++number) {
         components.push_back({number, 0x02, 0x01, 0x02});
         if (number <= 8) {
-            add_file(product + 1, number, 0x0109, image(number, "41240109"));
+            add_file(flash_product + 1, number, 0x0109, image(number, "41240109"));
         }
     }
     second.data[wire::component_list_query] = list_answer(36, components);
-    add_file(product, 1, 0x0109, bad_image(1));
+    add_file(flash_product, 1, 0x0109, bad_image(1));
     const auto update = [this] { EXPECT_EQ(flash->flash_all_devices(), 6); };
     // Minus 14 for the corrupted file, plus 8, is the code of a failed reset.
     const std::string shown = console_of(1, 0, update);
@@ -438,7 +434,7 @@ TEST_F(Commands, SuccessesBehindAFailureChangeTheErrorThatIsTold) {
               std::string::npos);
     EXPECT_EQ(second.count(wire::erase), 8);
     // One success more, and it is that of a device that is gone.
-    add_file(product + 1, 9, 0x0109, image(9, "41240109"));
+    add_file(flash_product + 1, 9, 0x0109, image(9, "41240109"));
     EXPECT_NE(console_of(1, 0, update)
                   .find("Error -5 flashing devices\nDevice disconnected\nNo devices updated\n"),
               std::string::npos);
@@ -513,7 +509,7 @@ TEST_F(Commands, ADeviceThatThereIsNoMemoryForIsAFailedReset) {
 
 TEST_F(Commands, WithoutAnAttemptNoDeviceWasSelected) {
     // The last thing that a device is told before the reset is the stop behind its queries.
-    bus.add(product).on_command = [stops = 0](const Bytes& command) mutable {
+    bus.add(flash_product).on_command = [stops = 0](const Bytes& command) mutable {
         stops += command == wire::stop ? 1 : 0;
         fail_nothrow_new(stops == 2);
     };

@@ -13,11 +13,11 @@
 
 namespace {
 
-constexpr int slot = 2;
-
 /// The queries, on a device whose answers the test puts where a reader would.
 class Discovery : public FlashTest {
   protected:
+    static constexpr int slot = 2;
+
     Discovery() {
         entry.product_id = 0x4123;
         open_directly(device, slot);

@@ -151,8 +151,8 @@ std::string expected_report(const std::string& first_line, int signal_number,
 /// Reports a fault that did not happen.
 ChildEnd reported(siginfo_t information) {
     return run_in_child([&information] {
-        ucontext_t context = numbered_context();
-        sigsegv_catcher(SIGSEGV, &information, &context);
+        ucontext_t registers = numbered_context();
+        sigsegv_catcher(SIGSEGV, &information, &registers);
     });
 }
 
@@ -231,9 +231,9 @@ TEST(FaultReport, CallsOnlyASegmentationFaultOne) {
 TEST(FaultReport, ShowsWholeRegisters) {
     const ChildEnd end = run_in_child([] {
         siginfo_t information = fault_information(1);
-        ucontext_t context = numbered_context();
-        context.uc_mcontext.gregs[0] = -2;
-        sigsegv_catcher(SIGSEGV, &information, &context);
+        ucontext_t registers = numbered_context();
+        registers.uc_mcontext.gregs[0] = -2;
+        sigsegv_catcher(SIGSEGV, &information, &registers);
     });
 #ifdef __i386__
     EXPECT_THAT(end.output, HasSubstr("\t     GS: 0xfffffffe\n"));

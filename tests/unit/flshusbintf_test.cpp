@@ -12,8 +12,6 @@ namespace {
 
 using testing::ElementsAre;
 
-constexpr int invalid_parameter = -2;
-
 class UsbInterface : public testing::Test {
   protected:
     int open(const std::string& path) { return intf().OpenDevice(std::string(path).data()); }
@@ -72,8 +70,8 @@ TEST_F(UsbInterface, GivesBackAllThatItOpened) {
 TEST_F(UsbInterface, WithoutAContextEverythingIsRefusedAndNothingFreed) {
     usb.init_rc = -1;
     EXPECT_EQ(intf().initialized, 0);
-    EXPECT_EQ(open(flash_path(flash_device())), invalid_parameter);
-    EXPECT_EQ(intf().OpenDevice(0x7A01, 0x3C02), invalid_parameter);
+    EXPECT_EQ(open(flash_path(flash_device())), LIBUSB_ERROR_INVALID_PARAM);
+    EXPECT_EQ(intf().OpenDevice(0x7A01, 0x3C02), LIBUSB_ERROR_INVALID_PARAM);
     intf().SetDebugLevel(3);
     object.reset();
     EXPECT_EQ(usb.live_contexts, 0);
@@ -83,7 +81,8 @@ TEST_F(UsbInterface, WithoutAContextEverythingIsRefusedAndNothingFreed) {
 TEST(UsbInterfaceUnbound, StaysClosedWhenNoLibraryWasBound) {
     USBINTF intf;
     EXPECT_EQ(intf.initialized, 0);
-    EXPECT_EQ(intf.OpenDevice(std::string("//?/hid#bus_01&dev_001").data()), invalid_parameter);
+    EXPECT_EQ(intf.OpenDevice(std::string("//?/hid#bus_01&dev_001").data()),
+              LIBUSB_ERROR_INVALID_PARAM);
 }
 
 TEST_F(UsbInterface, GivesADebugLevelToLibusbOnlyWhenItChanges) {
@@ -99,24 +98,24 @@ TEST_F(UsbInterface, RefusesEveryOperationOnAClosedDevice) {
     libusb_config_descriptor* config = nullptr;
     libusb_device_descriptor descriptor{};
     EXPECT_EQ(intf().GetDevice(), nullptr);
-    EXPECT_EQ(intf().GetConfiguration(&number), invalid_parameter);
-    EXPECT_EQ(intf().SetConfiguration(1), invalid_parameter);
-    EXPECT_EQ(intf().SetInterfaceAltSetting(1), invalid_parameter);
-    EXPECT_EQ(intf().KernelDriverActive(0), invalid_parameter);
-    EXPECT_EQ(intf().DetachKernelDriver(0), invalid_parameter);
-    EXPECT_EQ(intf().ClearHalt(0x81), invalid_parameter);
-    EXPECT_EQ(intf().ResetDevice(), invalid_parameter);
-    EXPECT_EQ(intf().GetDeviceDescriptor(&descriptor), invalid_parameter);
-    EXPECT_EQ(intf().GetActiveConfigDescriptor(&config), invalid_parameter);
-    EXPECT_EQ(intf().GetConfigDescriptor(0, &config), invalid_parameter);
-    EXPECT_EQ(intf().GetDescriptor(1, 0, &byte, 1), invalid_parameter);
-    EXPECT_EQ(intf().GetStringDescriptor(1, 0x409, &byte, 1), invalid_parameter);
-    EXPECT_EQ(intf().ControlTransfer(0x80, 6, 0, 0, &byte, 1, 10), invalid_parameter);
-    EXPECT_EQ(intf().BulkTransfer(0x81, &byte, 1, &number, 10), invalid_parameter);
-    EXPECT_EQ(intf().InterruptTransfer(0x81, &byte, 1, &number, 10), invalid_parameter);
-    EXPECT_EQ(intf().ClaimInterface(0), invalid_parameter);
-    EXPECT_EQ(intf().ReleaseInterface(0), invalid_parameter);
-    EXPECT_EQ(intf().GetUsbConfig(), invalid_parameter);
+    EXPECT_EQ(intf().GetConfiguration(&number), LIBUSB_ERROR_INVALID_PARAM);
+    EXPECT_EQ(intf().SetConfiguration(1), LIBUSB_ERROR_INVALID_PARAM);
+    EXPECT_EQ(intf().SetInterfaceAltSetting(1), LIBUSB_ERROR_INVALID_PARAM);
+    EXPECT_EQ(intf().KernelDriverActive(0), LIBUSB_ERROR_INVALID_PARAM);
+    EXPECT_EQ(intf().DetachKernelDriver(0), LIBUSB_ERROR_INVALID_PARAM);
+    EXPECT_EQ(intf().ClearHalt(0x81), LIBUSB_ERROR_INVALID_PARAM);
+    EXPECT_EQ(intf().ResetDevice(), LIBUSB_ERROR_INVALID_PARAM);
+    EXPECT_EQ(intf().GetDeviceDescriptor(&descriptor), LIBUSB_ERROR_INVALID_PARAM);
+    EXPECT_EQ(intf().GetActiveConfigDescriptor(&config), LIBUSB_ERROR_INVALID_PARAM);
+    EXPECT_EQ(intf().GetConfigDescriptor(0, &config), LIBUSB_ERROR_INVALID_PARAM);
+    EXPECT_EQ(intf().GetDescriptor(1, 0, &byte, 1), LIBUSB_ERROR_INVALID_PARAM);
+    EXPECT_EQ(intf().GetStringDescriptor(1, 0x409, &byte, 1), LIBUSB_ERROR_INVALID_PARAM);
+    EXPECT_EQ(intf().ControlTransfer(0x80, 6, 0, 0, &byte, 1, 10), LIBUSB_ERROR_INVALID_PARAM);
+    EXPECT_EQ(intf().BulkTransfer(0x81, &byte, 1, &number, 10), LIBUSB_ERROR_INVALID_PARAM);
+    EXPECT_EQ(intf().InterruptTransfer(0x81, &byte, 1, &number, 10), LIBUSB_ERROR_INVALID_PARAM);
+    EXPECT_EQ(intf().ClaimInterface(0), LIBUSB_ERROR_INVALID_PARAM);
+    EXPECT_EQ(intf().ReleaseInterface(0), LIBUSB_ERROR_INVALID_PARAM);
+    EXPECT_EQ(intf().GetUsbConfig(), LIBUSB_ERROR_INVALID_PARAM);
     EXPECT_EQ(intf().GetFlashInterface(), 0xBAD);
     EXPECT_EQ(usb.null_handles, 0);
     EXPECT_THAT(usb.calls(), ElementsAre());
@@ -165,7 +164,7 @@ TEST_F(UsbInterface, GivesConfigurationsByIndexAndValueOfTheOpenDevice) {
 
 TEST_F(UsbInterface, NoSettingIsChosenWithoutAClaimedInterface) {
     ASSERT_EQ(open(flash_path(flash_device())), 0);
-    EXPECT_EQ(intf().SetInterfaceAltSetting(1), invalid_parameter);
+    EXPECT_EQ(intf().SetInterfaceAltSetting(1), LIBUSB_ERROR_INVALID_PARAM);
     EXPECT_EQ(intf().setting_number, 0);
 }
 
@@ -218,7 +217,7 @@ TEST_F(UsbInterface, OpensADeviceOfTheListWithoutItsConfiguration) {
     EXPECT_EQ(intf().GetAddress(), 17);
     EXPECT_EQ(intf().GetDeviceType(), DEVICE_TYPE_NONE);
     EXPECT_EQ(usb.live_configurations, 0);
-    EXPECT_EQ(intf().OpenDevice(as_libusb(device)), invalid_parameter);
+    EXPECT_EQ(intf().OpenDevice(as_libusb(device)), LIBUSB_ERROR_INVALID_PARAM);
 }
 
 TEST_F(UsbInterface, KnowsAHubByItsClass) {
@@ -249,12 +248,12 @@ TEST_F(UsbInterface, OpensADeviceByItsIds) {
     EXPECT_EQ(intf().OpenDevice(0x7A01, 0x3C03), -4);
     EXPECT_EQ(intf().OpenDevice(0x7A01, 0x3C02), 0);
     EXPECT_EQ(usb.live_configurations, 1);
-    EXPECT_EQ(intf().OpenDevice(0x7A01, 0x3C02), invalid_parameter);
+    EXPECT_EQ(intf().OpenDevice(0x7A01, 0x3C02), LIBUSB_ERROR_INVALID_PARAM);
 }
 
 TEST_F(UsbInterface, OpenByIdsFailsWithoutADescriptor) {
     flash_device().descriptor_rc = -5;
-    EXPECT_EQ(intf().OpenDevice(0x7A01, 0x3C02), invalid_parameter);
+    EXPECT_EQ(intf().OpenDevice(0x7A01, 0x3C02), LIBUSB_ERROR_INVALID_PARAM);
     EXPECT_EQ(intf().intfnum, 0xBAD);
 }
 
@@ -268,7 +267,7 @@ TEST_F(UsbInterface, OpenByIdsDoesWithoutAConfiguration) {
 TEST_F(UsbInterface, ForgetsItsInterfaceWhateverComesOfAnOpenByIds) {
     claim(flash_device());
     ASSERT_EQ(intf().intfnum, 0);
-    EXPECT_EQ(intf().OpenDevice(0x7A01, 0x3C02), invalid_parameter);
+    EXPECT_EQ(intf().OpenDevice(0x7A01, 0x3C02), LIBUSB_ERROR_INVALID_PARAM);
     EXPECT_EQ(intf().intfnum, 0xBAD);
 }
 
@@ -332,7 +331,7 @@ TEST_F(UsbInterface, TakesHubPortVersionAndUsageOfThePathUncompared) {
 
 TEST_F(UsbInterface, APathWithoutVendorMatchesOnlyADeviceOfVendorZero) {
     usb.add(1, 2, 0x7A01, 0x3C02);
-    EXPECT_EQ(open("//?/hid#pid_3c02#bus_01&dev_002"), invalid_parameter);
+    EXPECT_EQ(open("//?/hid#pid_3c02#bus_01&dev_002"), LIBUSB_ERROR_INVALID_PARAM);
     usb.add(1, 2, 0, 0x3C02);
     EXPECT_EQ(open("//?/hid#pid_3c02#bus_01&dev_002"), 0);
     EXPECT_EQ(intf().VendorID, 0);
@@ -343,7 +342,7 @@ TEST_F(UsbInterface, MatchesBusAddressVendorAndProduct) {
     for (const char* path :
          {"//?/hid#vid_7a01&pid_3c02#bus_02&dev_002", "//?/hid#vid_7a01&pid_3c02#bus_01&dev_003",
           "//?/hid#vid_7a04&pid_3c02#bus_01&dev_002", "//?/hid#vid_7a01&pid_3c03#bus_01&dev_002"}) {
-        EXPECT_EQ(open(path), invalid_parameter) << path;
+        EXPECT_EQ(open(path), LIBUSB_ERROR_INVALID_PARAM) << path;
     }
     EXPECT_EQ(usb.live_lists, 0);
     EXPECT_THAT(usb.calls(), ElementsAre());
@@ -352,7 +351,7 @@ TEST_F(UsbInterface, MatchesBusAddressVendorAndProduct) {
 TEST_F(UsbInterface, PassesOverADeviceWhoseDescriptorCannotBeRead) {
     FakeUsbDevice& device = flash_device();
     device.descriptor_rc = -1;
-    EXPECT_EQ(open(flash_path(device)), invalid_parameter);
+    EXPECT_EQ(open(flash_path(device)), LIBUSB_ERROR_INVALID_PARAM);
 }
 
 TEST_F(UsbInterface, GoesOnAfterADeviceThatCannotBeOpened) {
@@ -392,7 +391,7 @@ TEST_F(UsbInterface, IsOpenWhenItsConfigurationCannotBeRead) {
 
 TEST_F(UsbInterface, RefusesASecondPathWhileADeviceIsOpen) {
     ASSERT_EQ(open(flash_path(flash_device())), 0);
-    EXPECT_EQ(open("//?/usb#vid_0001"), invalid_parameter);
+    EXPECT_EQ(open("//?/usb#vid_0001"), LIBUSB_ERROR_INVALID_PARAM);
     EXPECT_EQ(intf().GetVendorID(), 0x7A01);
     EXPECT_EQ(intf().GetDeviceType(), DEVICE_TYPE_HID);
 }
@@ -400,12 +399,12 @@ TEST_F(UsbInterface, RefusesASecondPathWhileADeviceIsOpen) {
 TEST_F(UsbInterface, NeitherWalksNorFreesAListThatLibusbCouldNotGive) {
     FakeUsbDevice& device = flash_device();
     usb.list_rc = -11;
-    EXPECT_EQ(open(flash_path(device)), invalid_parameter);
+    EXPECT_EQ(open(flash_path(device)), LIBUSB_ERROR_INVALID_PARAM);
     EXPECT_EQ(usb.live_lists, 0);
 }
 
 TEST_F(UsbInterface, FreesAnEmptyList) {
-    EXPECT_EQ(open("//?/hid#bus_01&dev_002"), invalid_parameter);
+    EXPECT_EQ(open("//?/hid#bus_01&dev_002"), LIBUSB_ERROR_INVALID_PARAM);
     EXPECT_EQ(usb.live_lists, 0);
 }
 
@@ -430,8 +429,8 @@ TEST_F(UsbInterface, ReadsNumbersOfAnyLengthAndSign) {
 }
 
 TEST_F(UsbInterface, AKeywordOfTheLastCharacterAloneIsNotFound) {
-    EXPECT_EQ(open(""), invalid_parameter);
-    EXPECT_EQ(open("v"), invalid_parameter);
+    EXPECT_EQ(open(""), LIBUSB_ERROR_INVALID_PARAM);
+    EXPECT_EQ(open("v"), LIBUSB_ERROR_INVALID_PARAM);
     EXPECT_EQ(intf().VendorID, 0);
 }
 
@@ -504,7 +503,7 @@ TEST_F(UsbInterface, CutsAStringAtTheCallersLimit) {
     EXPECT_EQ(string_result, 3);
     EXPECT_EQ(read_string(string_descriptor("abcdef"), 1), "");
     EXPECT_EQ(read_string(string_descriptor("abcdef"), 0), "");
-    EXPECT_EQ(string_result, invalid_parameter);
+    EXPECT_EQ(string_result, LIBUSB_ERROR_INVALID_PARAM);
 }
 
 TEST_F(UsbInterface, EndsALongStringOfOddLength) {

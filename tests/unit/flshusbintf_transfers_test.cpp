@@ -16,8 +16,6 @@ namespace {
 using testing::Each;
 using testing::ElementsAre;
 
-constexpr int invalid_parameter = -2;
-constexpr unsigned short page = 0xFF45;
 constexpr unsigned short flash_output = 0xA001;
 constexpr unsigned short command_usage = 0x0001;
 
@@ -36,12 +34,12 @@ class Transfers : public testing::Test {
     }
     // An output report with another usage than the flash interface's: it waits for an answer.
     void add_command_report() {
-        intf.OutputReports[1] = std::make_unique<Report>(Report{0, page, command_usage, 16});
+        intf.OutputReports[1] = std::make_unique<Report>(Report{0, flash_page, command_usage, 16});
         intf.OutputReportCount = 2;
     }
     int send(unsigned short usage, unsigned short length) {
         Bytes data(length, 0x5A);
-        return intf.HidSetOutputReport(page, usage, data.data(), length, 5000);
+        return intf.HidSetOutputReport(flash_page, usage, data.data(), length, 5000);
     }
     int read(int length = 64) {
         received.assign(static_cast<size_t>(length), 0xEE);
@@ -63,23 +61,30 @@ class Transfers : public testing::Test {
 
 TEST_F(Transfers, AreNotPossibleWithoutAClaimedInterface) {
     Bytes data(8);
-    EXPECT_EQ(intf.HidSetOutputReport(page, flash_output, data.data(), 8, 10), invalid_parameter);
-    EXPECT_EQ(intf.HidSetOutputReport(1, data.data(), 8, 10), invalid_parameter);
-    EXPECT_EQ(intf.HidGetInputReport(1, data.data(), 8, 10), invalid_parameter);
-    EXPECT_EQ(intf.HidGetInputReport(page, 0xA002, data.data(), 8, 10), invalid_parameter);
-    EXPECT_EQ(intf.HidGetFeatureReport(1, data.data(), 8, 10), invalid_parameter);
-    EXPECT_EQ(intf.HidGetFeatureReport(page, 0xA003, data.data(), 8, 10), invalid_parameter);
-    EXPECT_EQ(intf.HidSetFeatureReport(1, data.data(), 8, 10), invalid_parameter);
-    EXPECT_EQ(intf.HidSetFeatureReport(page, 0xA003, data.data(), 8, 10), invalid_parameter);
-    EXPECT_EQ(intf.WriteFlashInterface(data.data(), 8, 10), invalid_parameter);
-    EXPECT_EQ(read(), invalid_parameter);
+    EXPECT_EQ(intf.HidSetOutputReport(flash_page, flash_output, data.data(), 8, 10),
+              LIBUSB_ERROR_INVALID_PARAM);
+    EXPECT_EQ(intf.HidSetOutputReport(1, data.data(), 8, 10), LIBUSB_ERROR_INVALID_PARAM);
+    EXPECT_EQ(intf.HidGetInputReport(1, data.data(), 8, 10), LIBUSB_ERROR_INVALID_PARAM);
+    EXPECT_EQ(intf.HidGetInputReport(flash_page, 0xA002, data.data(), 8, 10),
+              LIBUSB_ERROR_INVALID_PARAM);
+    EXPECT_EQ(intf.HidGetFeatureReport(1, data.data(), 8, 10), LIBUSB_ERROR_INVALID_PARAM);
+    EXPECT_EQ(intf.HidGetFeatureReport(flash_page, 0xA003, data.data(), 8, 10),
+              LIBUSB_ERROR_INVALID_PARAM);
+    EXPECT_EQ(intf.HidSetFeatureReport(1, data.data(), 8, 10), LIBUSB_ERROR_INVALID_PARAM);
+    EXPECT_EQ(intf.HidSetFeatureReport(flash_page, 0xA003, data.data(), 8, 10),
+              LIBUSB_ERROR_INVALID_PARAM);
+    EXPECT_EQ(intf.WriteFlashInterface(data.data(), 8, 10), LIBUSB_ERROR_INVALID_PARAM);
+    EXPECT_EQ(read(), LIBUSB_ERROR_INVALID_PARAM);
     EXPECT_EQ(usb.null_handles, 0);
     claimed();
     intf.ReleaseInterface(0);
-    EXPECT_EQ(intf.HidSetOutputReport(page, flash_output, data.data(), 8, 10), invalid_parameter);
-    EXPECT_EQ(intf.HidGetFeatureReport(page, 0xA003, data.data(), 8, 10), invalid_parameter);
-    EXPECT_EQ(intf.HidSetFeatureReport(page, 0xA003, data.data(), 8, 10), invalid_parameter);
-    EXPECT_EQ(intf.HidInterruptWrite(data.data(), 8, &actual, 10), invalid_parameter);
+    EXPECT_EQ(intf.HidSetOutputReport(flash_page, flash_output, data.data(), 8, 10),
+              LIBUSB_ERROR_INVALID_PARAM);
+    EXPECT_EQ(intf.HidGetFeatureReport(flash_page, 0xA003, data.data(), 8, 10),
+              LIBUSB_ERROR_INVALID_PARAM);
+    EXPECT_EQ(intf.HidSetFeatureReport(flash_page, 0xA003, data.data(), 8, 10),
+              LIBUSB_ERROR_INVALID_PARAM);
+    EXPECT_EQ(intf.HidInterruptWrite(data.data(), 8, &actual, 10), LIBUSB_ERROR_INVALID_PARAM);
     EXPECT_TRUE(usb.controls.empty());
     EXPECT_TRUE(usb.interrupts.empty());
 }
@@ -88,20 +93,21 @@ TEST_F(Transfers, AreNotPossibleWithoutAnEndpoint) {
     claimed();
     intf.InterruptEndpointIn = 0;
     intf.InterruptEndpointOut = 0;
-    EXPECT_EQ(read(), invalid_parameter);
+    EXPECT_EQ(read(), LIBUSB_ERROR_INVALID_PARAM);
     EXPECT_EQ(actual, 0);
     EXPECT_EQ(report_id, 0);
-    EXPECT_EQ(intf.HidInterruptWrite(received.data(), 8, &actual, 10), invalid_parameter);
+    EXPECT_EQ(intf.HidInterruptWrite(received.data(), 8, &actual, 10), LIBUSB_ERROR_INVALID_PARAM);
     EXPECT_TRUE(usb.interrupts.empty());
 }
 
 TEST_F(Transfers, AreNotPossibleWithoutAHandle) {
     claimed();
     libusb_device_handle* const handle = std::exchange(intf.handle, nullptr);
-    EXPECT_EQ(send(flash_output, 8), invalid_parameter);
-    EXPECT_EQ(read(), invalid_parameter);
-    EXPECT_EQ(intf.HidGetFeatureReport(page, 0xA003, received.data(), 8, 10), invalid_parameter);
-    EXPECT_EQ(intf.WriteFlashInterface(received.data(), 8, 10), invalid_parameter);
+    EXPECT_EQ(send(flash_output, 8), LIBUSB_ERROR_INVALID_PARAM);
+    EXPECT_EQ(read(), LIBUSB_ERROR_INVALID_PARAM);
+    EXPECT_EQ(intf.HidGetFeatureReport(flash_page, 0xA003, received.data(), 8, 10),
+              LIBUSB_ERROR_INVALID_PARAM);
+    EXPECT_EQ(intf.WriteFlashInterface(received.data(), 8, 10), LIBUSB_ERROR_INVALID_PARAM);
     intf.handle = handle;
     EXPECT_EQ(usb.null_handles, 0);
 }
@@ -256,7 +262,7 @@ TEST_F(FirstCommand, IsSentTwiceAfterASecondWithoutAnswer) {
 
 TEST_F(FirstCommand, IsSentAgainWithItsReportId) {
     claimed(true);
-    intf.OutputReports[1] = std::make_unique<Report>(Report{4, page, command_usage, 16});
+    intf.OutputReports[1] = std::make_unique<Report>(Report{4, flash_page, command_usage, 16});
     intf.OutputReportCount = 2;
     EXPECT_EQ(send(command_usage, 2), 2);
     ASSERT_EQ(usb.controls.size(), 2U);
@@ -289,7 +295,7 @@ TEST_F(FirstCommand, DoesNotWaitAgainOnceAnAnswerWasSeen) {
     ASSERT_EQ(second.ClaimInterface(0), 0);
     usb.controls.clear();
     Bytes data(4);
-    EXPECT_EQ(second.HidSetOutputReport(page, command_usage, data.data(), 4, 5000), 0);
+    EXPECT_EQ(second.HidSetOutputReport(flash_page, command_usage, data.data(), 4, 5000), 0);
     EXPECT_EQ(send(command_usage, 6), 6);
     EXPECT_EQ(usb.controls.size(), 2U);
     EXPECT_EQ(sleeps.slept().size(), slept);
@@ -396,19 +402,19 @@ TEST_F(Transfers, WriteTheFlashInterfaceAfterDetachingItsDriver) {
     device->claim_rcs = {LIBUSB_ERROR_BUSY, 0};
     EXPECT_EQ(intf.WriteFlashInterface(data.data(), 4, 900), 0);
     device->claim_rcs = {LIBUSB_ERROR_BUSY, LIBUSB_ERROR_BUSY};
-    EXPECT_EQ(intf.WriteFlashInterface(data.data(), 4, 900), invalid_parameter);
+    EXPECT_EQ(intf.WriteFlashInterface(data.data(), 4, 900), LIBUSB_ERROR_INVALID_PARAM);
     device->claim_rcs = {LIBUSB_ERROR_BUSY};
     device->detach_rc = -5;
-    EXPECT_EQ(intf.WriteFlashInterface(data.data(), 4, 900), invalid_parameter);
+    EXPECT_EQ(intf.WriteFlashInterface(data.data(), 4, 900), LIBUSB_ERROR_INVALID_PARAM);
     device->claim_rcs = {LIBUSB_ERROR_NO_DEVICE};
-    EXPECT_EQ(intf.WriteFlashInterface(data.data(), 4, 900), invalid_parameter);
+    EXPECT_EQ(intf.WriteFlashInterface(data.data(), 4, 900), LIBUSB_ERROR_INVALID_PARAM);
 }
 
 TEST_F(Transfers, WriteNoFlashInterfaceThatIsNotThere) {
     claimed();
     device->strings[4] = string_descriptor("Keyboard");
     Bytes data(4, 7);
-    EXPECT_EQ(intf.WriteFlashInterface(data.data(), 4, 900), invalid_parameter);
+    EXPECT_EQ(intf.WriteFlashInterface(data.data(), 4, 900), LIBUSB_ERROR_INVALID_PARAM);
 }
 
 TEST_F(Transfers, LogAFailedFlashWriteAndReleaseTheInterface) {
@@ -516,14 +522,14 @@ TEST_F(Transfers, DoNotReadWithoutMemory) {
     claimed();
     device->packets = {{0, {1}, -1}};
     fail_nothrow_new(true);
-    EXPECT_EQ(read(), invalid_parameter);
+    EXPECT_EQ(read(), LIBUSB_ERROR_INVALID_PARAM);
     EXPECT_TRUE(usb.interrupts.empty());
 }
 
 TEST_F(Transfers, DoNotReadAnInterfaceThatWasReleased) {
     claimed();
     intf.ReleaseInterface(0);
-    EXPECT_EQ(read(), invalid_parameter);
+    EXPECT_EQ(read(), LIBUSB_ERROR_INVALID_PARAM);
     EXPECT_TRUE(usb.interrupts.empty());
 }
 
@@ -573,10 +579,10 @@ TEST_F(Transfers, GetAnInputReportByIdUpToItsSize) {
 TEST_F(Transfers, GetAnInputReportByUsageInTheCallersLength) {
     claimed(true);
     Bytes data(40);
-    intf.HidGetInputReport(page, 0xA002, data.data(), 40, 60);
+    intf.HidGetInputReport(flash_page, 0xA002, data.data(), 40, 60);
     EXPECT_EQ(usb.controls[0].value, 0x0102);
     EXPECT_EQ(usb.controls[0].length, 40);
-    intf.HidGetInputReport(page, 0x0777, data.data(), 40, 60);
+    intf.HidGetInputReport(flash_page, 0x0777, data.data(), 40, 60);
     EXPECT_EQ(usb.controls[1].value, 0x0100);
 }
 
@@ -584,7 +590,7 @@ TEST_F(Transfers, GetAFeatureReportByUsage) {
     claimed(false, 16, 8);
     device->feature = {1, 2, 3, 4, 5, 6, 7, 8};
     Bytes data(20, 0xEE);
-    EXPECT_EQ(intf.HidGetFeatureReport(page, 0xA003, data.data(), 20, 60), 8);
+    EXPECT_EQ(intf.HidGetFeatureReport(flash_page, 0xA003, data.data(), 20, 60), 8);
     EXPECT_EQ(usb.controls[0].type, 0xA1);
     EXPECT_EQ(usb.controls[0].request, 1);
     EXPECT_EQ(usb.controls[0].value, 0x0300);
@@ -597,21 +603,21 @@ TEST_F(Transfers, TakeTheIdOffAFeatureReportAndCopyOneByteLess) {
     claimed(true, 16, 8);
     device->feature = {3, 2, 3, 4, 5, 6, 7, 8};
     Bytes data(8, 0xEE);
-    EXPECT_EQ(intf.HidGetFeatureReport(page, 0xA003, data.data(), 8, 60), 8);
+    EXPECT_EQ(intf.HidGetFeatureReport(flash_page, 0xA003, data.data(), 8, 60), 8);
     EXPECT_EQ(usb.controls[0].value, 0x0303);
     EXPECT_EQ(data, (Bytes{2, 3, 4, 5, 6, 7, 8, 0xEE}));
     data.assign(4, 0xEE);
-    EXPECT_EQ(intf.HidGetFeatureReport(page, 0xA003, data.data(), 4, 60), 8);
+    EXPECT_EQ(intf.HidGetFeatureReport(flash_page, 0xA003, data.data(), 4, 60), 8);
     EXPECT_EQ(data, (Bytes{2, 3, 4, 0xEE}));
 }
 
 TEST_F(Transfers, CopyNothingOfAnEmptyOrTooSmallFeatureReport) {
     claimed(true, 16, 8);
     Bytes data(8, 0xEE);
-    EXPECT_EQ(intf.HidGetFeatureReport(page, 0xA003, data.data(), 8, 60), 0);
+    EXPECT_EQ(intf.HidGetFeatureReport(flash_page, 0xA003, data.data(), 8, 60), 0);
     device->feature = {3, 2, 3};
-    EXPECT_EQ(intf.HidGetFeatureReport(page, 0xA003, data.data(), 0, 60), 3);
-    EXPECT_EQ(intf.HidGetFeatureReport(page, 0x0777, data.data(), 8, 60), 0);
+    EXPECT_EQ(intf.HidGetFeatureReport(flash_page, 0xA003, data.data(), 0, 60), 3);
+    EXPECT_EQ(intf.HidGetFeatureReport(flash_page, 0x0777, data.data(), 8, 60), 0);
     EXPECT_EQ(usb.controls.back().value, 0x0300);
     EXPECT_EQ(usb.controls.back().length, 0);
     EXPECT_EQ(data, Bytes(8, 0xEE));
@@ -622,7 +628,7 @@ TEST_F(Transfers, NeverCopyMoreThanTheFeatureReportsSize) {
     device->feature = Bytes(8, 1);
     device->control_rcs = {5000};
     Bytes data(20, 0xEE);
-    EXPECT_EQ(intf.HidGetFeatureReport(page, 0xA003, data.data(), 20, 60), 5000);
+    EXPECT_EQ(intf.HidGetFeatureReport(flash_page, 0xA003, data.data(), 20, 60), 5000);
     EXPECT_EQ(data[7], 1);
     EXPECT_EQ(data[8], 0xEE);
 }
@@ -631,9 +637,10 @@ TEST_F(Transfers, PassOnAFailedFeatureRequest) {
     claimed();
     Bytes data(8, 0xEE);
     device->control_rcs = {LIBUSB_ERROR_PIPE};
-    EXPECT_EQ(intf.HidGetFeatureReport(page, 0xA003, data.data(), 8, 60), LIBUSB_ERROR_PIPE);
+    EXPECT_EQ(intf.HidGetFeatureReport(flash_page, 0xA003, data.data(), 8, 60), LIBUSB_ERROR_PIPE);
     fail_nothrow_new(true);
-    EXPECT_EQ(intf.HidGetFeatureReport(page, 0xA003, data.data(), 8, 60), invalid_parameter);
+    EXPECT_EQ(intf.HidGetFeatureReport(flash_page, 0xA003, data.data(), 8, 60),
+              LIBUSB_ERROR_INVALID_PARAM);
     EXPECT_EQ(usb.controls.size(), 1U);
     EXPECT_EQ(data, Bytes(8, 0xEE));
 }
@@ -655,10 +662,10 @@ TEST_F(Transfers, GetAndSetAFeatureReportById) {
 TEST_F(Transfers, SetAFeatureReportAsItIs) {
     claimed(true, 16, 8);
     Bytes data{3, 1, 2};
-    EXPECT_EQ(intf.HidSetFeatureReport(page, 0xA003, data.data(), 3, 60), 3);
+    EXPECT_EQ(intf.HidSetFeatureReport(flash_page, 0xA003, data.data(), 3, 60), 3);
     EXPECT_EQ(usb.controls[0].value, 0x0303);
     EXPECT_EQ(usb.controls[0].data, data);
-    EXPECT_EQ(intf.HidSetFeatureReport(page, 0x0777, data.data(), 3, 60), 0);
+    EXPECT_EQ(intf.HidSetFeatureReport(flash_page, 0x0777, data.data(), 3, 60), 0);
     EXPECT_EQ(usb.controls[1].value, 0x0300);
     EXPECT_EQ(usb.controls[1].length, 0);
 }

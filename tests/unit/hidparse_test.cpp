@@ -17,7 +17,7 @@ std::unique_ptr<HidParser> parse(const Bytes& bytes) {
 }
 
 // Prefixes without their size codes (HID 1.11, section 6.2.2).
-constexpr uint8_t input = 0x80, output = 0x90, collection = 0xA0, feature = 0xB0,
+constexpr uint8_t input = 0x80, output_item = 0x90, collection = 0xA0, feature = 0xB0,
                   end_collection = 0xC0;
 constexpr uint8_t usage_page = 0x04, logical_minimum = 0x14, logical_maximum = 0x24,
                   physical_minimum = 0x34, physical_maximum = 0x44, unit_exponent = 0x54,
@@ -168,7 +168,7 @@ TEST(HidParser, DropsTheRecordsBeyond96OfEachKind) {
     };
     const Kind kinds[] = {
         {input, &HidParser::InputReportIndex, &HidParser::GetInputReport},
-        {output, &HidParser::OutputReportIndex, &HidParser::GetOutputReport},
+        {output_item, &HidParser::OutputReportIndex, &HidParser::GetOutputReport},
         {feature, &HidParser::FeatureReportIndex, &HidParser::GetFeatureReport},
     };
     for (const Kind& kind : kinds) {
@@ -191,8 +191,8 @@ TEST(HidParser, DropsTheRecordsBeyond96OfEachKind) {
 
 TEST(HidParser, CountsTheRecordsOfEachKindByThemselves) {
     std::vector<Bytes> parts{layout(8, 1)};
-    for (const uint8_t prefix : {input, output, feature, input, output, feature, input, output,
-                                 feature, input, output, feature}) {
+    for (const uint8_t prefix : {input, output_item, feature, input, output_item, feature, input,
+                                 output_item, feature, input, output_item, feature}) {
         parts.insert(parts.end(),
                      {item(usage_minimum, {1}), item(usage_maximum, {32}), item(prefix, {2})});
     }

@@ -22,11 +22,12 @@
 
 namespace {
 
-constexpr int slot = 4;
 constexpr int generous = 10000;  // milliseconds
 
 class Reader : public FlashTest {
   protected:
+    static constexpr int slot = 4;
+
     thread_table& flags() { return flash->ThreadTable[slot]; }
     void make_handle(const std::string& path) {
         flash->hiddev = std::make_unique<HIDDEVICE2>(0, 0, path.c_str());

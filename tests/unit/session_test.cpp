@@ -13,9 +13,6 @@
 
 namespace {
 
-/// On the exclusion list: such a device is listed without a command.
-constexpr uint16_t silent_product = 0x3C75;
-
 constexpr unsigned short own_vendors[] = {0x7A01, 0x7A02, 0x7A03};
 
 class Session : public FlashTest {};

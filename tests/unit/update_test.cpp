@@ -21,8 +21,6 @@
 
 namespace {
 
-constexpr int product = 0x4123;
-
 struct FileRow {
     int component = 0;
     int level = 0x0102;
@@ -40,7 +38,7 @@ class Update : public FlashTest {
         FlashFile& file = files[numberOfusbFlashFiles];
         const std::string name = "f" + std::to_string(numberOfusbFlashFiles++) + ".dat";
         directory.write(name, content_of(wanted));
-        file.product_id = product;
+        file.product_id = flash_product;
         file.comp_id = wanted.component;
         file.ec_level = wanted.level;
         file.ec_version = (wanted.level >> 8) & 0x0F;
@@ -54,7 +52,7 @@ class Update : public FlashTest {
     /// A file that is listed as `wanted`, with one record to be sent beside those about it.
     static FirmwareBytes content_of(const FileRow& wanted) {
         char header[9];
-        snprintf(header, sizeof header, "%04x%04x", static_cast<unsigned int>(product),
+        snprintf(header, sizeof header, "%04x%04x", static_cast<unsigned int>(flash_product),
                  static_cast<unsigned int>(wanted.level) & 0xFFFFU);
         FirmwareBytes content{header};
         if (wanted.component != 0) {
@@ -68,7 +66,7 @@ class Update : public FlashTest {
     flashEntry& add_device(int level, int build = 0, int method = 0) {
         const int row = flash->numberOfFlashEntries++;
         flash->initialize_device_data(row, "//?/hid#vid_7a01&pid_0001#bus_09&dev_099", "SN-7",
-                                      product, 0);
+                                      flash_product, 0);
         flash->fe[row].component_count = 1;
         flash->fe[row].component[0] = {.comp_id = 0,
                                        .ec_level = level,
@@ -283,7 +281,7 @@ TEST_F(Update, FindsNoFileForTheComponent) {
     EXPECT_EQ(row.flashStatus, NOFLASHFILE);
     add_file({.component = 1, .level = 0x0109});
     FlashFile& other = add_file({.level = 0x0109});
-    other.product_id = product + 1;
+    other.product_id = flash_product + 1;
     EXPECT_EQ(pass(), 0);
     EXPECT_EQ(row.flashStatus, NOFLASHFILE);
     numberOfusbFlashFiles = -1;
@@ -312,7 +310,7 @@ TEST_F(Update, LooksOneRowPastTheCount) {
     files[0].product_id = 0;
     numberOfusbFlashFiles = 1;
     EXPECT_EQ(pass(), 0);
-    EXPECT_EQ(far.product_id, product);
+    EXPECT_EQ(far.product_id, flash_product);
 }
 
 TEST_F(Update, NeverLooksPastTheTable) {
@@ -418,7 +416,7 @@ TEST_F(Update, NamesTypesAndControls) {
 }
 
 TEST_F(Update, ACheckSendsNothing) {
-    FlashPeripheral& device = bus.add(product);
+    FlashPeripheral& device = bus.add(flash_product);
     add_file({.level = 0x0109});
     add_row(device, 0x0102);
     EXPECT_EQ(pass(), 1);
@@ -516,7 +514,7 @@ const Bytes checksum{0x05, 0x00, 0x02, 0x00, 0x00, 0xAB, 0xCD};
 }  // namespace
 
 TEST_F(Flashing, ErasesSendsAndResetsTheMainComponent) {
-    FlashPeripheral& device = bus.add(product);
+    FlashPeripheral& device = bus.add(flash_product);
     add_file({.level = 0x0109});
     flashEntry& row = attach(device);
     EXPECT_EQ(pass(), 1);
@@ -537,7 +535,7 @@ TEST_F(Flashing, ErasesSendsAndResetsTheMainComponent) {
 }
 
 TEST_F(Flashing, OtherComponentsAreNotReset) {
-    FlashPeripheral& device = bus.add(product);
+    FlashPeripheral& device = bus.add(flash_product);
     add_file({.component = 1, .level = 0x0109});
     flashEntry& row = attach(device);
     add_component(row, 1, 0x0102);
@@ -550,7 +548,7 @@ TEST_F(Flashing, OtherComponentsAreNotReset) {
 }
 
 TEST_F(Flashing, CommandsAreFinalWhileAnUpdateRuns) {
-    FlashPeripheral& device = bus.add(product);
+    FlashPeripheral& device = bus.add(flash_product);
     add_file({.level = 0x0109});
     attach(device);
     int information_at_erase = -1;
@@ -575,7 +573,7 @@ TEST_F(Flashing, ADeviceThatCantBeOpenedCountsAsUpdated) {
 }
 
 TEST_F(Flashing, SoDoesADeviceWithBackgroundReadingOff) {
-    FlashPeripheral& device = bus.add(product);
+    FlashPeripheral& device = bus.add(flash_product);
     background_read = 0;
     add_file({.level = 0x0109});
     attach(device);
@@ -584,7 +582,7 @@ TEST_F(Flashing, SoDoesADeviceWithBackgroundReadingOff) {
 }
 
 TEST_F(Flashing, ADeviceThatThereIsNoMemoryForIsGone) {
-    FlashPeripheral& device = bus.add(product);
+    FlashPeripheral& device = bus.add(flash_product);
     add_file({.level = 0x0109});
     const flashEntry& row = attach(device);
     fail_nothrow_new(true);
@@ -597,7 +595,7 @@ TEST_F(Flashing, ADeviceThatThereIsNoMemoryForIsGone) {
 }
 
 TEST_F(Flashing, AFailedEraseIsAWriteError) {
-    FlashPeripheral& device = bus.add(product);
+    FlashPeripheral& device = bus.add(flash_product);
     device.answers[wire::erase] = {{0x40}};
     add_file({.level = 0x0109});
     flashEntry& row = attach(device);
@@ -615,7 +613,7 @@ TEST_F(Flashing, AFailedEraseIsAWriteError) {
 }
 
 TEST_F(Flashing, AFailedTransferIsResetAllTheSame) {
-    FlashPeripheral& device = bus.add(product);
+    FlashPeripheral& device = bus.add(flash_product);
     device.answers[record] = {{0x80}};
     add_file({.level = 0x0109});
     attach(device);
@@ -626,7 +624,7 @@ TEST_F(Flashing, AFailedTransferIsResetAllTheSame) {
 }
 
 TEST_F(Flashing, AFailedEraseIsResetWhenThePassNeedsAReset) {
-    FlashPeripheral& device = bus.add(product);
+    FlashPeripheral& device = bus.add(flash_product);
     device.answers[wire::erase] = {{0x40}};
     add_file({.level = 0x0109});
     attach(device);
@@ -637,7 +635,7 @@ TEST_F(Flashing, AFailedEraseIsResetWhenThePassNeedsAReset) {
 }
 
 TEST_F(Flashing, MapsTheCodesFromBelow) {
-    FlashPeripheral& device = bus.add(product);
+    FlashPeripheral& device = bus.add(flash_product);
     add_file({.component = 1, .level = 0x0109});
     attach(device);
     device.next_write_results = {LIBUSB_ERROR_NO_DEVICE};
@@ -659,7 +657,7 @@ TEST_F(Flashing, MapsTheCodesFromBelow) {
 }
 
 TEST_F(Flashing, AResetThatTheDeviceDropsOffAtIsASuccess) {
-    FlashPeripheral& device = bus.add(product);
+    FlashPeripheral& device = bus.add(flash_product);
     add_file({.level = 0x0109});
     attach(device);
     device.on_command = [&](const Bytes& command) {
@@ -673,7 +671,7 @@ TEST_F(Flashing, AResetThatTheDeviceDropsOffAtIsASuccess) {
 }
 
 TEST_F(Flashing, AFailedResetIsTheResultOfAGoodUpdate) {
-    FlashPeripheral& device = bus.add(product);
+    FlashPeripheral& device = bus.add(flash_product);
     add_file({.level = 0x0109});
     attach(device);
     std::unique_ptr<HIDDEVICE2> taken;
@@ -698,7 +696,7 @@ TEST_F(Flashing, AFailedResetIsTheResultOfAGoodUpdate) {
 }
 
 TEST_F(Flashing, StopsTheReaderBeforeTheReset) {
-    FlashPeripheral& device = bus.add(product);
+    FlashPeripheral& device = bus.add(flash_product);
     add_file({.level = 0x0109});
     attach(device);
     int stopped_at_reset = -1;
@@ -712,8 +710,8 @@ TEST_F(Flashing, StopsTheReaderBeforeTheReset) {
 }
 
 TEST_F(Flashing, StopsAtAFailureButVisitsTheRowsBehindIt) {
-    FlashPeripheral& bad = bus.add(product);
-    FlashPeripheral& good = bus.add(product);
+    FlashPeripheral& bad = bus.add(flash_product);
+    FlashPeripheral& good = bus.add(flash_product);
     bad.answers[wire::erase] = {{0x40}};
     add_file({.component = 1, .level = 0x0109});
     add_file({.component = 2, .level = 0x0109});
@@ -731,8 +729,8 @@ TEST_F(Flashing, StopsAtAFailureButVisitsTheRowsBehindIt) {
 }
 
 TEST_F(Flashing, AFailureReplacesEarlierSuccesses) {
-    FlashPeripheral& good = bus.add(product);
-    FlashPeripheral& bad = bus.add(product);
+    FlashPeripheral& good = bus.add(flash_product);
+    FlashPeripheral& bad = bus.add(flash_product);
     bad.answers[wire::erase] = {{0x40}};
     add_file({.level = 0x0109});
     attach(good);
@@ -741,8 +739,8 @@ TEST_F(Flashing, AFailureReplacesEarlierSuccesses) {
 }
 
 TEST_F(Flashing, GoesOnAfterAFailureWhenAsked) {
-    FlashPeripheral& bad = bus.add(product);
-    FlashPeripheral& good = bus.add(product);
+    FlashPeripheral& bad = bus.add(flash_product);
+    FlashPeripheral& good = bus.add(flash_product);
     bad.answers[wire::erase] = {{0x40}};
     continue_on_failure = 1;
     add_file({.component = 1, .level = 0x0109});
@@ -763,7 +761,7 @@ TEST_F(Flashing, GoesOnAfterAFailureWhenAsked) {
 }
 
 TEST_F(Flashing, TellsWhenADeviceIsGone) {
-    FlashPeripheral& device = bus.add(product);
+    FlashPeripheral& device = bus.add(flash_product);
     add_file({.level = 0x0109});
     flashEntry& row = attach(device);
     device.next_write_results = {LIBUSB_ERROR_NO_DEVICE};
@@ -782,7 +780,7 @@ TEST_F(Flashing, TellsWhenADeviceIsGone) {
 }
 
 TEST_F(Flashing, TellsOfFailuresOnTheConsole) {
-    FlashPeripheral& device = bus.add(product);
+    FlashPeripheral& device = bus.add(flash_product);
     device.answers[wire::erase] = {{0x40}};
     add_file({.level = 0x0109});
     attach(device);
@@ -813,7 +811,7 @@ TEST_F(Flashing, TellsOfFailuresOnTheConsole) {
 }
 
 TEST_F(Flashing, ADeviceThatIsUnpluggedInTheMiddleFails) {
-    FlashPeripheral& device = bus.add(product);
+    FlashPeripheral& device = bus.add(flash_product);
     add_file({.component = 1, .level = 0x0109});
     attach(device);
     device.on_command = [&](const Bytes& command) {
@@ -827,7 +825,7 @@ TEST_F(Flashing, ADeviceThatIsUnpluggedInTheMiddleFails) {
 }
 
 TEST_F(Flashing, ADeviceThatIsClosedWhileItIsWaitedForIsGone) {
-    FlashPeripheral& device = bus.add(product);
+    FlashPeripheral& device = bus.add(flash_product);
     add_file({.component = 1, .level = 0x0109});
     attach(device);
     device.answers[record] = {};
@@ -842,7 +840,7 @@ TEST_F(Flashing, ADeviceThatIsClosedWhileItIsWaitedForIsGone) {
 }
 
 TEST_F(Flashing, AMarkerSurvivesAFailure) {
-    FlashPeripheral& device = bus.add(product);
+    FlashPeripheral& device = bus.add(flash_product);
     device.answers[wire::erase] = {{0x40}};
     add_file({.level = 0x0101});
     directory.write("f0.dat.force", std::string());
@@ -853,7 +851,7 @@ TEST_F(Flashing, AMarkerSurvivesAFailure) {
 }
 
 TEST_F(Flashing, SaysOnTheConsoleWhatHappensToADevice) {
-    FlashPeripheral& device = bus.add(product);
+    FlashPeripheral& device = bus.add(flash_product);
     add_file({.level = 0x0109});
     attach(device);
     const std::string shown = console_of(1, 0, [this] { pass(); });
@@ -886,7 +884,7 @@ class ChangedFile : public Flashing {
     }
     static constexpr char other_file[] = "it is not the file that was listed";
 
-    FlashPeripheral& device = bus.add(product);
+    FlashPeripheral& device = bus.add(flash_product);
     flashEntry& row;
 };
 
@@ -975,7 +973,7 @@ TEST_F(ChangedFile, IsComparedByItsRecordsLevelWhenThatIsAskedFor) {
 }
 
 TEST_F(Flashing, SaysWhyNothingWasSentToADevice) {
-    FlashPeripheral& device = bus.add(product);
+    FlashPeripheral& device = bus.add(flash_product);
     add_file({.level = 0x0109});
     add_device(0x0102);
     attach(device);
@@ -1013,7 +1011,7 @@ class Answers : public Flashing {
     }
     static constexpr char doubt[] = "The result is uncertain: ";
 
-    FlashPeripheral& device = bus.add(product);
+    FlashPeripheral& device = bus.add(flash_product);
 };
 
 }  // namespace
@@ -1086,7 +1084,7 @@ class ShortReport : public Flashing {
         directory.write("f0.dat", content.end());
     }
 
-    FlashPeripheral& device = bus.add(product);
+    FlashPeripheral& device = bus.add(flash_product);
 };
 
 }  // namespace

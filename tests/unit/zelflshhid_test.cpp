@@ -20,7 +20,6 @@ namespace {
 
 using testing::HasSubstr;
 
-constexpr unsigned short page = 0xFF45;
 constexpr unsigned short output_usage = 0xA001;
 constexpr unsigned short input_usage = 0xA002;
 constexpr unsigned short feature_usage = 0xA003;
@@ -45,20 +44,20 @@ class HidDevice : public testing::Test {
         return hid->OpenDevice(reinterpret_cast<const unsigned char*>(mode));
     }
     int write(std::string bytes) {
-        return hid->Write(page, output_usage, bytes.data(),
+        return hid->Write(flash_page, output_usage, bytes.data(),
                           static_cast<unsigned short>(bytes.size()));
     }
     int read(unsigned short length = 8) {
         buffer.assign(16, '\x11');
-        return hid->Read(page, input_usage, buffer.data(), length);
+        return hid->Read(flash_page, input_usage, buffer.data(), length);
     }
     int set_feature(unsigned short length = 8) {
         buffer.assign(16, '\x22');
-        return hid->SetFeature(page, feature_usage, buffer.data(), length);
+        return hid->SetFeature(flash_page, feature_usage, buffer.data(), length);
     }
     int get_feature() {
         buffer.assign(16, '\x33');
-        return hid->GetFeature(page, feature_usage, buffer.data(), 16);
+        return hid->GetFeature(flash_page, feature_usage, buffer.data(), 16);
     }
     // Takes the interface object away, as if it could never be created.
     void lose_interface() {
@@ -396,7 +395,7 @@ TEST_F(HidDevice, WritesAndFetchesWhileAReaderReads) {
     std::thread reader([&] {
         std::string status(8, '\0');
         while (!stop) {
-            if (hid->Read(page, input_usage, status.data(), 8) == 0) {
+            if (hid->Read(flash_page, input_usage, status.data(), 8) == 0) {
                 ++reports;
             }
         }
@@ -404,7 +403,7 @@ TEST_F(HidDevice, WritesAndFetchesWhileAReaderReads) {
     while (reports < 20) {
         EXPECT_EQ(write("abc"), 0);
         std::string feature(8, '\0');
-        EXPECT_EQ(hid->GetFeature(page, feature_usage, feature.data(), 8), 0);
+        EXPECT_EQ(hid->GetFeature(flash_page, feature_usage, feature.data(), 8), 0);
     }
     stop = true;
     hid->CloseWriteHandle();

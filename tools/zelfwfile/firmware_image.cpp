@@ -15,7 +15,7 @@ namespace {
 using zelf::Bytes;
 
 /// The four digits of a product ID or level.
-Bytes four_digits(int value) {
+Bytes digit_bytes(int value) {
     char text[16];
     snprintf(text, sizeof text, "%04x", static_cast<unsigned int>(value));
     return {text, text + firmware_header_field_size};
@@ -60,7 +60,7 @@ InformationContent content_of(InformationRecord record, const FirmwareDescriptio
         case InformationRecord::inline_version:
             return {inline_tag, 0, {major, minor}};
         case InformationRecord::inline_version_text:
-            return {inline_tag, 0, four_digits(file.level)};
+            return {inline_tag, 0, digit_bytes(file.level)};
     }
     throw std::logic_error("unknown information record");
 }
@@ -83,8 +83,8 @@ void append_record(Bytes& bytes, ImageChecksum& checksum, int tag, int value,
 }  // namespace
 
 std::vector<std::uint8_t> firmware_file_bytes(const FirmwareDescription& description) {
-    Bytes bytes = four_digits(description.product);
-    append(bytes, four_digits(description.level));
+    Bytes bytes = digit_bytes(description.product);
+    append(bytes, digit_bytes(description.level));
     ImageChecksum checksum(static_cast<std::uint16_t>(description.product));
     for (const InformationRecord record : description.information) {
         const InformationContent content = content_of(record, description);

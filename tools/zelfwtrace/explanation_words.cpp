@@ -1,12 +1,7 @@
 #include "zelfwtrace/explanation_words.h"
 
+#include "common/time_text.h"
 #include "zelfwtrace/escape.h"
-
-namespace {
-
-constexpr double milliseconds_of_a_second = 1000;
-
-}  // namespace
 
 const char* kind_name(Attempt::Kind kind) {
     switch (kind) {
@@ -23,7 +18,7 @@ const char* kind_name(Attempt::Kind kind) {
 }
 
 double seconds(double milliseconds) {
-    return milliseconds / milliseconds_of_a_second;
+    return milliseconds / zelf::milliseconds_of_a_second;
 }
 
 std::string place_in_trace(const StoryLine& line) {
@@ -71,7 +66,7 @@ std::string progress_words(const Attempt& attempt) {
     }
     words += printed("; %.3f seconds in", time);
     const double pace = kilobytes_per_second(image);
-    return pace > 0 ? words + printed(", %.1f kB/s", pace) : words;
+    return pace > 0 ? words + printed(", %.1f b/s", pace) : words;
 }
 
 std::string wire_words(const WireMessage& last, const Explanation& explanation) {

@@ -1,5 +1,6 @@
 #include "zelfwtrace/record_pace.h"
 
+#include "common/time_text.h"
 #include "flash_protocol.h"
 #include "zelfwtrace/escape.h"
 
@@ -7,14 +8,12 @@
 
 namespace {
 
-constexpr double milliseconds_of_a_second = 1000;
-
 /// "0:12", "1:02:03".
 std::string duration_text(double milliseconds) {
     constexpr std::uint64_t sixty = 60;
     constexpr double longest = 1e9;
     const auto seconds = static_cast<std::uint64_t>(
-        std::clamp(milliseconds / milliseconds_of_a_second + 0.5, 0.0, longest));
+        std::clamp(milliseconds / zelf::milliseconds_of_a_second + 0.5, 0.0, longest));
     const auto minutes = seconds / sixty;
     const auto number = [](std::uint64_t value) { return static_cast<unsigned long long>(value); };
     return minutes < sixty ? printed("%llu:%02llu", number(minutes), number(seconds % sixty))
@@ -61,7 +60,7 @@ std::string RecordPace::beginning() const {
                         static_cast<double>(done) * 100 / static_cast<double>(*records_));
     }
     if (milliseconds() > 0) {
-        text += printed("  %.1f kB/s", static_cast<double>(bytes_answered_) / milliseconds());
+        text += printed("  %.1f b/s", static_cast<double>(bytes_answered_) / milliseconds());
     }
     return text;
 }

@@ -16,7 +16,7 @@ class RecordPace {
     /// The record sent last was answered with a good status.
     void take_answer(const TraceEntry& entry);
 
-    /// "3c35  component 0  record 17 of 50  34 %  5.2 kB/s  0:12 left"; what the trace does not
+    /// "3c35  component 0  record 17 of 50  34 %  5.2 b/s  0:12 left"; what the trace does not
     /// tell is left out.
     std::string line() const;
     /// The same of records to which none will be added: "... after 0:31".

@@ -1,3 +1,4 @@
+#include "common/time_text.h"
 #include "journal/zelfwtrace.h"
 #include "zelfwtrace/escape.h"
 #include "zelfwtrace/output.h"
@@ -5,8 +6,6 @@
 #include <cstdio>
 
 namespace {
-
-constexpr double milliseconds_of_a_second = 1000;
 
 /// What a line says behind its stamps.
 std::string words(const TraceEntry& entry, const Meaning& meaning) {
@@ -39,7 +38,7 @@ class TextOutput : public TraceOutput {
         std::string line =
             printed("%s %9.3f  %u/%08x  ",
                     zelf::time_text(entry.time_in_milliseconds(), style_.zone).c_str(),
-                    entry.clock / milliseconds_of_a_second, entry.process, entry.thread);
+                    entry.clock / zelf::milliseconds_of_a_second, entry.process, entry.thread);
         line += entry.is_transfer() ? printed("%04x", entry.product()) : "-   ";
         line += "  " + words(entry, meaning);
         if (style_.with_bytes && entry.is_transfer()) {

@@ -1,5 +1,6 @@
 #include "zelfwtrace/trace_reader.h"
 
+#include "common/time_text.h"
 #include "journal/zelfwtrace.h"
 
 #include <algorithm>
@@ -14,7 +15,6 @@ constexpr std::size_t kind_end = offsetof(traceStruct3, minorCode) + sizeof(std:
 constexpr std::size_t usage_offset = 2;
 /// The longest report that the program can hand over has a 16-bit length.
 constexpr std::size_t longest_transfer = trace_prefix_size + 0xFFFF;
-constexpr unsigned int milliseconds_of_a_second = 1000;
 /// No system counts its processes higher.
 constexpr std::uint32_t highest_process = 1U << 22U;
 
@@ -69,7 +69,7 @@ std::string fault_of_length(std::uint32_t kind, std::uint32_t length) {
 
 /// What is wrong with a header's other fields; empty when nothing is.
 std::string fault_of_fields(const char* header, const TraceEntry& entry) {
-    if (entry.milliseconds >= milliseconds_of_a_second) {
+    if (entry.milliseconds >= zelf::milliseconds_of_a_second) {
         return "a second has no millisecond " + std::to_string(entry.milliseconds);
     }
     if (header[offsetof(traceStruct3, reserved)] != 0) {

@@ -1,5 +1,6 @@
 #include "zelfwtrace/usb_packet.h"
 
+#include "common/time_text.h"
 #include "flash_protocol.h"
 
 #include <bit>
@@ -18,8 +19,6 @@ constexpr char absent_in = '<';
 constexpr char no_setup = '-';
 constexpr int interrupt_type_attribute = 3;  ///< as an endpoint descriptor has it
 constexpr std::size_t most_data = 0xFFFF;
-
-constexpr std::int64_t milliseconds_of_a_second = 1000;
 
 /// As the Linux kernel's documentation of usbmon has it.
 struct UsbmonHeader {
@@ -112,8 +111,8 @@ std::string usb_packet(const UsbTransfer& transfer, bool is_completion, std::uin
     header.setup_flag = no_setup;
     header.data_flag =
         static_cast<char>(has_data ? 0 : (transfer.to_host ? absent_in : absent_out));
-    header.seconds = time / milliseconds_of_a_second;
-    header.microseconds = static_cast<std::int32_t>(time % milliseconds_of_a_second * 1000);
+    header.seconds = time / zelf::milliseconds_of_a_second;
+    header.microseconds = static_cast<std::int32_t>(time % zelf::milliseconds_of_a_second * 1000);
     header.status = is_completion ? 0 : in_progress;
     header.urb_length = length;
     header.data_length = has_data ? length : 0;

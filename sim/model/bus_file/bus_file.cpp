@@ -16,15 +16,15 @@ namespace zelfsim {
 
 namespace {
 
-constexpr std::uint8_t kRootAddress = 1;
-constexpr std::uint8_t kHighestAddress = 127;
-constexpr std::uint16_t kRootHubVendor = 0x1D6B;
-constexpr std::uint16_t kRootHubProduct = 0x0002;
-constexpr std::uint16_t kHubVendor = 0x7AFF;
-constexpr std::uint16_t kHubProduct = 0x0101;
+constexpr std::uint8_t root_address = 1;
+constexpr std::uint8_t highest_address = 127;
+constexpr std::uint16_t root_hub_vendor = 0x1D6B;
+constexpr std::uint16_t root_hub_product = 0x0002;
+constexpr std::uint16_t hub_vendor = 0x7AFF;
+constexpr std::uint16_t hub_product = 0x0101;
 
-constexpr std::array<std::string_view, 4> kTopKeys{"timing", "hub", "device", "fault"};
-constexpr std::array<std::string_view, 8> kHubKeys{"name",    "bus",   "hub",    "port",
+constexpr std::array<std::string_view, 4> top_keys{"timing", "hub", "device", "fault"};
+constexpr std::array<std::string_view, 8> hub_keys{"name",    "bus",   "hub",    "port",
                                                    "address", "ports", "vendor", "product"};
 
 /// A bus being put together.
@@ -51,12 +51,12 @@ class Assembly {
 };
 
 std::string Assembly::take_name(const zelf::TomlTable& table) {
-    constexpr std::size_t kLongestName = 64;
-    constexpr std::string_view kAllowed =
+    constexpr std::size_t longest_name = 64;
+    constexpr std::string_view allowed =
         "ABCDEFGHIJKLMNOPQRSTUVWXYZabcdefghijklmnopqrstuvwxyz0123456789._-";
-    std::string name = table.required_text("name", kLongestName);
+    std::string name = table.required_text("name", longest_name);
     if (name.empty() || name.front() == '.' ||
-        name.find_first_not_of(kAllowed) != std::string::npos) {
+        name.find_first_not_of(allowed) != std::string::npos) {
         table.fail("name",
                    "a name consists of letters, digits, '.', '_' and '-', and does not "
                    "begin with '.'");
@@ -96,15 +96,15 @@ std::uint8_t Assembly::take_port(const zelf::TomlTable& table, std::size_t hub) 
 }
 
 void Assembly::place(const zelf::TomlTable& table, DeviceDescription& device) {
-    constexpr std::size_t kLongestName = 64;
-    const auto name = table.text("hub", kLongestName);
+    constexpr std::size_t longest_name = 64;
+    const auto name = table.text("hub", longest_name);
     device.parent = name ? find_hub(table, *name) : 0;
     device.bus = result.devices[*device.parent].bus;
     device.port = take_port(table, *device.parent);
 }
 
 void Assembly::take_address(const zelf::TomlTable& table, DeviceDescription& device) {
-    if (const auto address = table.integer("address", kRootAddress + 1, kHighestAddress)) {
+    if (const auto address = table.integer("address", root_address + 1, highest_address)) {
         device.address = static_cast<std::uint8_t>(*address);
         if (!addresses_[device.bus].insert(device.address).second) {
             table.fail("address", "address " + std::to_string(device.address) + " is used twice");
@@ -115,8 +115,8 @@ void Assembly::take_address(const zelf::TomlTable& table, DeviceDescription& dev
 DeviceDescription hub_defaults(bool root) {
     DeviceDescription hub;
     hub.is_hub = true;
-    hub.vendor = root ? kRootHubVendor : kHubVendor;
-    hub.product = root ? kRootHubProduct : kHubProduct;
+    hub.vendor = root ? root_hub_vendor : hub_vendor;
+    hub.product = root ? root_hub_product : hub_product;
     hub.manufacturer = "Simulated";
     hub.product_name = root ? "Root hub" : "Hub";
     InterfaceDescription interface;
@@ -127,8 +127,8 @@ DeviceDescription hub_defaults(bool root) {
 }
 
 void Assembly::add_hub(const zelf::TomlTable& table) {
-    constexpr std::int64_t kMostPorts = 127;
-    table.know_only({kHubKeys});
+    constexpr std::int64_t most_ports = 127;
+    table.know_only({hub_keys});
     const bool root = table.has("bus");
     if (root == table.has("hub")) {
         table.fail("name", "a hub has either \"bus\" (a root hub) or \"hub\" (its parent)");
@@ -137,15 +137,15 @@ void Assembly::add_hub(const zelf::TomlTable& table) {
     hub.name = take_name(table);
     if (root) {
         hub.bus = static_cast<std::uint8_t>(table.required_integer("bus", 1, 255));
-        hub.address = kRootAddress;
-        if (!addresses_[hub.bus].insert(kRootAddress).second) {
+        hub.address = root_address;
+        if (!addresses_[hub.bus].insert(root_address).second) {
             table.fail("bus", "bus " + std::to_string(hub.bus) + " has two root hubs");
         }
     } else {
         place(table, hub);
         take_address(table, hub);
     }
-    hub.ports = static_cast<std::uint8_t>(table.integer("ports", 1, kMostPorts).value_or(4));
+    hub.ports = static_cast<std::uint8_t>(table.integer("ports", 1, most_ports).value_or(4));
     hub.vendor =
         static_cast<std::uint16_t>(table.integer("vendor", 0, 0xFFFF).value_or(hub.vendor));
     hub.product =
@@ -154,13 +154,13 @@ void Assembly::add_hub(const zelf::TomlTable& table) {
 }
 
 void Assembly::add_implied_root() {
-    constexpr std::uint8_t kPorts = 16;
+    constexpr std::uint8_t most_ports = 16;
     DeviceDescription hub = hub_defaults(true);
     hub.name = "root";
-    hub.address = kRootAddress;
-    hub.ports = kPorts;
+    hub.address = root_address;
+    hub.ports = most_ports;
     names_.insert(hub.name);
-    addresses_[hub.bus].insert(kRootAddress);
+    addresses_[hub.bus].insert(root_address);
     result.devices.push_back(std::move(hub));
 }
 
@@ -175,9 +175,9 @@ void Assembly::add_device(const zelf::TomlTable& table, const Timing& timing) {
 }
 
 void Assembly::add_fault(const zelf::TomlTable& table) {
-    constexpr std::size_t kLongestName = 64;
+    constexpr std::size_t longest_name = 64;
     know_fault_keys(table);
-    const std::string name = table.required_text("device", kLongestName);
+    const std::string name = table.required_text("device", longest_name);
     const auto device =
         std::find_if(result.devices.begin(), result.devices.end(),
                      [&](const DeviceDescription& entry) { return entry.name == name; });
@@ -199,11 +199,11 @@ void Assembly::assign_addresses(const std::string& file) {
             continue;
         }
         std::set<std::uint8_t>& used = addresses_[device.bus];
-        std::uint8_t address = kRootAddress + 1;
-        while (address <= kHighestAddress && used.contains(address)) {
+        std::uint8_t address = root_address + 1;
+        while (address <= highest_address && used.contains(address)) {
             ++address;
         }
-        if (address > kHighestAddress) {
+        if (address > highest_address) {
             throw FileError(file, 0,
                             "bus " + std::to_string(device.bus) + " has more than 127 devices");
         }
@@ -217,7 +217,7 @@ void Assembly::assign_addresses(const std::string& file) {
 BusDescription read_bus_file(const std::string& file) {
     const toml::table parsed = zelf::parse_toml_file(file);
     const zelf::TomlTable top(file, parsed);
-    top.know_only({kTopKeys});
+    top.know_only({top_keys});
     Timing timing;
     if (const auto table = top.table("timing")) {
         timing = read_timing(*table, timing);

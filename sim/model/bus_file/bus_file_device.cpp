@@ -9,28 +9,28 @@ namespace zelfsim {
 
 namespace {
 
-constexpr std::size_t kLongestString = 126;
-constexpr std::int64_t kSmallestPacket = 8;
-constexpr std::int64_t kLargestPacket = 64;
-constexpr std::int64_t kSmallestReport = 8;
-constexpr std::int64_t kLargestReport = 1024;
-constexpr std::uint16_t kDataUsage = 0xA003;
-constexpr std::uint16_t kOldDataUsage = 0x1603;
-constexpr std::uint8_t kStatusSize = 8;
+constexpr std::size_t longest_string = 126;
+constexpr std::int64_t smallest_packet = 8;
+constexpr std::int64_t largest_packet = 64;
+constexpr std::int64_t smallest_report = 8;
+constexpr std::int64_t largest_report = 1024;
+constexpr std::uint16_t data_usage = 0xA003;
+constexpr std::uint16_t old_data_usage = 0x1603;
+constexpr std::uint8_t status_size = 8;
 
-constexpr std::array<std::string_view, 12> kDeviceKeys{
+constexpr std::array<std::string_view, 12> device_keys{
     "name",   "hub",          "port",         "address", "vendor",    "product",
     "serial", "manufacturer", "product_name", "timing",  "interface", "bcd"};
-constexpr std::array<std::string_view, 6> kTimingKeys{"transfer_ms", "query_ms",    "erase_ms",
+constexpr std::array<std::string_view, 6> timing_keys{"transfer_ms", "query_ms",    "erase_ms",
                                                       "record_ms",   "checksum_ms", "reset_ms"};
-constexpr std::array<std::string_view, 4> kInterfaceKeys{"kind", "number", "string", "driver"};
-constexpr std::array<std::string_view, 3> kHidKeys{"in_packet", "usage_page", "usage"};
-constexpr std::array<std::string_view, 18> kFlashKeys{
+constexpr std::array<std::string_view, 4> interface_keys{"kind", "number", "string", "driver"};
+constexpr std::array<std::string_view, 3> hid_keys{"in_packet", "usage_page", "usage"};
+constexpr std::array<std::string_view, 18> flash_keys{
     "in_packet",      "out_packet",   "report_ids",  "output_size", "feature_size",
     "feature_usage",  "list",         "device_info", "ec_level",    "read_records",
     "device_type",    "device_id",    "command_set", "features",    "previous_level",
     "previous_build", "reset_answer", "component"};
-constexpr std::array<std::string_view, 7> kComponentKeys{"id",   "name",    "level",  "build",
+constexpr std::array<std::string_view, 7> component_keys{"id",   "name",    "level",  "build",
                                                          "type", "control", "records"};
 
 template <typename Value>
@@ -39,8 +39,8 @@ using Choice = std::pair<std::string_view, Value>;
 template <typename Value, std::size_t count>
 Value choose(const zelf::TomlTable& table, std::string_view key,
              const std::array<Choice<Value>, count>& choices, std::string_view fallback) {
-    constexpr std::size_t kLongestChoice = 32;
-    const std::string text = table.text(key, kLongestChoice).value_or(std::string(fallback));
+    constexpr std::size_t longest_choice = 32;
+    const std::string text = table.text(key, longest_choice).value_or(std::string(fallback));
     std::string known;
     for (const auto& [name, value] : choices) {
         if (name == text) {
@@ -62,7 +62,7 @@ std::uint16_t word(const zelf::TomlTable& table, std::string_view key, std::uint
 std::uint16_t report_size(const zelf::TomlTable& table, std::string_view key,
                           std::uint16_t fallback) {
     return static_cast<std::uint16_t>(
-        table.integer(key, kSmallestReport, kLargestReport).value_or(fallback));
+        table.integer(key, smallest_report, largest_report).value_or(fallback));
 }
 
 Version level(const zelf::TomlTable& table, std::string_view key, const std::string& text) {
@@ -75,29 +75,29 @@ Version level(const zelf::TomlTable& table, std::string_view key, const std::str
 }
 
 ComponentDescription read_component(const zelf::TomlTable& table) {
-    constexpr std::int64_t kHighestComponent = 14;
-    constexpr std::size_t kLongestName = 32;
-    constexpr std::size_t kLevelLength = 5;
-    constexpr std::int64_t kMostRecords = 1000;
-    constexpr std::array<Choice<ComponentType>, 4> kTypes{{
+    constexpr std::int64_t highest_component = 14;
+    constexpr std::size_t longest_name = 32;
+    constexpr std::size_t level_length = 5;
+    constexpr std::int64_t most_records = 1000;
+    constexpr std::array<Choice<ComponentType>, 4> types{{
         {"unspecified", ComponentType::unspecified},
         {"firmware", ComponentType::firmware},
         {"configuration", ComponentType::configuration},
         {"font", ComponentType::font},
     }};
-    constexpr std::array<Choice<bool>, 2> kControls{{{"increasing", false}, {"random", true}}};
+    constexpr std::array<Choice<bool>, 2> controls{{{"increasing", false}, {"random", true}}};
 
-    table.know_only({kComponentKeys});
+    table.know_only({component_keys});
     ComponentDescription component;
-    component.id = static_cast<std::uint8_t>(table.required_integer("id", 0, kHighestComponent));
+    component.id = static_cast<std::uint8_t>(table.required_integer("id", 0, highest_component));
     component.name =
-        table.text("name", kLongestName).value_or("Component " + std::to_string(component.id));
-    component.version = level(table, "level", table.required_text("level", kLevelLength));
+        table.text("name", longest_name).value_or("Component " + std::to_string(component.id));
+    component.version = level(table, "level", table.required_text("level", level_length));
     component.version.build = byte(table, "build", 0);
-    component.type = choose(table, "type", kTypes, "firmware");
-    component.random = choose(table, "control", kControls, "increasing");
+    component.type = choose(table, "type", types, "firmware");
+    component.random = choose(table, "control", controls, "increasing");
     component.records = static_cast<unsigned>(
-        table.integer("records", 0, kMostRecords).value_or(component.records));
+        table.integer("records", 0, most_records).value_or(component.records));
     return component;
 }
 
@@ -120,23 +120,23 @@ void read_components(const zelf::TomlTable& table, FlashDescription& flash) {
 }
 
 FlashDescription read_flash(const zelf::TomlTable& table) {
-    constexpr std::size_t kLevelLength = 5;
-    constexpr std::array<Choice<ListKind>, 3> kLists{{
+    constexpr std::size_t level_length = 5;
+    constexpr std::array<Choice<ListKind>, 3> lists{{
         {"extended", ListKind::extended},
         {"plain", ListKind::plain},
         {"none", ListKind::none},
     }};
-    constexpr std::array<Choice<bool>, 2> kResetAnswers{{{"ok", false}, {"gone", true}}};
+    constexpr std::array<Choice<bool>, 2> reset_answers{{{"ok", false}, {"gone", true}}};
 
     FlashDescription flash;
     flash.report_ids = table.flag("report_ids").value_or(false);
     flash.output_size = report_size(table, "output_size", flash.output_size);
     flash.feature_size = report_size(table, "feature_size", flash.feature_size);
-    flash.feature_usage = word(table, "feature_usage", kDataUsage);
-    if (flash.feature_usage != kDataUsage && flash.feature_usage != kOldDataUsage) {
+    flash.feature_usage = word(table, "feature_usage", data_usage);
+    if (flash.feature_usage != data_usage && flash.feature_usage != old_data_usage) {
         table.fail("feature_usage", "\"feature_usage\" must be 0xA003 or 0x1603");
     }
-    flash.list = choose(table, "list", kLists, "extended");
+    flash.list = choose(table, "list", lists, "extended");
     flash.device_info = table.flag("device_info").value_or(true);
     flash.ec_level = table.flag("ec_level").value_or(true);
     flash.read_records = table.flag("read_records").value_or(true);
@@ -147,9 +147,9 @@ FlashDescription read_flash(const zelf::TomlTable& table) {
         flash.features = byte(table, "features", 0);
     }
     flash.previous = level(table, "previous_level",
-                           table.text("previous_level", kLevelLength).value_or("00.00"));
+                           table.text("previous_level", level_length).value_or("00.00"));
     flash.previous.build = byte(table, "previous_build", 0);
-    flash.reset_fails = choose(table, "reset_answer", kResetAnswers, "ok");
+    flash.reset_fails = choose(table, "reset_answer", reset_answers, "ok");
     read_components(table, flash);
     return flash;
 }
@@ -161,7 +161,7 @@ void read_kind(const zelf::TomlTable& table, InterfaceDescription& interface,
         return;
     }
     interface.in_packet = static_cast<std::uint8_t>(
-        table.integer("in_packet", kSmallestPacket, kLargestPacket).value_or(kLargestPacket));
+        table.integer("in_packet", smallest_packet, largest_packet).value_or(largest_packet));
     if (interface.kind == InterfaceKind::hid) {
         interface.usage_page = word(table, "usage_page", interface.usage_page);
         interface.usage = word(table, "usage", interface.usage);
@@ -171,12 +171,12 @@ void read_kind(const zelf::TomlTable& table, InterfaceDescription& interface,
         table.fail("kind", "a device has one flash interface");
     }
     device.flash = read_flash(table);
-    const auto out = table.integer("out_packet", 0, kLargestPacket).value_or(0);
-    if (out != 0 && out < kSmallestPacket) {
+    const auto out = table.integer("out_packet", 0, largest_packet).value_or(0);
+    if (out != 0 && out < smallest_packet) {
         table.fail("out_packet", "\"out_packet\" must be 0 or 8 to 64");
     }
     interface.out_packet = static_cast<std::uint8_t>(out);
-    if (device.flash->report_ids && interface.in_packet <= kStatusSize) {
+    if (device.flash->report_ids && interface.in_packet <= status_size) {
         table.fail("in_packet", "with report IDs \"in_packet\" must be 9 to 64");
     }
 }
@@ -185,37 +185,37 @@ void read_kind(const zelf::TomlTable& table, InterfaceDescription& interface,
 void know_keys_of(const zelf::TomlTable& table, InterfaceKind kind) {
     switch (kind) {
         case InterfaceKind::flash:
-            table.know_only({kInterfaceKeys, kFlashKeys});
+            table.know_only({interface_keys, flash_keys});
             break;
         case InterfaceKind::hid:
-            table.know_only({kInterfaceKeys, kHidKeys});
+            table.know_only({interface_keys, hid_keys});
             break;
         default:
-            table.know_only({kInterfaceKeys});
+            table.know_only({interface_keys});
             break;
     }
 }
 
 InterfaceDescription read_interface(const zelf::TomlTable& table, std::size_t position,
                                     DeviceDescription& device) {
-    constexpr std::int64_t kHighestInterface = 31;
-    constexpr std::array<Choice<InterfaceKind>, 5> kKinds{{
+    constexpr std::int64_t highest_interface = 31;
+    constexpr std::array<Choice<InterfaceKind>, 5> kinds{{
         {"flash", InterfaceKind::flash},
         {"keyboard", InterfaceKind::keyboard},
         {"mouse", InterfaceKind::mouse},
         {"storage", InterfaceKind::storage},
         {"hid", InterfaceKind::hid},
     }};
-    table.know_only({kInterfaceKeys, kHidKeys, kFlashKeys});
+    table.know_only({interface_keys, hid_keys, flash_keys});
     InterfaceDescription interface;
-    interface.kind = choose(table, "kind", kKinds, "");
+    interface.kind = choose(table, "kind", kinds, "");
     know_keys_of(table, interface.kind);
     interface.number =
-        static_cast<std::uint8_t>(table.integer("number", 0, kHighestInterface)
+        static_cast<std::uint8_t>(table.integer("number", 0, highest_interface)
                                       .value_or(static_cast<std::int64_t>(position)));
     const bool flash = interface.kind == InterfaceKind::flash;
     interface.text =
-        table.text("string", kLongestString).value_or(flash ? "Usage=A000 Usage Page=FF45" : "");
+        table.text("string", longest_string).value_or(flash ? "Usage=A000 Usage Page=FF45" : "");
     interface.driver = table.flag("driver").value_or(true);
     read_kind(table, interface, device);
     return interface;
@@ -223,7 +223,7 @@ InterfaceDescription read_interface(const zelf::TomlTable& table, std::size_t po
 
 void read_interfaces(const zelf::TomlTable& table, DeviceDescription& device) {
     // Each interface takes an endpoint number of its own, and there are 15.
-    constexpr std::size_t kMostInterfaces = 15;
+    constexpr std::size_t most_interfaces = 15;
     for (const zelf::TomlTable& entry : table.tables("interface")) {
         InterfaceDescription interface = read_interface(entry, device.interfaces.size(), device);
         for (const InterfaceDescription& other : device.interfaces) {
@@ -234,7 +234,7 @@ void read_interfaces(const zelf::TomlTable& table, DeviceDescription& device) {
         }
         device.interfaces.push_back(std::move(interface));
     }
-    if (device.interfaces.empty() || device.interfaces.size() > kMostInterfaces) {
+    if (device.interfaces.empty() || device.interfaces.size() > most_interfaces) {
         table.fail("interface", "a device needs 1 to 15 interfaces");
     }
 }
@@ -242,7 +242,7 @@ void read_interfaces(const zelf::TomlTable& table, DeviceDescription& device) {
 }  // namespace
 
 Timing read_timing(const zelf::TomlTable& table, const Timing& base) {
-    table.know_only({kTimingKeys});
+    table.know_only({timing_keys});
     Timing timing;
     timing.transfer = table.milliseconds("transfer_ms").value_or(base.transfer);
     timing.query = table.milliseconds("query_ms").value_or(base.query);
@@ -254,15 +254,15 @@ Timing read_timing(const zelf::TomlTable& table, const Timing& base) {
 }
 
 void know_device_keys(const zelf::TomlTable& table) {
-    table.know_only({kDeviceKeys});
+    table.know_only({device_keys});
 }
 
 void read_device(const zelf::TomlTable& table, const Timing& timing, DeviceDescription& device) {
     device.vendor = static_cast<std::uint16_t>(table.required_integer("vendor", 0, 0xFFFF));
     device.product = static_cast<std::uint16_t>(table.required_integer("product", 0, 0xFFFF));
-    device.serial = table.text("serial", kLongestString).value_or("");
-    device.manufacturer = table.text("manufacturer", kLongestString).value_or("Simulated");
-    device.product_name = table.text("product_name", kLongestString).value_or(device.name);
+    device.serial = table.text("serial", longest_string).value_or("");
+    device.manufacturer = table.text("manufacturer", longest_string).value_or("Simulated");
+    device.product_name = table.text("product_name", longest_string).value_or(device.name);
     device.timing = timing;
     if (const auto own = table.table("timing")) {
         device.timing = read_timing(*own, timing);

@@ -1,5 +1,7 @@
 #include "model/bus_file/bus_file_fault.h"
 
+#include "common/hex_digit.h"
+
 #include <array>
 #include <string>
 #include <string_view>
@@ -8,29 +10,21 @@ namespace zelfsim {
 
 namespace {
 
-constexpr std::size_t kLongestWord = 32;
-constexpr std::size_t kMostBytes = 1024;
+constexpr std::size_t longest_word = 32;
+constexpr std::size_t most_bytes = 1024;
 
-constexpr std::array<std::string_view, 13> kFaultKeys{
+constexpr std::array<std::string_view, 13> fault_keys{
     "device", "at",        "number",    "byte",  "component", "action", "times",
     "ms",     "answer_ms", "replug_ms", "bytes", "length",    "signal"};
-
-int hex_digit(char character) {
-    constexpr std::string_view kDigits = "0123456789abcdef";
-    const char lower =
-        character >= 'A' && character <= 'F' ? static_cast<char>(character + 32) : character;
-    const auto found = kDigits.find(lower);
-    return found == std::string_view::npos ? -1 : static_cast<int>(found);
-}
 
 Bytes read_bytes(const zelf::TomlTable& table) {
     Bytes bytes;
     int high = -1;
-    for (const char character : table.required_text("bytes", kMostBytes * 3)) {
+    for (const char character : table.required_text("bytes", most_bytes * 3)) {
         if (character == ' ' && high < 0) {
             continue;
         }
-        const int digit = hex_digit(character);
+        const int digit = zelf::hex_digit(character);
         if (digit < 0) {
             table.fail("bytes", "\"bytes\" must be pairs of hexadecimal digits");
         }
@@ -48,7 +42,7 @@ Bytes read_bytes(const zelf::TomlTable& table) {
 }
 
 int read_signal(const zelf::TomlTable& table) {
-    const std::string name = table.required_text("signal", kLongestWord);
+    const std::string name = table.required_text("signal", longest_word);
     const auto number = signal_number(name);
     if (!number) {
         table.fail("signal", "unknown signal \"" + name + "\"; the signals are " + signal_names());
@@ -84,19 +78,19 @@ void refuse_misplaced(const zelf::TomlTable& table, FaultEvent at, FaultAction a
 }  // namespace
 
 void know_fault_keys(const zelf::TomlTable& table) {
-    table.know_only({kFaultKeys});
+    table.know_only({fault_keys});
 }
 
 FaultRule read_fault(const zelf::TomlTable& table) {
-    constexpr std::int64_t kHighestNumber = 1000000;
-    constexpr std::int64_t kHighestComponent = 14;
+    constexpr std::int64_t highest_number = 1000000;
+    constexpr std::int64_t highest_component = 14;
     FaultRule rule;
-    const std::string at = table.required_text("at", kLongestWord);
+    const std::string at = table.required_text("at", longest_word);
     const auto event = fault_event(at);
     if (!event) {
         table.fail("at", "unknown event \"" + at + "\"; the events are " + fault_event_names());
     }
-    const std::string what = table.required_text("action", kLongestWord);
+    const std::string what = table.required_text("action", longest_word);
     const auto action = fault_action(what);
     if (!action) {
         table.fail("action", "unknown action \"" + what + "\"; at \"" + at + "\" there are " +
@@ -109,14 +103,14 @@ FaultRule read_fault(const zelf::TomlTable& table) {
     rule.at = *event;
     rule.action = *action;
     refuse_misplaced(table, rule.at, rule.action);
-    rule.number = static_cast<unsigned>(table.integer("number", 1, kHighestNumber).value_or(1));
+    rule.number = static_cast<unsigned>(table.integer("number", 1, highest_number).value_or(1));
     if (const auto byte = table.integer("byte", 0, 0xFF)) {
         rule.byte = static_cast<std::uint8_t>(*byte);
     }
-    if (const auto component = table.integer("component", 0, kHighestComponent)) {
+    if (const auto component = table.integer("component", 0, highest_component)) {
         rule.component = static_cast<std::uint8_t>(*component);
     }
-    const std::string times = table.text("times", kLongestWord).value_or("once");
+    const std::string times = table.text("times", longest_word).value_or("once");
     if (times != "once" && times != "always") {
         table.fail("times", "\"times\" must be \"once\" or \"always\"");
     }
@@ -125,7 +119,7 @@ FaultRule read_fault(const zelf::TomlTable& table) {
     rule.answer_delay = table.milliseconds("answer_ms").value_or(Duration{0});
     rule.replug = table.milliseconds("replug_ms");
     rule.length = static_cast<std::size_t>(
-        table.integer("length", 0, static_cast<std::int64_t>(kMostBytes)).value_or(1));
+        table.integer("length", 0, static_cast<std::int64_t>(most_bytes)).value_or(1));
     if (rule.action == FaultAction::answer || rule.action == FaultAction::data ||
         rule.action == FaultAction::unasked) {
         rule.bytes = read_bytes(table);

@@ -1,27 +1,16 @@
 #include "model/bus_file/description.h"
 
+#include "common/hex_digit.h"
+
 #include <cstdio>
 
 namespace zelfsim {
 
 namespace {
 
-int hex_digit(char character) {
-    if (character >= '0' && character <= '9') {
-        return character - '0';
-    }
-    if (character >= 'a' && character <= 'f') {
-        return character - 'a' + 10;
-    }
-    if (character >= 'A' && character <= 'F') {
-        return character - 'A' + 10;
-    }
-    return -1;
-}
-
 bool hex_byte(const std::string& text, std::size_t at, std::uint8_t& byte) {
-    const int high = hex_digit(text[at]);
-    const int low = hex_digit(text[at + 1]);
+    const int high = zelf::hex_digit(text[at]);
+    const int low = zelf::hex_digit(text[at + 1]);
     if (high < 0 || low < 0) {
         return false;
     }

@@ -11,12 +11,12 @@ namespace zelfsim {
 namespace {
 
 // Groups of actions that an event can take; bits.
-constexpr unsigned kTransfer = 1;
-constexpr unsigned kAnswer = 2;  // a reading transfer's content
-constexpr unsigned kStatus = 4;
-constexpr unsigned kData = 8;
-constexpr unsigned kOpen = 16;
-constexpr unsigned kClaim = 32;
+constexpr unsigned transfer = 1;
+constexpr unsigned answer = 2;  // a reading transfer's content
+constexpr unsigned status = 4;
+constexpr unsigned data = 8;
+constexpr unsigned open = 16;
+constexpr unsigned claim = 32;
 
 struct EventName {
     FaultEvent event;
@@ -24,31 +24,31 @@ struct EventName {
     unsigned groups;
 };
 
-constexpr std::array kEvents{
-    EventName{FaultEvent::control, "control", kTransfer},
-    EventName{FaultEvent::get_descriptor, "get-descriptor", kTransfer | kAnswer},
-    EventName{FaultEvent::string, "string", kTransfer | kAnswer},
-    EventName{FaultEvent::report_descriptor, "report-descriptor", kTransfer | kAnswer},
-    EventName{FaultEvent::set_report, "set-report", kTransfer},
-    EventName{FaultEvent::get_feature, "get-feature", kTransfer | kAnswer},
-    EventName{FaultEvent::record_read, "record-read", kTransfer | kAnswer},
-    EventName{FaultEvent::interrupt, "interrupt", kTransfer | kAnswer},
-    EventName{FaultEvent::command, "command", kTransfer | kStatus},
-    EventName{FaultEvent::status_request, "status-request", kTransfer | kStatus},
-    EventName{FaultEvent::reset, "reset", kTransfer | kStatus},
-    EventName{FaultEvent::stop, "stop", kTransfer | kStatus},
-    EventName{FaultEvent::ec_level, "ec-level", kTransfer | kStatus},
-    EventName{FaultEvent::device_info, "device-info", kTransfer | kStatus},
-    EventName{FaultEvent::erase, "erase", kTransfer | kStatus},
-    EventName{FaultEvent::record, "record", kTransfer | kStatus},
-    EventName{FaultEvent::checksum, "checksum", kTransfer | kStatus},
-    EventName{FaultEvent::component_version, "component-version", kTransfer | kStatus | kData},
-    EventName{FaultEvent::component_list, "component-list", kTransfer | kStatus | kData},
-    EventName{FaultEvent::extended_list, "extended-list", kTransfer | kStatus | kData},
-    EventName{FaultEvent::read_records, "read-records", kTransfer | kStatus | kData},
-    EventName{FaultEvent::open, "open", kOpen},
-    EventName{FaultEvent::claim, "claim", kClaim},
-    EventName{FaultEvent::detach, "detach", kOpen},
+constexpr std::array event_words{
+    EventName{FaultEvent::control, "control", transfer},
+    EventName{FaultEvent::get_descriptor, "get-descriptor", transfer | answer},
+    EventName{FaultEvent::string, "string", transfer | answer},
+    EventName{FaultEvent::report_descriptor, "report-descriptor", transfer | answer},
+    EventName{FaultEvent::set_report, "set-report", transfer},
+    EventName{FaultEvent::get_feature, "get-feature", transfer | answer},
+    EventName{FaultEvent::record_read, "record-read", transfer | answer},
+    EventName{FaultEvent::interrupt, "interrupt", transfer | answer},
+    EventName{FaultEvent::command, "command", transfer | status},
+    EventName{FaultEvent::status_request, "status-request", transfer | status},
+    EventName{FaultEvent::reset, "reset", transfer | status},
+    EventName{FaultEvent::stop, "stop", transfer | status},
+    EventName{FaultEvent::ec_level, "ec-level", transfer | status},
+    EventName{FaultEvent::device_info, "device-info", transfer | status},
+    EventName{FaultEvent::erase, "erase", transfer | status},
+    EventName{FaultEvent::record, "record", transfer | status},
+    EventName{FaultEvent::checksum, "checksum", transfer | status},
+    EventName{FaultEvent::component_version, "component-version", transfer | status | data},
+    EventName{FaultEvent::component_list, "component-list", transfer | status | data},
+    EventName{FaultEvent::extended_list, "extended-list", transfer | status | data},
+    EventName{FaultEvent::read_records, "read-records", transfer | status | data},
+    EventName{FaultEvent::open, "open", open},
+    EventName{FaultEvent::claim, "claim", claim},
+    EventName{FaultEvent::detach, "detach", open},
 };
 
 struct ActionName {
@@ -57,28 +57,28 @@ struct ActionName {
     unsigned groups;
 };
 
-constexpr std::array kActions{
-    ActionName{FaultAction::unplug, "unplug", kTransfer | kOpen | kClaim},
-    ActionName{FaultAction::stall, "stall", kTransfer},
-    ActionName{FaultAction::timeout, "timeout", kTransfer},
-    ActionName{FaultAction::io_error, "io-error", kTransfer},
-    ActionName{FaultAction::overflow, "overflow", kTransfer},
-    ActionName{FaultAction::short_packet, "short", kTransfer},
-    ActionName{FaultAction::empty, "empty", kTransfer},
-    ActionName{FaultAction::crash, "crash", kTransfer | kOpen | kClaim},
-    ActionName{FaultAction::reject, "reject", kStatus},
-    ActionName{FaultAction::operation_error, "operation-error", kStatus},
-    ActionName{FaultAction::answer, "answer", kStatus | kAnswer},
-    ActionName{FaultAction::late, "late", kStatus},
-    ActionName{FaultAction::no_answer, "no-answer", kStatus},
-    ActionName{FaultAction::unasked, "unasked", kStatus},
-    ActionName{FaultAction::data, "data", kData},
-    ActionName{FaultAction::refuse, "refuse", kOpen},
-    ActionName{FaultAction::busy, "busy", kClaim},
-    ActionName{FaultAction::signal, "signal", kTransfer | kOpen | kClaim},
+constexpr std::array actions{
+    ActionName{FaultAction::unplug, "unplug", transfer | open | claim},
+    ActionName{FaultAction::stall, "stall", transfer},
+    ActionName{FaultAction::timeout, "timeout", transfer},
+    ActionName{FaultAction::io_error, "io-error", transfer},
+    ActionName{FaultAction::overflow, "overflow", transfer},
+    ActionName{FaultAction::short_packet, "short", transfer},
+    ActionName{FaultAction::empty, "empty", transfer},
+    ActionName{FaultAction::crash, "crash", transfer | open | claim},
+    ActionName{FaultAction::reject, "reject", status},
+    ActionName{FaultAction::operation_error, "operation-error", status},
+    ActionName{FaultAction::answer, "answer", status | answer},
+    ActionName{FaultAction::late, "late", status},
+    ActionName{FaultAction::no_answer, "no-answer", status},
+    ActionName{FaultAction::unasked, "unasked", status},
+    ActionName{FaultAction::data, "data", data},
+    ActionName{FaultAction::refuse, "refuse", open},
+    ActionName{FaultAction::busy, "busy", claim},
+    ActionName{FaultAction::signal, "signal", transfer | open | claim},
 };
 
-constexpr std::array<std::pair<std::string_view, int>, 9> kSignals{{
+constexpr std::array<std::pair<std::string_view, int>, 9> known_signals{{
     {"SIGHUP", SIGHUP},
     {"SIGINT", SIGINT},
     {"SIGQUIT", SIGQUIT},
@@ -91,12 +91,12 @@ constexpr std::array<std::pair<std::string_view, int>, 9> kSignals{{
 }};
 
 const EventName& row(FaultEvent event) {
-    return *std::find_if(kEvents.begin(), kEvents.end(),
+    return *std::find_if(event_words.begin(), event_words.end(),
                          [&](const EventName& entry) { return entry.event == event; });
 }
 
 const ActionName& row(FaultAction action) {
-    return *std::find_if(kActions.begin(), kActions.end(),
+    return *std::find_if(actions.begin(), actions.end(),
                          [&](const ActionName& entry) { return entry.action == action; });
 }
 
@@ -120,7 +120,7 @@ std::string FaultRule::key() const {
 }
 
 std::optional<FaultEvent> fault_event(std::string_view name) {
-    for (const EventName& entry : kEvents) {
+    for (const EventName& entry : event_words) {
         if (entry.name == name) {
             return entry.event;
         }
@@ -129,7 +129,7 @@ std::optional<FaultEvent> fault_event(std::string_view name) {
 }
 
 std::optional<FaultAction> fault_action(std::string_view name) {
-    for (const ActionName& entry : kActions) {
+    for (const ActionName& entry : actions) {
         if (entry.name == name) {
             return entry.action;
         }
@@ -139,7 +139,7 @@ std::optional<FaultAction> fault_action(std::string_view name) {
 
 std::string fault_event_names() {
     std::string names;
-    for (const EventName& entry : kEvents) {
+    for (const EventName& entry : event_words) {
         add_name(names, entry.name);
     }
     return names;
@@ -147,7 +147,7 @@ std::string fault_event_names() {
 
 std::string fault_action_names(FaultEvent event) {
     std::string names;
-    for (const ActionName& entry : kActions) {
+    for (const ActionName& entry : actions) {
         if (fits(event, entry.action)) {
             add_name(names, entry.name);
         }
@@ -157,14 +157,14 @@ std::string fault_action_names(FaultEvent event) {
 
 std::string signal_names() {
     std::string names;
-    for (const auto& [name, number] : kSignals) {
+    for (const auto& [name, number] : known_signals) {
         add_name(names, name);
     }
     return names;
 }
 
 std::optional<int> signal_number(std::string_view name) {
-    for (const auto& [known, number] : kSignals) {
+    for (const auto& [known, number] : known_signals) {
         if (known == name) {
             return number;
         }
@@ -177,7 +177,7 @@ bool fits(FaultEvent event, FaultAction action) {
 }
 
 bool hits_transfer(FaultAction action) {
-    return (row(action).groups & kTransfer) != 0;
+    return (row(action).groups & transfer) != 0;
 }
 
 FaultSet::FaultSet(std::vector<FaultRule> rules, std::set<std::string>& fired) : fired_(fired) {

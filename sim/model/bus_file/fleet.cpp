@@ -9,9 +9,9 @@ namespace zelfsim {
 
 namespace {
 
-constexpr unsigned kDevicesPerBus = 96;
-constexpr unsigned kPortsPerHub = 7;
-constexpr unsigned kRootPorts = 16;
+constexpr unsigned devices_per_bus = 96;
+constexpr unsigned ports_per_hub = 7;
+constexpr unsigned root_ports = 16;
 
 /// One of the kinds of device that take turns.
 struct Model {
@@ -23,45 +23,45 @@ struct Model {
     unsigned components;
 };
 
-constexpr std::array<Model, 4> kModels{{
+constexpr std::array<Model, 4> models{{
     {"printer", 0x7A01, 0x3C35, "extended", 64, 3},
     {"scanner", 0x7A02, 0x3C12, "plain", 8, 2},
     {"display", 0x7A03, 0x3C40, "extended", 64, 1},
     {"keyboard", 0x7A01, 0x3C02, "none", 8, 1},
 }};
 
-constexpr std::array<const char*, 3> kTypes{"firmware", "configuration", "font"};
+constexpr std::array<const char*, 3> types{"firmware", "configuration", "font"};
 
 void write_hubs(std::ostream& out, unsigned count) {
-    for (unsigned first = 0; first < count; first += kDevicesPerBus) {
-        const unsigned bus = first / kDevicesPerBus + 1;
-        const unsigned devices = std::min(count - first, kDevicesPerBus);
-        out << "[[hub]]\nname = \"bus" << bus << "\"\nbus = " << bus << "\nports = " << kRootPorts
+    for (unsigned first = 0; first < count; first += devices_per_bus) {
+        const unsigned bus = first / devices_per_bus + 1;
+        const unsigned devices = std::min(count - first, devices_per_bus);
+        out << "[[hub]]\nname = \"bus" << bus << "\"\nbus = " << bus << "\nports = " << root_ports
             << "\n\n";
-        for (unsigned hub = 0; hub * kPortsPerHub < devices; ++hub) {
+        for (unsigned hub = 0; hub * ports_per_hub < devices; ++hub) {
             out << "[[hub]]\nname = \"hub" << bus << "-" << hub + 1 << "\"\nhub = \"bus" << bus
-                << "\"\nports = " << kPortsPerHub << "\n\n";
+                << "\"\nports = " << ports_per_hub << "\n\n";
         }
     }
 }
 
 void write_device(std::ostream& out, unsigned number) {
-    const Model& model = kModels[number % kModels.size()];
-    const unsigned bus = number / kDevicesPerBus + 1;
-    const unsigned place = number % kDevicesPerBus;
+    const Model& model = models[number % models.size()];
+    const unsigned bus = number / devices_per_bus + 1;
+    const unsigned place = number % devices_per_bus;
     std::array<char, 16> id{};
     std::snprintf(id.data(), id.size(), "%04u", number + 1);
     std::array<char, 80> head{};
     std::snprintf(head.data(), head.size(), "vendor = 0x%04X\nproduct = 0x%04X\n", model.vendor,
                   model.product);
     out << "[[device]]\nname = \"" << model.name << "-" << id.data() << "\"\nhub = \"hub" << bus
-        << "-" << place / kPortsPerHub + 1 << "\"\nport = " << place % kPortsPerHub + 1 << "\n"
+        << "-" << place / ports_per_hub + 1 << "\"\nport = " << place % ports_per_hub + 1 << "\n"
         << head.data() << "serial = \"SN" << id.data() << "\"\n\n[[device.interface]]\n"
         << "kind = \"flash\"\nlist = \"" << model.list << "\"\nin_packet = " << model.packet
         << "\n\n";
     for (unsigned component = 0; component < model.components; ++component) {
         out << "[[device.interface.component]]\nid = " << component << "\nlevel = \"01.0"
-            << number % 4 << "\"\ntype = \"" << kTypes[component] << "\"\n\n";
+            << number % 4 << "\"\ntype = \"" << types[component] << "\"\n\n";
     }
 }
 

@@ -12,14 +12,14 @@ namespace zelfsim {
 
 namespace {
 
-constexpr std::uint8_t kFirst = 2;
-constexpr std::uint8_t kLast = 127;
+constexpr std::uint8_t first = 2;
+constexpr std::uint8_t last = 127;
 
-constexpr std::array<std::string_view, 1> kKeys{"bus"};
-constexpr std::array<std::string_view, 2> kBusKeys{"number", "next_address"};
+constexpr std::array<std::string_view, 1> keys{"bus"};
+constexpr std::array<std::string_view, 2> bus_keys{"number", "next_address"};
 
 std::uint8_t after(std::uint8_t address) {
-    return address >= kLast ? kFirst : static_cast<std::uint8_t>(address + 1);
+    return address >= last ? first : static_cast<std::uint8_t>(address + 1);
 }
 
 }  // namespace
@@ -30,12 +30,12 @@ AddressPool::AddressPool(std::string file) : file_(std::move(file)) {
     }
     const toml::table parsed = zelf::parse_toml_file(file_);
     const zelf::TomlTable table(file_, parsed);
-    table.know_only({kKeys});
+    table.know_only({keys});
     for (const zelf::TomlTable& bus : table.tables("bus")) {
-        bus.know_only({kBusKeys});
+        bus.know_only({bus_keys});
         const auto number = static_cast<std::uint8_t>(bus.required_integer("number", 1, 255));
         buses_[number].next =
-            static_cast<std::uint8_t>(bus.required_integer("next_address", kFirst, kLast));
+            static_cast<std::uint8_t>(bus.required_integer("next_address", first, last));
     }
 }
 
@@ -50,7 +50,7 @@ void AddressPool::take(std::uint8_t bus, std::uint8_t address) {
 std::uint8_t AddressPool::exchange(std::uint8_t bus, std::uint8_t address) {
     OneBus& one = buses_[bus];
     std::uint8_t found = one.next;
-    for (int tries = 0; one.used.contains(found) && tries < kLast; ++tries) {
+    for (int tries = 0; one.used.contains(found) && tries < last; ++tries) {
         found = after(found);
     }
     if (one.used.contains(found)) {

@@ -18,8 +18,8 @@ namespace zelfsim {
 
 namespace {
 
-constexpr std::chrono::seconds kLockPatience{5};
-constexpr std::chrono::milliseconds kLockPause{20};
+constexpr std::chrono::seconds lock_patience{5};
+constexpr std::chrono::milliseconds lock_pause{20};
 
 std::string environment(const char* name) {
     const char* value = std::getenv(name);
@@ -37,7 +37,7 @@ zelf::FileDescriptor lock_state(const std::string& state) {
     if (!handle.is_open()) {
         throw FileError(name, 0, std::strerror(errno));
     }
-    const TimePoint deadline = now() + kLockPatience;
+    const TimePoint deadline = now() + lock_patience;
     while (flock(handle.get(), LOCK_EX | LOCK_NB) != 0) {
         if (errno != EWOULDBLOCK && errno != EINTR) {
             throw FileError(name, 0, std::strerror(errno));
@@ -45,7 +45,7 @@ zelf::FileDescriptor lock_state(const std::string& state) {
         if (now() > deadline) {
             throw FileError(state, 0, "another process uses this state directory");
         }
-        std::this_thread::sleep_for(kLockPause);
+        std::this_thread::sleep_for(lock_pause);
     }
     return handle;
 }

@@ -9,18 +9,18 @@ namespace zelfsim {
 
 namespace {
 
-constexpr std::uint8_t kClassHid = 3;
-constexpr std::uint8_t kClassStorage = 8;
-constexpr std::uint8_t kClassHub = 9;
-constexpr std::uint8_t kTransferBulk = 2;
-constexpr std::uint8_t kTransferInterrupt = 3;
-constexpr std::uint8_t kControlPacket = 64;
-constexpr std::uint8_t kBulkPacket = 64;
+constexpr std::uint8_t class_hid = 3;
+constexpr std::uint8_t class_storage = 8;
+constexpr std::uint8_t class_hub = 9;
+constexpr std::uint8_t transfer_bulk = 2;
+constexpr std::uint8_t transfer_interrupt = 3;
+constexpr std::uint8_t control_packet = 64;
+constexpr std::uint8_t bulk_packet = 64;
 
-constexpr std::uint8_t kManufacturerString = 1;
-constexpr std::uint8_t kProductString = 2;
-constexpr std::uint8_t kSerialString = 3;
-constexpr std::uint8_t kFirstInterfaceString = 4;
+constexpr std::uint8_t manufacturer_string = 1;
+constexpr std::uint8_t product_string = 2;
+constexpr std::uint8_t serial_string = 3;
+constexpr std::uint8_t first_interface_string = 4;
 
 std::uint8_t low(std::size_t value) {
     return static_cast<std::uint8_t>(value & 0xFF);
@@ -51,24 +51,24 @@ struct ClassCode {
 ClassCode class_code(InterfaceKind kind) {
     switch (kind) {
         case InterfaceKind::keyboard:
-            return {kClassHid, 1, 1};
+            return {class_hid, 1, 1};
         case InterfaceKind::mouse:
-            return {kClassHid, 1, 2};
+            return {class_hid, 1, 2};
         case InterfaceKind::storage:
-            return {kClassStorage, 6, 0x50};
+            return {class_storage, 6, 0x50};
         case InterfaceKind::hub:
-            return {kClassHub, 0, 0};
+            return {class_hub, 0, 0};
         case InterfaceKind::flash:
         case InterfaceKind::hid:
             break;
     }
-    return {kClassHid, 0, 0};
+    return {class_hid, 0, 0};
 }
 
 void add_endpoint(Bytes& bytes, std::uint8_t address, std::uint8_t kind, std::uint8_t packet) {
-    constexpr std::uint8_t kInterval = 10;
-    add(bytes, {7, kDescriptorEndpoint, address, kind, packet, 0,
-                kind == kTransferInterrupt ? kInterval : std::uint8_t{0}});
+    constexpr std::uint8_t interval = 10;
+    add(bytes, {7, descriptor_endpoint, address, kind, packet, 0,
+                kind == transfer_interrupt ? interval : std::uint8_t{0}});
 }
 
 Bytes interface_descriptors(const DeviceDescription& device,
@@ -77,16 +77,16 @@ Bytes interface_descriptors(const DeviceDescription& device,
     const bool has_out = storage || interface.out_packet > 0;
     const ClassCode code = class_code(interface.kind);
     const std::uint8_t text =
-        interface.text.empty() ? 0 : low(kFirstInterfaceString + position(device, interface));
-    Bytes bytes{9,         kDescriptorInterface, interface.number, 0,   low(has_out ? 2U : 1U),
+        interface.text.empty() ? 0 : low(first_interface_string + position(device, interface));
+    Bytes bytes{9,         descriptor_interface, interface.number, 0,   low(has_out ? 2U : 1U),
                 code.code, code.subclass,        code.protocol,    text};
     add(bytes, hid_descriptor(device, interface));
-    const std::uint8_t kind = storage ? kTransferBulk : kTransferInterrupt;
+    const std::uint8_t kind = storage ? transfer_bulk : transfer_interrupt;
     add_endpoint(bytes, in_endpoint(device, interface), kind,
-                 storage ? kBulkPacket : interface.in_packet);
+                 storage ? bulk_packet : interface.in_packet);
     if (has_out) {
         add_endpoint(bytes, out_endpoint(device, interface), kind,
-                     storage ? kBulkPacket : interface.out_packet);
+                     storage ? bulk_packet : interface.out_packet);
     }
     return bytes;
 }
@@ -105,23 +105,23 @@ std::vector<std::uint16_t> decode(std::string_view text) {
 
 std::string string_text(const DeviceDescription& device, std::uint8_t index) {
     switch (index) {
-        case kManufacturerString:
+        case manufacturer_string:
             return device.manufacturer;
-        case kProductString:
+        case product_string:
             return device.product_name;
-        case kSerialString:
+        case serial_string:
             return device.serial;
         default:
             break;
     }
-    const std::size_t interface = std::size_t{index} - kFirstInterfaceString;
+    const std::size_t interface = std::size_t{index} - first_interface_string;
     return interface < device.interfaces.size() ? device.interfaces[interface].text : "";
 }
 
 }  // namespace
 
 bool is_hid(const InterfaceDescription& interface) {
-    return class_code(interface.kind).code == kClassHid;
+    return class_code(interface.kind).code == class_hid;
 }
 
 std::uint8_t in_endpoint(const DeviceDescription& device, const InterfaceDescription& interface) {
@@ -133,48 +133,48 @@ std::uint8_t out_endpoint(const DeviceDescription& device, const InterfaceDescri
 }
 
 Bytes device_descriptor(const DeviceDescription& device, std::uint16_t bcd) {
-    constexpr std::uint16_t kUsb = 0x0110;
+    constexpr std::uint16_t usb = 0x0110;
     const auto index = [](const std::string& text, std::uint8_t number) {
         return text.empty() ? std::uint8_t{0} : number;
     };
     return {18,
-            kDescriptorDevice,
-            low(kUsb),
-            high(kUsb),
-            device.is_hub ? kClassHub : std::uint8_t{0},
+            descriptor_device,
+            low(usb),
+            high(usb),
+            device.is_hub ? class_hub : std::uint8_t{0},
             0,
             0,
-            kControlPacket,
+            control_packet,
             low(device.vendor),
             high(device.vendor),
             low(device.product),
             high(device.product),
             low(bcd),
             high(bcd),
-            index(device.manufacturer, kManufacturerString),
-            index(device.product_name, kProductString),
-            index(device.serial, kSerialString),
+            index(device.manufacturer, manufacturer_string),
+            index(device.product_name, product_string),
+            index(device.serial, serial_string),
             1};
 }
 
 Bytes configuration_descriptor(const DeviceDescription& device) {
-    constexpr std::size_t kHead = 9;
-    constexpr std::uint8_t kBusPowered = 0x80;
-    constexpr std::uint8_t kMilliamperes = 100;
+    constexpr std::size_t head = 9;
+    constexpr std::uint8_t bus_powered = 0x80;
+    constexpr std::uint8_t milliamperes = 100;
     Bytes interfaces;
     for (const InterfaceDescription& interface : device.interfaces) {
         add(interfaces, interface_descriptors(device, interface));
     }
-    const std::size_t total = kHead + interfaces.size();
-    Bytes bytes{kHead,
-                kDescriptorConfiguration,
+    const std::size_t total = head + interfaces.size();
+    Bytes bytes{head,
+                descriptor_configuration,
                 low(total),
                 high(total),
                 low(device.interfaces.size()),
-                kConfigurationValue,
+                configuration_value,
                 0,
-                kBusPowered,
-                kMilliamperes / 2};
+                bus_powered,
+                milliamperes / 2};
     add(bytes, interfaces);
     return bytes;
 }
@@ -182,16 +182,16 @@ Bytes configuration_descriptor(const DeviceDescription& device) {
 std::optional<Bytes> string_descriptor(const DeviceDescription& device, std::uint8_t index,
                                        std::uint16_t language) {
     if (index == 0) {
-        return Bytes{4, kDescriptorString, low(kLanguage), high(kLanguage)};
+        return Bytes{4, descriptor_string, low(us_english), high(us_english)};
     }
     const std::string text = string_text(device, index);
-    if (text.empty() || language != kLanguage) {
+    if (text.empty() || language != us_english) {
         return std::nullopt;
     }
-    constexpr std::size_t kMostUnits = 126;
+    constexpr std::size_t most_units = 126;
     const std::vector<std::uint16_t> units = decode(text);
-    Bytes bytes{0, kDescriptorString};
-    for (std::size_t at = 0; at < std::min(units.size(), kMostUnits); ++at) {
+    Bytes bytes{0, descriptor_string};
+    for (std::size_t at = 0; at < std::min(units.size(), most_units); ++at) {
         add(bytes, {low(units[at]), high(units[at])});
     }
     bytes[0] = low(bytes.size());
@@ -202,16 +202,16 @@ Bytes hid_descriptor(const DeviceDescription& device, const InterfaceDescription
     if (!is_hid(interface)) {
         return {};
     }
-    constexpr std::uint16_t kHid = 0x0111;
+    constexpr std::uint16_t hid = 0x0111;
     const std::size_t length = report_descriptor(device, interface).size();
-    return {9, kDescriptorHid,    low(kHid),   high(kHid),  0,
-            1, kDescriptorReport, low(length), high(length)};
+    return {9, descriptor_hid,    low(hid),    high(hid),   0,
+            1, descriptor_report, low(length), high(length)};
 }
 
 Bytes hub_descriptor(const DeviceDescription& hub) {
-    constexpr std::uint8_t kPowerGood = 50;
+    constexpr std::uint8_t power_good = 50;
     const std::size_t map = hub.ports / 8U + 1;
-    Bytes bytes{low(7 + map * 2), kDescriptorHub, hub.ports, 0, 0, kPowerGood, 0};
+    Bytes bytes{low(7 + map * 2), descriptor_hub, hub.ports, 0, 0, power_good, 0};
     bytes.insert(bytes.end(), map, 0);
     bytes.insert(bytes.end(), map, 0xFF);
     return bytes;

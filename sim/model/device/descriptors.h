@@ -11,25 +11,25 @@
 
 namespace zelfsim {
 
-constexpr std::uint8_t kDescriptorDevice = 1;
-constexpr std::uint8_t kDescriptorConfiguration = 2;
-constexpr std::uint8_t kDescriptorString = 3;
-constexpr std::uint8_t kDescriptorInterface = 4;
-constexpr std::uint8_t kDescriptorEndpoint = 5;
-constexpr std::uint8_t kDescriptorHid = 0x21;
-constexpr std::uint8_t kDescriptorReport = 0x22;
-constexpr std::uint8_t kDescriptorHub = 0x29;
+constexpr std::uint8_t descriptor_device = 1;
+constexpr std::uint8_t descriptor_configuration = 2;
+constexpr std::uint8_t descriptor_string = 3;
+constexpr std::uint8_t descriptor_interface = 4;
+constexpr std::uint8_t descriptor_endpoint = 5;
+constexpr std::uint8_t descriptor_hid = 0x21;
+constexpr std::uint8_t descriptor_report = 0x22;
+constexpr std::uint8_t descriptor_hub = 0x29;
 
-constexpr std::uint8_t kConfigurationValue = 1;
-constexpr std::uint16_t kLanguage = 0x0409;
+constexpr std::uint8_t configuration_value = 1;
+constexpr std::uint16_t us_english = 0x0409;
 
 /// Report IDs of a flash interface that uses them.
-constexpr std::uint8_t kCommandReport = 1;
-constexpr std::uint8_t kStatusReport = 2;
-constexpr std::uint8_t kDataReport = 3;
+constexpr std::uint8_t command_report_id = 1;
+constexpr std::uint8_t status_report_id = 2;
+constexpr std::uint8_t data_report_id = 3;
 
 /// Data bytes of a status report.
-constexpr std::size_t kStatusSize = 8;
+constexpr std::size_t status_size = 8;
 
 /// 18 bytes. `bcd` is the device version, which follows the firmware.
 Bytes device_descriptor(const DeviceDescription& device, std::uint16_t bcd);

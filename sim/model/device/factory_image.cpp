@@ -6,7 +6,7 @@ namespace zelfsim {
 
 namespace {
 
-constexpr std::size_t kPayload = 32;
+constexpr std::size_t record_payload = 32;
 
 class ImageWriter {
   public:
@@ -45,7 +45,7 @@ Bytes factory_image(const DeviceDescription& device, const ComponentDescription&
                 component.version.build});
     std::uint32_t noise = device.product * 65537U + component.id;
     for (unsigned number = 0; number < component.records; ++number) {
-        Bytes payload(kPayload);
+        Bytes payload(record_payload);
         for (std::uint8_t& byte : payload) {
             noise = noise * 1664525U + 1013904223U;
             byte = static_cast<std::uint8_t>(noise >> 24U);

@@ -6,11 +6,11 @@ namespace zelfsim {
 
 namespace {
 
-constexpr std::uint8_t kLastBlock = 0x01;
-constexpr std::uint8_t kListTag = 0xFF;
-constexpr std::uint8_t kPlainList = 1;
-constexpr std::uint8_t kExtendedList = 2;
-constexpr std::uint8_t kVersion = 1;
+constexpr std::uint8_t last_block = 0x01;
+constexpr std::uint8_t list_tag = 0xFF;
+constexpr std::uint8_t plain_list = 1;
+constexpr std::uint8_t extended_list = 2;
+constexpr std::uint8_t version_subtype = 1;
 
 std::uint8_t flags_of(const ComponentState& component) {
     return static_cast<std::uint8_t>(static_cast<unsigned>(component.current.type) * 2 +
@@ -19,7 +19,7 @@ std::uint8_t flags_of(const ComponentState& component) {
 
 /// An information record with the data report's two leading bytes.
 Bytes data_report(std::uint8_t tag, std::uint8_t subtype, const Bytes& payload) {
-    Bytes bytes{kLastBlock, 0, static_cast<std::uint8_t>(payload.size()), tag, 0, subtype};
+    Bytes bytes{last_block, 0, static_cast<std::uint8_t>(payload.size()), tag, 0, subtype};
     bytes.insert(bytes.end(), payload.begin(), payload.end());
     return bytes;
 }
@@ -27,7 +27,7 @@ Bytes data_report(std::uint8_t tag, std::uint8_t subtype, const Bytes& payload) 
 /// The list's entries, cut to `size` bytes each. A reader stops at an entry of zeros, so one stands
 /// last.
 Bytes entries(const DeviceState& state, std::size_t size) {
-    constexpr std::size_t kCompared = 4;
+    constexpr std::size_t compared = 4;
     std::vector<Bytes> rows;
     for (const ComponentState& component : state.components) {
         const Version version = reported_version(component);
@@ -36,7 +36,7 @@ Bytes entries(const DeviceState& state, std::size_t size) {
         rows.push_back(row);
     }
     const auto is_zero = [](const Bytes& row) {
-        return std::all_of(row.begin(), row.begin() + kCompared,
+        return std::all_of(row.begin(), row.begin() + compared,
                            [](std::uint8_t byte) { return byte == 0; });
     };
     std::stable_partition(rows.begin(), rows.end(),
@@ -49,15 +49,15 @@ Bytes entries(const DeviceState& state, std::size_t size) {
 }
 
 std::uint8_t feature_bits(const FlashDescription& flash) {
-    constexpr unsigned kMultipleComponents = 0x80;
-    constexpr unsigned kExtendedVersions = 0x40;
-    constexpr unsigned kReadAllRecords = 0x10;
+    constexpr unsigned multiple_components = 0x80;
+    constexpr unsigned extended_versions = 0x40;
+    constexpr unsigned read_all_records = 0x10;
     if (flash.features) {
         return *flash.features;
     }
-    return static_cast<std::uint8_t>((flash.components.size() > 1 ? kMultipleComponents : 0) |
-                                     (flash.list == ListKind::extended ? kExtendedVersions : 0) |
-                                     (flash.read_records ? kReadAllRecords : 0));
+    return static_cast<std::uint8_t>((flash.components.size() > 1 ? multiple_components : 0) |
+                                     (flash.list == ListKind::extended ? extended_versions : 0) |
+                                     (flash.read_records ? read_all_records : 0));
 }
 
 }  // namespace
@@ -69,7 +69,7 @@ Status plain_status(std::uint8_t flags) {
 Status level_status(const DeviceState& state) {
     const Version current = reported_version(state.components.front());
     const Version& previous = state.previous;
-    return {kLevelPresent | kCompleted,
+    return {level_present | completed,
             current.minor,
             current.major,
             previous.minor,
@@ -79,33 +79,33 @@ Status level_status(const DeviceState& state) {
 }
 
 Status device_info_status(const FlashDescription& flash) {
-    return {kDeviceInfoPresent | kCompleted, flash.device_type, flash.device_id, flash.command_set,
+    return {device_info_present | completed, flash.device_type, flash.device_id, flash.command_set,
             feature_bits(flash)};
 }
 
 Bytes version_data(const ComponentState& component) {
     const Version version = reported_version(component);
-    return data_report(static_cast<std::uint8_t>(0xF0 | component.id), kVersion,
+    return data_report(static_cast<std::uint8_t>(0xF0 | component.id), version_subtype,
                        {version.minor, version.major});
 }
 
 Bytes plain_list_data(const DeviceState& state) {
-    constexpr std::size_t kEntry = 4;
-    return data_report(kListTag, kPlainList, entries(state, kEntry));
+    constexpr std::size_t entry = 4;
+    return data_report(list_tag, plain_list, entries(state, entry));
 }
 
 Bytes extended_list_data(const DeviceState& state) {
-    constexpr std::size_t kEntry = 5;
-    return data_report(kListTag, kExtendedList, entries(state, kEntry));
+    constexpr std::size_t entry = 5;
+    return data_report(list_tag, extended_list, entries(state, entry));
 }
 
 Bytes record_block(const Bytes& image, std::size_t& at) {
-    constexpr std::size_t kRecordHead = 4;  // length, tag, two value bytes
-    constexpr std::size_t kEnd = 3;         // zero length, checksum
+    constexpr std::size_t stored_head = 4;  // length, tag, two value bytes
+    constexpr std::size_t end = 3;          // zero length, checksum
     const std::size_t left = image.size() - std::min(at, image.size());
-    const bool record = left > 0 && image[at] != 0 && left >= kRecordHead + image[at];
-    const std::size_t size = record ? kRecordHead + image[at] : std::min(left, kEnd);
-    Bytes block{record ? std::uint8_t{0} : kLastBlock, 0};
+    const bool record = left > 0 && image[at] != 0 && left >= stored_head + image[at];
+    const std::size_t size = record ? stored_head + image[at] : std::min(left, end);
+    Bytes block{record ? std::uint8_t{0} : last_block, 0};
     const auto begin = image.begin() + static_cast<std::ptrdiff_t>(image.size() - left);
     block.insert(block.end(), begin, begin + static_cast<std::ptrdiff_t>(size));
     if (record) {

@@ -10,13 +10,13 @@
 
 namespace zelfsim {
 
-using Status = std::array<std::uint8_t, kStatusSize>;
+using Status = std::array<std::uint8_t, status_size>;
 
-constexpr std::uint8_t kRejected = 0x80;
-constexpr std::uint8_t kOperationError = 0x40;
-constexpr std::uint8_t kDeviceInfoPresent = 0x08;
-constexpr std::uint8_t kLevelPresent = 0x04;
-constexpr std::uint8_t kCompleted = 0x01;
+constexpr std::uint8_t rejected = 0x80;
+constexpr std::uint8_t operation_error = 0x40;
+constexpr std::uint8_t device_info_present = 0x08;
+constexpr std::uint8_t level_present = 0x04;
+constexpr std::uint8_t completed = 0x01;
 
 /// A status report with nothing but its flags.
 Status plain_status(std::uint8_t flags);

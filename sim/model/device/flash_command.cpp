@@ -13,7 +13,7 @@ struct FixedMessage {
     std::array<std::uint8_t, 8> bytes;
 };
 
-constexpr std::array<FixedMessage, 7> kFixed{{
+constexpr std::array<FixedMessage, 7> fixed_messages{{
     {CommandKind::status_request, 4, {0x04, 0x00, 0x00, 0x20}},
     {CommandKind::reset, 4, {0x04, 0x00, 0x00, 0x40}},
     {CommandKind::level_or_stop, 4, {0x02, 0x00, 0x00, 0x80}},
@@ -23,21 +23,20 @@ constexpr std::array<FixedMessage, 7> kFixed{{
     {CommandKind::extended_list, 8, {0x06, 0x00, 0x20, 0x00, 0xFF, 0xFF, 0x00, 0x02}},
 }};
 
-constexpr std::array<std::uint8_t, 5> kVersionQuery{0x06, 0x00, 0x20, 0x00, 0x02};
-constexpr std::array<std::uint8_t, 5> kReadRecords{0x06, 0x00, 0x21, 0x00, 0xFF};
-constexpr std::size_t kQueryLength = 8;
+constexpr std::array<std::uint8_t, 5> version_query{0x06, 0x00, 0x20, 0x00, 0x02};
+constexpr std::array<std::uint8_t, 5> read_records{0x06, 0x00, 0x21, 0x00, 0xFF};
+constexpr std::size_t query_length = 8;
 
-constexpr std::size_t kHead = 5;        // count, operation, record length
-constexpr std::size_t kRecordHead = 3;  // tag and two value bytes
-constexpr std::size_t kChecksumLength = 7;
+constexpr std::size_t head = 5;  // count, operation, record length
+constexpr std::size_t checksum_length = 7;
 
 template <std::size_t size>
 bool begins(ByteView message, const std::array<std::uint8_t, size>& bytes) {
     return message.size() >= size && std::equal(bytes.begin(), bytes.end(), message.begin());
 }
 
-bool parse_fixed(ByteView message, Command& command) {
-    for (const FixedMessage& fixed : kFixed) {
+bool parse_fixed(ByteView message, FlashCommand& command) {
+    for (const FixedMessage& fixed : fixed_messages) {
         if (message.size() >= fixed.length &&
             std::equal(message.begin(), message.begin() + static_cast<std::ptrdiff_t>(fixed.length),
                        fixed.bytes.begin())) {
@@ -48,17 +47,17 @@ bool parse_fixed(ByteView message, Command& command) {
     return false;
 }
 
-bool parse_query(ByteView message, Command& command) {
-    if (message.size() < kQueryLength) {
+bool parse_query(ByteView message, FlashCommand& command) {
+    if (message.size() < query_length) {
         return false;
     }
-    if (begins(message, kVersionQuery) && (message[5] & 0xF0) == 0xF0 && message[6] == 0 &&
+    if (begins(message, version_query) && (message[5] & 0xF0) == 0xF0 && message[6] == 0 &&
         message[7] == 1) {
         command.kind = CommandKind::component_version;
         command.component = message[5] & 0x0F;
         return true;
     }
-    if (begins(message, kReadRecords) && (message[5] & 0x0F) == 0 && message[6] == 0 &&
+    if (begins(message, read_records) && (message[5] & 0x0F) == 0 && message[6] == 0 &&
         message[7] == 0) {
         command.kind = CommandKind::read_records;
         command.component = message[5] >> 4;
@@ -67,33 +66,33 @@ bool parse_query(ByteView message, Command& command) {
     return false;
 }
 
-bool parse_image_data(ByteView message, Command& command) {
-    if (message.size() < kHead || message[2] != 0x02 || message[3] != 0x00) {
+bool parse_image_data(ByteView message, FlashCommand& command) {
+    if (message.size() < head || message[2] != 0x02 || message[3] != 0x00) {
         return false;
     }
     const std::size_t count = message[0] + message[1] * 256U;
     const std::size_t payload = message[4];
     if (payload == 0) {
-        if (count != kHead || message.size() < kChecksumLength) {
+        if (count != head || message.size() < checksum_length) {
             return false;
         }
         command.kind = CommandKind::checksum;
         command.checksum = static_cast<std::uint16_t>(message[5] * 256 + message[6]);
         return true;
     }
-    const std::size_t length = payload + kRecordHead;
-    if (count != length + kRecordHead || message.size() < kHead + length) {
+    const std::size_t length = payload + record_head;
+    if (count != length + record_head || message.size() < head + length) {
         return false;
     }
     command.kind = CommandKind::record;
-    command.record = message.subspan(kHead, length);
+    command.record = message.subspan(head, length);
     return true;
 }
 
 }  // namespace
 
-Command parse_command(ByteView message) {
-    Command command;
+FlashCommand parse_command(ByteView message) {
+    FlashCommand command;
     if (!parse_fixed(message, command) && !parse_query(message, command)) {
         parse_image_data(message, command);
     }

@@ -24,7 +24,10 @@ enum class CommandKind {
     read_records,
 };
 
-struct Command {
+/// Of a record, before its payload: tag and two value bytes.
+constexpr std::size_t record_head = 3;
+
+struct FlashCommand {
     CommandKind kind = CommandKind::unknown;
     std::uint8_t component = 0;  ///< of `component_version` and `read_records`
     ByteView record;             ///< tag, two value bytes, payload; inside the message
@@ -32,7 +35,7 @@ struct Command {
 };
 
 /// Reads one message; bytes after its end are padding. `record` points into `message`.
-Command parse_command(ByteView message);
+FlashCommand parse_command(ByteView message);
 
 /// The fault event of a command. `stoppable` when the device would take the stop command as such.
 FaultEvent command_event(CommandKind kind, bool stoppable);

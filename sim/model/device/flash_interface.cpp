@@ -19,11 +19,11 @@ FlashInterface::FlashInterface(const DeviceDescription& device, DeviceState& sta
 
 /// The records that arrived before the process ended are what the device holds.
 void FlashInterface::resume() {
-    constexpr std::size_t kHead = 4;
+    constexpr std::size_t head = 4;
     const Bytes staged = store_.load_staging();
     receiver_.emplace(device_.product);
-    for (std::size_t at = 0; at < staged.size(); at += kHead + staged[at]) {
-        receiver_->take(ByteView(staged).subspan(at + 1, staged[at] + kHead - 1));
+    for (std::size_t at = 0; at < staged.size(); at += head + staged[at]) {
+        receiver_->take(ByteView(staged).subspan(at + 1, staged[at] + head - 1));
     }
     if (state_.component(receiver_->component().value_or(0)) == nullptr) {
         // The bus file no longer has the component that was being updated.
@@ -52,7 +52,7 @@ CommandResult FlashInterface::answer(std::uint8_t flags) const {
 
 CommandResult FlashInterface::answer_with(Bytes data) {
     set_data(std::move(data));
-    return answer(kCompleted);
+    return answer(completed);
 }
 
 void FlashInterface::set_data(Bytes data) {
@@ -67,10 +67,10 @@ Bytes FlashInterface::next_data() {
     return data_;
 }
 
-CommandResult FlashInterface::carry_out(const Command& command) {
+CommandResult FlashInterface::carry_out(const FlashCommand& command) {
     switch (command.kind) {
         case CommandKind::status_request:
-            return answer(kCompleted);
+            return answer(completed);
         case CommandKind::reset:
             return {};
         case CommandKind::level_or_stop:
@@ -78,7 +78,7 @@ CommandResult FlashInterface::carry_out(const Command& command) {
         case CommandKind::device_info:
             return flash().device_info
                        ? CommandResult{device_info_status(flash()), device_.timing.query, false}
-                       : answer(kRejected);
+                       : answer(rejected);
         case CommandKind::erase:
             return erase();
         case CommandKind::record:
@@ -96,16 +96,16 @@ CommandResult FlashInterface::carry_out(const Command& command) {
         case CommandKind::unknown:
             break;
     }
-    return answer(kRejected);
+    return answer(rejected);
 }
 
 CommandResult FlashInterface::level_or_stop() {
     if (stoppable()) {
         give_up("stopped");
-        return answer(kCompleted);
+        return answer(completed);
     }
     if (!flash().ec_level) {
-        return answer(kRejected);
+        return answer(rejected);
     }
     return {level_status(state_), device_.timing.query, false};
 }
@@ -116,18 +116,18 @@ CommandResult FlashInterface::erase() {
     receiver_.emplace(device_.product);
     state_.phase = FlashPhase::erased;
     store_.save(state_);
-    return {plain_status(kCompleted), device_.timing.erase, true};
+    return {plain_status(completed), device_.timing.erase, true};
 }
 
 CommandResult FlashInterface::record(ByteView record) {
-    CommandResult result{plain_status(kCompleted), device_.timing.record, true};
+    CommandResult result{plain_status(completed), device_.timing.record, true};
     if (!receiver_) {
-        return answer(kRejected);
+        return answer(rejected);
     }
     const auto named = ImageReceiver::named_component(record);
     const bool first_download = receiver_->downloads() == 0 && ImageReceiver::is_download(record);
     if ((named && state_.component(*named) == nullptr) || !receiver_->take(record)) {
-        result.status = plain_status(kOperationError);
+        result.status = plain_status(operation_error);
         return result;
     }
     Bytes stored{static_cast<std::uint8_t>(record.size() - 3)};
@@ -152,13 +152,13 @@ void FlashInterface::break_component() {
 }
 
 CommandResult FlashInterface::checksum(std::uint16_t sum) {
-    CommandResult result{plain_status(kCompleted), device_.timing.checksum, true};
+    CommandResult result{plain_status(completed), device_.timing.checksum, true};
     if (!receiver_ || receiver_->records() == 0) {
-        return answer(kRejected);
+        return answer(rejected);
     }
     if (receiver_->downloads() == 0 || receiver_->checksum() != sum) {
         give_up("bad-checksum");
-        result.status = plain_status(kOperationError);
+        result.status = plain_status(operation_error);
         return result;
     }
     take_image();
@@ -217,13 +217,13 @@ void FlashInterface::add_history(const std::string& before, const std::string& a
 
 CommandResult FlashInterface::component_version(std::uint8_t id) {
     const ComponentState* component = state_.component(id);
-    return component == nullptr ? answer(kRejected) : answer_with(version_data(*component));
+    return component == nullptr ? answer(rejected) : answer_with(version_data(*component));
 }
 
 CommandResult FlashInterface::component_list(bool extended) {
     const ListKind needed = extended ? ListKind::extended : ListKind::plain;
     if (flash().list != ListKind::extended && flash().list != needed) {
-        return answer(kRejected);
+        return answer(rejected);
     }
     return answer_with(extended ? extended_list_data(state_) : plain_list_data(state_));
 }
@@ -231,10 +231,10 @@ CommandResult FlashInterface::component_list(bool extended) {
 CommandResult FlashInterface::read_records(std::uint8_t id) {
     const ComponentState* component = state_.component(id);
     if (!flash().read_records || component == nullptr) {
-        return answer(kRejected);
+        return answer(rejected);
     }
     if (component->broken) {
-        return answer(kOperationError);
+        return answer(operation_error);
     }
     Bytes image = store_.image(id);
     if (image.empty()) {
@@ -244,7 +244,7 @@ CommandResult FlashInterface::read_records(std::uint8_t id) {
         image = factory_image(device_, *description);
     }
     reading_ = Reading{std::move(image), 0};
-    return answer(kCompleted);
+    return answer(completed);
 }
 
 void FlashInterface::restart() {

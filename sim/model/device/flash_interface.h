@@ -25,7 +25,7 @@ class FlashInterface {
     /// `device`, `state` and `store` outlive this. Takes up an update where the state left it.
     FlashInterface(const DeviceDescription& device, DeviceState& state, DeviceStore& store);
 
-    CommandResult carry_out(const Command& command);
+    CommandResult carry_out(const FlashCommand& command);
 
     /// The data report as it is read next; a record read goes on to its next block.
     Bytes next_data();

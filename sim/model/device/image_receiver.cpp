@@ -1,21 +1,22 @@
 #include "model/device/image_receiver.h"
 
+#include "model/device/flash_command.h"
+
 #include <string>
 
 namespace zelfsim {
 
 namespace {
 
-constexpr std::size_t kRecordHead = 3;
-constexpr std::uint8_t kInformation = 0x0F;    // a tag's high nibble
-constexpr std::uint8_t kInlineVersion = 0x0F;  // a tag's low nibble
-constexpr std::uint8_t kListTag = 0xFF;
+constexpr std::uint8_t information = 0x0F;     // a tag's high nibble
+constexpr std::uint8_t inline_version = 0x0F;  // a tag's low nibble
+constexpr std::uint8_t list_tag = 0xFF;
 
-constexpr unsigned kComponentIds = 0;
-constexpr unsigned kVersionList = 1;
-constexpr unsigned kExtendedList = 2;
-constexpr unsigned kVersion = 1;
-constexpr unsigned kVersionWithBuild = 2;
+constexpr unsigned component_ids = 0;
+constexpr unsigned version_list = 1;
+constexpr unsigned extended_list = 2;
+constexpr unsigned version_subtype = 1;
+constexpr unsigned version_with_build = 2;
 
 unsigned subtype(ByteView record) {
     return record[1] * 256U + record[2];
@@ -31,25 +32,25 @@ std::uint8_t low_nibble(ByteView record) {
 }  // namespace
 
 std::optional<std::uint8_t> ImageReceiver::named_component(ByteView record) {
-    if (high_nibble(record) != kInformation) {
+    if (high_nibble(record) != information) {
         return high_nibble(record);
     }
-    if (record[0] != kListTag) {
+    if (record[0] != list_tag) {
         return low_nibble(record);
     }
     switch (subtype(record)) {
-        case kComponentIds:
-        case kExtendedList:
-            return record[kRecordHead];
-        case kVersionList:
-            return static_cast<std::uint8_t>(record[kRecordHead] & 0x0F);
+        case component_ids:
+        case extended_list:
+            return record[record_head];
+        case version_list:
+            return static_cast<std::uint8_t>(record[record_head] & 0x0F);
         default:
             return std::nullopt;
     }
 }
 
 bool ImageReceiver::is_download(ByteView record) {
-    return high_nibble(record) != kInformation && low_nibble(record) != kInlineVersion;
+    return high_nibble(record) != information && low_nibble(record) != inline_version;
 }
 
 bool ImageReceiver::take(ByteView record) {
@@ -84,8 +85,8 @@ void ImageReceiver::set_level(std::uint8_t major, std::uint8_t minor) {
 }
 
 void ImageReceiver::take_level(ByteView record) {
-    const ByteView payload = record.subspan(kRecordHead);
-    if (high_nibble(record) != kInformation) {
+    const ByteView payload = record.subspan(record_head);
+    if (high_nibble(record) != information) {
         Version version;
         const std::string digits(payload.begin(), payload.end());
         if (payload.size() == 2) {
@@ -97,20 +98,20 @@ void ImageReceiver::take_level(ByteView record) {
         return;
     }
     const unsigned kind = subtype(record);
-    if (record[0] != kListTag) {
-        if (kind == kVersion && payload.size() >= 2) {
+    if (record[0] != list_tag) {
+        if (kind == version_subtype && payload.size() >= 2) {
             set_level(payload[1], payload[0]);
-        } else if (kind == kVersionWithBuild && payload.size() >= 4) {
+        } else if (kind == version_with_build && payload.size() >= 4) {
             set_level(payload[1], payload[0]);
             level_->build = payload[3];
         }
         return;
     }
-    if (kind == kVersionList && payload.size() >= 4) {
+    if (kind == version_list && payload.size() >= 4) {
         set_level(payload[2], payload[1]);
         level_->type =
             (payload[3] & 1) != 0 ? ComponentType::configuration : ComponentType::firmware;
-    } else if (kind == kExtendedList && payload.size() >= 5) {
+    } else if (kind == extended_list && payload.size() >= 5) {
         set_level(payload[2], payload[1]);
         level_->type = static_cast<ComponentType>(payload[3] >> 1 & 3);
         level_->random = (payload[3] & 1) != 0;

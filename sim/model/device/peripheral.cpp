@@ -11,7 +11,7 @@ namespace zelfsim {
 namespace {
 
 /// Longer absences do not exist; a later time was written before the machine was restarted.
-constexpr Duration kLongestAbsence = std::chrono::minutes(20);
+constexpr Duration longest_absence = std::chrono::minutes(20);
 
 Reply failed(Completion completion) {
     Reply reply;
@@ -33,7 +33,7 @@ Peripheral::Peripheral(const DeviceDescription& description, DeviceStore store,
     if (std::exchange(state_.unplugged, false)) {
         store_.save(state_);
     }
-    if (state_.away_until > now() + kLongestAbsence) {
+    if (state_.away_until > now() + longest_absence) {
         state_.away_until = {};
     }
     attached_ = state_.away_until <= now();
@@ -76,7 +76,7 @@ void Peripheral::drop_for_fault(const FaultRule& rule, TimePoint time) {
 }
 
 void Peripheral::drop(DropReason reason, Duration away, TimePoint time) {
-    constexpr std::array<const char*, 3> kNames{"reset", "unplug", "unplug-replug"};
+    constexpr std::array<const char*, 3> names{"reset", "unplug", "unplug-replug"};
     for (Peripheral* child : children_) {
         child->drop(reason, away, time);
     }
@@ -100,7 +100,7 @@ void Peripheral::drop(DropReason reason, Duration away, TimePoint time) {
     } else {
         store_.save(state_);
     }
-    log_.write(description_.name, old_address, "drop", kNames.at(static_cast<std::size_t>(reason)),
+    log_.write(description_.name, old_address, "drop", names.at(static_cast<std::size_t>(reason)),
                {}, state_.unplugged ? 0 : state_.address);
 }
 

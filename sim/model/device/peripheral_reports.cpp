@@ -11,7 +11,7 @@ namespace zelfsim {
 
 namespace {
 
-constexpr std::size_t kWaitingReports = 16;
+constexpr std::size_t waiting_reports = 16;
 
 /// How much later than usual the rule lets the own status come.
 Duration answer_delay(const FaultRule* rule) {
@@ -30,10 +30,11 @@ std::size_t input_size(InterfaceKind kind) {
 
 /// An output report of the right ID to the flash interface.
 bool Peripheral::is_output_report(const Setup& setup) const {
-    const std::uint16_t id = flash_ && description_.flash->report_ids ? kCommandReport : 0;
-    return flash_interface_ != nullptr && setup.type == kClassInterfaceOut &&
-           setup.request == kSetReport && (setup.index & 0xFF) == flash_interface_->number &&
-           setup.value == (kOutputReport << 8 | id);
+    const std::uint16_t id = flash_ && description_.flash->report_ids ? command_report_id : 0;
+    return flash_interface_ != nullptr && setup.type == class_interface_out &&
+           setup.request == set_report_request &&
+           (setup.index & 0xFF) == flash_interface_->number &&
+           setup.value == (output_report << 8 | id);
 }
 
 ByteView Peripheral::message_of(ByteView report) const {
@@ -41,38 +42,38 @@ ByteView Peripheral::message_of(ByteView report) const {
 }
 
 std::optional<Bytes> Peripheral::class_in(const Setup& setup) {
-    if (description_.is_hub && setup.type == kClassDeviceIn) {
-        return setup.request == kGetDescriptor && setup.value >> 8 == kDescriptorHub
+    if (description_.is_hub && setup.type == class_device_in) {
+        return setup.request == get_descriptor_request && setup.value >> 8 == descriptor_hub
                    ? std::optional<Bytes>(hub_descriptor(description_))
                    : std::nullopt;
     }
     const InterfaceDescription* target = interface(static_cast<std::uint8_t>(setup.index & 0xFF));
-    if (setup.type != kClassInterfaceIn || target == nullptr || !is_hid(*target)) {
+    if (setup.type != class_interface_in || target == nullptr || !is_hid(*target)) {
         return std::nullopt;
     }
-    if (setup.request == kGetIdle || setup.request == kGetProtocol) {
-        return Bytes{setup.request == kGetProtocol ? std::uint8_t{1} : std::uint8_t{0}};
+    if (setup.request == get_idle_request || setup.request == get_protocol_request) {
+        return Bytes{setup.request == get_protocol_request ? std::uint8_t{1} : std::uint8_t{0}};
     }
-    if (setup.request != kGetReport) {
+    if (setup.request != get_report_request) {
         return std::nullopt;
     }
     if (target != flash_interface_) {
-        return setup.value == kInputReport << 8
+        return setup.value == input_report << 8
                    ? std::optional<Bytes>(Bytes(input_size(target->kind), 0))
                    : std::nullopt;
     }
     const FlashDescription& flash = *description_.flash;
     const bool ids = flash.report_ids;
-    if (setup.value == (kInputReport << 8 | (ids ? kStatusReport : 0))) {
+    if (setup.value == (input_report << 8 | (ids ? status_report_id : 0))) {
         Bytes report = last_status_;
-        report.resize(kStatusSize + (ids ? 1 : 0));
+        report.resize(status_size + (ids ? 1 : 0));
         return report;
     }
-    if (setup.value == (kFeatureReport << 8 | (ids ? kDataReport : 0))) {
+    if (setup.value == (feature_report << 8 | (ids ? data_report_id : 0))) {
         Bytes report = flash_->next_data();
         report.resize(flash.feature_size);
         if (ids) {
-            report.insert(report.begin(), kDataReport);
+            report.insert(report.begin(), data_report_id);
         }
         return report;
     }
@@ -82,18 +83,18 @@ std::optional<Bytes> Peripheral::class_in(const Setup& setup) {
 bool Peripheral::class_out(const Setup& setup, ByteView out, const FaultRule* rule, Reply& reply,
                            Duration patience, TimePoint time) {
     const InterfaceDescription* target = interface(static_cast<std::uint8_t>(setup.index & 0xFF));
-    if (setup.type != kClassInterfaceOut || target == nullptr || !is_hid(*target)) {
+    if (setup.type != class_interface_out || target == nullptr || !is_hid(*target)) {
         return false;
     }
-    if (setup.request == kSetIdle || setup.request == kSetProtocol) {
+    if (setup.request == set_idle_request || setup.request == set_protocol_request) {
         return true;
     }
     if (is_output_report(setup)) {
         return take_command(out, rule, reply, patience, time);
     }
     // A keyboard's lamps.
-    return setup.request == kSetReport && target->kind == InterfaceKind::keyboard &&
-           setup.value == kOutputReport << 8 && out.size() == 1;
+    return setup.request == set_report_request && target->kind == InterfaceKind::keyboard &&
+           setup.value == output_report << 8 && out.size() == 1;
 }
 
 Reply Peripheral::interrupt_out(std::uint8_t endpoint, ByteView out, Duration patience,
@@ -133,7 +134,7 @@ Reply Peripheral::interrupt_out(std::uint8_t endpoint, ByteView out, Duration pa
 bool Peripheral::take_command(ByteView report, const FaultRule* rule, Reply& reply,
                               Duration patience, TimePoint time) {
     const FlashDescription& flash = *description_.flash;
-    if (flash.report_ids && (report.empty() || report.front() != kCommandReport)) {
+    if (flash.report_ids && (report.empty() || report.front() != command_report_id)) {
         return false;
     }
     const ByteView message = message_of(report);
@@ -158,15 +159,15 @@ void Peripheral::run_command(ByteView message, const FaultRule* rule, Reply& rep
         case FaultAction::no_answer:
             return;
         case FaultAction::reject:
-            return queue_status(plain_status(kRejected), soon);
+            return queue_status(plain_status(rejected), soon);
         case FaultAction::operation_error:
-            return queue_status(plain_status(kOperationError), soon);
+            return queue_status(plain_status(operation_error), soon);
         case FaultAction::answer:
             return queue_status(rule->bytes, soon);
         default:
             break;
     }
-    const Command command = parse_command(message);
+    const FlashCommand command = parse_command(message);
     if (command.kind == CommandKind::reset) {
         return restart_for_command(reply, time);
     }
@@ -198,13 +199,13 @@ void Peripheral::restart_for_command(Reply& reply, TimePoint time) {
 void Peripheral::queue_status(ByteView status, TimePoint ready) {
     WaitingReport report{ready, Bytes(status.begin(), status.end())};
     if (description_.flash->report_ids) {
-        report.bytes.insert(report.bytes.begin(), kStatusReport);
+        report.bytes.insert(report.bytes.begin(), status_report_id);
     }
     last_status_ = report.bytes;
     const auto later = std::find_if(waiting_.begin(), waiting_.end(),
                                     [&](const auto& waiting) { return waiting.ready > ready; });
     waiting_.insert(later, std::move(report));
-    if (waiting_.size() > kWaitingReports) {
+    if (waiting_.size() > waiting_reports) {
         waiting_.pop_front();
     }
 }

@@ -11,8 +11,8 @@ namespace zelfsim {
 namespace {
 
 bool is_get_descriptor(const Setup& setup) {
-    return (setup.type & kTypeMask) == kStandard && (setup.type & kIn) != 0 &&
-           setup.request == kGetDescriptor;
+    return (setup.type & type_mask) == standard_type && (setup.type & direction_in) != 0 &&
+           setup.request == get_descriptor_request;
 }
 
 }  // namespace
@@ -21,19 +21,19 @@ std::vector<FaultEvent> Peripheral::events_of(const Setup& setup, ByteView messa
     std::vector<FaultEvent> events{FaultEvent::control};
     if (is_get_descriptor(setup)) {
         events.push_back(FaultEvent::get_descriptor);
-        if (setup.value >> 8 == kDescriptorString) {
+        if (setup.value >> 8 == descriptor_string) {
             events.push_back(FaultEvent::string);
-        } else if (setup.value >> 8 == kDescriptorReport) {
+        } else if (setup.value >> 8 == descriptor_report) {
             events.push_back(FaultEvent::report_descriptor);
         }
-    } else if (setup.type == kClassInterfaceOut && setup.request == kSetReport) {
+    } else if (setup.type == class_interface_out && setup.request == set_report_request) {
         events.push_back(FaultEvent::set_report);
         if (is_output_report(setup)) {
             events.push_back(FaultEvent::command);
             events.push_back(command_event(parse_command(message).kind, flash_->stoppable()));
         }
-    } else if (setup.type == kClassInterfaceIn && setup.request == kGetReport &&
-               setup.value >> 8 == kFeatureReport) {
+    } else if (setup.type == class_interface_in && setup.request == get_report_request &&
+               setup.value >> 8 == feature_report) {
         events.push_back(FaultEvent::get_feature);
         if (flash_ && flash_->reading_records()) {
             events.push_back(FaultEvent::record_read);
@@ -49,7 +49,7 @@ FaultContext Peripheral::context_of(ByteView message) const {
     }
     context.byte = message.front();
     context.component = flash_->image_component();
-    const Command command = parse_command(message);
+    const FlashCommand command = parse_command(message);
     if (command.kind == CommandKind::record && !context.component) {
         context.component = ImageReceiver::named_component(command.record);
     }
@@ -88,9 +88,9 @@ Reply Peripheral::answer_request(const Setup& setup, ByteView out, const FaultRu
                                  Duration patience, TimePoint time) {
     Reply reply;
     reply.duration = description_.timing.transfer;
-    const bool class_request = (setup.type & kTypeMask) == kClass;
+    const bool class_request = (setup.type & type_mask) == class_type;
     const auto cut = cut_by(rule);
-    if ((setup.type & kIn) != 0) {
+    if ((setup.type & direction_in) != 0) {
         std::optional<Bytes> data;
         if (rule != nullptr && rule->action == FaultAction::answer) {
             data = rule->bytes;
@@ -125,25 +125,25 @@ Reply Peripheral::answer_request(const Setup& setup, ByteView out, const FaultRu
 std::optional<Bytes> Peripheral::get_descriptor(const Setup& setup) const {
     const auto kind = static_cast<std::uint8_t>(setup.value >> 8);
     const auto index = static_cast<std::uint8_t>(setup.value & 0xFF);
-    if ((setup.type & kRecipientMask) == kToInterface) {
+    if ((setup.type & recipient_mask) == to_interface) {
         const InterfaceDescription* target = interface(static_cast<std::uint8_t>(setup.index));
         if (target == nullptr || !is_hid(*target) || index != 0) {
             return std::nullopt;
         }
-        if (kind == kDescriptorHid) {
+        if (kind == descriptor_hid) {
             return hid_descriptor(description_, *target);
         }
-        return kind == kDescriptorReport
+        return kind == descriptor_report
                    ? std::optional<Bytes>(report_descriptor(description_, *target))
                    : std::nullopt;
     }
     switch (kind) {
-        case kDescriptorDevice:
+        case descriptor_device:
             return device_descriptor(description_, state_.bcd);
-        case kDescriptorConfiguration:
+        case descriptor_configuration:
             return index == 0 ? std::optional<Bytes>(configuration_descriptor(description_))
                               : std::nullopt;
-        case kDescriptorString:
+        case descriptor_string:
             return string_descriptor(description_, index, setup.index);
         default:
             return std::nullopt;
@@ -151,20 +151,20 @@ std::optional<Bytes> Peripheral::get_descriptor(const Setup& setup) const {
 }
 
 std::optional<Bytes> Peripheral::standard_in(const Setup& setup) {
-    if ((setup.type & kTypeMask) != kStandard) {
+    if ((setup.type & type_mask) != standard_type) {
         return std::nullopt;
     }
     const auto index = static_cast<std::uint8_t>(setup.index & 0xFF);
     switch (setup.request) {
-        case kGetStatus:
-            return Bytes{static_cast<std::uint8_t>((setup.type & kRecipientMask) == kToEndpoint &&
+        case get_status_request:
+            return Bytes{static_cast<std::uint8_t>((setup.type & recipient_mask) == to_endpoint &&
                                                    halted_.contains(index)),
                          0};
-        case kGetDescriptor:
+        case get_descriptor_request:
             return get_descriptor(setup);
-        case kGetConfiguration:
-            return Bytes{kConfigurationValue};
-        case kGetInterface:
+        case get_configuration_request:
+            return Bytes{configuration_value};
+        case get_interface_request:
             return interface(index) != nullptr ? std::optional<Bytes>(Bytes{0}) : std::nullopt;
         default:
             return std::nullopt;
@@ -172,17 +172,17 @@ std::optional<Bytes> Peripheral::standard_in(const Setup& setup) {
 }
 
 bool Peripheral::standard_out(const Setup& setup) {
-    if ((setup.type & kTypeMask) != kStandard) {
+    if ((setup.type & type_mask) != standard_type) {
         return false;
     }
     const auto index = static_cast<std::uint8_t>(setup.index & 0xFF);
     switch (setup.request) {
-        case kSetConfiguration:
-            return setup.value == kConfigurationValue || setup.value == 0;
-        case kSetInterface:
+        case set_configuration_request:
+            return setup.value == configuration_value || setup.value == 0;
+        case set_interface_request:
             return setup.value == 0 && interface(index) != nullptr;
-        case kClearFeature:
-            if ((setup.type & kRecipientMask) == kToEndpoint && setup.value == 0) {
+        case clear_feature_request:
+            if ((setup.type & recipient_mask) == to_endpoint && setup.value == 0) {
                 clear_halt(index);
                 return true;
             }

@@ -8,21 +8,21 @@ namespace zelfsim {
 namespace {
 
 // Item prefixes without the size bits.
-constexpr std::uint8_t kUsagePage = 0x04;
-constexpr std::uint8_t kUsage = 0x08;
-constexpr std::uint8_t kReportId = 0x84;
-constexpr std::uint8_t kReportCount = 0x94;
+constexpr std::uint8_t usage_page = 0x04;
+constexpr std::uint8_t usage_item = 0x08;
+constexpr std::uint8_t report_id = 0x84;
+constexpr std::uint8_t report_count = 0x94;
 
 // Main items with one data byte.
-constexpr std::uint8_t kInput = 0x81;
-constexpr std::uint8_t kOutput = 0x91;
-constexpr std::uint8_t kFeature = 0xB1;
-constexpr std::uint8_t kVariable = 0x02;
+constexpr std::uint8_t input = 0x81;
+constexpr std::uint8_t output = 0x91;
+constexpr std::uint8_t feature = 0xB1;
+constexpr std::uint8_t variable = 0x02;
 
-constexpr std::uint16_t kFlashPage = 0xFF45;
-constexpr std::uint16_t kFlashUsage = 0xA000;
-constexpr std::uint16_t kCommandUsage = 0xA001;
-constexpr std::uint16_t kStatusUsage = 0xA002;
+constexpr std::uint16_t flash_page = 0xFF45;
+constexpr std::uint16_t flash_usage = 0xA000;
+constexpr std::uint16_t command_usage = 0xA001;
+constexpr std::uint16_t status_usage = 0xA002;
 
 void add(Bytes& bytes, std::initializer_list<std::uint8_t> more) {
     bytes.insert(bytes.end(), more);
@@ -30,44 +30,44 @@ void add(Bytes& bytes, std::initializer_list<std::uint8_t> more) {
 
 /// A short item with the two-byte form of its data.
 void add_word(Bytes& bytes, std::uint8_t prefix, std::uint16_t value) {
-    constexpr std::uint8_t kTwoBytes = 2;
-    add(bytes, {static_cast<std::uint8_t>(prefix | kTwoBytes),
+    constexpr std::uint8_t two_bytes = 2;
+    add(bytes, {static_cast<std::uint8_t>(prefix | two_bytes),
                 static_cast<std::uint8_t>(value & 0xFF), static_cast<std::uint8_t>(value >> 8U)});
 }
 
 void add_report(Bytes& bytes, std::uint8_t id, std::uint16_t usage, std::size_t size,
                 std::uint8_t item) {
     if (id != 0) {
-        add(bytes, {kReportId | 1, id});
+        add(bytes, {report_id | 1, id});
     }
-    add_word(bytes, kUsage, usage);
-    add_word(bytes, kReportCount, static_cast<std::uint16_t>(size));
-    add(bytes, {item, kVariable});
+    add_word(bytes, usage_item, usage);
+    add_word(bytes, report_count, static_cast<std::uint16_t>(size));
+    add(bytes, {item, variable});
 }
 
 /// Opens an application collection of bytes.
 void begin(Bytes& bytes, std::uint16_t page, std::uint16_t usage) {
-    add_word(bytes, kUsagePage, page);
-    add_word(bytes, kUsage, usage);
+    add_word(bytes, usage_page, page);
+    add_word(bytes, usage_item, usage);
     add(bytes, {0xA1, 0x01, 0x15, 0x00, 0x26, 0xFF, 0x00, 0x75, 0x08});
 }
 
 Bytes flash_report(const FlashDescription& flash) {
     const bool ids = flash.report_ids;
     Bytes bytes;
-    begin(bytes, kFlashPage, kFlashUsage);
-    add_report(bytes, ids ? kCommandReport : 0, kCommandUsage, flash.output_size, kOutput);
-    add_report(bytes, ids ? kStatusReport : 0, kStatusUsage, kStatusSize, kInput);
-    add_report(bytes, ids ? kDataReport : 0, flash.feature_usage, flash.feature_size, kFeature);
+    begin(bytes, flash_page, flash_usage);
+    add_report(bytes, ids ? command_report_id : 0, command_usage, flash.output_size, output);
+    add_report(bytes, ids ? status_report_id : 0, status_usage, status_size, input);
+    add_report(bytes, ids ? data_report_id : 0, flash.feature_usage, flash.feature_size, feature);
     add(bytes, {0xC0});
     return bytes;
 }
 
 Bytes generic_report(const InterfaceDescription& interface) {
-    constexpr std::size_t kSize = 8;
+    constexpr std::size_t item_size = 8;
     Bytes bytes;
     begin(bytes, interface.usage_page, interface.usage);
-    add_report(bytes, 0, interface.usage, kSize, kInput);
+    add_report(bytes, 0, interface.usage, item_size, input);
     add(bytes, {0xC0});
     return bytes;
 }

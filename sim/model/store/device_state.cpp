@@ -11,18 +11,18 @@ namespace zelfsim {
 
 namespace {
 
-constexpr std::int64_t kFormat = 1;
-constexpr std::size_t kLongestWord = 16;
-constexpr std::int64_t kMostEvents = 2000000000;
+constexpr std::int64_t format = 1;
+constexpr std::size_t longest_word = 16;
+constexpr std::int64_t most_events = 2000000000;
 
-constexpr std::array<std::pair<FlashPhase, const char*>, 4> kPhases{{
+constexpr std::array<std::pair<FlashPhase, const char*>, 4> phases{{
     {FlashPhase::idle, "idle"},
     {FlashPhase::erased, "erased"},
     {FlashPhase::receiving, "receiving"},
     {FlashPhase::complete, "complete"},
 }};
 
-constexpr std::array<std::pair<ComponentType, const char*>, 4> kTypes{{
+constexpr std::array<std::pair<ComponentType, const char*>, 4> types{{
     {ComponentType::unspecified, "unspecified"},
     {ComponentType::firmware, "firmware"},
     {ComponentType::configuration, "configuration"},
@@ -47,17 +47,17 @@ std::int64_t away_milliseconds(const DeviceState& state) {
         .count();
 }
 
-constexpr std::array<std::string_view, 13> kKeys{
+constexpr std::array<std::string_view, 13> keys{
     "format", "address", "away_until_ms",  "bcd",      "flash", "previous_level", "previous_build",
     "resets", "updates", "failed_updates", "detached", "fired", "component"};
-constexpr std::array<std::string_view, 11> kComponentKeys{
+constexpr std::array<std::string_view, 11> component_keys{
     "id",      "level",         "build",         "type",         "control",        "broken",
     "pending", "pending_level", "pending_build", "pending_type", "pending_control"};
 
 Version read_version(const zelf::TomlTable& table, const std::string& level_key,
                      const std::string& build_key) {
     Version version;
-    if (!parse_level(table.required_text(level_key, kLongestWord), version)) {
+    if (!parse_level(table.required_text(level_key, longest_word), version)) {
         table.fail(level_key, "not a level");
     }
     version.build = static_cast<std::uint8_t>(table.required_integer(build_key, 0, 0xFF));
@@ -67,19 +67,19 @@ Version read_version(const zelf::TomlTable& table, const std::string& level_key,
 ComponentLevel read_level(const zelf::TomlTable& table, const std::string& prefix) {
     ComponentLevel level;
     level.version = read_version(table, prefix + "level", prefix + "build");
-    const std::string type = table.required_text(prefix + "type", kLongestWord);
-    const auto found = std::find_if(kTypes.begin(), kTypes.end(),
+    const std::string type = table.required_text(prefix + "type", longest_word);
+    const auto found = std::find_if(types.begin(), types.end(),
                                     [&](const auto& entry) { return type == entry.second; });
-    if (found == kTypes.end()) {
+    if (found == types.end()) {
         table.fail(prefix + "type", "not a component type");
     }
     level.type = found->first;
-    level.random = table.required_text(prefix + "control", kLongestWord) == "random";
+    level.random = table.required_text(prefix + "control", longest_word) == "random";
     return level;
 }
 
 void read_component(const zelf::TomlTable& table, DeviceState& state) {
-    table.know_only({kComponentKeys});
+    table.know_only({component_keys});
     ComponentState read;
     read.id = static_cast<std::uint8_t>(table.required_integer("id", 0, 14));
     read.current = read_level(table, "");
@@ -93,17 +93,17 @@ void read_component(const zelf::TomlTable& table, DeviceState& state) {
 }
 
 FlashPhase read_phase(const zelf::TomlTable& table) {
-    const std::string name = table.required_text("flash", kLongestWord);
-    const auto found = std::find_if(kPhases.begin(), kPhases.end(),
+    const std::string name = table.required_text("flash", longest_word);
+    const auto found = std::find_if(phases.begin(), phases.end(),
                                     [&](const auto& entry) { return name == entry.second; });
-    if (found == kPhases.end()) {
+    if (found == phases.end()) {
         table.fail("flash", "not a state of the flash interface");
     }
     return found->first;
 }
 
 unsigned read_counter(const zelf::TomlTable& table, std::string_view key) {
-    return static_cast<unsigned>(table.integer(key, 0, kMostEvents).value_or(0));
+    return static_cast<unsigned>(table.integer(key, 0, most_events).value_or(0));
 }
 
 }  // namespace
@@ -136,16 +136,16 @@ Version reported_version(const ComponentState& component) {
 }
 
 const char* phase_name(FlashPhase phase) {
-    return kPhases.at(static_cast<std::size_t>(phase)).second;
+    return phases.at(static_cast<std::size_t>(phase)).second;
 }
 
 const char* type_name(ComponentType type) {
-    return kTypes.at(static_cast<std::size_t>(type)).second;
+    return types.at(static_cast<std::size_t>(type)).second;
 }
 
 std::string write_state(const DeviceState& state) {
     std::ostringstream out;
-    out << "format = " << kFormat << "\n"
+    out << "format = " << format << "\n"
         << "address = " << int{state.address} << "\n"
         << "away_until_ms = " << away_milliseconds(state) << "\n"
         << "bcd = " << state.bcd << "\n"
@@ -177,14 +177,14 @@ std::string write_state(const DeviceState& state) {
 }
 
 void read_state(const std::string& file, DeviceState& state) {
-    constexpr std::int64_t kHighestInterface = 31;
-    constexpr std::int64_t kLatest = 1000000000000000;
+    constexpr std::int64_t highest_interface = 31;
+    constexpr std::int64_t latest = 1000000000000000;
     const toml::table parsed = zelf::parse_toml_file(file);
     const zelf::TomlTable table(file, parsed);
-    table.know_only({kKeys});
-    table.required_integer("format", kFormat, kFormat);
+    table.know_only({keys});
+    table.required_integer("format", format, format);
     state.address = static_cast<std::uint8_t>(table.required_integer("address", 1, 127));
-    const std::int64_t away = table.integer("away_until_ms", -1, kLatest).value_or(0);
+    const std::int64_t away = table.integer("away_until_ms", -1, latest).value_or(0);
     state.unplugged = away < 0;
     state.away_until = TimePoint(std::chrono::milliseconds(std::max<std::int64_t>(away, 0)));
     state.bcd = static_cast<std::uint16_t>(table.required_integer("bcd", 0, 0xFFFF));
@@ -193,7 +193,7 @@ void read_state(const std::string& file, DeviceState& state) {
     state.resets = read_counter(table, "resets");
     state.updates = read_counter(table, "updates");
     state.failed_updates = read_counter(table, "failed_updates");
-    for (const std::int64_t interface : table.integers("detached", 0, kHighestInterface)) {
+    for (const std::int64_t interface : table.integers("detached", 0, highest_interface)) {
         state.detached.insert(static_cast<std::uint8_t>(interface));
     }
     for (std::string& fault : table.texts("fired")) {

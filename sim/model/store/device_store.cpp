@@ -11,9 +11,9 @@ namespace zelfsim {
 
 namespace {
 
-constexpr const char* kState = "state.toml";
-constexpr const char* kStaging = "staging.bin";
-constexpr const char* kHistory = "history.tsv";
+constexpr const char* state_file = "state.toml";
+constexpr const char* staging = "staging.bin";
+constexpr const char* history = "history.tsv";
 
 std::string image_name(std::uint8_t component) {
     return "image-" + std::to_string(component) + ".bin";
@@ -21,10 +21,10 @@ std::string image_name(std::uint8_t component) {
 
 /// The length of the whole records at the front.
 std::size_t whole_records(const Bytes& bytes) {
-    constexpr std::size_t kHead = 4;
+    constexpr std::size_t head = 4;
     std::size_t at = 0;
-    while (at < bytes.size() && bytes[at] != 0 && bytes.size() - at >= kHead + bytes[at]) {
-        at += kHead + bytes[at];
+    while (at < bytes.size() && bytes[at] != 0 && bytes.size() - at >= head + bytes[at]) {
+        at += head + bytes[at];
     }
     return at;
 }
@@ -36,15 +36,15 @@ void DeviceStore::make_directory() {
 }
 
 void DeviceStore::load(DeviceState& state) const {
-    if (persistent() && zelf::exists(path(kState))) {
-        read_state(path(kState), state);
+    if (persistent() && zelf::exists(path(state_file))) {
+        read_state(path(state_file), state);
     }
 }
 
 void DeviceStore::save(const DeviceState& state) {
     if (persistent()) {
         make_directory();
-        zelf::replace_file(path(kState), write_state(state));
+        zelf::replace_file(path(state_file), write_state(state));
     }
 }
 
@@ -52,7 +52,7 @@ void DeviceStore::begin_staging() {
     staging_.clear();
     if (persistent()) {
         make_directory();
-        staging_file_ = zelf::open_for_append(path(kStaging), true);
+        staging_file_ = zelf::open_for_append(path(staging), true);
     }
 }
 
@@ -62,21 +62,21 @@ void DeviceStore::append_staging(ByteView bytes) {
         return;
     }
     if (!staging_file_.is_open()) {
-        staging_file_ = zelf::open_for_append(path(kStaging), false);
+        staging_file_ = zelf::open_for_append(path(staging), false);
     }
-    append(staging_file_, path(kStaging), bytes);
+    append(staging_file_, path(staging), bytes);
 }
 
 Bytes DeviceStore::load_staging() {
     if (!persistent()) {
         return staging_;
     }
-    Bytes bytes = zelf::read_bytes_of(path(kStaging));
+    Bytes bytes = zelf::read_bytes_of(path(staging));
     const std::size_t whole = whole_records(bytes);
     if (whole < bytes.size()) {
         bytes.resize(whole);
         std::error_code error;
-        std::filesystem::resize_file(path(kStaging), whole, error);
+        std::filesystem::resize_file(path(staging), whole, error);
     }
     return bytes;
 }
@@ -89,7 +89,7 @@ void DeviceStore::keep_staging(std::uint8_t component) {
     }
     staging_file_ = zelf::FileDescriptor();
     const std::string image = path(image_name(component));
-    if (std::rename(path(kStaging).c_str(), image.c_str()) != 0) {
+    if (std::rename(path(staging).c_str(), image.c_str()) != 0) {
         throw FileError(image, 0, std::strerror(errno));
     }
 }
@@ -99,7 +99,7 @@ void DeviceStore::drop_staging() {
     staging_file_ = zelf::FileDescriptor();
     if (persistent()) {
         std::error_code error;
-        std::filesystem::remove(path(kStaging), error);
+        std::filesystem::remove(path(staging), error);
     }
 }
 
@@ -114,7 +114,7 @@ Bytes DeviceStore::image(std::uint8_t component) const {
 void DeviceStore::add_history(std::string_view line) {
     if (persistent()) {
         make_directory();
-        append(zelf::open_for_append(path(kHistory), false), path(kHistory), line);
+        append(zelf::open_for_append(path(history), false), path(history), line);
     }
 }
 

@@ -13,7 +13,7 @@ void TransferLog::write(std::string_view device, unsigned address, std::string_v
     if (!file_.is_open()) {
         return;
     }
-    constexpr std::string_view kDigits = "0123456789abcdef";
+    constexpr std::string_view digits = "0123456789abcdef";
     std::array<char, 32> part{};
     const auto time = now().time_since_epoch().count();
     std::snprintf(part.data(), part.size(), "%lld.%03lld", static_cast<long long>(time / 1000),
@@ -24,8 +24,8 @@ void TransferLog::write(std::string_view device, unsigned address, std::string_v
     line.append("\t").append(kind);
     line.append("\t").append(setup.empty() ? "-" : setup).append("\t");
     for (const std::uint8_t byte : data) {
-        line += kDigits[byte >> 4U];
-        line += kDigits[byte & 0x0FU];
+        line += digits[byte >> 4U];
+        line += digits[byte & 0x0FU];
     }
     if (data.empty()) {
         line += '-';

@@ -30,7 +30,7 @@ using zelfsim::TimePoint;
 using zelfsim::usbredir::RedirectedDevice;
 
 /// How soon a device that came back is plugged in.
-constexpr Duration kLongestPause = std::chrono::milliseconds(20);
+constexpr Duration longest_pause = std::chrono::milliseconds(20);
 
 struct Socket {
     zelf::FileDescriptor listener;
@@ -60,7 +60,7 @@ zelf::FileDescriptor listen_at(const std::string& path) {
 }
 
 Duration pause(const std::list<RedirectedDevice>& devices, TimePoint time) {
-    Duration wait = kLongestPause;
+    Duration wait = longest_pause;
     for (const RedirectedDevice& device : devices) {
         if (const auto next = device.next_event(time)) {
             wait = std::clamp(*next - time, Duration{0}, wait);

@@ -17,10 +17,10 @@ namespace zelfsim::usbredir {
 namespace {
 
 /// Marks the queue's names of the reads that keep an IN endpoint going.
-constexpr std::uint32_t kReceiving = 0x80000000;
+constexpr std::uint32_t receiving_side = 0x80000000;
 
 std::uint32_t receiving(std::uint8_t endpoint) {
-    return kReceiving | endpoint;
+    return receiving_side | endpoint;
 }
 
 std::uint8_t status_of(Completion completion) {
@@ -108,7 +108,7 @@ void RedirectedDevice::set_callbacks() {
         usbredirparser_send_configuration_status(self(device).parser_.get(), id, &answer);
     };
     parser.get_configuration_func = [](void* device, std::uint64_t id) {
-        usb_redir_configuration_status_header answer{usb_redir_success, kConfigurationValue};
+        usb_redir_configuration_status_header answer{usb_redir_success, configuration_value};
         usbredirparser_send_configuration_status(self(device).parser_.get(), id, &answer);
     };
     parser.set_alt_setting_func = [](void* device, std::uint64_t id,
@@ -202,7 +202,7 @@ void RedirectedDevice::send_interfaces() {
     usb_redir_interface_info_header header{};
     const Bytes bytes = configuration_descriptor(peripheral_.description());
     for (std::size_t at = 0; at < bytes.size(); at += bytes[at]) {
-        if (bytes[at + 1] == kDescriptorInterface &&
+        if (bytes[at + 1] == descriptor_interface &&
             header.interface_count < std::size(header.interface)) {
             const std::uint32_t index = header.interface_count++;
             header.interface[index] = bytes[at + 2];
@@ -215,19 +215,19 @@ void RedirectedDevice::send_interfaces() {
 }
 
 void RedirectedDevice::send_endpoints() {
-    constexpr std::size_t kFirstIn = 16;
+    constexpr std::size_t first_in = 16;
     usb_redir_ep_info_header header{};
     std::fill(std::begin(header.type), std::end(header.type), usb_redir_type_invalid);
-    header.type[0] = header.type[kFirstIn] = usb_redir_type_control;
-    header.max_packet_size[0] = header.max_packet_size[kFirstIn] = 64;
+    header.type[0] = header.type[first_in] = usb_redir_type_control;
+    header.max_packet_size[0] = header.max_packet_size[first_in] = 64;
     const Bytes bytes = configuration_descriptor(peripheral_.description());
     std::uint8_t interface = 0;
     for (std::size_t at = 0; at < bytes.size(); at += bytes[at]) {
-        if (bytes[at + 1] == kDescriptorInterface) {
+        if (bytes[at + 1] == descriptor_interface) {
             interface = bytes[at + 2];
-        } else if (bytes[at + 1] == kDescriptorEndpoint) {
+        } else if (bytes[at + 1] == descriptor_endpoint) {
             const std::size_t index =
-                (bytes[at + 2] & 0x0FU) + ((bytes[at + 2] & kIn) != 0 ? kFirstIn : 0);
+                (bytes[at + 2] & 0x0FU) + ((bytes[at + 2] & direction_in) != 0 ? first_in : 0);
             header.type[index] = bytes[at + 3];
             header.interval[index] = bytes[at + 6];
             header.interface[index] = interface;
@@ -298,7 +298,7 @@ void RedirectedDevice::cancel(std::uint64_t id) {
 }
 
 void RedirectedDevice::finish(const remote::Finished& finished) {
-    if ((finished.id & kReceiving) != 0) {
+    if ((finished.id & receiving_side) != 0) {
         finish_interrupt(finished);
         return;
     }
@@ -319,8 +319,8 @@ void RedirectedDevice::finish_control(const remote::Finished& finished) {
     usb_redir_control_packet_header& header = control.mapped();
     Bytes data = finished.data;
     header.status = status_of(finished.completion);
-    header.length =
-        static_cast<std::uint16_t>((header.endpoint & kIn) != 0 ? data.size() : finished.accepted);
+    header.length = static_cast<std::uint16_t>(
+        (header.endpoint & direction_in) != 0 ? data.size() : finished.accepted);
     usbredirparser_send_control_packet(parser_.get(), finished.id, &header,
                                        data.empty() ? nullptr : data.data(),
                                        static_cast<int>(data.size()));

@@ -40,6 +40,10 @@ control = "random"
 )" + more;
 }
 
+std::string printer_with_fault(const std::string& fault) {
+    return printer_bus("", "\n[[fault]]\ndevice = \"printer\"\n" + fault);
+}
+
 Bytes Image::stored() const {
     Bytes bytes;
     for (const Bytes& record : records) {
@@ -61,11 +65,11 @@ void seal(Image& image, std::uint16_t product) {
 
 Image make_image(std::uint8_t component, zelfsim::Version version, unsigned downloads,
                  std::uint16_t product) {
-    constexpr std::uint8_t kFirmware = 2;
+    constexpr std::uint8_t firmware = 2;
     Image image;
     image.records.push_back({0xFF, 0, 0, component});
     image.records.push_back(
-        {0xFF, 0, 2, component, version.minor, version.major, kFirmware, version.build});
+        {0xFF, 0, 2, component, version.minor, version.major, firmware, version.build});
     for (unsigned number = 0; number < downloads; ++number) {
         Bytes record{static_cast<std::uint8_t>(component << 4U),
                      static_cast<std::uint8_t>(number >> 8U),
@@ -95,7 +99,7 @@ Completion Bench::send(const Bytes& message) {
     Bytes report = message;
     const bool ids = printer().description().flash->report_ids;
     if (ids) {
-        report.insert(report.begin(), zelfsim::kCommandReport);
+        report.insert(report.begin(), zelfsim::command_report_id);
     }
     const zelfsim::Setup setup{0x21, 9, static_cast<std::uint16_t>(ids ? 0x0201 : 0x0200), 0,
                                static_cast<std::uint16_t>(report.size())};
@@ -105,13 +109,13 @@ Completion Bench::send(const Bytes& message) {
 }
 
 Bytes Bench::status(zelfsim::Duration patience) {
-    constexpr std::chrono::milliseconds kStep{1};
+    constexpr std::chrono::milliseconds step{1};
     const zelfsim::TimePoint deadline = time_ + patience;
     while (time_ <= deadline) {
         if (const auto reply = printer().interrupt_in(0x81, 64, time_)) {
             return reply->data;
         }
-        time_ += kStep;
+        time_ += step;
     }
     return {};
 }

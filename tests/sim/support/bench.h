@@ -9,9 +9,16 @@
 #include <string>
 #include <utility>
 
+inline const zelfsim::Bytes device_info_query{0x03, 0x00, 0x00, 0x00, 0x01};
+inline const zelfsim::Bytes plain_list_query{0x06, 0x00, 0x20, 0x00, 0xFF, 0xFF, 0x00, 0x01};
+
 /// A flash device, "printer", product 0x3C35, with components 0 "01.02" build 3 and 1 "02.10"
 /// (configuration, random). `flash` is added to the flash interface, `more` to the end of the file.
 std::string printer_bus(const std::string& flash = "", const std::string& more = "");
+
+/// The same with a fault of the printer: its further lines.
+std::string printer_with_fault(const std::string& fault);
+constexpr int printer_product = 0x3C35;
 
 /// One image, ready to be sent.
 struct Image {

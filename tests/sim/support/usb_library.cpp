@@ -4,7 +4,7 @@
 
 #include <dlfcn.h>
 
-const std::array<const char*, 50> kUsbFunctions{
+const std::array<const char*, 50> usb_functions{
     "libusb_init",
     "libusb_exit",
     "libusb_set_debug",

@@ -9,7 +9,7 @@
 #include <vector>
 
 /// The functions that the updater binds.
-extern const std::array<const char*, 50> kUsbFunctions;
+extern const std::array<const char*, 50> usb_functions;
 
 /// Looks up any symbol of the library; null when there is none.
 void* usb_symbol(const char* name);

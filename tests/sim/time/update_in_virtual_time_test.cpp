@@ -104,14 +104,14 @@ class UpdateInVirtualTime : public testing::Test {
     double seconds_ = 0;
 };
 
-constexpr const char* kUpdate = "-U -p " DEMO_FIRMWARE;
+constexpr const char* update_arguments = "-U -p " DEMO_FIRMWARE;
 
 std::string fault(const std::string& rest) {
     return "\n[[fault]]\ndevice = \"keyboard\"\n" + rest;
 }
 
 TEST_F(UpdateInVirtualTime, TakesNextToNoTime) {
-    const Files files = afresh("--virtual", kUpdate);
+    const Files files = afresh("--virtual", update_arguments);
     EXPECT_EQ(code_, 0);
     EXPECT_THAT(files.at("console"), HasSubstr("Updated 7 devices\n"));
     const auto record = read_record(place_ + "/record");
@@ -123,7 +123,7 @@ TEST_F(UpdateInVirtualTime, TakesNextToNoTime) {
 TEST_F(UpdateInVirtualTime, LeavesTheSameBytesForTheSameSeed) {
     for (const char* seed : {"0", "7", "8"}) {
         const std::string options = std::string("--virtual --seed ") + seed;
-        const std::string command = std::string(kUpdate) + " -n 2";
+        const std::string command = std::string(update_arguments) + " -n 2";
         const Files first = afresh(options, command);
         EXPECT_EQ(code_, 0);
         EXPECT_EQ(first.at("errors"), "");
@@ -137,9 +137,9 @@ TEST_F(UpdateInVirtualTime, LeavesTheSameBytesForTheSameSeed) {
 
 TEST_F(UpdateInVirtualTime, ComesOutTheSameUnderDifferentSchedules) {
     std::set<std::string> records;
-    const Files plain = afresh("--virtual", kUpdate);
+    const Files plain = afresh("--virtual", update_arguments);
     for (int seed = 1; seed <= 10; ++seed) {
-        const Files files = afresh("--virtual --seed " + std::to_string(seed), kUpdate);
+        const Files files = afresh("--virtual --seed " + std::to_string(seed), update_arguments);
         EXPECT_EQ(code_, 0);
         EXPECT_EQ(files.at("errors"), "");
         EXPECT_THAT(files.at("console"), HasSubstr("Updated 7 devices\n"));

@@ -13,9 +13,9 @@ using testing::AllOf;
 using testing::ContainsRegex;
 using testing::HasSubstr;
 
-constexpr int kDeadlock = 116;
-constexpr int kLivelock = 117;
-constexpr int kRefused = 118;
+constexpr int deadlock = 116;
+constexpr int livelock = 117;
+constexpr int refused = 118;
 
 /// Programs of the same text: with the plain calls, and with those for 64-bit time where they have
 /// other names.
@@ -106,7 +106,7 @@ TEST_P(VirtualTime, GivesTheProcessTheSameNumber) {
 
 TEST_P(VirtualTime, TellsADeadlockWithThePlaceOfEachThread) {
     const auto result = query("lock-twice");
-    EXPECT_EQ(result.code, kDeadlock);
+    EXPECT_EQ(result.code, deadlock);
     EXPECT_THAT(
         result.output,
         AllOf(
@@ -118,7 +118,7 @@ TEST_P(VirtualTime, TellsADeadlockWithThePlaceOfEachThread) {
 
 TEST_P(VirtualTime, TellsALivelockWithTheLastCalls) {
     const auto result = query("call-on-and-on", "ZELFWSIM_TIME_STEPS=5000");
-    EXPECT_EQ(result.code, kLivelock);
+    EXPECT_EQ(result.code, livelock);
     EXPECT_THAT(result.output,
                 AllOf(HasSubstr(": 5000 calls and nobody waited; the last calls:\n"),
                       ContainsRegex("thread 1: sched_yield, called from time_query")));
@@ -126,33 +126,33 @@ TEST_P(VirtualTime, TellsALivelockWithTheLastCalls) {
 
 TEST_P(VirtualTime, EndsARunThatTakesTooLong) {
     const auto result = query("sleep-on-and-on", "ZELFWSIM_TIME_LIMIT=100");
-    EXPECT_EQ(result.code, kLivelock);
+    EXPECT_EQ(result.code, livelock);
     EXPECT_THAT(result.output, HasSubstr("livelock after 101.0"));
 }
 
 TEST_P(VirtualTime, FindsAThreadThatComputesOnAndOn) {
     const auto result = query("compute-on-and-on", "ZELFWSIM_TIME_BUSY=1");
-    EXPECT_EQ(result.code, kLivelock);
+    EXPECT_EQ(result.code, livelock);
     EXPECT_THAT(result.output, HasSubstr("no call for 1 seconds of processor time"));
 }
 
 TEST_P(VirtualTime, RefusesWhatItDoesNotKnowByName) {
     auto result = query("semaphore");
-    EXPECT_EQ(result.code, kRefused);
+    EXPECT_EQ(result.code, refused);
     EXPECT_THAT(result.output,
                 HasSubstr("zelfwsim: virtual time does not know sem_wait, called from time_query"));
     result = query("fork");
-    EXPECT_EQ(result.code, kRefused);
+    EXPECT_EQ(result.code, refused);
     EXPECT_THAT(result.output, HasSubstr("does not know fork, called from"));
 }
 
 TEST_P(VirtualTime, AsksAnOutputAndRefusesToWaitForADescriptor) {
     auto result = query("select-descriptor");
-    EXPECT_EQ(result.code, kRefused);
+    EXPECT_EQ(result.code, refused);
     EXPECT_THAT(result.output,
                 ContainsRegex("does not know select of descriptor [0-9]+, called from"));
     result = query("poll-descriptor");
-    EXPECT_EQ(result.code, kRefused);
+    EXPECT_EQ(result.code, refused);
     EXPECT_THAT(result.output,
                 AllOf(HasSubstr("1 1\n"),
                       ContainsRegex("does not know poll of descriptor [0-9]+, called from")));
@@ -162,7 +162,7 @@ TEST_P(VirtualTime, RefusesASettingThatItCannotRead) {
     for (const char* setting : {"ZELFWSIM_TIME_SEED=x", "ZELFWSIM_TIME_LIMIT=0",
                                 "ZELFWSIM_TIME_STEP=5", "ZELFWSIM_TIME_EPOCH=-1"}) {
         const auto result = query("clocks", setting);
-        EXPECT_EQ(result.code, kRefused) << setting;
+        EXPECT_EQ(result.code, refused) << setting;
         EXPECT_THAT(result.output, HasSubstr(std::string("zelfwsim: ") + setting)) << setting;
     }
 }

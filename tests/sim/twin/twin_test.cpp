@@ -19,7 +19,7 @@ namespace {
 using zelfsim::Step;
 using zelfsim::Story;
 
-constexpr const char* kBus = R"(
+constexpr const char* one_bus = R"(
 [[device]]
 name = "printer"
 vendor = 0x7A01
@@ -120,7 +120,7 @@ class Twin : public testing::Test {
     }
 
     /// Why the twin's run is not the same; empty when it is.
-    std::string difference(const Fault& fault, const std::string& command = kUpdate) {
+    std::string difference(const Fault& fault, const std::string& command = update_arguments) {
         const std::string number = std::to_string(++cases_);
         const RunEnd first = run_on(bus_ + fault.text(), "a" + number, command);
         const std::string bus = zelfsim::twin_of(first.story, "trace");
@@ -147,9 +147,9 @@ class Twin : public testing::Test {
                    : fault.text() + text + bus.substr(std::min(bus.find("[[fault]]"), bus.size()));
     }
 
-    static constexpr const char* kUpdate = "-U -p " DEMO_FIRMWARE;
+    static constexpr const char* update_arguments = "-U -p " DEMO_FIRMWARE;
     const Workspace workspace_;
-    std::string bus_ = kBus;
+    std::string bus_ = one_bus;
     int cases_ = 0;
 };
 
@@ -238,7 +238,7 @@ INSTANTIATE_TEST_SUITE_P(
                     Place{"claim", 2, Group::claiming}, Place{"claim", 4, Group::claiming}));
 
 TEST_F(Twin, OfAGoodRunHasNoFaults) {
-    const RunEnd first = run_on(kBus, "good", kUpdate);
+    const RunEnd first = run_on(one_bus, "good", update_arguments);
     EXPECT_EQ(first.code, 0);
     EXPECT_THAT(zelfsim::twin_of(first.story, "trace"),
                 testing::Not(testing::HasSubstr("[[fault]]")));
@@ -258,7 +258,9 @@ TEST_F(Twin, OfSeveralDevicesOfOneProductFailsAtTheSameOne) {
     for (const char* device : {"one", "two", "three"}) {
         for (const char* action : {"stall", "reject", "no-answer", "unplug"}) {
             EXPECT_EQ(difference({device, "record", 17, action}), "") << device << " " << action;
-            EXPECT_EQ(difference({device, "record", 17, action}, std::string(kUpdate) + " -a"), "")
+            EXPECT_EQ(
+                difference({device, "record", 17, action}, std::string(update_arguments) + " -a"),
+                "")
                 << device << " " << action << " -a";
         }
         EXPECT_EQ(difference({device, "record", 17, "unplug", "replug_ms = 200\n"}), "") << device;
@@ -274,11 +276,11 @@ TEST_F(Twin, OfDevicesWithoutSerialNumbersFailsAtTheSameOne) {
 }
 
 TEST_F(Twin, IsOfTheRunThatIsAskedFor) {
-    workspace_.write("bus.toml", kBus + Fault{"printer", "record", 17, "stall"}.text());
+    workspace_.write("bus.toml", one_bus + Fault{"printer", "record", 17, "stall"}.text());
     const std::string at = "cd " + workspace_.path("") + " && ";
     const std::string updater =
         at + ZELFWSIM_TOOL " run --virtual --state state bus.toml -- " ZELFWUPDATE " ";
-    ::run(updater + kUpdate + " -l log -t trace");
+    ::run(updater + update_arguments + " -l log -t trace");
     EXPECT_EQ(::run(updater + "-L -l log -t trace").code, 0);
     const auto twin = [&](const std::string& options) {
         return ::run(at + ZELFWSIM_TOOL " from-trace trace " + options);
@@ -306,7 +308,7 @@ TEST_F(Twin, IsOfTheRunThatIsAskedFor) {
 TEST_F(Twin, OfARedactedTraceFailsInTheSameWay) {
     for (const char* action : {"stall", "reject", "no-answer", "unplug"}) {
         const std::string fault = Fault{"printer", "record", 17, action}.text();
-        const RunEnd first = run_on(kBus + fault, action, kUpdate);
+        const RunEnd first = run_on(one_bus + fault, action, update_arguments);
         const std::string copy = workspace_.path("copy");
         const Outcome redacted =
             ::run(ZELFWTRACE " redact " + workspace_.path(std::string(action) + "/trace") + " -o " +
@@ -314,16 +316,16 @@ TEST_F(Twin, OfARedactedTraceFailsInTheSameWay) {
         ASSERT_EQ(redacted.code, 0) << redacted.output;
         const std::string bus = zelfsim::twin_of(zelfsim::read_story(copy, -1), "copy");
         EXPECT_THAT(bus, testing::Not(testing::HasSubstr("PR40021")));
-        const RunEnd second = run_on(bus, std::string("twin-") + action, kUpdate);
+        const RunEnd second = run_on(bus, std::string("twin-") + action, update_arguments);
         EXPECT_EQ(second.code, first.code) << action;
         EXPECT_EQ(messages_of(second.story), messages_of(first.story)) << action;
     }
 }
 
 TEST_F(Twin, StepsOverADamagedPlaceAndNamesIt) {
-    const RunEnd first = run_on(kBus, "first", "-L");
+    const RunEnd first = run_on(one_bus, "first", "-L");
     const RunEnd second =
-        run_on(kBus + Fault{"printer", "record", 7, "stall"}.text(), "second", kUpdate);
+        run_on(one_bus + Fault{"printer", "record", 7, "stall"}.text(), "second", update_arguments);
     workspace_.write("trace", workspace_.read("first/trace") + std::string(40, 'x') +
                                   workspace_.read("second/trace"));
     const Outcome twin = ::run(ZELFWSIM_TOOL " from-trace " + workspace_.path("trace"));
@@ -334,8 +336,9 @@ TEST_F(Twin, StepsOverADamagedPlaceAndNamesIt) {
 
 TEST_F(Twin, SaysWhenItDiffers) {
     // The comparison itself: a twin that lost its faults is told from the run.
-    const RunEnd first = run_on(kBus + Fault{"printer", "record", 7, "stall"}.text(), "a", kUpdate);
-    const RunEnd second = run_on(kBus, "b", kUpdate);
+    const RunEnd first =
+        run_on(one_bus + Fault{"printer", "record", 7, "stall"}.text(), "a", update_arguments);
+    const RunEnd second = run_on(one_bus, "b", update_arguments);
     EXPECT_NE(first.code, second.code);
     EXPECT_NE(messages_of(first.story), messages_of(second.story));
 }

@@ -4,18 +4,18 @@
 
 namespace {
 
-thread_local bool is_watched = false;
+thread_local bool allocations_are_watched = false;
 thread_local int allocations = 0;
 
 }  // namespace
 
 AllocationCount::AllocationCount() {
     allocations = 0;
-    is_watched = true;
+    allocations_are_watched = true;
 }
 
 AllocationCount::~AllocationCount() {
-    is_watched = false;
+    allocations_are_watched = false;
 }
 
 int AllocationCount::count() const {
@@ -37,7 +37,7 @@ bool AllocationCount::is_possible() {
 namespace {
 
 void note() {
-    allocations += is_watched ? 1 : 0;
+    allocations += allocations_are_watched ? 1 : 0;
 }
 
 }  // namespace

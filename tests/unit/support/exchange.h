@@ -6,10 +6,10 @@
 
 #include <array>
 
-constexpr int slot = 3;
-
 class Exchange : public FlashTest {
   protected:
+    static constexpr int slot = 3;
+
     int send(Bytes command, int timeout = 100) {
         return flash->send_command(reinterpret_cast<char*>(command.data()),
                                    static_cast<int>(command.size()), slot, timeout);

@@ -16,6 +16,9 @@
 
 using Bytes = std::vector<unsigned char>;
 
+/// The vendor-defined page of the firmware interface.
+constexpr unsigned short flash_page = 0xFF45;
+
 /// Appends parts to one byte string.
 Bytes join(const std::vector<Bytes>& parts);
 

@@ -10,9 +10,15 @@
 
 #include <gtest/gtest.h>
 
+#include <cstdint>
 #include <memory>
 #include <string>
 #include <vector>
+
+/// One that the program has no list of its own for.
+constexpr uint16_t flash_product = 0x4123;
+/// On the exclusion list: such a device is listed without a command.
+constexpr uint16_t silent_product = 0x3C75;
 
 class HIDDEVICE2;
 

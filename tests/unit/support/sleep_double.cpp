@@ -7,7 +7,7 @@
 namespace {
 
 SleepDouble* current = nullptr;
-thread_local bool is_watched = false;
+thread_local bool sleeps_are_watched = false;
 long skipped_from = 0;
 std::vector<long> noted;
 
@@ -15,13 +15,13 @@ std::vector<long> noted;
 
 SleepDouble::SleepDouble(long shortest_skipped) {
     current = this;
-    is_watched = true;
+    sleeps_are_watched = true;
     skipped_from = shortest_skipped;
     noted.clear();
 }
 
 SleepDouble::~SleepDouble() {
-    is_watched = false;
+    sleeps_are_watched = false;
     current = nullptr;
 }
 
@@ -40,7 +40,7 @@ int __real_select(int, fd_set*, fd_set*, fd_set*, timeval*);
 
 int __wrap_select(int count, fd_set* readable, fd_set* writable, fd_set* exceptional,
                   timeval* timeout) {
-    if (!is_watched || count != 0 || timeout == nullptr) {
+    if (!sleeps_are_watched || count != 0 || timeout == nullptr) {
         return __real_select(count, readable, writable, exceptional, timeout);
     }
     const auto milliseconds = static_cast<long>(timeout->tv_sec * 1000 + timeout->tv_usec / 1000);

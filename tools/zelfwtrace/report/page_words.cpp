@@ -1,5 +1,6 @@
 #include "zelfwtrace/report/page_words.h"
 
+#include "common/time_text.h"
 #include "zelfwtrace/escape.h"
 
 #include <algorithm>
@@ -7,8 +8,8 @@
 
 namespace {
 
-constexpr double second = 1000;
-constexpr double minute = 60 * second;
+constexpr double second_length = zelf::milliseconds_of_a_second;
+constexpr double minute_length = 60 * second_length;
 
 /// U+202F.
 constexpr const char* narrow_space = "\xE2\x80\xAF";
@@ -32,15 +33,15 @@ std::string grouped(std::uint64_t number) {
 }
 
 std::string duration_words(double milliseconds) {
-    if (milliseconds < second) {
+    if (milliseconds < second_length) {
         return printed("%.0f ms", milliseconds);
     }
-    if (milliseconds < minute) {
-        return printed("%.2f s", milliseconds / second);
+    if (milliseconds < minute_length) {
+        return printed("%.2f s", milliseconds / second_length);
     }
-    const double minutes = std::floor(milliseconds / minute);
+    const double minutes = std::floor(milliseconds / minute_length);
     return printed("%.0f min %02.0f s", minutes,
-                   std::floor((milliseconds - minutes * minute) / second));
+                   std::floor((milliseconds - minutes * minute_length) / second_length));
 }
 
 std::string percent(double part, double whole) {

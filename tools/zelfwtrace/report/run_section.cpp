@@ -166,7 +166,7 @@ PageJson attempt_rows(const Run& run, const std::vector<Explanation>& explanatio
         const ImageProgress& image = attempt.image;
         row["bytes"] = image.records_sent > 0 ? grouped(image.next_offset) : "";
         const double pace = kilobytes_per_second(image);
-        row["rate"] = pace > 0 ? printed("%.1f kB/s", pace) : "";
+        row["rate"] = pace > 0 ? printed("%.1f b/s", pace) : "";
         if (explanations[i].cause != nullptr) {
             row["href"] = "#" + failure_anchor(anchor, i);
         }
