@@ -1,5 +1,7 @@
 #include "model/bus_file/bus_file_device.h"
 
+#include "model/device/descriptors.h"
+
 #include <algorithm>
 #include <array>
 #include <string_view>
@@ -16,7 +18,6 @@ constexpr std::int64_t smallest_report = 8;
 constexpr std::int64_t largest_report = 1024;
 constexpr std::uint16_t data_usage = 0xA003;
 constexpr std::uint16_t old_data_usage = 0x1603;
-constexpr std::uint8_t status_size = 8;
 
 constexpr std::array<std::string_view, 12> device_keys{
     "name",   "hub",          "port",         "address", "vendor",    "product",

@@ -1,5 +1,7 @@
 #include "model/device/flash_answers.h"
 
+#include "model/device/information_record.h"
+
 #include <algorithm>
 
 namespace zelfsim {
@@ -7,10 +9,6 @@ namespace zelfsim {
 namespace {
 
 constexpr std::uint8_t last_block = 0x01;
-constexpr std::uint8_t list_tag = 0xFF;
-constexpr std::uint8_t plain_list = 1;
-constexpr std::uint8_t extended_list = 2;
-constexpr std::uint8_t version_subtype = 1;
 
 std::uint8_t flags_of(const ComponentState& component) {
     return static_cast<std::uint8_t>(static_cast<unsigned>(component.current.type) * 2 +

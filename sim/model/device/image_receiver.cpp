@@ -1,6 +1,7 @@
 #include "model/device/image_receiver.h"
 
 #include "model/device/flash_command.h"
+#include "model/device/information_record.h"
 
 #include <string>
 
@@ -10,13 +11,6 @@ namespace {
 
 constexpr std::uint8_t information = 0x0F;     // a tag's high nibble
 constexpr std::uint8_t inline_version = 0x0F;  // a tag's low nibble
-constexpr std::uint8_t list_tag = 0xFF;
-
-constexpr unsigned component_ids = 0;
-constexpr unsigned version_list = 1;
-constexpr unsigned extended_list = 2;
-constexpr unsigned version_subtype = 1;
-constexpr unsigned version_with_build = 2;
 
 unsigned subtype(ByteView record) {
     return record[1] * 256U + record[2];
@@ -42,7 +36,7 @@ std::optional<std::uint8_t> ImageReceiver::named_component(ByteView record) {
         case component_ids:
         case extended_list:
             return record[record_head];
-        case version_list:
+        case plain_list:
             return static_cast<std::uint8_t>(record[record_head] & 0x0F);
         default:
             return std::nullopt;
@@ -107,7 +101,7 @@ void ImageReceiver::take_level(ByteView record) {
         }
         return;
     }
-    if (kind == version_list && payload.size() >= 4) {
+    if (kind == plain_list && payload.size() >= 4) {
         set_level(payload[2], payload[1]);
         level_->type =
             (payload[3] & 1) != 0 ? ComponentType::configuration : ComponentType::firmware;

@@ -1,5 +1,7 @@
 #include "program/peripheral.h"
 
+#include "support/wire.h"
+
 #include <algorithm>
 
 namespace {
@@ -14,12 +16,6 @@ constexpr std::uint16_t vendor = 0x7A01;
 enum Kind { good, with_report_ids, hub, raw_vendor, raw_configuration, raw_reports, raw_strings };
 constexpr unsigned int kinds = 7;
 
-const Bytes device_information_query{0x03, 0x00, 0x00, 0x00, 0x01};
-const Bytes level_query{0x02, 0x00, 0x00, 0x80};
-const Bytes reset{0x04, 0x00, 0x00, 0x40};
-const Bytes erase{0x04, 0x00, 0x01, 0x00};
-const Bytes component_list_query{0x06, 0x00, 0x20, 0x00, 0xFF, 0xFF, 0x00, 0x01};
-const Bytes extended_list_query{0x06, 0x00, 0x20, 0x00, 0xFF, 0xFF, 0x00, 0x02};
 constexpr std::uint8_t read_all_operation = 0x21;
 constexpr std::uint8_t image_data_operation = 0x02;
 constexpr int blocks_of_a_component = 2;
@@ -43,12 +39,12 @@ FakeSetting raw_setting(FuzzInput& input) {
 }  // namespace
 
 unsigned int kind_of(const Bytes& command) {
-    const Bytes* const whole[] = {&erase,
-                                  &reset,
-                                  &level_query,
-                                  &device_information_query,
-                                  &extended_list_query,
-                                  &component_list_query};
+    const Bytes* const whole[] = {&wire::erase,
+                                  &wire::reset,
+                                  &wire::ec_level_query,
+                                  &wire::device_information_query,
+                                  &wire::extended_list_query,
+                                  &wire::component_list_query};
     const auto* const found = std::find_if(std::begin(whole), std::end(whole),
                                            [&command](const Bytes* b) { return *b == command; });
     if (found != std::end(whole)) {
@@ -106,13 +102,13 @@ void Peripheral::describe_raw_configuration(FuzzInput& input) {
 }
 
 Bytes Peripheral::report_on(const Bytes& command) const {
-    if (command == reset) {
+    if (command == wire::reset) {
         return {};
     }
-    if (command == device_information_query) {
+    if (command == wire::device_information_query) {
         return {0x09, 0x01, 0x02, 0x03, features_, 0x00, 0x00, 0x00};
     }
-    if (command == level_query) {
+    if (command == wire::ec_level_query) {
         return {0x05, 0x01, 0x01, 0x00, 0x01, 0x00, 0x00, 0x00};
     }
     return {0x01, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00, 0x00};
@@ -121,7 +117,7 @@ Bytes Peripheral::report_on(const Bytes& command) const {
 void Peripheral::take(const Bytes& command) {
     last_command_ = command;
     blocks_read_ = 0;
-    is_erased = is_erased || command == erase;
+    is_erased = is_erased || command == wire::erase;
 }
 
 Bytes Peripheral::next_block() {
@@ -132,10 +128,10 @@ Bytes Peripheral::next_block() {
 }
 
 Bytes Peripheral::data() {
-    if (last_command_ == component_list_query) {
+    if (last_command_ == wire::component_list_query) {
         return {0x01, 0x00, 0x08, 0x00, 0x00, 0x00, 0x00, 0x01, 0x01, 0x02, 0x01, 0x01, 0x01, 0x04};
     }
-    if (last_command_ == extended_list_query) {
+    if (last_command_ == wire::extended_list_query) {
         return {0x01, 0x00, 0x0A, 0x00, 0x00, 0x00, 0x00, 0x01,
                 0x01, 0x02, 0x01, 0x01, 0x01, 0x01, 0x05, 0x02};
     }

@@ -4,6 +4,7 @@
 #pragma once
 
 #include "support/fake_usb.h"
+#include "support/wire.h"
 
 #include <condition_variable>
 #include <deque>
@@ -13,19 +14,6 @@
 #include <mutex>
 #include <string>
 #include <vector>
-
-/// The command messages as they go over the wire.
-namespace wire {
-inline const Bytes status_request{0x04, 0x00, 0x00, 0x20};
-inline const Bytes reset{0x04, 0x00, 0x00, 0x40};
-inline const Bytes stop{0x02, 0x00, 0x00, 0x80};
-inline const Bytes ec_level_query = stop;
-inline const Bytes device_information_query{0x03, 0x00, 0x00, 0x00, 0x01};
-inline const Bytes erase{0x04, 0x00, 0x01, 0x00};
-inline const Bytes component_list_query{0x06, 0x00, 0x20, 0x00, 0xFF, 0xFF, 0x00, 0x01};
-inline const Bytes extended_list_query{0x06, 0x00, 0x20, 0x00, 0xFF, 0xFF, 0x00, 0x02};
-inline const Bytes component_1_version_query{0x06, 0x00, 0x20, 0x00, 0x02, 0xF1, 0x00, 0x01};
-}  // namespace wire
 
 /// An answer to a feature request: a libusb error, or data.
 struct FeatureAnswer {
