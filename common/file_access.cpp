@@ -4,11 +4,11 @@
 #include <sys/stat.h>
 #include <unistd.h>
 
+#include <array>
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
 #include <fstream>
-#include <iterator>
 #include <utility>
 
 namespace zelf {
@@ -144,7 +144,12 @@ void create_directories(const std::string& path) {
 
 Bytes read_bytes_of(const std::string& file) {
     std::ifstream stream(file, std::ios::binary);
-    return {std::istreambuf_iterator<char>(stream), std::istreambuf_iterator<char>()};
+    Bytes bytes;
+    std::array<char, 65536> part{};
+    while (stream.read(part.data(), part.size()) || stream.gcount() > 0) {
+        bytes.insert(bytes.end(), part.begin(), part.begin() + stream.gcount());
+    }
+    return bytes;
 }
 
 }  // namespace zelf

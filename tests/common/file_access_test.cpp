@@ -70,3 +70,17 @@ TEST_P(ReplaceFile, RefusesADirectoryThatIsNotThere) {
 }
 
 INSTANTIATE_TEST_SUITE_P(Both, ReplaceFile, testing::Values(zelf::Durable::no, zelf::Durable::yes));
+
+TEST(ReadBytes, AreThoseOfTheWholeFileWhateverItsSize) {
+    const TemporaryDirectory directory;
+    const std::string file = directory.path("file");
+    for (const std::size_t size : {0U, 1U, 65535U, 65536U, 65537U, 200000U}) {
+        std::string text(size, '\0');
+        for (std::size_t i = 0; i < size; ++i) {
+            text[i] = static_cast<char>(i % 251);
+        }
+        zelf::replace_file(file, text);
+        EXPECT_EQ(text_of(file), text) << size;
+    }
+    EXPECT_EQ(text_of(directory.path("missing")), "");
+}
