@@ -137,12 +137,10 @@ ZELF_VISIBLE int open64(const char* path, int flags, ...) {
 }
 
 // The names are the C library's, for calls compiled with its bounds checks.
-// NOLINTNEXTLINE(bugprone-reserved-identifier)
 ZELF_VISIBLE int __open_2(const char* path, int flags) {
     return open_any(path, flags, 0);
 }
 
-// NOLINTNEXTLINE(bugprone-reserved-identifier)
 ZELF_VISIBLE int __open64_2(const char* path, int flags) {
     return open_any(path, flags | O_LARGEFILE, 0);
 }
@@ -164,7 +162,6 @@ ZELF_VISIBLE int ioctl(int descriptor, unsigned long request, ...) {
 }
 
 // What a 32-bit program with 64-bit times calls.
-// NOLINTNEXTLINE(bugprone-reserved-identifier)
 ZELF_VISIBLE int __ioctl_time64(int descriptor, unsigned long request, ...) {
     va_list arguments;
     va_start(arguments, request);

@@ -137,7 +137,7 @@ ZELF_EXPORTED clock_t clock() noexcept {
     return static_cast<clock_t>(moment.tv_sec * CLOCKS_PER_SEC + moment.tv_nsec / microsecond);
 }
 
-// NOLINTBEGIN(bugprone-reserved-identifier): the names are the C library's
+// The names are the C library's.
 #if defined(__i386__)
 ZELF_EXPORTED int __clock_gettime64(clockid_t clock, Timespec64* moment) {
     return get_clock("clock_gettime", clock, moment, ZELF_CALLER);
@@ -161,6 +161,5 @@ ZELF_EXPORTED int __timespec_get64(Timespec64* moment, int base) {
                : 0;
 }
 #endif
-// NOLINTEND(bugprone-reserved-identifier)
 
 }  // extern "C"

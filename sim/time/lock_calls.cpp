@@ -163,7 +163,7 @@ ZELF_EXPORTED int pthread_cond_broadcast(pthread_cond_t* condition) noexcept {
     return 0;
 }
 
-// NOLINTBEGIN(bugprone-reserved-identifier): the names are the C library's
+// The names are the C library's.
 #if defined(__i386__)
 ZELF_EXPORTED int __pthread_mutex_timedlock64(pthread_mutex_t* mutex, const Timespec64* time) {
     return lock_until("pthread_mutex_timedlock", mutex, CLOCK_REALTIME, time, ZELF_CALLER);
@@ -185,6 +185,5 @@ ZELF_EXPORTED int __pthread_cond_clockwait64(pthread_cond_t* condition, pthread_
     return wait_until("pthread_cond_clockwait", condition, mutex, clock, time, ZELF_CALLER);
 }
 #endif
-// NOLINTEND(bugprone-reserved-identifier)
 
 }  // extern "C"

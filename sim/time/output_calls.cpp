@@ -70,7 +70,6 @@ ZELF_EXPORTED int fprintf(FILE* stream, const char* format, ...) {
 }
 
 // The name is the C library's, for calls compiled with its bounds checks.
-// NOLINTNEXTLINE(bugprone-reserved-identifier)
 ZELF_EXPORTED int __fprintf_chk(FILE* stream, int flag, const char* format, ...) {
     static const auto real = next<int (*)(FILE*, int, const char*, va_list)>("__vfprintf_chk");
     const Call call("fprintf", stream, ZELF_CALLER);

@@ -194,7 +194,7 @@ ZELF_EXPORTED int sched_yield() noexcept {
     return 0;
 }
 
-// NOLINTBEGIN(bugprone-reserved-identifier): the names are the C library's
+// The names are the C library's.
 ZELF_EXPORTED int __poll_chk(pollfd* descriptors, nfds_t count, int milliseconds,
                              std::size_t /*size*/) {
     return poll_descriptors(descriptors, count, milliseconds, ZELF_CALLER);
@@ -214,6 +214,5 @@ ZELF_EXPORTED int __select64(int count, fd_set* in, fd_set* out, fd_set* other, 
     return select_values("select", count, in, out, other, time, ZELF_CALLER);
 }
 #endif
-// NOLINTEND(bugprone-reserved-identifier)
 
 }  // extern "C"

@@ -211,7 +211,7 @@ ZELF_EXPORTED int pthread_kill(pthread_t handle, int signal) noexcept {
     return signal == 0 ? 0 : call.scheduler().send(*thread, signal);
 }
 
-// NOLINTBEGIN(bugprone-reserved-identifier): the names are the C library's
+// The names are the C library's.
 #if defined(__i386__)
 ZELF_EXPORTED int __pthread_timedjoin_np64(pthread_t handle, void** result,
                                            const Timespec64* time) {
@@ -223,6 +223,5 @@ ZELF_EXPORTED int __pthread_clockjoin_np64(pthread_t handle, void** result, cloc
     return join_until("pthread_clockjoin_np", handle, result, clock, time, ZELF_CALLER);
 }
 #endif
-// NOLINTEND(bugprone-reserved-identifier)
 
 }  // extern "C"

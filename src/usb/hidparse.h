@@ -8,14 +8,14 @@
 #include <memory>
 
 /// One usage with its page.
-struct _UsageAndPage {  // NOLINT(bugprone-reserved-identifier)
+struct _UsageAndPage {
     uint16_t Usage;
     uint16_t UsagePage;
 };
 using UsageAndPage = _UsageAndPage;
 
 /// A usage that produced a report.
-struct _ReportUsage {  // NOLINT(bugprone-reserved-identifier)
+struct _ReportUsage {
     UsageAndPage u;
     uint8_t ReportID;
     uint16_t Type;  ///< tag of the main item: 8, 9 or 11
@@ -58,7 +58,7 @@ struct HidReport {
 };
 
 /// A collection node; the parser makes none.
-struct _LinkCollection {  // NOLINT(bugprone-reserved-identifier)
+struct _LinkCollection {
     uint16_t LinkUsage;
     uint16_t LinkUsagePage;
     uint16_t Parent;

@@ -43,7 +43,7 @@ struct hub_port_info {
     usb_hub_portinfo portinfo;
 };
 
-struct _hub_info {  // NOLINT(bugprone-reserved-identifier)
+struct _hub_info {
     int hub_number;
     char hub_name[256];
 };

@@ -4,7 +4,6 @@
 #include <cstddef>
 #include <cstdlib>
 
-// NOLINTNEXTLINE(bugprone-reserved-identifier): the C library's own name
 extern "C" void* __libc_malloc(std::size_t size);
 
 namespace {

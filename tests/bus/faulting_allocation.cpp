@@ -7,10 +7,9 @@
 #include <cstdint>
 #include <cstdlib>
 
-// NOLINTBEGIN(bugprone-reserved-identifier): the C library's own names
+// The C library's own names.
 extern "C" void* __libc_malloc(std::size_t size);
 extern "C" void __libc_free(void* memory);
-// NOLINTEND(bugprone-reserved-identifier)
 
 namespace {
 

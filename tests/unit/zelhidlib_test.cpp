@@ -29,7 +29,7 @@ int libraries_closed = 0;
 // in place of the test's, so names are looked up in one folder only.
 extern "C" {
 
-// NOLINTBEGIN(bugprone-reserved-identifier): the names that the linker's --wrap gives
+// The names that the linker's --wrap gives.
 int __real_lt_dlinit();
 lt_dlhandle __real_lt_dlopen(const char* name);
 void* __real_lt_dlsym(lt_dlhandle library, const char* name);
@@ -54,7 +54,6 @@ int __wrap_lt_dlclose(lt_dlhandle library) {
     ++libraries_closed;
     return __real_lt_dlclose(library);
 }
-// NOLINTEND(bugprone-reserved-identifier)
 }
 
 namespace {

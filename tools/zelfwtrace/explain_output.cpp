@@ -9,7 +9,7 @@
 
 namespace {
 
-using Json = nlohmann::ordered_json;
+using OrderedJson = nlohmann::ordered_json;
 
 constexpr int exit_explained = 3;
 constexpr std::size_t line_width = 92;
@@ -84,19 +84,19 @@ void print_run(const Run& run, std::size_t number, zelf::TimeZone zone, std::siz
     }
 }
 
-Json json_of(const StoryLine& line) {
+OrderedJson json_of(const StoryLine& line) {
     return {{"offset", line.offset}, {"clock_ms", line.clock}, {"text", line.text}};
 }
 
-Json json_of(const std::vector<StoryLine>& lines) {
-    Json all = Json::array();
+OrderedJson json_of(const std::vector<StoryLine>& lines) {
+    OrderedJson all = OrderedJson::array();
     for (const StoryLine& line : lines) {
         all.push_back(json_of(line));
     }
     return all;
 }
 
-void add_explanation(Json& json, const Explanation& explanation) {
+void add_explanation(OrderedJson& json, const Explanation& explanation) {
     json["outcome"] = outcome_name(explanation.outcome);
     if (explanation.cause == nullptr) {
         return;
@@ -111,8 +111,9 @@ void add_explanation(Json& json, const Explanation& explanation) {
     json["consequences"] = json_of(explanation.consequences);
 }
 
-Json json_of(const ImageProgress& image) {
-    Json json = {{"records_sent", image.records_sent}, {"records_taken", image.records_taken}};
+OrderedJson json_of(const ImageProgress& image) {
+    OrderedJson json = {{"records_sent", image.records_sent},
+                        {"records_taken", image.records_taken}};
     if (image.records) {
         json["records"] = *image.records;
     }
@@ -124,8 +125,9 @@ Json json_of(const ImageProgress& image) {
     return json;
 }
 
-Json json_of(const Attempt& attempt, const Explanation& explanation) {
-    Json json = {{"kind", kind_name(attempt.kind)}, {"device", printed("%04x", attempt.product)}};
+OrderedJson json_of(const Attempt& attempt, const Explanation& explanation) {
+    OrderedJson json = {{"kind", kind_name(attempt.kind)},
+                        {"device", printed("%04x", attempt.product)}};
     if (attempt.component) {
         json["component"] = *attempt.component;
     }
@@ -146,22 +148,22 @@ Json json_of(const Attempt& attempt, const Explanation& explanation) {
     if (attempt.last) {
         json["last_message"] = json_of(attempt.last->sent);
         json["last_message_lost"] = attempt.last->is_lost;
-        json["last_answer"] = attempt.last->answer ? json_of(*attempt.last->answer) : Json();
+        json["last_answer"] = attempt.last->answer ? json_of(*attempt.last->answer) : OrderedJson();
     }
     add_explanation(json, explanation);
     json["remarks"] = json_of(attempt.remarks);
     return json;
 }
 
-Json json_of(const Run& run, std::size_t& explained) {
-    Json json = {{"process", run.process},
-                 {"time", zelf::iso_time_text(run.time)},
-                 {"duration_ms", run.length},
-                 {"command_line", run.command}};
+OrderedJson json_of(const Run& run, std::size_t& explained) {
+    OrderedJson json = {{"process", run.process},
+                        {"time", zelf::iso_time_text(run.time)},
+                        {"duration_ms", run.length},
+                        {"command_line", run.command}};
     add_explanation(json, explain_run(run));
     explained += json.contains("cause") ? 1 : 0;
     json["not_due"] = json_of(run.not_due);
-    json["devices"] = Json::array();
+    json["devices"] = OrderedJson::array();
     for (std::size_t i = 0; i < run.attempts.size(); ++i) {
         json["devices"].push_back(json_of(run.attempts[i], explain_attempt(run, i)));
         explained += json["devices"].back().contains("cause") ? 1 : 0;
@@ -183,7 +185,7 @@ class ExplainOutput : public TraceOutput {
             if (is_json_) {
                 // What a device sent need not be UTF-8.
                 puts(json_of(run, explained_)
-                         .dump(-1, ' ', false, Json::error_handler_t::replace)
+                         .dump(-1, ' ', false, OrderedJson::error_handler_t::replace)
                          .c_str());
             } else {
                 fputs(number == first_run_ ? "" : "\n", stdout);

@@ -23,7 +23,7 @@ constexpr std::uint64_t microseconds_of_a_millisecond = 1000;
 
 /// Low byte first, as the byte-order magic of the section says.
 template <typename Number>
-std::string number(Number value) {
+std::string little_endian(Number value) {
     std::string bytes;
     for (std::size_t i = 0; i < sizeof(value); ++i) {
         bytes += static_cast<char>(static_cast<std::uint64_t>(value) >> (8 * i) & 0xFF);
@@ -39,7 +39,7 @@ std::string padded(std::string_view bytes) {
 
 std::string block(std::uint32_t type, const std::string& body) {
     const auto length = static_cast<std::uint32_t>(body.size() + frame_of_a_block);
-    return number(type) + number(length) + body + number(length);
+    return little_endian(type) + little_endian(length) + body + little_endian(length);
 }
 
 /// As much of `text` as an option holds, without the first bytes of a character alone at the end.
@@ -55,17 +55,18 @@ std::string_view fitting(std::string_view text) {
 }
 
 std::string option(std::uint16_t code, std::string_view value) {
-    return number(code) + number(static_cast<std::uint16_t>(value.size())) + padded(value);
+    return little_endian(code) + little_endian(static_cast<std::uint16_t>(value.size())) +
+           padded(value);
 }
 
 }  // namespace
 
 std::string pcapng_beginning(std::uint16_t link_type) {
     constexpr std::uint16_t reserved = 0;
-    return block(section_header, number(byte_order_magic) + number(major_version) +
-                                     number(minor_version) + number(unknown_length)) +
-           block(interface_description,
-                 number(link_type) + number(reserved) + number(no_snapshot_limit));
+    return block(section_header, little_endian(byte_order_magic) + little_endian(major_version) +
+                                     little_endian(minor_version) + little_endian(unknown_length)) +
+           block(interface_description, little_endian(link_type) + little_endian(reserved) +
+                                            little_endian(no_snapshot_limit));
 }
 
 std::string pcapng_packet(std::int64_t time, std::string_view packet,
@@ -73,9 +74,10 @@ std::string pcapng_packet(std::int64_t time, std::string_view packet,
     constexpr std::uint32_t only_interface = 0;
     const std::uint64_t stamp = static_cast<std::uint64_t>(time) * microseconds_of_a_millisecond;
     const auto length = static_cast<std::uint32_t>(packet.size());
-    std::string body = number(only_interface) + number(static_cast<std::uint32_t>(stamp >> 32)) +
-                       number(static_cast<std::uint32_t>(stamp)) + number(length) + number(length) +
-                       padded(packet);
+    std::string body = little_endian(only_interface) +
+                       little_endian(static_cast<std::uint32_t>(stamp >> 32)) +
+                       little_endian(static_cast<std::uint32_t>(stamp)) + little_endian(length) +
+                       little_endian(length) + padded(packet);
     for (const std::string& comment : comments) {
         body += option(comment_option, fitting(comment));
     }

@@ -15,7 +15,7 @@
 namespace {
 
 /// More updaters than write to one file at a time.
-constexpr std::size_t most_images = 64;
+constexpr std::size_t most_watched_images = 64;
 constexpr std::size_t usual_width = 80;
 
 std::size_t terminal_width() {
@@ -106,7 +106,7 @@ class ProgressOutput : public TraceOutput {
         if (meaning.record == 1U) {
             images_.erase(entry.process);
         }
-        if (images_.size() >= most_images && !images_.contains(entry.process)) {
+        if (images_.size() >= most_watched_images && !images_.contains(entry.process)) {
             images_.erase(images_.begin());
         }
         images_[entry.process].take_record(entry, meaning);

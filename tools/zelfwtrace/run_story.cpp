@@ -19,7 +19,7 @@ constexpr std::size_t last_lines_kept = 8;
 constexpr std::size_t most_runs = 100000;
 /// The transfer layer waits five seconds; a data answer that fails after that has timed out.
 constexpr double transfer_time_out = 4900;
-constexpr int hexadecimal = 16;
+constexpr int hexadecimal_digits = 16;
 constexpr int decimal = 10;
 
 using Words = std::match_results<std::string::const_iterator>;
@@ -45,7 +45,7 @@ int number(const std::string& digits, int base = decimal) {
 }
 
 unsigned int product_of(const std::string& digits) {
-    return static_cast<unsigned int>(number(digits, hexadecimal));
+    return static_cast<unsigned int>(number(digits, hexadecimal_digits));
 }
 
 /// The text without the line's ends and blanks around it.

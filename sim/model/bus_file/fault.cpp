@@ -11,12 +11,12 @@ namespace zelfsim {
 namespace {
 
 // Groups of actions that an event can take; bits.
-constexpr unsigned transfer = 1;
-constexpr unsigned answer = 2;  // a reading transfer's content
-constexpr unsigned status = 4;
-constexpr unsigned data = 8;
-constexpr unsigned open = 16;
-constexpr unsigned claim = 32;
+constexpr unsigned at_transfer = 1;
+constexpr unsigned at_answer = 2;  // a reading transfer's content
+constexpr unsigned at_status = 4;
+constexpr unsigned at_data = 8;
+constexpr unsigned at_open = 16;
+constexpr unsigned at_claim = 32;
 
 struct EventName {
     FaultEvent event;
@@ -25,30 +25,31 @@ struct EventName {
 };
 
 constexpr std::array event_words{
-    EventName{FaultEvent::control, "control", transfer},
-    EventName{FaultEvent::get_descriptor, "get-descriptor", transfer | answer},
-    EventName{FaultEvent::string, "string", transfer | answer},
-    EventName{FaultEvent::report_descriptor, "report-descriptor", transfer | answer},
-    EventName{FaultEvent::set_report, "set-report", transfer},
-    EventName{FaultEvent::get_feature, "get-feature", transfer | answer},
-    EventName{FaultEvent::record_read, "record-read", transfer | answer},
-    EventName{FaultEvent::interrupt, "interrupt", transfer | answer},
-    EventName{FaultEvent::command, "command", transfer | status},
-    EventName{FaultEvent::status_request, "status-request", transfer | status},
-    EventName{FaultEvent::reset, "reset", transfer | status},
-    EventName{FaultEvent::stop, "stop", transfer | status},
-    EventName{FaultEvent::ec_level, "ec-level", transfer | status},
-    EventName{FaultEvent::device_info, "device-info", transfer | status},
-    EventName{FaultEvent::erase, "erase", transfer | status},
-    EventName{FaultEvent::record, "record", transfer | status},
-    EventName{FaultEvent::checksum, "checksum", transfer | status},
-    EventName{FaultEvent::component_version, "component-version", transfer | status | data},
-    EventName{FaultEvent::component_list, "component-list", transfer | status | data},
-    EventName{FaultEvent::extended_list, "extended-list", transfer | status | data},
-    EventName{FaultEvent::read_records, "read-records", transfer | status | data},
-    EventName{FaultEvent::open, "open", open},
-    EventName{FaultEvent::claim, "claim", claim},
-    EventName{FaultEvent::detach, "detach", open},
+    EventName{FaultEvent::control, "control", at_transfer},
+    EventName{FaultEvent::get_descriptor, "get-descriptor", at_transfer | at_answer},
+    EventName{FaultEvent::string, "string", at_transfer | at_answer},
+    EventName{FaultEvent::report_descriptor, "report-descriptor", at_transfer | at_answer},
+    EventName{FaultEvent::set_report, "set-report", at_transfer},
+    EventName{FaultEvent::get_feature, "get-feature", at_transfer | at_answer},
+    EventName{FaultEvent::record_read, "record-read", at_transfer | at_answer},
+    EventName{FaultEvent::interrupt, "interrupt", at_transfer | at_answer},
+    EventName{FaultEvent::command, "command", at_transfer | at_status},
+    EventName{FaultEvent::status_request, "status-request", at_transfer | at_status},
+    EventName{FaultEvent::reset, "reset", at_transfer | at_status},
+    EventName{FaultEvent::stop, "stop", at_transfer | at_status},
+    EventName{FaultEvent::ec_level, "ec-level", at_transfer | at_status},
+    EventName{FaultEvent::device_info, "device-info", at_transfer | at_status},
+    EventName{FaultEvent::erase, "erase", at_transfer | at_status},
+    EventName{FaultEvent::record, "record", at_transfer | at_status},
+    EventName{FaultEvent::checksum, "checksum", at_transfer | at_status},
+    EventName{FaultEvent::component_version, "component-version",
+              at_transfer | at_status | at_data},
+    EventName{FaultEvent::component_list, "component-list", at_transfer | at_status | at_data},
+    EventName{FaultEvent::extended_list, "extended-list", at_transfer | at_status | at_data},
+    EventName{FaultEvent::read_records, "read-records", at_transfer | at_status | at_data},
+    EventName{FaultEvent::open, "open", at_open},
+    EventName{FaultEvent::claim, "claim", at_claim},
+    EventName{FaultEvent::detach, "detach", at_open},
 };
 
 struct ActionName {
@@ -58,24 +59,24 @@ struct ActionName {
 };
 
 constexpr std::array actions{
-    ActionName{FaultAction::unplug, "unplug", transfer | open | claim},
-    ActionName{FaultAction::stall, "stall", transfer},
-    ActionName{FaultAction::timeout, "timeout", transfer},
-    ActionName{FaultAction::io_error, "io-error", transfer},
-    ActionName{FaultAction::overflow, "overflow", transfer},
-    ActionName{FaultAction::short_packet, "short", transfer},
-    ActionName{FaultAction::empty, "empty", transfer},
-    ActionName{FaultAction::crash, "crash", transfer | open | claim},
-    ActionName{FaultAction::reject, "reject", status},
-    ActionName{FaultAction::operation_error, "operation-error", status},
-    ActionName{FaultAction::answer, "answer", status | answer},
-    ActionName{FaultAction::late, "late", status},
-    ActionName{FaultAction::no_answer, "no-answer", status},
-    ActionName{FaultAction::unasked, "unasked", status},
-    ActionName{FaultAction::data, "data", data},
-    ActionName{FaultAction::refuse, "refuse", open},
-    ActionName{FaultAction::busy, "busy", claim},
-    ActionName{FaultAction::signal, "signal", transfer | open | claim},
+    ActionName{FaultAction::unplug, "unplug", at_transfer | at_open | at_claim},
+    ActionName{FaultAction::stall, "stall", at_transfer},
+    ActionName{FaultAction::timeout, "timeout", at_transfer},
+    ActionName{FaultAction::io_error, "io-error", at_transfer},
+    ActionName{FaultAction::overflow, "overflow", at_transfer},
+    ActionName{FaultAction::short_packet, "short", at_transfer},
+    ActionName{FaultAction::empty, "empty", at_transfer},
+    ActionName{FaultAction::crash, "crash", at_transfer | at_open | at_claim},
+    ActionName{FaultAction::reject, "reject", at_status},
+    ActionName{FaultAction::operation_error, "operation-error", at_status},
+    ActionName{FaultAction::answer, "answer", at_status | at_answer},
+    ActionName{FaultAction::late, "late", at_status},
+    ActionName{FaultAction::no_answer, "no-answer", at_status},
+    ActionName{FaultAction::unasked, "unasked", at_status},
+    ActionName{FaultAction::data, "data", at_data},
+    ActionName{FaultAction::refuse, "refuse", at_open},
+    ActionName{FaultAction::busy, "busy", at_claim},
+    ActionName{FaultAction::signal, "signal", at_transfer | at_open | at_claim},
 };
 
 constexpr std::array<std::pair<std::string_view, int>, 9> known_signals{{
@@ -177,7 +178,7 @@ bool fits(FaultEvent event, FaultAction action) {
 }
 
 bool hits_transfer(FaultAction action) {
-    return (row(action).groups & transfer) != 0;
+    return (row(action).groups & at_transfer) != 0;
 }
 
 FaultSet::FaultSet(std::vector<FaultRule> rules, std::set<std::string>& fired) : fired_(fired) {

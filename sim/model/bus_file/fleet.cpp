@@ -30,7 +30,7 @@ constexpr std::array<Model, 4> models{{
     {"keyboard", 0x7A01, 0x3C02, "none", 8, 1},
 }};
 
-constexpr std::array<const char*, 3> types{"firmware", "configuration", "font"};
+constexpr std::array<const char*, 3> fleet_types{"firmware", "configuration", "font"};
 
 void write_hubs(std::ostream& out, unsigned count) {
     for (unsigned first = 0; first < count; first += devices_per_bus) {
@@ -61,7 +61,7 @@ void write_device(std::ostream& out, unsigned number) {
         << "\n\n";
     for (unsigned component = 0; component < model.components; ++component) {
         out << "[[device.interface.component]]\nid = " << component << "\nlevel = \"01.0"
-            << number % 4 << "\"\ntype = \"" << types[component] << "\"\n\n";
+            << number % 4 << "\"\ntype = \"" << fleet_types[component] << "\"\n\n";
     }
 }
 

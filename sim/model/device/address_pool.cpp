@@ -15,7 +15,7 @@ namespace {
 constexpr std::uint8_t first = 2;
 constexpr std::uint8_t last = 127;
 
-constexpr std::array<std::string_view, 1> keys{"bus"};
+constexpr std::array<std::string_view, 1> pool_keys{"bus"};
 constexpr std::array<std::string_view, 2> bus_keys{"number", "next_address"};
 
 std::uint8_t after(std::uint8_t address) {
@@ -30,7 +30,7 @@ AddressPool::AddressPool(std::string file) : file_(std::move(file)) {
     }
     const toml::table parsed = zelf::parse_toml_file(file_);
     const zelf::TomlTable table(file_, parsed);
-    table.know_only({keys});
+    table.know_only({pool_keys});
     for (const zelf::TomlTable& bus : table.tables("bus")) {
         bus.know_only({bus_keys});
         const auto number = static_cast<std::uint8_t>(bus.required_integer("number", 1, 255));

@@ -27,7 +27,7 @@ constexpr std::array<std::uint8_t, 5> version_query{0x06, 0x00, 0x20, 0x00, 0x02
 constexpr std::array<std::uint8_t, 5> read_records{0x06, 0x00, 0x21, 0x00, 0xFF};
 constexpr std::size_t query_length = 8;
 
-constexpr std::size_t head = 5;  // count, operation, record length
+constexpr std::size_t message_head = 5;  // count, operation, record length
 constexpr std::size_t checksum_length = 7;
 
 template <std::size_t size>
@@ -67,13 +67,13 @@ bool parse_query(ByteView message, FlashCommand& command) {
 }
 
 bool parse_image_data(ByteView message, FlashCommand& command) {
-    if (message.size() < head || message[2] != 0x02 || message[3] != 0x00) {
+    if (message.size() < message_head || message[2] != 0x02 || message[3] != 0x00) {
         return false;
     }
     const std::size_t count = message[0] + message[1] * 256U;
     const std::size_t payload = message[4];
     if (payload == 0) {
-        if (count != head || message.size() < checksum_length) {
+        if (count != message_head || message.size() < checksum_length) {
             return false;
         }
         command.kind = CommandKind::checksum;
@@ -81,11 +81,11 @@ bool parse_image_data(ByteView message, FlashCommand& command) {
         return true;
     }
     const std::size_t length = payload + record_head;
-    if (count != length + record_head || message.size() < head + length) {
+    if (count != length + record_head || message.size() < message_head + length) {
         return false;
     }
     command.kind = CommandKind::record;
-    command.record = message.subspan(head, length);
+    command.record = message.subspan(message_head, length);
     return true;
 }
 

@@ -12,7 +12,7 @@ namespace zelfsim {
 namespace {
 
 constexpr std::int64_t format = 1;
-constexpr std::size_t longest_word = 16;
+constexpr std::size_t longest_stored_word = 16;
 constexpr std::int64_t most_events = 2000000000;
 
 constexpr std::array<std::pair<FlashPhase, const char*>, 4> phases{{
@@ -22,7 +22,7 @@ constexpr std::array<std::pair<FlashPhase, const char*>, 4> phases{{
     {FlashPhase::complete, "complete"},
 }};
 
-constexpr std::array<std::pair<ComponentType, const char*>, 4> types{{
+constexpr std::array<std::pair<ComponentType, const char*>, 4> type_words{{
     {ComponentType::unspecified, "unspecified"},
     {ComponentType::firmware, "firmware"},
     {ComponentType::configuration, "configuration"},
@@ -47,17 +47,17 @@ std::int64_t away_milliseconds(const DeviceState& state) {
         .count();
 }
 
-constexpr std::array<std::string_view, 13> keys{
+constexpr std::array<std::string_view, 13> state_keys{
     "format", "address", "away_until_ms",  "bcd",      "flash", "previous_level", "previous_build",
     "resets", "updates", "failed_updates", "detached", "fired", "component"};
-constexpr std::array<std::string_view, 11> component_keys{
+constexpr std::array<std::string_view, 11> stored_keys{
     "id",      "level",         "build",         "type",         "control",        "broken",
     "pending", "pending_level", "pending_build", "pending_type", "pending_control"};
 
 Version read_version(const zelf::TomlTable& table, const std::string& level_key,
                      const std::string& build_key) {
     Version version;
-    if (!parse_level(table.required_text(level_key, longest_word), version)) {
+    if (!parse_level(table.required_text(level_key, longest_stored_word), version)) {
         table.fail(level_key, "not a level");
     }
     version.build = static_cast<std::uint8_t>(table.required_integer(build_key, 0, 0xFF));
@@ -67,19 +67,19 @@ Version read_version(const zelf::TomlTable& table, const std::string& level_key,
 ComponentLevel read_level(const zelf::TomlTable& table, const std::string& prefix) {
     ComponentLevel level;
     level.version = read_version(table, prefix + "level", prefix + "build");
-    const std::string type = table.required_text(prefix + "type", longest_word);
-    const auto found = std::find_if(types.begin(), types.end(),
+    const std::string type = table.required_text(prefix + "type", longest_stored_word);
+    const auto found = std::find_if(type_words.begin(), type_words.end(),
                                     [&](const auto& entry) { return type == entry.second; });
-    if (found == types.end()) {
+    if (found == type_words.end()) {
         table.fail(prefix + "type", "not a component type");
     }
     level.type = found->first;
-    level.random = table.required_text(prefix + "control", longest_word) == "random";
+    level.random = table.required_text(prefix + "control", longest_stored_word) == "random";
     return level;
 }
 
 void read_component(const zelf::TomlTable& table, DeviceState& state) {
-    table.know_only({component_keys});
+    table.know_only({stored_keys});
     ComponentState read;
     read.id = static_cast<std::uint8_t>(table.required_integer("id", 0, 14));
     read.current = read_level(table, "");
@@ -93,7 +93,7 @@ void read_component(const zelf::TomlTable& table, DeviceState& state) {
 }
 
 FlashPhase read_phase(const zelf::TomlTable& table) {
-    const std::string name = table.required_text("flash", longest_word);
+    const std::string name = table.required_text("flash", longest_stored_word);
     const auto found = std::find_if(phases.begin(), phases.end(),
                                     [&](const auto& entry) { return name == entry.second; });
     if (found == phases.end()) {
@@ -140,7 +140,7 @@ const char* phase_name(FlashPhase phase) {
 }
 
 const char* type_name(ComponentType type) {
-    return types.at(static_cast<std::size_t>(type)).second;
+    return type_words.at(static_cast<std::size_t>(type)).second;
 }
 
 std::string write_state(const DeviceState& state) {
@@ -181,7 +181,7 @@ void read_state(const std::string& file, DeviceState& state) {
     constexpr std::int64_t latest = 1000000000000000;
     const toml::table parsed = zelf::parse_toml_file(file);
     const zelf::TomlTable table(file, parsed);
-    table.know_only({keys});
+    table.know_only({state_keys});
     table.required_integer("format", format, format);
     state.address = static_cast<std::uint8_t>(table.required_integer("address", 1, 127));
     const std::int64_t away = table.integer("away_until_ms", -1, latest).value_or(0);

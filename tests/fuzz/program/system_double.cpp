@@ -25,7 +25,7 @@ int hub_node = -1;
 }  // namespace
 
 extern "C" {
-// NOLINTBEGIN(bugprone-reserved-identifier,cert-dcl50-cpp): the names that --wrap gives
+// NOLINTBEGIN(cert-dcl50-cpp): the names that --wrap gives
 int __real_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
 int __real_pthread_detach(pthread_t);
 int __real_open64(const char* name, int flags, ...);
@@ -98,5 +98,5 @@ int __wrap__Z11LoadHidDllsv() {
 
 // install_fault_report: a fault is the fuzzer's to report.
 void __wrap__Z20install_fault_reportv() {}
-// NOLINTEND(bugprone-reserved-identifier,cert-dcl50-cpp)
+// NOLINTEND(cert-dcl50-cpp)
 }

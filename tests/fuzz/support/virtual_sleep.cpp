@@ -5,7 +5,7 @@
 void (*on_sleep)(long milliseconds) = nullptr;
 
 extern "C" {
-// NOLINTBEGIN(bugprone-reserved-identifier): the names that the linker's --wrap gives
+// The names that the linker's --wrap gives.
 int __real_select(int, fd_set*, fd_set*, fd_set*, timeval*);
 
 int __wrap_select(int count, fd_set* readable, fd_set* writable, fd_set* exceptional,
@@ -18,5 +18,4 @@ int __wrap_select(int count, fd_set* readable, fd_set* writable, fd_set* excepti
     }
     return 0;
 }
-// NOLINTEND(bugprone-reserved-identifier)
 }

@@ -44,11 +44,10 @@ void note() {
 
 extern "C" {
 
-// NOLINTBEGIN(bugprone-reserved-identifier): the C library's own names
+// The C library's own names.
 void* __libc_malloc(std::size_t size);
 void* __libc_calloc(std::size_t count, std::size_t size);
 void* __libc_realloc(void* memory, std::size_t size);
-// NOLINTEND(bugprone-reserved-identifier)
 
 void* malloc(std::size_t size) {
     note();

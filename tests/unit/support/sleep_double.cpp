@@ -35,7 +35,7 @@ int SleepDouble::count(long milliseconds) const {
 
 extern "C" {
 
-// NOLINTBEGIN(bugprone-reserved-identifier): the names that the linker's --wrap gives
+// The names that the linker's --wrap gives.
 int __real_select(int, fd_set*, fd_set*, fd_set*, timeval*);
 
 int __wrap_select(int count, fd_set* readable, fd_set* writable, fd_set* exceptional,
@@ -53,5 +53,4 @@ int __wrap_select(int count, fd_set* readable, fd_set* writable, fd_set* excepti
     }
     return rc;
 }
-// NOLINTEND(bugprone-reserved-identifier)
 }

@@ -85,7 +85,7 @@ int ThreadDouble::unreclaimed() const {
 
 extern "C" {
 
-// NOLINTBEGIN(bugprone-reserved-identifier): the names that the linker's --wrap gives
+// The names that the linker's --wrap gives.
 int __real_pthread_create(pthread_t*, const pthread_attr_t*, void* (*)(void*), void*);
 int __real_pthread_detach(pthread_t);
 int __real_pthread_timedjoin_np(pthread_t, void**, const timespec*);
@@ -122,5 +122,4 @@ int __wrap_pthread_timedjoin_np(pthread_t thread, void** value, const timespec* 
     threads_unreclaimed -= rc == 0 ? 1 : 0;
     return rc;
 }
-// NOLINTEND(bugprone-reserved-identifier)
 }

@@ -38,10 +38,10 @@ bool is_usbfs(const char* name) {
 
 // The linker leads every call of open64 and ioctl here, and ours to the system's.
 extern "C" {
-int __real_open64(const char* name, int flags, ...);          // NOLINT(*-reserved-identifier)
-int __real_ioctl(int fd, unsigned long request, void* data);  // NOLINT(*-reserved-identifier)
+int __real_open64(const char* name, int flags, ...);
+int __real_ioctl(int fd, unsigned long request, void* data);
 
-// NOLINTNEXTLINE(*-reserved-identifier,cert-dcl50-cpp)
+// NOLINTNEXTLINE(cert-dcl50-cpp)
 int __wrap_open64(const char* name, int flags, ...) {
     if (!is_usbfs(name)) {
         va_list arguments;
@@ -59,7 +59,6 @@ int __wrap_open64(const char* name, int flags, ...) {
     return fd;
 }
 
-// NOLINTNEXTLINE(*-reserved-identifier)
 int __wrap_ioctl(int fd, unsigned long request, void* data) {
     const auto node = nodes.find(fd);
     if (node == nodes.end()) {

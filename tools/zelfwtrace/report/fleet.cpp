@@ -16,7 +16,7 @@ namespace {
 using Json = nlohmann::json;
 
 constexpr std::size_t most_tills = 10'000;
-constexpr std::size_t most_levels = 1000;
+constexpr std::size_t most_levels_of_a_till = 1000;
 constexpr std::size_t most_causes = 8;
 /// Digits and points of a level with its build: "01.02.03".
 constexpr std::size_t whole_level = 8;
@@ -126,7 +126,7 @@ void add_levels(const ComponentStories& stories, FleetTill& till) {
         return !story.second.outcome.empty();
     });
     for (const auto& [key, story] : stories) {
-        if (has_updates == story.outcome.empty() || till.levels.size() >= most_levels) {
+        if (has_updates == story.outcome.empty() || till.levels.size() >= most_levels_of_a_till) {
             continue;
         }
         const auto& [device, component, serial] = key;
