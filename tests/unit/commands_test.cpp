@@ -39,9 +39,12 @@ class Commands : public FlashTest {
         snprintf(serial_no_list[NumberOfSerialNoListEntries++].serial_number,
                  sizeof serial_no_list[0].serial_number, "%s", text);
     }
-    /// The rows that are selected.
+    /// The rows that are selected. What stands behind them is no row.
     std::vector<int> select() {
+        auto& behind = flash->fe[flash->numberOfFlashEntries].flashStatus;
+        behind = FLASHSUCCESS;
         flash->determine_select_devices();
+        EXPECT_EQ(behind, FLASHSUCCESS);
         std::vector<int> rows;
         for (int row = 0; row < flash->numberOfFlashEntries; ++row) {
             if (flash->fe[row].flashStatus == NOFLASHATTEMPT) {

@@ -182,6 +182,14 @@ TEST_F(Exchange, ACommandWithoutTimeOutIsNotWaitedFor) {
     EXPECT_EQ(debugged("send_command: write_flash returned - rc=0, last_status=00"), 1);
 }
 
+TEST_F(Exchange, ACommandWithTheShortestTimeOutIsWaitedFor) {
+    FlashPeripheral& device = bus.add(0x4123);
+    open_directly(device, slot);
+    device.other_answer = {};
+    device.report_failure(LIBUSB_ERROR_OVERFLOW);
+    EXPECT_EQ(send(wire::erase, 1), 7);
+}
+
 TEST_F(Exchange, TellsOfACompletedCommand) {
     FlashPeripheral& device = bus.add(0x4123);
     open_directly(device, slot);
