@@ -88,6 +88,10 @@ class Flashing : public Update {
         check_for_update_only = 0;
         command_timeout = erase_timeout = checksum_timeout = 3000;
     }
+    /// The messages of a file's one record, and of its checksum.
+    static inline const Bytes record_message{0x07, 0x00, 0x02, 0x00, 0x01, 0x10, 0x00, 0x00, 0x01};
+    static inline const Bytes checksum_message{0x05, 0x00, 0x02, 0x00, 0x00, 0xAB, 0xCD};
+
     flashEntry& attach(FlashPeripheral& device, int level = 0x0102) {
         return add_row(device, level);
     }
@@ -97,7 +101,3 @@ class Flashing : public Update {
                                    flash->CurrentIndex++);
     }
 };
-
-/// The messages of a file's one record, and of its checksum.
-inline const Bytes record_message{0x07, 0x00, 0x02, 0x00, 0x01, 0x10, 0x00, 0x00, 0x01};
-inline const Bytes checksum_message{0x05, 0x00, 0x02, 0x00, 0x00, 0xAB, 0xCD};
