@@ -31,6 +31,28 @@ class FileActions {
     posix_spawn_file_actions_t actions_{};
 };
 
+/// The signals of the cases end the program as they do on a terminal, also under nohup.
+class SpawnAttributes {
+  public:
+    SpawnAttributes() {
+        sigset_t signals;
+        sigemptyset(&signals);
+        for (const int number : {SIGHUP, SIGINT, SIGTERM}) {
+            sigaddset(&signals, number);
+        }
+        posix_spawnattr_init(&attributes_);
+        posix_spawnattr_setsigdefault(&attributes_, &signals);
+        posix_spawnattr_setflags(&attributes_, POSIX_SPAWN_SETSIGDEF);
+    }
+    ~SpawnAttributes() { posix_spawnattr_destroy(&attributes_); }
+    SpawnAttributes(const SpawnAttributes&) = delete;
+    SpawnAttributes& operator=(const SpawnAttributes&) = delete;
+    const posix_spawnattr_t* get() const { return &attributes_; }
+
+  private:
+    posix_spawnattr_t attributes_{};
+};
+
 std::vector<char*> pointers_to(const std::vector<std::string>& texts) {
     std::vector<char*> pointers;
     pointers.reserve(texts.size());
@@ -54,7 +76,7 @@ pid_t spawn(const ChildSettings& settings) {
     }
     environment.push_back(nullptr);
     pid_t pid = -1;
-    if (posix_spawn(&pid, arguments[0], actions.get(), nullptr, arguments.data(),
+    if (posix_spawn(&pid, arguments[0], actions.get(), SpawnAttributes().get(), arguments.data(),
                     environment.data()) != 0) {
         throw std::runtime_error("could not start " + settings.command[0]);
     }
