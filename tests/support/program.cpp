@@ -83,9 +83,17 @@ int enter_private_tmp(const char* directory) {
     return errno == EPERM ? no_right_to_mount : no_private_tmp;
 }
 
+/// What asks a run to end does so as on a terminal, also when the tests run under nohup.
+void hear_end_requests() {
+    for (const int number : {SIGHUP, SIGINT, SIGQUIT, SIGTERM}) {
+        static_cast<void>(signal(number, SIG_DFL));
+    }
+}
+
 /// Becomes the program, or gives what failed.
 int become_program(const ProgramSettings& settings, char** arguments, char** environment) {
     prctl(PR_SET_PDEATHSIG, SIGKILL);
+    hear_end_requests();
     if (!redirect_streams(settings)) {
         return no_streams;
     }

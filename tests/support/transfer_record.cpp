@@ -41,7 +41,10 @@ Transfer parse(const std::string& line) {
 TransferRecord::TransferRecord(const std::filesystem::path& path) {
     std::ifstream file(path);
     for (std::string line; std::getline(file, line);) {
-        transfers_.push_back(parse(line));
+        // A line without its end is still being written: a line over two pages comes in two steps.
+        if (!file.eof()) {
+            transfers_.push_back(parse(line));
+        }
     }
 }
 

@@ -27,7 +27,7 @@ class TransferRecord {
   public:
     TransferRecord() = default;
     explicit TransferRecord(std::vector<Transfer> transfers) : transfers_(std::move(transfers)) {}
-    /// Throws when a line has not the seven fields.
+    /// The whole lines, also of a run under way. Throws when one has not the seven fields.
     explicit TransferRecord(const std::filesystem::path& path);
 
     std::vector<Transfer> all() const { return transfers_; }
