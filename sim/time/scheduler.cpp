@@ -1,6 +1,7 @@
 #include "time/scheduler.h"
 
 #include "time/busy_watch.h"
+#include "time/exported.h"
 #include "time/kernel_call.h"
 #include "time/verdict.h"
 
@@ -62,6 +63,12 @@ Scheduler& Scheduler::instance() {
     alignas(Scheduler) static unsigned char memory[sizeof(Scheduler)];
     static Scheduler* const scheduler = new (memory) Scheduler;
     return *scheduler;
+}
+
+void Scheduler::begin_again() {
+    Scheduler* const scheduler = &instance();
+    scheduler->~Scheduler();
+    new (scheduler) Scheduler;
 }
 
 Scheduler::Scheduler() : settings_(Settings::from_environment()), chance_(settings_.seed) {
@@ -421,3 +428,8 @@ Call::~Call() {
 }
 
 }  // namespace zelfsim::virtual_time
+
+/// For who forks the program instead of starting it, and finds this by its name.
+extern "C" ZELF_EXPORTED void zelfwsim_time_begin_again() {
+    zelfsim::virtual_time::Scheduler::begin_again();
+}

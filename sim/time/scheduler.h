@@ -57,6 +57,9 @@ class Scheduler {
     /// Never destroyed: threads wait here until the process is gone.
     static Scheduler& instance();
 
+    /// In a process that was just forked: as if it had been started by itself.
+    static void begin_again();
+
     /// The calling thread; null for one that virtual time does not know.
     static Thread* self();
 
@@ -92,6 +95,7 @@ class Scheduler {
 
   private:
     Scheduler();
+    ~Scheduler() = default;
 
     void make_ready(Thread& thread, Wake wake);
     void hold_up(Thread& thread);

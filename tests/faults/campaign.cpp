@@ -2,6 +2,7 @@
 
 #include "strike.h"
 #include "support/bus_text.h"
+#include "warm_child.h"
 
 #include <algorithm>
 #include <atomic>
@@ -114,6 +115,13 @@ std::optional<Schedule> Campaign::schedule_of(const Case& one) const {
     return settings_.virtual_time ? std::optional(one.schedule) : std::nullopt;
 }
 
+// A violation that is repeated is one of a process that was started as every other.
+Workplace::Starter Campaign::starter() const {
+    return settings_.virtual_time && settings_.repeat.empty() && !settings_.start_each
+               ? run_warm_child
+               : run_child;
+}
+
 bool Campaign::measure_sound_runs() {
     std::mutex mutex;
     bool is_sound = true;
@@ -122,7 +130,7 @@ bool Campaign::measure_sound_runs() {
     }
     in_parallel(std::size(campaign_commands) * 2, 8, [&](std::size_t i) {
         const std::string command = campaign_commands[i / 2];
-        Workplace place(settings_.program, schedule_of({}));
+        Workplace place(settings_.program, schedule_of({}), run_child);
         constexpr milliseconds longest{120000};
         SoundRun& sound = sound_[command][i % 2];
         sound.run = place.run(command, false, "", i % 2 == 1, longest);
@@ -232,7 +240,7 @@ Case Campaign::complete(Case one) const {
     const Draw draw = one.draw;
     one.draw = Draw::none;
     std::mt19937 random(one.draw_seed);
-    Workplace place(settings_.program, schedule_of(one));
+    Workplace place(settings_.program, schedule_of(one), starter());
     const milliseconds longest = bound_of(one) + until_hang;
     const Injection& first = one.injection;
     const Run run =
@@ -282,7 +290,7 @@ Case Campaign::shrink(const Case& one) const {
 }
 
 Campaign::Outcome Campaign::run_case(const Case& one) const {
-    Workplace place(settings_.program, schedule_of(one));
+    Workplace place(settings_.program, schedule_of(one), starter());
     Outcome outcome;
     if (one.is_kill()) {
         outcome = run_kill(one, place);
@@ -307,8 +315,8 @@ Campaign::Outcome Campaign::run_case(const Case& one) const {
 
 milliseconds Campaign::bound_of(const Case& one) const {
     const milliseconds sound = longest_sound_run(sound_, one.injection.command);
-    // Where threads are held up a run takes longer: by how often they wait, not by how long, and even
-    // a short command by one of the long hold-ups.
+    // Where threads are held up a run takes longer: by how often they wait, not by how long, and
+    // even a short command by one of the long hold-ups.
     const milliseconds held_up =
         one.schedule.seed != 0 ? longest_sound_run(sound_, "update") : milliseconds(0);
     return sound + wait_of(one.injection) + grace + held_up;
@@ -320,7 +328,7 @@ Campaign::Outcome Campaign::run_injection(const Case& one, Workplace& place) con
     Outcome outcome;
     const Run run = place.run(injection.command, injection.goes_on, injection.fault(),
                               injection.has_debug_log(), bound + until_hang);
-    ++outcome.runs;
+    outcome.count(run);
     outcome.violations = judge(run, place, injection, sound_, outcome.has_struck);
     const bool is_over = !run.end.killed && run.end.duration > bound;
     recover(place, outcome);
@@ -336,7 +344,7 @@ Campaign::Outcome Campaign::run_kill(const Case& one, Workplace& place) const {
     Outcome outcome;
     const Run run = place.run("update", one.injection.goes_on, "", false,
                               milliseconds(std::max(one.kill_after, 1)));
-    ++outcome.runs;
+    outcome.count(run);
     outcome.has_struck = run.end.killed;
     outcome.violations = judge_killed(place);
     recover(place, outcome);
@@ -348,7 +356,7 @@ Campaign::Outcome Campaign::run_signalled(const Case& one, Workplace& place) con
     Outcome outcome;
     const Run run = place.run(injection.command, injection.goes_on, injection.fault(),
                               injection.has_debug_log(), bound_of(one) + until_hang);
-    ++outcome.runs;
+    outcome.count(run);
     if (injection.kind->belongs_to == Family::kills) {
         outcome.has_struck = run.end.signal == SIGKILL;
         outcome.violations = judge_killed(place);
@@ -365,7 +373,7 @@ Campaign::Outcome Campaign::run_pair(const Case& one, Workplace& place) const {
     const Injection& first = one.injection;
     const milliseconds bound = bound_of(one) + wait_of(*one.second);
     const auto judge_run = [&](const Run& run) {
-        ++outcome.runs;
+        outcome.count(run);
         outcome.strikes += run.record.of_kind(first.device, "fault").size();
         append(outcome.violations, judge_pair(run, place, first, *one.second,
                                               settings_.virtual_time && one.schedule.seed == 0));
@@ -390,7 +398,7 @@ Campaign::Outcome Campaign::run_with_set_clock(const Case& one, Workplace& place
     Outcome outcome;
     const milliseconds bound = 2 * longest_sound_run(sound_, "update") + grace;
     const Run run = place.run("update", false, "", one.schedule.seed % 2 == 1, bound + until_hang);
-    ++outcome.runs;
+    outcome.count(run);
     outcome.violations = judge_sound(run, place, "update");
     if (run.end.duration > bound) {
         outcome.violations.push_back("took " + std::to_string(run.end.duration.count()) + " ms");
@@ -408,12 +416,12 @@ void Campaign::recover(Workplace& place, Outcome& outcome) const {
         }
     };
     const Run plain = place.run("update", false, "", false, longest);
-    ++outcome.runs;
+    outcome.count(plain);
     take_violations("recovery: ", judge_recovery(plain, place, prospect));
     if (prospect.needs_force) {
         place.pass(return_time);
         const Run forced = place.run("force", false, "", false, longest);
-        ++outcome.runs;
+        outcome.count(forced);
         take_violations("recovery by force: ", judge_ending(forced));
         take_violations("recovery by force: ", judge_restored(place));
     }
@@ -422,6 +430,7 @@ void Campaign::recover(Workplace& place, Outcome& outcome) const {
 void Campaign::take(const Case& one, const Outcome& outcome, bool is_last_chance) {
     Tally& tally = tallies_[one.family()];
     tally.runs += outcome.runs;
+    duration_ += outcome.duration;
     // In virtual time it would be as late again.
     if (outcome.is_late && !is_last_chance && !settings_.virtual_time) {
         late_cases_.push_back(one);
@@ -467,6 +476,8 @@ void Campaign::print_summary() const {
     }
     std::printf("%-20s %10d %6d %6d %10d\n", "all", sum.injections, sum.runs, sum.missed,
                 sum.violations);
+    std::printf("%.3f seconds in the time of the runs themselves\n",
+                static_cast<double>(duration_.count()) / 1000);
     if (late_count_ > 0) {
         std::printf("%d runs took longer than their bound among the others: repeated among few\n",
                     late_count_);

@@ -6,6 +6,7 @@
 #include "cases.h"
 #include "verdict.h"
 
+#include <chrono>
 #include <cstddef>
 #include <cstdint>
 #include <map>
@@ -28,6 +29,7 @@ struct CampaignSettings {
     std::uint32_t schedules = 1;  ///< of each case, in virtual time
     bool shrink = false;          ///< take from a violation what it does not need
     bool until_found = false;     ///< end with the first violation
+    bool start_each = false;      ///< no forks of a program that is loaded already
 };
 
 /// A row of the summary.
@@ -63,9 +65,15 @@ class Campaign {
     struct Outcome {
         Violations violations;
         int runs = 0;
+        std::chrono::milliseconds duration{};
         std::size_t strikes = 0;  ///< of two faults
         bool has_struck = true;
         bool is_late = false;  ///< took longer than its bound, and no more was wrong
+
+        void count(const Run& run) {
+            ++runs;
+            duration += run.end.duration;
+        }
     };
 
     bool measure_sound_runs();
@@ -84,6 +92,7 @@ class Campaign {
     Case shrink(const Case& one) const;
     Outcome try_case(const Case& one) const;
     std::optional<Schedule> schedule_of(const Case& one) const;
+    Workplace::Starter starter() const;
     void recover(Workplace& place, Outcome& outcome) const;
     std::chrono::milliseconds bound_of(const Case& one) const;
     void take(const Case& one, const Outcome& outcome, bool is_last_chance);
@@ -96,4 +105,5 @@ class Campaign {
     std::map<std::string, Strikes> strikes_;  ///< by target
     std::vector<Case> late_cases_;
     int late_count_ = 0;
+    std::chrono::milliseconds duration_{};
 };

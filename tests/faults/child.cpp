@@ -25,6 +25,9 @@ class FileActions {
         constexpr mode_t mode = 0644;
         posix_spawn_file_actions_addopen(&actions_, descriptor, name, flags, mode);
     }
+    void hand_over(int descriptor, int number) {
+        posix_spawn_file_actions_adddup2(&actions_, descriptor, number);
+    }
     const posix_spawn_file_actions_t* get() const { return &actions_; }
 
   private:
@@ -62,12 +65,36 @@ std::vector<char*> pointers_to(const std::vector<std::string>& texts) {
     return pointers;
 }
 
-pid_t spawn(const ChildSettings& settings) {
+/// Waits until the process has ended; false when it has not in time.
+bool wait_for_end(pid_t pid, std::chrono::milliseconds longest) {
+    const int descriptor = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
+    if (descriptor < 0) {
+        throw std::runtime_error("this kernel cannot wait for a process with a time-out");
+    }
+    pollfd end = {descriptor, POLLIN, 0};
+    const int ready = poll(&end, 1, static_cast<int>(longest.count()));
+    close(descriptor);
+    return ready == 1;
+}
+
+}  // namespace
+
+ChildEnd end_of(int wait_status) {
+    ChildEnd end;
+    end.exit_code = WIFEXITED(wait_status) ? WEXITSTATUS(wait_status) : -1;
+    end.signal = WIFSIGNALED(wait_status) ? WTERMSIG(wait_status) : 0;
+    return end;
+}
+
+pid_t start_child(const ChildSettings& settings) {
     FileActions actions;
     constexpr int fresh = O_WRONLY | O_CREAT | O_TRUNC | O_APPEND;
     actions.open(STDIN_FILENO, "/dev/null", O_RDONLY);
     actions.open(STDOUT_FILENO, settings.output_file.c_str(), fresh);
     actions.open(STDERR_FILENO, settings.error_file.c_str(), fresh);
+    if (settings.descriptor) {
+        actions.hand_over(settings.descriptor->first, settings.descriptor->second);
+    }
     std::vector<char*> arguments = pointers_to(settings.command);
     arguments.push_back(nullptr);
     std::vector<char*> environment = pointers_to(settings.environment);
@@ -83,32 +110,17 @@ pid_t spawn(const ChildSettings& settings) {
     return pid;
 }
 
-/// Waits until the process has ended; false when it has not in time.
-bool wait_for_end(pid_t pid, std::chrono::milliseconds longest) {
-    const int descriptor = static_cast<int>(syscall(SYS_pidfd_open, pid, 0));
-    if (descriptor < 0) {
-        throw std::runtime_error("this kernel cannot wait for a process with a time-out");
-    }
-    pollfd end = {descriptor, POLLIN, 0};
-    const int ready = poll(&end, 1, static_cast<int>(longest.count()));
-    close(descriptor);
-    return ready == 1;
-}
-
-}  // namespace
-
 ChildEnd run_child(const ChildSettings& settings) {
     const Clock::time_point begin = Clock::now();
-    const pid_t pid = spawn(settings);
-    ChildEnd end;
-    if (!wait_for_end(pid, settings.longest)) {
-        end.killed = true;
+    const pid_t pid = start_child(settings);
+    const bool in_time = wait_for_end(pid, settings.longest);
+    if (!in_time) {
         kill(pid, SIGKILL);
     }
     int status = 0;
     waitpid(pid, &status, 0);
+    ChildEnd end = end_of(status);
+    end.killed = !in_time;
     end.duration = std::chrono::duration_cast<std::chrono::milliseconds>(Clock::now() - begin);
-    end.exit_code = WIFEXITED(status) ? WEXITSTATUS(status) : -1;
-    end.signal = WIFSIGNALED(status) ? WTERMSIG(status) : 0;
     return end;
 }

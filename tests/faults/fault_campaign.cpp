@@ -36,6 +36,7 @@ constexpr char usage[] =
     "takes\n"
     "  --shrink      take from a case with a violation what it does not need for one\n"
     "  --until-found end with the first violation\n"
+    "  --start-each  start each run by itself, not as a fork of a program that is loaded already\n"
     "  --aim-past N  at the transfer N behind the one that an injection names, to see what is "
     "said\n"
     "                when faults do not strike\n"
@@ -50,7 +51,8 @@ const std::map<std::string, Family> families = {
 const std::map<std::string, bool CampaignSettings::*> flags = {
     {"--virtual", &CampaignSettings::virtual_time},
     {"--shrink", &CampaignSettings::shrink},
-    {"--until-found", &CampaignSettings::until_found}};
+    {"--until-found", &CampaignSettings::until_found},
+    {"--start-each", &CampaignSettings::start_each}};
 
 /// Takes the arguments, each with a value, into the settings; false when one is wrong.
 bool parse(int argc, char** argv, CampaignSettings& settings) {

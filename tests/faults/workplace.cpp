@@ -70,8 +70,8 @@ std::string device_of(int product) {
     return "";
 }
 
-Workplace::Workplace(std::string program, std::optional<Schedule> schedule)
-    : program_(std::move(program)), schedule_(std::move(schedule)) {
+Workplace::Workplace(std::string program, std::optional<Schedule> schedule, Starter starter)
+    : program_(std::move(program)), schedule_(std::move(schedule)), starter_(starter) {
     std::filesystem::create_directory(directory_.path("firmware"));
     for (const Target& target : targets()) {
         const std::string name = std::string("firmware/") + target.file_name;
@@ -143,7 +143,7 @@ Run Workplace::run(const std::string& command, bool goes_on, const std::string& 
     settings.command.insert(settings.command.end(), options.begin(), options.end());
     Run run;
     const auto begin = read_virtual_clock(path("state"));
-    run.end = run_child(settings);
+    run.end = starter_(settings);
     if (schedule_) {
         run.end.duration = read_virtual_clock(path("state")) - begin;
     }

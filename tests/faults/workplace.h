@@ -47,9 +47,11 @@ struct Run {
 
 class Workplace {
   public:
+    using Starter = ChildEnd (*)(const ChildSettings& settings);
+
     /// With no state yet, all firmware files, and the marker.
     /// Without a schedule the runs are in real time.
-    explicit Workplace(std::string program, std::optional<Schedule> schedule = std::nullopt);
+    Workplace(std::string program, std::optional<Schedule> schedule, Starter starter);
 
     /// `command` is "update", "list", "reset", "read" or "force"; `fault` is text for the bus file.
     Run run(const std::string& command, bool goes_on, const std::string& fault, bool with_debug_log,
@@ -80,6 +82,7 @@ class Workplace {
 
     std::string program_;
     std::optional<Schedule> schedule_;
+    Starter starter_;
     TemporaryDirectory directory_;
     int runs_ = 0;
 };
