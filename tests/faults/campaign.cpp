@@ -15,6 +15,7 @@
 #include <numeric>
 #include <random>
 #include <thread>
+#include <utility>
 
 namespace {
 
@@ -163,6 +164,9 @@ std::vector<Case> Campaign::cases_in_rounds() const {
         const std::size_t before = cases.size();
         for (Case& one : cases_of_family(source)) {
             one.schedule.seed = round == 0 ? 0 : first + round - 1;
+            if (one.schedule.seed != 0 && one.injection.belongs_to(Family::late)) {
+                one.draw = Draw::moment;
+            }
             if (one.text().find(settings_.only) != std::string::npos) {
                 cases.push_back(std::move(one));
             }
@@ -232,13 +236,34 @@ void Campaign::run_all(const std::vector<Case>& cases, unsigned int jobs, bool i
     });
 }
 
-/// A second fault among the transfers that follow the first one.
 Case Campaign::complete(Case one) const {
-    if (one.draw == Draw::none) {
-        return one;
+    switch (const Draw draw = std::exchange(one.draw, Draw::none)) {
+        case Draw::none:
+            return one;
+        case Draw::moment:
+            return with_moment(std::move(one));
+        default:
+            return with_second_fault(std::move(one), draw);
     }
-    const Draw draw = one.draw;
-    one.draw = Draw::none;
+}
+
+/// The answer comes just behind the next command of a run in which it does not come.
+Case Campaign::with_moment(Case one) const {
+    constexpr int never = 60000;
+    Injection& late = one.injection;
+    Injection unanswered = late;
+    unanswered.milliseconds = never;
+    Workplace place(settings_.program, schedule_of(one), starter());
+    const Run run = place.run(late.command, late.goes_on, unanswered.fault(), late.has_debug_log(),
+                              bound_of(one) + until_hang);
+    if (const auto gap = gap_behind_fault(run.record, late.device)) {
+        late.milliseconds = *gap + static_cast<int>(one.schedule.seed % 2);
+    }
+    return one;
+}
+
+/// A second fault among the transfers that follow the first one.
+Case Campaign::with_second_fault(Case one, Draw draw) const {
     std::mt19937 random(one.draw_seed);
     Workplace place(settings_.program, schedule_of(one), starter());
     const milliseconds longest = bound_of(one) + until_hang;

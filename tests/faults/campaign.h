@@ -82,6 +82,8 @@ class Campaign {
     std::vector<Case> slice_of(std::vector<Case> cases) const;
     /// Draws what a case leaves open.
     Case complete(Case one) const;
+    Case with_moment(Case one) const;
+    Case with_second_fault(Case one, Draw draw) const;
     void run_all(const std::vector<Case>& cases, unsigned int jobs, bool is_last_chance);
     Outcome run_case(const Case& one) const;
     Outcome run_injection(const Case& one, Workplace& place) const;

@@ -14,11 +14,12 @@
 
 inline constexpr const char* campaign_commands[] = {"update", "list", "reset", "read"};
 
-/// A second fault that is drawn when a run with the first has shown which transfers follow it.
+/// What is drawn when a run with the first fault has shown what follows it.
 enum class Draw {
     none,
-    any_fault,  ///< of the same device, in this run or in the next one
-    refusal,    ///< of a message of the same image
+    any_fault,  ///< a second fault of the same device, in this run or in the next one
+    refusal,    ///< a second fault, of a message of the same image
+    moment,     ///< of a late answer, where held-up threads send the next command later
 };
 
 /// Its text names it: "update/printer/control/12/stall", "kill/300", "clock/-3@250", two faults

@@ -1,6 +1,7 @@
 #include "strike.h"
 
 #include <algorithm>
+#include <cmath>
 
 namespace {
 
@@ -71,6 +72,25 @@ Strike find_strike(const TransferRecord& record, const Injection& injection) {
     strike.meets_next = injection.belongs_to(Family::late) && strike.has_struck &&
                         met_next_command(lines, strike.at, injection.device);
     return strike;
+}
+
+std::optional<int> gap_behind_fault(const TransferRecord& record, const std::string& device) {
+    bool has_struck = false;
+    std::optional<double> sent;
+    for (const Transfer& line : record.all()) {
+        if (line.device != device) {
+            continue;
+        }
+        has_struck |= line.kind == "fault";
+        if (!has_struck || line.kind != "control" || !line.setup.starts_with(command_setup)) {
+            continue;
+        }
+        if (sent) {
+            return static_cast<int>(std::ceil(line.time - *sent));
+        }
+        sent = line.time;
+    }
+    return std::nullopt;
 }
 
 bool carries(const Transfer& transfer, const Target& target) {

@@ -6,6 +6,8 @@
 #include "workplace.h"
 
 #include <cstddef>
+#include <optional>
+#include <string>
 
 /// Which opening of the device a moment of an update belongs to. Each pass enumerates the devices,
 /// opens each for its information, and then for its update.
@@ -26,6 +28,10 @@ struct Strike {
 /// An unasked report strikes when it is read, an answer that meets the next command only when that
 /// has been sent before it came.
 Strike find_strike(const TransferRecord& record, const Injection& injection);
+
+/// From the command whose answer stayed away to the device's next one, in whole milliseconds,
+/// rounded up; none when there is none.
+std::optional<int> gap_behind_fault(const TransferRecord& record, const std::string& device);
 
 /// Whether the line is a message to the device that carries a part of the target's image.
 bool carries(const Transfer& transfer, const Target& target);
