@@ -1,11 +1,11 @@
 #include "common/time_text.h"
 
+#include "common/pattern.h"
 #include "common/printed.h"
 
 #include <chrono>
 #include <ctime>
 #include <limits>
-#include <regex>
 
 namespace zelf {
 
@@ -110,30 +110,30 @@ std::int64_t milliseconds_now() {
 }
 
 std::optional<std::int64_t> parse_time(const std::string& text, TimeZone zone, std::int64_t now) {
-    static const std::regex since_epoch(R"(@(\d{1,10})(?:\.(\d{1,3}))?)");
-    static const std::regex time_of_day(R"(\d\d:\d\d(?::\d\d(?:\.\d{1,3})?)?Z?)");
-    static const std::regex date_and_time(
+    static const Pattern since_epoch(R"(@(\d{1,10})(?:\.(\d{1,3}))?)");
+    static const Pattern time_of_day(R"(\d\d:\d\d(?::\d\d(?:\.\d{1,3})?)?Z?)");
+    static const Pattern date_and_time(
         R"((\d{4})-(\d\d)-(\d\d)(?:[ T](\d\d)(?::(\d\d)(?::(\d\d)(?:\.(\d{1,3}))?)?)?(Z)?)?)");
-    std::smatch parts;
-    if (std::regex_match(text, parts, since_epoch)) {
-        return std::stoll(parts[1].str()) * milliseconds_of_a_second + fraction(parts[2].str());
+    if (const auto parts = since_epoch.match(text)) {
+        return std::stoll((*parts)[1]) * milliseconds_of_a_second + fraction((*parts)[2]);
     }
-    if (std::regex_match(text, time_of_day)) {
+    if (time_of_day.match(text)) {
         const std::string today = time_text(now, text.back() == 'Z' ? TimeZone::utc : zone);
         return parse_time(today.substr(0, today.find(' ') + 1) + text, zone, now);
     }
-    if (!std::regex_match(text, parts, date_and_time)) {
+    const auto found = date_and_time.match(text);
+    if (!found) {
         return std::nullopt;
     }
+    const Match& parts = *found;
     const auto seconds =
-        seconds_of({std::stoi(parts[1].str()), std::stoi(parts[2].str()), std::stoi(parts[3].str()),
-                    number_or_zero(parts[4].str()), number_or_zero(parts[5].str()),
-                    number_or_zero(parts[6].str())},
-                   parts[8].matched ? TimeZone::utc : zone);
+        seconds_of({std::stoi(parts[1]), std::stoi(parts[2]), std::stoi(parts[3]),
+                    number_or_zero(parts[4]), number_or_zero(parts[5]), number_or_zero(parts[6])},
+                   parts.has(8) ? TimeZone::utc : zone);
     if (!seconds) {
         return std::nullopt;
     }
-    return *seconds * milliseconds_of_a_second + fraction(parts[7].str());
+    return *seconds * milliseconds_of_a_second + fraction(parts[7]);
 }
 
 }  // namespace zelf

@@ -362,6 +362,41 @@ TEST_F(ZelfwtraceDamage, FileThatCannotBeReadIsAFailure) {
     EXPECT_THAT(directory.errors, EndsWith(": offset 0: Is a directory\n"));
 }
 
+// As long as a record allows, and almost what a command looks for.
+TEST_F(ZelfwtraceDamage, LongestTextsAreReadByEveryCommand) {
+    constexpr std::size_t longest = 41959;
+    const auto filled = [](std::string text, const std::string& filling, const std::string& end) {
+        while (text.size() + filling.size() + end.size() <= longest) {
+            text += filling;
+        }
+        return text + end;
+    };
+    const std::string level = "PID: 3c35  COMP: 1  TYPE: ";
+    TraceBytes trace;
+    trace.version().text("USB Flash Started at noon\n");
+    for (const std::string& text :
+         {filled("", "A", "\n"), filled("x SN='", "A", "'\n"), filled(level, "A", "\n"),
+          filled(filled(level, "A", "").substr(0, longest / 2), " ", "\n"),
+          filled(level + "FW   EC: 01.02    (SN='", "A", "')\n"),
+          filled("  ", "A ", "PID: 3c35 COMP: 1\n"), filled("  ", "A ", "\n"),
+          filled("Command line: zelfwupdate -s ", "A", "\n"),
+          filled("Command line: zelfwupdate", " -d 3c35", "\n"),
+          filled("Sleeping for ", "1", " milliseconds before using device again\n")}) {
+        ASSERT_LE(text.size(), longest);
+        trace.text(text);
+    }
+    set_trace(trace.bytes());
+    const std::string file = quoted(path("trace.bin"));
+    for (const char* command :
+         {"show", "summary", "explain", "redact -o out", "report -o page", "pcap -o capture"}) {
+        const ToolRun done = run_tool("cd " + quoted(path("")) + " && " + quoted(ZELFWTRACE) + " " +
+                                      command + " " + file);
+        // What an explanation says of a run without an end is 3.
+        EXPECT_EQ(done.code, std::string(command) == "explain" ? 3 : 0) << command;
+        EXPECT_EQ(done.errors, "") << command;
+    }
+}
+
 TEST_F(ZelfwtraceDamage, LargeFileTakesLittleMemory) {
     TraceBytes part;
     for (int i = 0; i < 20; ++i) {

@@ -1,10 +1,10 @@
 #include "zelfwtrace/arguments.h"
 
+#include "common/pattern.h"
 #include "zelfwtrace/record_kind.h"
 
 #include <algorithm>
 #include <iterator>
-#include <regex>
 #include <sstream>
 #include <string_view>
 #include <utility>
@@ -242,12 +242,12 @@ Reason take_time(const std::vector<std::string>& values, const char* option, zel
 }
 
 Reason take_run(const std::vector<std::string>& values, std::optional<std::int64_t>& run) {
-    static const std::regex number("-?[1-9][0-9]{0,8}");
+    static const zelf::Pattern number("-?[1-9][0-9]{0,8}");
     std::optional<std::string> text;
     if (auto reason = take_once(values, "--run", text)) {
         return reason;
     }
-    if (text && !std::regex_match(*text, number)) {
+    if (text && !number.match(*text)) {
         return "'" + *text + "' is no run: 1 is the first, -1 the last";
     }
     if (text) {

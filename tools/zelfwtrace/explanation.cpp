@@ -1,9 +1,9 @@
 #include "zelfwtrace/explanation.h"
 
+#include "common/pattern.h"
 #include "zelfwtrace/escape.h"
 
 #include <algorithm>
-#include <regex>
 
 namespace {
 
@@ -202,13 +202,9 @@ Explanation explain_unfinished(const Run& run, const Attempt& attempt) {
 /// The products that -d names.
 std::vector<unsigned int> selected_products(const std::string& command) {
     std::vector<unsigned int> products;
-    static const std::regex option(R"((?:^| )-d ?([0-9A-Fa-f]{1,4})(?: |$))");
-    constexpr std::size_t longest = 2000;
-    if (command.size() < longest) {
-        for (auto at = std::sregex_iterator(command.begin(), command.end(), option);
-             at != std::sregex_iterator(); ++at) {
-            products.push_back(static_cast<unsigned int>(std::stoul((*at)[1].str(), nullptr, 16)));
-        }
+    static const zelf::Pattern option(R"((?:^| )-d ?([0-9A-Fa-f]{1,4})(?: |$))");
+    for (const zelf::Match& words : option.find_all(command)) {
+        products.push_back(static_cast<unsigned int>(std::stoul(words[1], nullptr, 16)));
     }
     return products;
 }

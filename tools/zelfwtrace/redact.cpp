@@ -1,5 +1,6 @@
 #include "zelfwtrace/redact.h"
 
+#include "common/pattern.h"
 #include "firmware/firmware_file.h"
 #include "journal/file_handle.h"
 #include "journal/zelfwtrace.h"
@@ -10,7 +11,6 @@
 #include <cstring>
 #include <iterator>
 #include <optional>
-#include <regex>
 #include <sstream>
 
 namespace {
@@ -34,15 +34,16 @@ std::string first_line(const std::string& text) {
 
 /// Whether a word of a command line tells nothing of the shop: an option, a number, a product ID.
 bool is_harmless(const std::string& word) {
-    static const std::regex harmless("-[A-Za-z?]*[0-9]*|[0-9A-Fa-f]{1,4}|[0-9]{1,6}|zelfwupdate");
-    return std::regex_match(word, harmless);
+    static const zelf::Pattern harmless(
+        "-[A-Za-z?]*[0-9]*|[0-9A-Fa-f]{1,4}|[0-9]{1,6}|zelfwupdate");
+    return harmless.match(word).has_value();
 }
 
 /// Whether a name may as well be a word or a number of the program's own texts: it is short, of
 /// letters only, of digits only, or four hexadecimal digits.
 bool is_plain_word(std::string_view name) {
-    static const std::regex plain("[A-Za-z]+|[0-9]+|[0-9A-Fa-f]{4}");
-    return name.size() < shortest_free_name || std::regex_match(name.begin(), name.end(), plain);
+    static const zelf::Pattern plain("[A-Za-z]+|[0-9]+|[0-9A-Fa-f]{4}");
+    return name.size() < shortest_free_name || plain.match(name);
 }
 
 /// Whether a text names a file or device at `at`, by what stands around.
@@ -223,8 +224,8 @@ void StandIns::learn_command_line(const std::string& text) {
 }
 
 void StandIns::learn(const TraceEntry& entry) {
-    static const std::regex quoted("([^' ]* ?)'([^']*)'");
-    static const std::regex listed("  (\\S.*?) +PID: [0-9a-f]{4} COMP: .*");
+    static const zelf::Pattern quoted("([^' ]* ?)'([^']*)'");
+    static const zelf::Pattern listed("  (\\S.*?) +PID: [0-9a-f]{4} COMP: .*");
     if (entry.kind != trace_kind::text) {
         return;
     }
@@ -232,13 +233,12 @@ void StandIns::learn(const TraceEntry& entry) {
     if (text.starts_with(command_line_mark)) {
         learn_command_line(text);
     }
-    for (auto at = std::sregex_iterator(text.begin(), text.end(), quoted);
-         at != std::sregex_iterator(); ++at) {
-        const std::string before = (*at)[1].str();
+    for (const zelf::Match& words : quoted.find_all(text)) {
+        const std::string before = words[1];
         if (before.ends_with("SN=")) {
-            add_serial((*at)[2].str());
+            add_serial(words[2]);
         } else if (!before.ends_with("=") && before != "symbol ") {
-            add_file((*at)[2].str());
+            add_file(words[2]);
         }
     }
     for (const std::string_view mark : file_marks) {
@@ -247,10 +247,8 @@ void StandIns::learn(const TraceEntry& entry) {
             add_file(first_line(text.substr(at + mark.size())));
         }
     }
-    std::smatch parts;
-    const std::string line = first_line(text);
-    if (std::regex_match(line, parts, listed)) {
-        add_file(parts[1].str());
+    if (const auto parts = listed.match(first_line(text))) {
+        add_file((*parts)[1]);
     }
 }
 

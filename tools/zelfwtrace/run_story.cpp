@@ -1,5 +1,6 @@
 #include "zelfwtrace/run_story.h"
 
+#include "common/pattern.h"
 #include "firmware/firmware_file.h"
 #include "flash_protocol.h"
 #include "journal/zelfwtrace.h"
@@ -7,7 +8,6 @@
 
 #include <algorithm>
 #include <charconv>
-#include <regex>
 #include <stdexcept>
 
 namespace {
@@ -22,20 +22,20 @@ constexpr double transfer_time_out = 4900;
 constexpr int hexadecimal_digits = 16;
 constexpr int decimal = 10;
 
-using Words = std::match_results<std::string::const_iterator>;
+using Words = zelf::Match;
 
-/// The expression of a pattern, which is a literal: compiled once.
-const std::regex& compiled(const char* pattern) {
-    static std::map<const char*, std::regex> expressions;
-    const auto found = expressions.find(pattern);
-    return found != expressions.end() ? found->second
-                                      : expressions.emplace(pattern, pattern).first->second;
+/// Compiled once for each literal.
+const zelf::Pattern& compiled(const char* literal) {
+    static std::map<const char*, zelf::Pattern> patterns;
+    const auto found = patterns.find(literal);
+    return found != patterns.end() ? found->second
+                                   : patterns.emplace(literal, literal).first->second;
 }
 
-bool match(const std::string& text, Words& words, const char* pattern) {
-    // A line is short; one of thousands of characters would cost the expression's stack.
-    constexpr std::size_t longest = 1000;
-    return text.size() < longest && std::regex_search(text, words, compiled(pattern));
+bool match(const std::string& text, Words& words, const char* literal) {
+    auto found = compiled(literal).find(text);
+    words = std::move(found).value_or(Words());
+    return found.has_value();
 }
 
 int number(const std::string& digits, int base = decimal) {
@@ -221,7 +221,7 @@ bool RunStories::take_frame(Present& present, const StoryLine& line) {
         match(text, words,
               R"(^(File EC level smaller or equal|Random control with file)|- Version mismatch)")) {
         keep(run.not_due, line);
-        return words[1].matched;
+        return words.has(1);
     } else {
         return false;
     }
@@ -268,7 +268,7 @@ bool RunStories::take_begin(Present& present, const StoryLine& line) {
         present.level_after = words[1];
     } else if (match(text, words, R"(^Device - PID: .* EC: ([0-9a-f.]+) *\(SN='(.*)'\)$)")) {
         present.level_before = words[1];
-        present.serial = words[2].str();
+        present.serial = words[2];
     } else if (match(text, words,
                      R"(^Starting firmware update of Product ID ([0-9a-f]{4}) COMP: ([0-9]+)$)")) {
         attempt.kind = Attempt::Kind::update;
@@ -282,7 +282,7 @@ bool RunStories::take_begin(Present& present, const StoryLine& line) {
     } else if (match(text, words, R"(^Resetting device PID:([0-9a-f]{4}) SN='(.*)'$)")) {
         attempt.kind = Attempt::Kind::reset;
         attempt.product = product_of(words[1]);
-        attempt.serial = words[2].str();
+        attempt.serial = words[2];
         begin_attempt(present, std::move(attempt));
     } else if (
         match(text, words,
@@ -290,7 +290,7 @@ bool RunStories::take_begin(Present& present, const StoryLine& line) {
         attempt.kind = Attempt::Kind::read;
         attempt.product = product_of(words[1]);
         attempt.component = number(words[2]);
-        attempt.serial = words[3].str();
+        attempt.serial = words[3];
         begin_attempt(present, std::move(attempt));
     } else {
         return false;

@@ -1,12 +1,12 @@
 #include "zelfwtrace/report/run_digest.h"
 
+#include "common/pattern.h"
 #include "flash_protocol.h"
 #include "journal/zelfwtrace.h"
 #include "zelfwtrace/escape.h"
 
 #include <algorithm>
 #include <charconv>
-#include <regex>
 
 namespace {
 
@@ -128,24 +128,26 @@ void extend_phase(RunDigest& digest, std::size_t attempt, const Meaning& answer,
 }
 
 void take_level(RunDigest& digest, const std::string& text) {
-    static const std::regex listed(
+    static const zelf::Pattern listed(
         R"(^PID: ([0-9a-f]{4})  COMP: ([0-9]+)  TYPE: (\S+) *EC: ([0-9a-f.]+) *\(SN='(.*)'\)$)");
-    std::smatch words;
-    if (digest.levels.size() < most_levels && std::regex_match(text, words, listed)) {
+    if (digest.levels.size() >= most_levels) {
+        return;
+    }
+    if (const auto words = listed.match(text)) {
         int component = 0;
-        const std::string digits = words[2];
+        const std::string digits = (*words)[2];
         std::from_chars(digits.data(), digits.data() + digits.size(), component);
-        digest.levels.push_back(
-            {words[1], std::to_string(component), words[3], words[4], one_line(words[5].str())});
+        digest.levels.push_back({(*words)[1], std::to_string(component), (*words)[3], (*words)[4],
+                                 one_line((*words)[5])});
     }
 }
 
 void take_sleep(RunDigest& digest, const Run& run, const std::string& text, double clock) {
-    static const std::regex bounded(
+    static const zelf::Pattern bounded(
         R"(^Sleeping for ([0-9]{1,7}) milliseconds before using device again$)");
-    std::smatch words;
-    if (std::regex_match(text, words, bounded) && !run.attempts.empty()) {
-        const double length = std::stod(words[1]);
+    const auto words = bounded.match(text);
+    if (words && !run.attempts.empty()) {
+        const double length = std::stod((*words)[1]);
         add_phase(digest, {.kind = Phase::Kind::sleep,
                            .begin = clock,
                            .end = clock + length,
