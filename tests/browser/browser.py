@@ -26,7 +26,8 @@ class Browser:
         # The browser reads commands at 3 and answers at 4.
         high = [os.dup(command_end), os.dup(answer_end)]
         self.process = subprocess.Popen(
-            ["sh", "-c", 'exec chromium "$@" 3<&%d 4>&%d' % tuple(high), "chromium"]
+            # Not every shell can copy a descriptor above 9, and the caller may have opened many.
+            ["bash", "-c", 'exec chromium "$@" 3<&%d 4>&%d' % tuple(high), "chromium"]
             + QUIET
             + ["--remote-debugging-pipe", "--user-data-dir=" + self.profile.name, "about:blank"],
             pass_fds=high,

@@ -164,7 +164,8 @@ std::vector<Case> Campaign::cases_in_rounds() const {
         const std::size_t before = cases.size();
         for (Case& one : cases_of_family(source)) {
             one.schedule.seed = round == 0 ? 0 : first + round - 1;
-            if (one.schedule.seed != 0 && one.injection.belongs_to(Family::late)) {
+            if (one.schedule.seed != 0 && !one.sets_clock() &&
+                one.injection.belongs_to(Family::late)) {
                 one.draw = Draw::moment;
             }
             if (one.text().find(settings_.only) != std::string::npos) {
