@@ -1,6 +1,7 @@
 #include "model/device/flash_answers.h"
 
 #include "model/device/information_record.h"
+#include "model/store/device_store.h"
 
 #include <algorithm>
 
@@ -98,11 +99,10 @@ Bytes extended_list_data(const DeviceState& state) {
 }
 
 Bytes record_block(const Bytes& image, std::size_t& at) {
-    constexpr std::size_t stored_head = 4;  // length, tag, two value bytes
-    constexpr std::size_t end = 3;          // zero length, checksum
+    constexpr std::size_t end = 3;  // zero length, checksum
     const std::size_t left = image.size() - std::min(at, image.size());
-    const bool record = left > 0 && image[at] != 0 && left >= stored_head + image[at];
-    const std::size_t size = record ? stored_head + image[at] : std::min(left, end);
+    const bool record = left > 0 && image[at] != 0 && left >= stored_record_head + image[at];
+    const std::size_t size = record ? stored_record_head + image[at] : std::min(left, end);
     Bytes block{record ? std::uint8_t{0} : last_block, 0};
     const auto begin = image.begin() + static_cast<std::ptrdiff_t>(image.size() - left);
     block.insert(block.end(), begin, begin + static_cast<std::ptrdiff_t>(size));

@@ -19,11 +19,10 @@ FlashInterface::FlashInterface(const DeviceDescription& device, DeviceState& sta
 
 /// The records that arrived before the process ended are what the device holds.
 void FlashInterface::resume() {
-    constexpr std::size_t head = 4;
     const Bytes staged = store_.load_staging();
     receiver_.emplace(device_.product);
-    for (std::size_t at = 0; at < staged.size(); at += head + staged[at]) {
-        receiver_->take(ByteView(staged).subspan(at + 1, staged[at] + head - 1));
+    for (std::size_t at = 0; at < staged.size(); at += stored_record_head + staged[at]) {
+        receiver_->take(ByteView(staged).subspan(at + 1, staged[at] + stored_record_head - 1));
     }
     if (state_.component(receiver_->component().value_or(0)) == nullptr) {
         // The bus file no longer has the component that was being updated.

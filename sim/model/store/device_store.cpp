@@ -21,10 +21,10 @@ std::string image_name(std::uint8_t component) {
 
 /// The length of the whole records at the front.
 std::size_t whole_records(const Bytes& bytes) {
-    constexpr std::size_t head = 4;
     std::size_t at = 0;
-    while (at < bytes.size() && bytes[at] != 0 && bytes.size() - at >= head + bytes[at]) {
-        at += head + bytes[at];
+    while (at < bytes.size() && bytes[at] != 0 &&
+           bytes.size() - at >= stored_record_head + bytes[at]) {
+        at += stored_record_head + bytes[at];
     }
     return at;
 }

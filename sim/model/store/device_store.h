@@ -6,12 +6,16 @@
 #include "model/device/basics.h"
 #include "model/store/device_state.h"
 
+#include <cstddef>
 #include <map>
 #include <optional>
 #include <string>
 #include <string_view>
 
 namespace zelfsim {
+
+/// In front of a stored record's payload: its length, the tag, two value bytes.
+inline constexpr std::size_t stored_record_head = 4;
 
 class DeviceStore {
   public:
