@@ -1,5 +1,5 @@
 /// \file
-/// Runs the program as a fork of one that is loaded already: a third of what starting it takes.
+/// Runs the program as a fork of one that is loaded already, which spares the loader's work.
 #pragma once
 
 #include "child.h"

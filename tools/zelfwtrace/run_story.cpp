@@ -33,8 +33,8 @@ const zelf::Pattern& compiled(const char* literal) {
 }
 
 bool match(const std::string& text, Words& words, const char* literal) {
-    auto found = compiled(literal).find(text);
-    words = std::move(found).value_or(Words());
+    const auto found = compiled(literal).find(text);
+    words = found.value_or(Words());
     return found.has_value();
 }
 
