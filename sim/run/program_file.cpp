@@ -88,8 +88,8 @@ std::string find_command(const std::string& command) {
         return is_executable(command) ? std::filesystem::absolute(command).string() : "";
     }
     const char* path = std::getenv("PATH");
-    std::istringstream folders(path != nullptr ? path : "/usr/sbin:/usr/bin:/sbin:/bin");
-    for (std::string folder; std::getline(folders, folder, ':');) {
+    std::istringstream search_path(path != nullptr ? path : "/usr/sbin:/usr/bin:/sbin:/bin");
+    for (std::string folder; std::getline(search_path, folder, ':');) {
         const std::string file = (folder.empty() ? "." : folder) + "/" + command;
         if (!command.empty() && is_executable(file)) {
             return std::filesystem::absolute(file).string();
