@@ -123,6 +123,33 @@ TEST_F(ZelfwtraceRedact, NameThatIsAWordOfTheLogIsReplacedWhereANameStandsOnly) 
     EXPECT_THAT(words[7], HasSubstr("PID: 3c35 (SN='SN0002') (SN='SN0001')"));
 }
 
+TEST_F(ZelfwtraceRedact, LongestNameThatStandsByItselfIsReplaced) {
+    set_trace(TraceBytes()
+                  .version()
+                  .text("a (SN='SX1') b (SN='SX1-2') c (SN='SX1-2-34')\n")
+                  .text("SX1 SX1-2 SX1-2-34 SX1-2-3 SX1-2-345 SX10\n")
+                  .bytes());
+    redact();
+    EXPECT_EQ(copied_words().at(2), "-     text: SN0001 SN0002 SN0003 SN0002-3 SN0002-345 SX10");
+}
+
+// As the till of a repair shop may have met them. Each place is looked up, not compared with them
+// all.
+TEST_F(ZelfwtraceRedact, TensOfThousandsOfNamesAreReplaced) {
+    constexpr int count = 30000;
+    TraceBytes trace;
+    trace.version();
+    for (int i = 0; i < count; ++i) {
+        trace.text("a (SN='S" + std::to_string(1000000 + i) + "') b\n");
+    }
+    set_trace(trace.bytes());
+    redact();
+    const auto words = copied_words();
+    ASSERT_EQ(words.size(), std::size_t{count} + 1);
+    EXPECT_EQ(words.at(1), "-     text: a (SN='SN0001') b");
+    EXPECT_EQ(words.back(), "-     text: a (SN='SN30000') b");
+}
+
 TEST_F(ZelfwtraceRedact, FiltersPickWhatIsCopied) {
     set_trace(TraceBytes().version().text("(SN='PR77')").version().text("PR77").bytes());
     redact("--run -1");

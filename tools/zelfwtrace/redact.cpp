@@ -252,13 +252,32 @@ void StandIns::learn(const TraceEntry& entry) {
     }
 }
 
+StandIns::Names::const_iterator StandIns::find_name(std::string_view text, std::size_t at) const {
+    if (at > 0 && is_letter_or_digit(text[at - 1])) {
+        return stand_ins_.end();
+    }
+    // The name that sorts last before the text has as much in common with it as any, and a longer
+    // one than what they share is out of the question.
+    for (std::string_view rest = text.substr(at); !rest.empty();) {
+        auto found = stand_ins_.upper_bound(rest);
+        if (found == stand_ins_.begin()) {
+            break;
+        }
+        const std::string& name = (--found)->first;
+        const auto end = std::mismatch(name.begin(), name.end(), rest.begin(), rest.end()).first;
+        const auto shared = static_cast<std::size_t>(end - name.begin());
+        if (shared == name.size() && stands_alone(text, at, name)) {
+            return found;
+        }
+        rest = rest.substr(0, shared == name.size() ? shared - 1 : shared);
+    }
+    return stand_ins_.end();
+}
+
 std::string StandIns::replace(std::string_view text) const {
     std::string result;
     for (std::size_t at = 0; at < text.size();) {
-        const auto found =
-            std::find_if(stand_ins_.begin(), stand_ins_.end(), [text, at](const auto& one) {
-                return text.substr(at).starts_with(one.first) && stands_alone(text, at, one.first);
-            });
+        const auto found = find_name(text, at);
         if (found == stand_ins_.end()) {
             result += text[at];
             ++at;

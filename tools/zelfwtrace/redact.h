@@ -5,6 +5,8 @@
 #include "zelfwtrace/output.h"
 #include "zelfwtrace/trace_reader.h"
 
+#include <cstddef>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string>
@@ -23,12 +25,11 @@ class StandIns {
     void add_serial(const std::string& serial);
     void add_file(const std::string& path);
 
-    struct LongestFirst {
-        bool operator()(const std::string& one, const std::string& other) const {
-            return one.size() != other.size() ? one.size() > other.size() : one < other;
-        }
-    };
-    std::map<std::string, std::string, LongestFirst> stand_ins_;
+    using Names = std::map<std::string, std::string, std::less<>>;
+    /// The longest name that stands by itself at `at`.
+    Names::const_iterator find_name(std::string_view text, std::size_t at) const;
+
+    Names stand_ins_;
     std::map<std::string, std::string> files_;  ///< by the path's last part
     unsigned int serials_ = 0;
 };
