@@ -30,6 +30,7 @@ struct CampaignSettings {
     bool shrink = false;          ///< take from a violation what it does not need
     bool until_found = false;     ///< end with the first violation
     bool start_each = false;      ///< no forks of a program that is loaded already
+    bool pin = false;             ///< each job stays on one processor
 };
 
 /// A row of the summary.

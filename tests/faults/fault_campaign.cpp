@@ -2,6 +2,7 @@
 // and kills updates at random moments. See docs/fault-campaign.md.
 #include "campaign.h"
 #include "run/hidden_devices.h"
+#include "warm_child.h"
 
 #include <unistd.h>
 
@@ -36,6 +37,9 @@ constexpr char usage[] =
     "takes\n"
     "  --shrink      take from a case with a violation what it does not need for one\n"
     "  --until-found end with the first violation\n"
+    "  --pin         keep each job on one processor: faster by a third, and little else of the "
+    "machine\n"
+    "                gets a turn (in virtual time)\n"
     "  --start-each  start each run by itself, not as a fork of a program that is loaded already\n"
     "  --aim-past N  at the transfer N behind the one that an injection names, to see what is "
     "said\n"
@@ -52,7 +56,8 @@ const std::map<std::string, bool CampaignSettings::*> flags = {
     {"--virtual", &CampaignSettings::virtual_time},
     {"--shrink", &CampaignSettings::shrink},
     {"--until-found", &CampaignSettings::until_found},
-    {"--start-each", &CampaignSettings::start_each}};
+    {"--start-each", &CampaignSettings::start_each},
+    {"--pin", &CampaignSettings::pin}};
 
 /// Takes the arguments, each with a value, into the settings; false when one is wrong.
 bool parse(int argc, char** argv, CampaignSettings& settings) {
@@ -117,6 +122,9 @@ int main(int argc, char** argv) {
         }
         if (settings.virtual_time) {
             fix_addresses();
+            if (settings.pin) {
+                pin_warm_children();
+            }
             // Most of a case would be the disk's. Where the caller names no place, memory will do.
             if (std::filesystem::is_directory(memory_directory)) {
                 setenv("TMPDIR", memory_directory, 0);

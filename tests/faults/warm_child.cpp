@@ -18,6 +18,8 @@ namespace {
 
 constexpr const char* preload_variable = "LD_PRELOAD";
 
+bool is_pinned = false;
+
 bool assigns(const std::string& assignment, const char* name) {
     return assignment.starts_with(std::string(name) + "=");
 }
@@ -26,7 +28,7 @@ bool assigns(const std::string& assignment, const char* name) {
 std::vector<std::string> environment_of_server(const ChildSettings& settings) {
     static std::atomic<unsigned> servers{0};
     std::vector<std::string> environment = {std::string(fork_server::variable) + "=" +
-                                            std::to_string(servers++)};
+                                            (is_pinned ? std::to_string(servers++) : "")};
     for (const std::string& assignment : settings.environment) {
         if (assigns(assignment, preload_variable)) {
             environment.push_back(assignment + ":" + FORK_SERVER);
@@ -96,6 +98,10 @@ class ForkServer {
 };
 
 }  // namespace
+
+void pin_warm_children() {
+    is_pinned = true;
+}
 
 ChildEnd run_warm_child(const ChildSettings& settings) {
     thread_local const ForkServer server(settings);

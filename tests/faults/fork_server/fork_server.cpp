@@ -124,7 +124,9 @@ extern "C" __attribute__((visibility("default"))) int __libc_start_main(Main mai
     static std::vector<std::string> command;
     static std::vector<char*> arguments;
     if (const char* number = std::getenv(fork_server::variable)) {
-        stay_on_one_processor(std::strtoul(number, nullptr, 10));
+        if (*number != '\0') {
+            stay_on_one_processor(std::strtoul(number, nullptr, 10));
+        }
         load_simulation();
         command = serve();
         for (std::string& text : command) {

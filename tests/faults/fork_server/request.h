@@ -12,7 +12,8 @@ namespace fork_server {
 /// The server's end of its socket. It is answered with the process's number, and with what wait
 /// gives.
 constexpr int descriptor = 3;
-/// The server's number among those of a campaign; the program is as ever when it is not set.
+/// The program runs as ever when this is not set. A number is that of the processor to stay on,
+/// among those that are allowed.
 constexpr const char* variable = "ZELF_FORK_SERVER";
 constexpr std::size_t longest_request = 65536;
 
