@@ -4,6 +4,7 @@
 #include "run/hidden_devices.h"
 #include "warm_child.h"
 
+#include <sys/resource.h>
 #include <unistd.h>
 
 #include <chrono>
@@ -122,6 +123,9 @@ int main(int argc, char** argv) {
         }
         if (settings.virtual_time) {
             fix_addresses();
+            // These runs can wait. What runs beside them may be in real time.
+            constexpr int behind_others = 10;
+            static_cast<void>(setpriority(PRIO_PROCESS, 0, behind_others));
             if (settings.pin) {
                 pin_warm_children();
             }
