@@ -70,9 +70,9 @@ std::vector<Match> Pattern::find_all(std::string_view text) const {
     for (std::size_t at = 0;
          at <= text.size() && run(*expression_, text, at, RE2::UNANCHORED, groups);) {
         all.push_back(taken(groups));
-        const auto end = static_cast<std::size_t>(groups[0].data() - text.data());
+        const auto begin = static_cast<std::size_t>(groups[0].data() - text.data());
         // Nothing matched is a place, too, and the next one lies behind it.
-        at = end + std::max<std::size_t>(groups[0].size(), 1);
+        at = begin + std::max<std::size_t>(groups[0].size(), 1);
     }
     return all;
 }

@@ -98,6 +98,9 @@ std::vector<std::string> serve() {
             become(request);
             return request.command;
         }
+        if (process < 0) {
+            end_server("fork server: no process\n");
+        }
         answer(process);
         int status = 0;
         real_wait(process, &status, 0);
