@@ -1,9 +1,11 @@
 #include "twin/plan.h"
 
 #include <algorithm>
+#include <charconv>
 #include <cstdlib>
 #include <set>
 #include <string_view>
+#include <system_error>
 
 namespace zelfsim {
 
@@ -23,6 +25,14 @@ std::string word_behind(const std::string& line, std::string_view key, std::stri
     }
     const std::size_t begin = at + key.size();
     return line.substr(begin, line.find_first_of(ends, begin) - begin);
+}
+
+/// The result behind the last equals sign; none in a line that damage cut short.
+std::optional<int> result_in(const std::string& line) {
+    const std::string digits = word_behind(line, "=", " \n");
+    int result = 0;
+    const auto [end, error] = std::from_chars(digits.data(), digits.data() + digits.size(), result);
+    return error == std::errc{} ? std::optional(result) : std::nullopt;
 }
 
 std::string trimmed(std::string text) {
@@ -67,8 +77,7 @@ class PlanReader {
             plan_.updates.push_back(considered_);
         } else if (text.starts_with("Firmware update of Product ID") && !plan_.updates.empty()) {
             plan_.updates.back().end = line.clock;
-            plan_.updates.back().rc =
-                static_cast<int>(std::strtol(text.c_str() + text.rfind('=') + 1, nullptr, 10));
+            plan_.updates.back().rc = result_in(text);
         } else {
             take_refusal(text);
         }
