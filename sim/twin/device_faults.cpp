@@ -6,6 +6,8 @@
 #include <algorithm>
 #include <cmath>
 #include <map>
+#include <set>
+#include <string>
 #include <utility>
 
 namespace zelfsim {
@@ -71,6 +73,7 @@ class FaultFinder {
             take_step(i);
         }
         take_sightings(told_.steps.size());
+        drop_repeated();
         return std::move(faults_);
     }
 
@@ -84,6 +87,15 @@ class FaultFinder {
         guess.clock = clock;
         guess.remark = remark;
         faults_.push_back(std::move(guess));
+    }
+
+    /// One transfer is hit once by a kind of fault: of a device that left twice behind the same
+    /// command, the first time counts.
+    void drop_repeated() {
+        std::set<std::string> keys;
+        std::erase_if(faults_, [&](const FaultGuess& guess) {
+            return !keys.insert(guess.rule.key()).second;
+        });
     }
 
     /// A fault of the present step's command.
@@ -131,9 +143,9 @@ class FaultFinder {
         if (away_) {
             return;
         }
-        if (step == 0) {
+        if (commands_ == 0) {
             add(FaultEvent::open, FaultAction::refuse, ++opens_, sighting.clock,
-                "it was not found at first");
+                step == 0 ? "it was not found at first" : "it was not found again");
             return;
         }
         const double since = told_.steps[step - 1].clock;
@@ -172,7 +184,9 @@ class FaultFinder {
     void count_command(const Step& step) {
         ++commands_;
         event_ = command_event(step.kind, model_.stoppable());
-        if (event_ == FaultEvent::record) {
+        if (event_ == FaultEvent::command) {
+            number_ = commands_;  // one that the device does not know counts as any
+        } else if (event_ == FaultEvent::record) {
             number_ = ++records_;
         } else {
             number_ = ++counts_[event_];
