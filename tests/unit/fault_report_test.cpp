@@ -260,7 +260,8 @@ TEST(FaultReport, IsInstalledForSegmentationFaultsWithTheirInformation) {
     EXPECT_EQ(action.sa_sigaction, sigsegv_catcher);
     EXPECT_NE(action.sa_flags & SA_SIGINFO, 0);
     EXPECT_NE(action.sa_flags & SA_ONSTACK, 0);
-    EXPECT_EQ(action.sa_flags & (SA_RESETHAND | SA_NODEFER | SA_RESTART), 0);
+    EXPECT_EQ(static_cast<unsigned>(action.sa_flags) & (SA_RESETHAND | SA_NODEFER | SA_RESTART),
+              0U);
     for (int number = 1; number < NSIG; ++number) {
         EXPECT_EQ(sigismember(&action.sa_mask, number), 0) << number;
     }

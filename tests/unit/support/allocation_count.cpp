@@ -22,7 +22,7 @@ int AllocationCount::count() const {
     return allocations;
 }
 
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
+#ifdef ZELF_CODE_IS_SANITIZED  // allocations are the sanitizer's own then
 
 bool AllocationCount::is_possible() {
     return false;
