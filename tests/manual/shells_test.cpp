@@ -15,10 +15,8 @@
 #include <string>
 #include <vector>
 
-using testing::Contains;
 using testing::ElementsAre;
 using testing::IsSupersetOf;
-using testing::Not;
 
 namespace {
 

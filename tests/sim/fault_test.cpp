@@ -9,7 +9,6 @@
 namespace {
 
 using testing::ElementsAre;
-using zelfsim::Bytes;
 using zelfsim::Completion;
 using Request = zelfsim::Setup;
 

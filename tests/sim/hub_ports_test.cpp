@@ -9,8 +9,6 @@
 
 namespace {
 
-using testing::HasSubstr;
-
 constexpr const char* one_bus = R"(
 [[hub]]
 name = "root"

@@ -9,7 +9,6 @@
 namespace {
 
 using testing::HasSubstr;
-using zelfsim::Bytes;
 using zelfsim::FlashPhase;
 
 }  // namespace

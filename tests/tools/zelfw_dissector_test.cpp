@@ -11,9 +11,7 @@
 #include <random>
 #include <regex>
 
-using testing::Contains;
 using testing::ElementsAre;
-using testing::ElementsAreArray;
 using testing::HasSubstr;
 using testing::IsEmpty;
 using testing::Not;

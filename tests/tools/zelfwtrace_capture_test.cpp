@@ -10,7 +10,6 @@
 #include <cstring>
 #include <sstream>
 
-using testing::Contains;
 using testing::ElementsAreArray;
 using testing::EndsWith;
 using testing::HasSubstr;
