@@ -26,7 +26,7 @@ TEST(Zelfwsim, ChecksABusFile) {
 }
 
 TEST(Zelfwsim, WarnsOfFaultsThatNoRunReaches) {
-    const std::string mouse =
+    const std::string mouse_table =
         "[[device]]\nname = \"m\"\nvendor = 1\nproduct = 2\n"
         "[[device.interface]]\nkind = \"mouse\"\n";
     const auto fault = [](const std::string& device, const std::string& rest) {
@@ -34,7 +34,7 @@ TEST(Zelfwsim, WarnsOfFaultsThatNoRunReaches) {
     };
     const Workspace workspace;
     const std::string bus = workspace.write(
-        "bus.toml", printer_bus() + mouse + fault("m", "at = \"erase\"\n") +
+        "bus.toml", printer_bus() + mouse_table + fault("m", "at = \"erase\"\n") +
                         fault("m", "at = \"string\"\nnumber = 900\n") +
                         fault("printer", "at = \"record\"\ncomponent = 9\n") +
                         fault("printer", "at = \"record\"\nnumber = 900\n") +

@@ -273,6 +273,26 @@ TEST_F(Enumeration, LogsAConfigurationThatCannotBeReadAndGoesOn) {
     EXPECT_EQ(tree->numberOfHidDevices, 1);
 }
 
+TEST_F(Enumeration, ReadsAConfigurationOnlyWhenTheLibraryGivesOne) {
+    add(1, 9, {flash_string});
+    p_libusb_get_config_descriptor = [](libusb_device*, uint8_t,
+                                        libusb_config_descriptor** config) {
+        *config = nullptr;
+        return 0;
+    };
+    build();
+    p_libusb_get_config_descriptor = [](libusb_device*, uint8_t,
+                                        libusb_config_descriptor** config) {
+        *config =
+            reinterpret_cast<libusb_config_descriptor*>(1);  // what the failed call left there
+        return -5;
+    };
+    build();
+    EXPECT_EQ(log.text(),
+              "3:7a01:3c02 - GetConfigDescriptor failed, rc=0\n"
+              "3:7a01:3c02 - GetConfigDescriptor failed, rc=-5\n");
+}
+
 TEST_F(Enumeration, SkipsADeviceThatCannotBeOpened) {
     add(1, 9, {flash_string}).open_rc = -3;
     add(1, 10, {flash_string});
