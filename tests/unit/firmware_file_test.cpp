@@ -400,6 +400,14 @@ TEST_F(FirmwareFile, CountTakesInTheRecordThatIsCutShort) {
     EXPECT_EQ(capture.take().console, "");
 }
 
+TEST_F(FirmwareFile, CountOfAStreamThatCannotGoBackIsNone) {
+    const std::string path =
+        directory_.write("image.dat", FirmwareBytes("3C020105").record(0x20, 0, {1}).bytes());
+    const std::unique_ptr<FILE, int (*)(FILE*)> pipe(popen(("cat " + path).c_str(), "r"), pclose);
+    ASSERT_NE(pipe, nullptr);
+    EXPECT_EQ(count_download_lines(pipe.get()), 0);
+}
+
 TEST_F(FirmwareFile, CountReportsALengthByteThatCannotBeRead) {
     // A regular file whose first page can't be read.
     OutputCapture capture;

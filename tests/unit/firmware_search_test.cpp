@@ -19,6 +19,7 @@
 #include <filesystem>
 #include <fstream>
 #include <functional>
+#include <memory>
 #include <string>
 #include <thread>
 #include <vector>
@@ -292,6 +293,21 @@ TEST_F(FirmwareSearch, EveryTypeHasItsWord) {
     EXPECT_EQ(files[0].comp_type, 2);
     EXPECT_EQ(files[1].comp_type, 3);
     EXPECT_EQ(files[2].comp_type, 0);
+}
+
+TEST_F(FirmwareSearch, StreamThatCannotGoBackIsNotAsListed) {
+    const std::string path =
+        directory_.write("image.dat", FirmwareBytes("3C020105").record(0x20, 0, {1}).bytes());
+    use_directory();
+    set_candidates({"image.dat"});
+    OutputCapture capture;
+    read_firmware_files();
+    ASSERT_EQ(numberOfusbFlashFiles, 1);
+    using Stream = std::unique_ptr<FILE, int (*)(FILE*)>;
+    const Stream file(fopen(path.c_str(), "rbe"), fclose);
+    const Stream pipe(popen(("cat " + path).c_str(), "r"), pclose);
+    EXPECT_TRUE(is_as_listed(files[0], file.get()));
+    EXPECT_FALSE(is_as_listed(files[0], pipe.get()));
 }
 
 TEST_F(FirmwareSearch, FileWithoutALevelIsListedWithComponentZero) {

@@ -68,6 +68,13 @@ TEST_F(TraceFile, StartsWithAVersionRecordOfThirtyTwoBytes) {
     EXPECT_LT(found[0].milliseconds, 1000);
 }
 
+TEST_F(TraceFile, ThatCannotBeOpenedTakesNothingInASignalHandler) {
+    std::filesystem::create_directory(name());
+    const Trace file(name().c_str(), 0, 3);
+    file.write_text_in_handler("a fault\n");
+    EXPECT_TRUE(std::filesystem::is_empty(name()));
+}
+
 TEST_F(TraceFile, KeepsARecordsBytes) {
     Trace file(name().c_str(), 0, 3);
     const std::string report("\x3C\x02\xA0\x01\0\0\0\0\xFF\0\r\n", 12);
