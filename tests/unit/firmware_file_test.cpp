@@ -17,6 +17,7 @@
 #include <algorithm>
 #include <cerrno>
 #include <cstdio>
+#include <memory>
 
 using testing::ElementsAre;
 using testing::HasSubstr;

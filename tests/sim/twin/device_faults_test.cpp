@@ -53,7 +53,7 @@ TEST(DeviceFaults, DeviceThatIsMissedTwiceBehindOneMessageLeavesOnce) {
     EXPECT_THAT(faults_of(told), ElementsAre("command#1:no-answer", "command#1:unplug"));
 }
 
-TEST(DeviceFaults, DeviceThatIsMissedBeforeItsFirstMessageCanNotBeOpened) {
+TEST(DeviceFaults, DeviceThatIsMissedBeforeItsFirstMessageCannotBeOpened) {
     Step unclaimed = silent(CommandKind::device_info, 10);
     unclaimed.write_rc = -2;
     ToldDevice told;
